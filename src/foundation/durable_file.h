@@ -1,0 +1,22 @@
+/// Files that survive the loss of power.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace event_service {
+
+/// Flushes a file's content to the disk. False when it cannot be opened or flushed. Logs nothing.
+[[nodiscard]] bool SyncFile(const std::string& path);
+
+/// Flushes the entries of the folder that holds `path`: what was created, renamed or removed there. Logs nothing.
+[[nodiscard]] bool SyncFolderOf(const std::string& path);
+
+/// Replaces `path` by a file of mode 600 with this content, wholly or not at all: writes a temporary file beside it,
+/// flushes it, renames it over the old one and flushes the folder. False leaves the old file. Logs nothing.
+[[nodiscard]] bool ReplaceFile(const std::string& path, std::string_view content);
+
+/// The first line of a file without its line end; empty when the file cannot be read or is empty. Logs nothing.
+std::string FirstLineOf(const std::string& path);
+
+}  // namespace event_service

@@ -1,0 +1,83 @@
+/// The owners of hiredis handles and one thin helper for each form of Redis command.
+///
+/// Every helper takes the thread's connection first, sends one command, inspects the reply and releases it. None of
+/// them logs: the caller knows what the failure means. Values travel with their lengths, so they may hold any byte.
+#pragma once
+
+#include <hiredis/hiredis.h>
+
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/redis_connection.h"
+
+namespace event_service {
+
+struct RedisContextDeleter {
+  void operator()(redisContext* context) const { redisDisconnectContext(context); }
+};
+struct RedisReplyDeleter {
+  void operator()(redisReply* reply) const { freeReplyObject(reply); }
+};
+using RedisContext = std::unique_ptr<redisContext, RedisContextDeleter>;  // owned by one thread
+using RedisReply = std::unique_ptr<redisReply, RedisReplyDeleter>;        // null: the connection failed
+
+/// Sends one command of our own texts and returns its reply, null when the connection failed. Values from outside go
+/// through SendArguments.
+[[gnu::format(printf, 2, 3)]] RedisReply SendCommand(redisContext* redis, const char* format, ...);
+
+/// Sends one command given word by word and returns its reply, null when the connection failed.
+RedisReply SendArguments(redisContext* redis, std::span<const std::string_view> arguments);
+RedisReply SendArguments(redisContext* redis, std::initializer_list<std::string_view> arguments);
+
+/// What a reply is; false for a null one.
+bool IsInteger(const redisReply* reply);
+bool IsString(const redisReply* reply);
+bool IsArray(const redisReply* reply);
+inline bool IsInteger(const RedisReply& reply) { return IsInteger(reply.get()); }
+inline bool IsString(const RedisReply& reply) { return IsString(reply.get()); }
+inline bool IsArray(const RedisReply& reply) { return IsArray(reply.get()); }
+
+/// The text of a string or status reply, with its length; empty for any other and for a null one. Lives as long as the
+/// reply.
+std::string_view TextOf(const redisReply* reply);
+inline std::string_view TextOf(const RedisReply& reply) { return TextOf(reply.get()); }
+
+/// The text of a field; empty for a missing field, an error or no reply.
+std::string HashRead(redisContext* redis, std::string_view key, std::string_view field);
+/// Sets one field to the text as it stands. True exactly when Redis answered with an integer, as for every write below.
+bool HashWrite(redisContext* redis, std::string_view key, std::string_view field, std::string_view value);
+/// Sets one field to the value between two double quotes: a JSON string, for texts that need no escaping.
+bool HashWriteQuoted(redisContext* redis, std::string_view key, std::string_view field, std::string_view value);
+bool HashFieldDelete(redisContext* redis, std::string_view key, std::string_view field);
+bool ListAppend(redisContext* redis, std::string_view key, std::string_view value);
+/// The number of elements, 0 for a missing list; -1 when Redis does not answer with an integer.
+long long ListLength(redisContext* redis, std::string_view key);
+/// Removes every element that equals `value`.
+bool ListRemove(redisContext* redis, std::string_view key, std::string_view value);
+/// True exactly when Redis answers with the integer 1.
+bool KeyExists(redisContext* redis, std::string_view key);
+bool KeyDelete(redisContext* redis, std::string_view key);
+/// The names of the keys that match a glob pattern; empty also when there is no usable reply.
+std::vector<std::string> KeyListing(redisContext* redis, std::string_view pattern);
+
+/// `text` with every character escaped that means something in a glob pattern.
+std::string EscapeGlob(std::string_view text);
+
+/// Keys, their fields and the values to write.
+using HashBatch = std::map<std::string, std::map<std::string, std::string>>;
+
+/// Writes every field of the batch in one pipeline. True when every reply is an integer. Reads every reply whatever
+/// happens before it; the first that cannot be read logs "Failed to get reply from database.".
+bool HashBatchWrite(redisContext* redis, const HashBatch& batch);
+
+/// Appends the values to a list in one pipeline, in order. False, after logging "Failed to get reply from database.",
+/// when a reply cannot be read; error replies are not looked at.
+bool ListBatchAppend(redisContext* redis, std::string_view key, std::span<const std::string> values);
+
+}  // namespace event_service

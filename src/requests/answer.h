@@ -1,0 +1,49 @@
+/// How a request ends, as a value: what goes under the response key, and the line for the log.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace event_service {
+
+/// The values of "&&ReturnStatus".
+inline constexpr std::string_view kOkRes = "OK_RES";
+inline constexpr std::string_view kOkEmpty = "OK_EMPTY";
+inline constexpr std::string_view kFailure = "FAILURE";
+inline constexpr std::string_view kException = "EXCEPTION";
+inline constexpr std::string_view kNotFound = "NOT_FOUND";
+inline constexpr std::string_view kNotAllowed = "NOT_ALLOWED";
+inline constexpr std::string_view kNotSupported = "NOT_SUPPORTED";
+inline constexpr std::string_view kUnavailable = "UNAVAILABLE";
+inline constexpr std::string_view kIgnore = "IGNORE";
+
+/// One entry of the extended information. An empty id lists an entry that holds nothing.
+struct Message {
+  std::string_view id;  // a literal: "Base.1.12.ResourceCannotBeDeleted"
+  std::vector<std::string> args;
+  std::vector<std::string> relatedProperties;  // property paths, without "#/"
+};
+
+/// The end of a request, good or bad. A handler returns one; the listener alone writes it.
+struct Answer {
+  std::string_view status;  // empty: no status is written
+  std::vector<Message> messages;
+  std::string logText;  // an error line; empty: none (or logged already)
+  std::string body;     // the response body as JSON text; empty: none
+};
+
+/// Nothing is written: the front end reads the resource itself, or the handler has set the status.
+inline Answer NoAnswer() { return {}; }
+
+/// The usual refusal: one status, one message with its arguments.
+Answer Refuse(std::string_view status, std::string_view messageId, std::vector<std::string> args = {},
+              std::string logText = {});
+
+/// "EXCEPTION" with "ExtendedError.1.2.DatabaseOperationError".
+Answer DatabaseError(std::string logText);
+
+/// The answer to a PATCH or resume that changes nothing: "OK_RES" with a Redfish error object as its body.
+Answer NoOperationAnswer(std::string_view messageId = "Base.1.12.NoOperation");
+
+}  // namespace event_service

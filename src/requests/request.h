@@ -1,0 +1,51 @@
+/// One request: the announcement that names it and the record that the front end left.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "foundation/redis_commands.h"
+#include "service/settings.h"
+
+namespace event_service {
+
+/// The second word of the announcement of a request that the event-delivery side sends: it expects no answer. It means
+/// something for DELETE and PATCH only.
+inline constexpr std::string_view kFromEventing = "FROM_EVENTING";
+
+struct Announcement {
+  std::string requestKey;
+  std::string responseKey;  // or kFromEventing
+};
+
+/// Splits "<request key> <response key>" at its first blank; nothing when there is none or a key is empty.
+std::optional<Announcement> ParseAnnouncement(std::string_view text);
+
+/// What the front end left under the request key, and what most requests need besides, fetched in one round trip.
+/// A missing field is empty.
+struct RequestRecord {
+  std::string method;
+  std::string targetUri;
+  std::string privileges;
+  std::string requestData;  // the key of the stored body
+  std::string returnChannel;
+  std::string isSse;
+  std::string serviceEnabled;   // field "ServiceEnabled" of the EventService
+  std::string lifeCycleDigest;  // of the script that raises life-cycle events
+};
+
+RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey);
+
+/// What a handler works with. The references outlive the request.
+struct Request {
+  redisContext* redis;
+  Announcement announcement;
+  RequestRecord record;
+  const ServiceSettings& settings;
+  SubscriptionsState* subscriptions;  // null on the EventService side, which does not own them
+
+  bool IsFromEventing() const;  // DELETE or PATCH of the delivery side: nothing is answered
+};
+
+}  // namespace event_service

@@ -1,0 +1,29 @@
+/// Writes answers under their response keys and announces them.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "foundation/redis_pipeline.h"
+#include "requests/answer.h"
+
+namespace event_service {
+
+/// The one writer of a listener. It numbers the entries of an answer across calls: the same response key again goes on
+/// counting, another begins at 1.
+class ResponseWriter {
+ public:
+  /// Appends every write of the answer to the pipeline. The writes are not checked.
+  void Append(RedisPipeline& pipeline, std::string_view responseKey, const Answer& answer);
+
+ private:
+  std::string lastResponseKey_;
+  unsigned counter_ = 0;
+};
+
+/// Sends what the pipeline holds together with the notification on the return channel. True when a subscriber got it.
+/// Otherwise, also without a channel, the request's keys are removed.
+bool PublishAnswer(redisContext* redis, RedisPipeline& pipeline, std::string_view requestKey,
+                   std::string_view responseKey, std::string_view returnChannel);
+
+}  // namespace event_service

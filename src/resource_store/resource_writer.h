@@ -1,0 +1,50 @@
+/// Writing documents in the store's encoding.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "foundation/redis_commands.h"
+#include "foundation/redis_pipeline.h"
+#include "resource_store/store_encoding.h"
+
+namespace event_service {
+
+/// Takes the next array sequence id from Redis; restarts the counter at 1 when it cannot be incremented. -1 when that
+/// fails as well.
+int64_t NextSequenceId(redisContext* redis);
+
+/// Stores `next` - 1 as the last id handed out, or 1 when `next` lies outside 2 ... 2^63 - 2. True when Redis said
+/// "OK".
+bool StoreSequenceId(redisContext* redis, int64_t next);
+
+/// How many ids a document takes: the objects and arrays that are elements of arrays (references take none).
+int64_t CountSequenceIds(const Json& document);
+
+/// Appends the writes of a whole document under `key` to a pipeline: one HSET for each member, one RPUSH for each
+/// element. `sequence` is the next free id and moves on. Existing keys are added to, not replaced.
+void AppendDocument(RedisPipeline& pipeline, std::string_view key, const Json& document, int64_t& sequence);
+
+/// How stored arrays are shaped.
+struct ArrayConfiguration {
+  /// 0 as given; 1 fixed length: never longer than maxSize, filled up with null when fillNull; 2 variable length: null
+  /// elements are dropped; 3 rigid: every element keeps its position, null stays.
+  int style = 0;
+  size_t maxSize = 0;
+  bool fillNull = false;
+};
+
+/// Reads "ArrayStyle", "ArrayMaxSize" and "ArrayNullElement" from a configuration object and logs what it read
+/// ("[INFO] Input Array style =..."). False, after one "[ERROR]" line, when they cannot be read or the style is
+/// above 3.
+bool ReadArrayConfiguration(const Json& configuration, ArrayConfiguration& result);
+
+/// Writes a whole document under `key`; every array in it is shaped by `arrays` first. An array that is too long
+/// refuses the whole before anything is written. Takes the counter, sends one pipeline, stores the counter back if it
+/// moved: at most three round trips, and the counter is not touched when the document needs no id. False, after one
+/// "[ERROR]" line on standard error, when any write failed; every reply has been read then.
+bool WriteResource(redisContext* redis, std::string_view key, const Json& document,
+                   const ArrayConfiguration& arrays = {});
+
+}  // namespace event_service

@@ -1,0 +1,69 @@
+/// How one JSON value is held in Redis: markers, child keys and the patterns that recognise them.
+///
+/// Every JSON object is a hash and every array a list under a key of its own; the parent holds a marker that leads
+/// there. Primitives are held as compact JSON text. docs/protocol.md shows an example. Nothing here talks to Redis.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace event_service {
+
+using Json = nlohmann::json;
+
+enum class ContainerKind { kObject, kArray };
+
+/// What stands in a hash field or list element that is no JSON text.
+struct Marker {
+  enum class Kind { kObject, kArray, kReference };
+  Kind kind;
+  std::string target;  // the child key; for a reference the URI
+};
+
+/// True for every stored value that begins with "&&": it is read as a marker, never as JSON text.
+bool LooksLikeMarker(std::string_view stored);
+
+/// The marker of a hash field: exactly three tokens at single blanks (kind, member name, target). Nothing for any other
+/// text; readers skip it.
+std::optional<Marker> ParseFieldMarker(std::string_view stored);
+
+/// The marker of a list element: exactly two tokens (kind, target).
+std::optional<Marker> ParseElementMarker(std::string_view stored);
+
+/// True for the JSON text of a string that reads like a marker ("&&", a word, blanks, anything, in quotes): as an array
+/// element it is stored without its quotes.
+bool IsQuotedMarkerText(std::string_view jsonText);
+
+/// The key of a nested value: the parent's key, "/" and the member name or sequence id, with "&&" in front unless it
+/// begins with it already.
+std::string ChildKey(std::string_view parentKey, std::string_view name);
+
+/// True when `value` is an object with exactly one member, "@odata.id", that is a string: it is stored as a reference.
+bool IsReference(const Json& value);
+
+/// The sequence counter that object members pass: they consume no id.
+inline constexpr int64_t kNoSequence = -1;
+
+/// What a writer needs of one member or element; all empty for an item that cannot be dumped (logged).
+struct DumpedItem {
+  std::string valueText;  // compact JSON of a primitive
+  std::string name;       // the member name, or the array index in decimal
+  std::string childKey;   // of an object or array
+};
+
+/// Takes apart the item that `item` (an iterator of `parent`'s container) stands at. An object or array forms its child
+/// key; as an array element it consumes an id: `*sequence` then moves on by one, from the largest value to 1. Object
+/// members pass a counter that holds kNoSequence. Text that is not UTF-8 is logged on standard error as
+/// "[ERROR] Dump JSON object error. EXCEPTION=..." and gives an item whose texts are all empty, which writers skip.
+DumpedItem DumpItem(std::string_view parentKey, int64_t* sequence, const Json::const_iterator& item,
+                    ContainerKind parentKind);
+
+/// The marker for an object or array; puts "&&" in front of `childKey` when it lacks it. A reference gives the
+/// reference marker, which needs no child key.
+std::string BuildMarker(bool isArrayElement, const Json& value, std::string& childKey, std::string_view name);
+
+}  // namespace event_service

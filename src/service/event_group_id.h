@@ -1,0 +1,24 @@
+/// EventGroupIds: equal for the events of one cause, drawn from a counter in Redis.
+#pragma once
+
+#include <cstdint>
+
+#include "foundation/redis_commands.h"
+#include "foundation/redis_pipeline.h"
+
+namespace event_service {
+
+/// The largest EventGroupId. 2147483647 until a valid other value has been read from "webDefaultValue"; asked again at
+/// every call until then. Any thread with its own connection. A value that is no number from 1 on is logged.
+int32_t MaxEventGroupId(redisContext* redis);
+
+/// Draws the next EventGroupId: 1 to the maximum, then 1 again. Any thread with its own connection. Never fails: a
+/// counter that cannot be incremented, or is below 1, is logged and restarts at 1.
+uint32_t NextEventGroupId(redisContext* redis);
+
+/// The same in two halves, so that the draw can travel with other commands: append the command, then settle its reply.
+/// Once the maximum is known (main asks for it at start-up) settling needs no round trip but at the maximum itself.
+size_t AppendEventGroupIdDraw(RedisPipeline& pipeline);
+uint32_t SettleEventGroupId(redisContext* redis, const redisReply* drawReply);
+
+}  // namespace event_service

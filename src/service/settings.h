@@ -1,0 +1,53 @@
+/// What start-up finds out and the listeners only read, and the little that the Subscriptions side goes on changing.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/file_paths.h"
+#include "subscription_db/subscription_db.h"
+
+namespace event_service {
+
+/// Property name -> the values accepted for it, each as JSON text (strings in their quotes), in the order in which they
+/// are shown.
+using AllowedValuesTable = std::map<std::string, std::vector<std::string>, std::less<>>;
+
+/// The part of the table that is fixed; discovery adds "MessageIds", "ResourceTypes" and "RegistryPrefixes".
+AllowedValuesTable StaticAllowedValues();
+
+/// Registry prefix, as the list of allowed prefixes holds it (a JSON string or a bare word) -> its bit in the mask.
+using RegistryPrefixBits = std::map<std::string, int32_t, std::less<>>;
+
+/// Filled by start-up before the listeners start; read-only afterwards.
+struct ServiceSettings {
+  bool protocolOnly = false;  // only Redfish subscriptions are served, SMTP is not initialised
+  std::string sslSoftwareArg = "''";
+  std::string sslOptionArg;
+  int32_t maxSubscriptionCount = 100;
+  std::string defaultRetryPolicy = "TerminateAfterRetries";
+  bool subordinateResourcesSupported = false;
+  bool includeOriginOfConditionSupported = false;
+  std::vector<std::string> syslogCertificateNames;
+  AllowedValuesTable allowedValues = StaticAllowedValues();
+  FilePaths paths;
+};
+
+/// Filled by start-up; afterwards changed by the Subscriptions listener only.
+struct SubscriptionsState {
+  uint32_t subscriptionCount = 0;
+  RegistryPrefixBits registryPrefixBits;
+  std::vector<std::string> syslogTlsDestinationIds;  // at most 3
+  SubscriptionDb db;
+};
+
+/// The process's settings and state: main hands their addresses over once, before any thread starts. The threads'
+/// entry functions, which have no argument, take them from here; everything below is given them.
+void SetProcessState(const ServiceSettings* settings, SubscriptionsState* subscriptions);
+const ServiceSettings& ProcessSettings();
+SubscriptionsState& ProcessSubscriptions();
+
+}  // namespace event_service
