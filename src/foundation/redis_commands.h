@@ -35,6 +35,12 @@ using RedisReply = std::unique_ptr<redisReply, RedisReplyDeleter>;        // nul
 RedisReply SendArguments(redisContext* redis, std::span<const std::string_view> arguments);
 RedisReply SendArguments(redisContext* redis, std::initializer_list<std::string_view> arguments);
 
+/// Adds one command in the wire format to `commands`.
+void AppendCommand(std::string& commands, std::span<const std::string_view> arguments);
+
+/// The next reply, null when it cannot be read.
+RedisReply ReadReply(redisContext* redis);
+
 /// What a reply is; false for a null one.
 bool IsInteger(const redisReply* reply);
 bool IsString(const redisReply* reply);

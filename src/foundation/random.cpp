@@ -1,0 +1,33 @@
+#include "foundation/random.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "foundation/logging.h"
+
+namespace event_service {
+
+uint32_t RandomNumber(const char* device) {
+  const int file = open(device, O_RDONLY | O_CLOEXEC);
+  if (file < 0) {
+    LogError("Failed to read /dev/urandom.");
+    return 0;
+  }
+  uint32_t number = 0;
+  const bool complete = read(file, &number, sizeof number) == static_cast<ssize_t>(sizeof number);
+  close(file);
+  if (complete) return number;
+  LogError("Failed to generate random number.");
+  return 0;
+}
+
+std::string NewEtag() {
+  char text[sizeof "\"0123456789ABCDEF\""];
+  std::snprintf(text, sizeof text, "\"%08" PRIX32 "%08" PRIX32 "\"", RandomNumber(), RandomNumber());
+  return text;
+}
+
+}  // namespace event_service

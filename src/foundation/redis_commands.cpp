@@ -1,0 +1,131 @@
+#include "foundation/redis_commands.h"
+
+#include <cstdarg>
+
+#include "foundation/logging.h"
+#include "foundation/redis_pipeline.h"
+
+namespace event_service {
+
+RedisReply SendCommand(redisContext* redis, const char* format, ...) {
+  if (redis->err != 0) return nullptr;
+  va_list arguments;
+  va_start(arguments, format);
+  RedisReply reply(static_cast<redisReply*>(redisvCommand(redis, format, arguments)));
+  va_end(arguments);
+  return reply;
+}
+
+void AppendCommand(std::string& commands, std::span<const std::string_view> arguments) {
+  commands.append("*").append(std::to_string(arguments.size())).append("\r\n");
+  for (const std::string_view argument : arguments) {
+    commands.append("$").append(std::to_string(argument.size())).append("\r\n").append(argument).append("\r\n");
+  }
+}
+
+RedisReply ReadReply(redisContext* redis) {
+  void* reply = nullptr;
+  if (redisGetReply(redis, &reply) != REDIS_OK) return nullptr;
+  return RedisReply(static_cast<redisReply*>(reply));
+}
+
+RedisReply SendArguments(redisContext* redis, std::span<const std::string_view> arguments) {
+  if (redis->err != 0) return nullptr;
+  std::string command;
+  AppendCommand(command, arguments);
+  if (redisAppendFormattedCommand(redis, command.data(), command.size()) != REDIS_OK) return nullptr;
+  return ReadReply(redis);
+}
+
+RedisReply SendArguments(redisContext* redis, std::initializer_list<std::string_view> arguments) {
+  return SendArguments(redis, std::span(arguments.begin(), arguments.size()));
+}
+
+bool IsInteger(const redisReply* reply) { return reply != nullptr && reply->type == REDIS_REPLY_INTEGER; }
+bool IsString(const redisReply* reply) { return reply != nullptr && reply->type == REDIS_REPLY_STRING; }
+bool IsArray(const redisReply* reply) { return reply != nullptr && reply->type == REDIS_REPLY_ARRAY; }
+
+std::string_view TextOf(const redisReply* reply) {
+  const bool hasText = IsString(reply) || (reply != nullptr && reply->type == REDIS_REPLY_STATUS);
+  return hasText ? std::string_view(reply->str, reply->len) : std::string_view();
+}
+
+std::string HashRead(redisContext* redis, std::string_view key, std::string_view field) {
+  const RedisReply reply = SendArguments(redis, {"HGET", key, field});
+  return IsString(reply) ? std::string(TextOf(reply)) : std::string();
+}
+
+bool HashWrite(redisContext* redis, std::string_view key, std::string_view field, std::string_view value) {
+  return IsInteger(SendArguments(redis, {"HSET", key, field, value}));
+}
+
+bool HashWriteQuoted(redisContext* redis, std::string_view key, std::string_view field, std::string_view value) {
+  return HashWrite(redis, key, field, '"' + std::string(value) + '"');
+}
+
+bool HashFieldDelete(redisContext* redis, std::string_view key, std::string_view field) {
+  return IsInteger(SendArguments(redis, {"HDEL", key, field}));
+}
+
+bool ListAppend(redisContext* redis, std::string_view key, std::string_view value) {
+  return IsInteger(SendArguments(redis, {"RPUSH", key, value}));
+}
+
+long long ListLength(redisContext* redis, std::string_view key) {
+  const RedisReply reply = SendArguments(redis, {"LLEN", key});
+  return IsInteger(reply) ? reply->integer : -1;
+}
+
+bool ListRemove(redisContext* redis, std::string_view key, std::string_view value) {
+  return IsInteger(SendArguments(redis, {"LREM", key, "0", value}));
+}
+
+bool KeyExists(redisContext* redis, std::string_view key) {
+  const RedisReply reply = SendArguments(redis, {"EXISTS", key});
+  return IsInteger(reply) && reply->integer == 1;
+}
+
+bool KeyDelete(redisContext* redis, std::string_view key) { return IsInteger(SendArguments(redis, {"DEL", key})); }
+
+std::vector<std::string> KeyListing(redisContext* redis, std::string_view pattern) {
+  std::vector<std::string> keys;
+  const RedisReply reply = SendArguments(redis, {"keys", pattern});
+  if (!IsArray(reply)) return keys;
+  keys.reserve(reply->elements);
+  for (const redisReply* key : std::span(reply->element, reply->elements)) {
+    if (IsString(key)) keys.emplace_back(TextOf(key));
+  }
+  return keys;
+}
+
+std::string EscapeGlob(std::string_view text) {
+  constexpr std::string_view kSpecial = "*?[]\\^-";
+  std::string escaped;
+  for (const char c : text) {
+    if (kSpecial.find(c) != std::string_view::npos) escaped += '\\';
+    escaped += c;
+  }
+  return escaped;
+}
+
+bool HashBatchWrite(redisContext* redis, const HashBatch& batch) {
+  RedisPipeline pipeline(redis);
+  for (const auto& [key, fields] : batch) {
+    for (const auto& [field, value] : fields) pipeline.Append({"HSET", key, field, value});
+  }
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  // Replies are missing from the first failed read to the end, so the last one tells.
+  if (!replies.empty() && !replies.back()) LogError("Failed to get reply from database.");
+  return AllIntegers(replies);
+}
+
+bool ListBatchAppend(redisContext* redis, std::string_view key, std::span<const std::string> values) {
+  RedisPipeline pipeline(redis);
+  for (const std::string& value : values) pipeline.Append({"RPUSH", key, value});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (replies.empty() || replies.back()) return true;
+  LogError("Failed to get reply from database.");
+  return false;
+}
+
+}  // namespace event_service

@@ -1,0 +1,54 @@
+#include "foundation/redis_pipeline.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace event_service {
+namespace {
+
+// Small enough for the server to start working while the rest is still being handed over.
+constexpr size_t kChunkSize = 16 * 1024;
+
+/// Sends the text chunk by chunk. The replies wait in the server's buffers meanwhile, so this cannot dead-lock.
+bool Send(redisContext* redis, std::string_view commands) {
+  while (!commands.empty()) {
+    const std::string_view chunk = commands.substr(0, kChunkSize);
+    if (redisAppendFormattedCommand(redis, chunk.data(), chunk.size()) != REDIS_OK) return false;
+    for (int allSent = 0; allSent == 0;) {
+      if (redisBufferWrite(redis, &allSent) != REDIS_OK) return false;
+    }
+    commands.remove_prefix(chunk.size());
+  }
+  return true;
+}
+
+}  // namespace
+
+size_t RedisPipeline::Append(std::initializer_list<std::string_view> arguments) {
+  return Append(std::span(arguments.begin(), arguments.size()));
+}
+
+size_t RedisPipeline::Append(std::span<const std::string_view> arguments) {
+  AppendCommand(commands_, arguments);
+  return count_++;
+}
+
+std::vector<RedisReply> RedisPipeline::Execute() {
+  std::vector<RedisReply> replies(count_);
+  const std::string commands = std::move(commands_);
+  commands_.clear();
+  count_ = 0;
+  // A connection that has failed stays failed: nothing is sent to it and nothing is expected from it.
+  if (redis_->err != 0 || !Send(redis_, commands)) return replies;
+  for (RedisReply& reply : replies) {
+    reply = ReadReply(redis_);
+    if (!reply) break;
+  }
+  return replies;
+}
+
+bool AllIntegers(std::span<const RedisReply> replies) {
+  return std::ranges::all_of(replies, [](const RedisReply& reply) { return IsInteger(reply); });
+}
+
+}  // namespace event_service
