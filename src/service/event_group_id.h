@@ -12,6 +12,9 @@ namespace event_service {
 /// every call until then. Any thread with its own connection. A value that is no number from 1 on is logged.
 int32_t MaxEventGroupId(redisContext* redis);
 
+/// Forgets the maximum, as a new process knows none. Start-up calls it before the listeners run.
+void ForgetMaxEventGroupId();
+
 /// Draws the next EventGroupId: 1 to the maximum, then 1 again. Any thread with its own connection. Never fails: a
 /// counter that cannot be incremented, or is below 1, is logged and restarts at 1.
 uint32_t NextEventGroupId(redisContext* redis);

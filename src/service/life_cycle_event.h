@@ -25,8 +25,12 @@ struct LifeCycleEvent {
 /// first call in the process, with one debug line. Any thread.
 bool LifeCycleEventsEnabled();
 
+/// Forgets the setting, as a new process knows none. Start-up calls it before the listeners run.
+void ForgetLifeCycleSetting();
+
 /// Raises one event. True on success and when the feature is off. A refusal of the script is logged as "Failed to
-/// generate life cycle event for <path>: <text>"; an empty kind or path, or any other reply, gives false.
+/// generate life cycle event for <path>: <text>", any other failure in a line of its own; an empty kind or path gives
+/// false.
 bool RaiseLifeCycleEvent(redisContext* redis, const LifeCycleEvent& event);
 
 /// The same in two halves, with the script's digest at hand, so that events can travel with other commands. Append

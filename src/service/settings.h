@@ -19,8 +19,12 @@ using AllowedValuesTable = std::map<std::string, std::vector<std::string>, std::
 /// The part of the table that is fixed; discovery adds "MessageIds", "ResourceTypes" and "RegistryPrefixes".
 AllowedValuesTable StaticAllowedValues();
 
-/// Registry prefix, as the list of allowed prefixes holds it (a JSON string or a bare word) -> its bit in the mask.
+/// Registry prefix, without quotes (lists hold it in quotes, message ids do not) -> its bit in the mask. The 32nd and
+/// later prefixes share the largest value.
 using RegistryPrefixBits = std::map<std::string, int32_t, std::less<>>;
+
+/// `text` without the double quotes around it, if there are any: the bare word of a JSON string that needs no escapes.
+std::string_view WithoutQuotes(std::string_view text);
 
 /// Filled by start-up before the listeners start; read-only afterwards.
 struct ServiceSettings {
@@ -33,14 +37,17 @@ struct ServiceSettings {
   bool includeOriginOfConditionSupported = false;
   std::vector<std::string> syslogCertificateNames;
   AllowedValuesTable allowedValues = StaticAllowedValues();
-  FilePaths paths;
+  FilePaths paths = ProcessPaths();
 };
+
+/// Whether clients may filter by registry prefix: the list of allowed prefixes holds one at least.
+bool SupportsRegistryPrefixes(const ServiceSettings& settings);
 
 /// Filled by start-up; afterwards changed by the Subscriptions listener only.
 struct SubscriptionsState {
   uint32_t subscriptionCount = 0;
   RegistryPrefixBits registryPrefixBits;
-  std::vector<std::string> syslogTlsDestinationIds;  // at most 3
+  std::vector<std::string> syslogTlsDestinationIds;  // no further one is created while there are 3
   SubscriptionDb db;
 };
 

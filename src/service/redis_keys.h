@@ -1,0 +1,27 @@
+/// The keys and channels of this service that more than one folder uses.
+#pragma once
+
+#include <string_view>
+
+namespace event_service {
+
+inline constexpr std::string_view kEventServiceUri = "/redfish/v1/EventService";
+inline constexpr std::string_view kSubscriptionsUri = "/redfish/v1/EventService/Subscriptions";
+inline constexpr std::string_view kSmtpKey = "&&/redfish/v1/EventService/SMTP";
+
+/// The collection's list of members.
+inline constexpr std::string_view kSubscriptionsMembersKey = "&&/redfish/v1/EventService/Subscriptions/Members";
+
+/// Where the front end announces requests: the EventService's own, and everything about subscriptions.
+inline constexpr std::string_view kEventServiceChannel = "&&/redfish/v1/EventService/CHANNEL";
+inline constexpr std::string_view kSubscriptionsChannel = "&&/redfish/v1/EventService/Subscriptions/CHANNEL";
+
+/// The hash of script digests that other services have registered.
+inline constexpr std::string_view kScriptDigests = "redisSHAScripts";
+inline constexpr std::string_view kLifeCycleScript = "resourceChange";
+
+/// The field that marks a subscription as complete, and its value.
+inline constexpr std::string_view kCrudPrefixField = "&&CRUDprefix";
+inline constexpr std::string_view kEventDestinationPrefix = "&&/redfish/v1/EventDestination";
+
+}  // namespace event_service
