@@ -1,8 +1,9 @@
 /// Writing documents in the store's encoding.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
+#include <span>
 #include <string_view>
 
 #include "foundation/redis_commands.h"
@@ -19,12 +20,24 @@ int64_t NextSequenceId(redisContext* redis);
 /// "OK".
 bool StoreSequenceId(redisContext* redis, int64_t next);
 
-/// How many ids a document takes: the objects and arrays that are elements of arrays (references take none).
-int64_t CountSequenceIds(const Json& document);
+/// The same as part of a batch; its reply is a status, not an integer.
+size_t AppendSequenceStore(RedisPipeline& pipeline, int64_t next);
+
+/// True when some key of the stored document holds a sequence id: an element of an array is an object or array other
+/// than a reference. A caller of AppendDocument needs no counter otherwise.
+bool NeedsSequenceIds(const Json& document);
 
 /// Appends the writes of a whole document under `key` to a pipeline: one HSET for each member, one RPUSH for each
-/// element. `sequence` is the next free id and moves on. Existing keys are added to, not replaced.
-void AppendDocument(RedisPipeline& pipeline, std::string_view key, const Json& document, int64_t& sequence);
+/// element, each answered by an integer. `sequence` is the next free id and moves on with every object or array that is
+/// an element (references included, though their ids stand nowhere). Existing keys are added to, not replaced. False,
+/// after one "[ERROR]" line and with nothing appended, for a document that is no container or lies deeper than
+/// kMaxNesting.
+[[nodiscard]] bool AppendDocument(RedisPipeline& pipeline, std::string_view key, const Json& document,
+                                  int64_t& sequence);
+
+/// True when every write was answered by an integer; logs the first that was not ("[ERROR] Redis get reply failed!",
+/// "[ERROR] Updates property reply type is incorrect.").
+bool CheckWriteReplies(std::span<const RedisReply> replies, std::string_view key);
 
 /// How stored arrays are shaped.
 struct ArrayConfiguration {
@@ -36,14 +49,18 @@ struct ArrayConfiguration {
 };
 
 /// Reads "ArrayStyle", "ArrayMaxSize" and "ArrayNullElement" from a configuration object and logs what it read
-/// ("[INFO] Input Array style =..."). False, after one "[ERROR]" line, when they cannot be read or the style is
-/// above 3.
+/// ("[INFO] Input Array style =..."). False, after one "[ERROR]" line, when they cannot be read or the style is none of
+/// 0 to 3.
 bool ReadArrayConfiguration(const Json& configuration, ArrayConfiguration& result);
+
+/// Shapes every array of a document. False, after one "[ERROR]" line, when one of them is too long; the document is
+/// then unspecified.
+[[nodiscard]] bool ShapeArrays(Json& document, const ArrayConfiguration& arrays);
 
 /// Writes a whole document under `key`; every array in it is shaped by `arrays` first. An array that is too long
 /// refuses the whole before anything is written. Takes the counter, sends one pipeline, stores the counter back if it
-/// moved: at most three round trips, and the counter is not touched when the document needs no id. False, after one
-/// "[ERROR]" line on standard error, when any write failed; every reply has been read then.
+/// moved: at most three round trips. False, after one "[ERROR]" line on standard error, when any write failed; every
+/// reply has been read then.
 bool WriteResource(redisContext* redis, std::string_view key, const Json& document,
                    const ArrayConfiguration& arrays = {});
 

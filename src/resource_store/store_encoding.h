@@ -4,12 +4,12 @@
 /// there. Primitives are held as compact JSON text. docs/protocol.md shows an example. Nothing here talks to Redis.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace event_service {
 
@@ -17,14 +17,18 @@ using Json = nlohmann::json;
 
 enum class ContainerKind { kObject, kArray };
 
-/// What stands in a hash field or list element that is no JSON text.
+/// Containers inside each other, the document itself counted: deeper ones are neither written nor read.
+inline constexpr size_t kMaxNesting = 32;
+
+/// What stands in a hash field or list element that is no JSON text. Views into the stored text.
 struct Marker {
   enum class Kind { kObject, kArray, kReference };
   Kind kind;
-  std::string target;  // the child key; for a reference the URI
+  std::string_view target;  // the child key; for a reference the URI
 };
 
-/// True for every stored value that begins with "&&": it is read as a marker, never as JSON text.
+/// True for every stored value that begins with "&&": it is read as a marker, never as JSON text. The same test tells
+/// the control fields of a hash, by their names.
 bool LooksLikeMarker(std::string_view stored);
 
 /// The marker of a hash field: exactly three tokens at single blanks (kind, member name, target). Nothing for any other
@@ -42,8 +46,15 @@ bool IsQuotedMarkerText(std::string_view jsonText);
 /// begins with it already.
 std::string ChildKey(std::string_view parentKey, std::string_view name);
 
+/// True when `key` could be a nested value's of the document at `documentKey`, however deep: it begins with what every
+/// ChildKey of it begins with.
+bool IsUnderKey(std::string_view documentKey, std::string_view key);
+
 /// True when `value` is an object with exactly one member, "@odata.id", that is a string: it is stored as a reference.
 bool IsReference(const Json& value);
+
+/// False when containers lie deeper inside each other than `levels`.
+bool NestsWithin(const Json& value, size_t levels = kMaxNesting);
 
 /// The sequence counter that object members pass: they consume no id.
 inline constexpr int64_t kNoSequence = -1;
@@ -55,12 +66,12 @@ struct DumpedItem {
   std::string childKey;   // of an object or array
 };
 
-/// Takes apart the item that `item` (an iterator of `parent`'s container) stands at. An object or array forms its child
-/// key; as an array element it consumes an id: `*sequence` then moves on by one, from the largest value to 1. Object
-/// members pass a counter that holds kNoSequence. Text that is not UTF-8 is logged on standard error as
-/// "[ERROR] Dump JSON object error. EXCEPTION=..." and gives an item whose texts are all empty, which writers skip.
-DumpedItem DumpItem(std::string_view parentKey, int64_t* sequence, const Json::const_iterator& item,
-                    ContainerKind parentKind);
+/// Takes apart one member (name: its name) or element (name: its index in decimal) of the container at `parentKey`. An
+/// object or array, a reference included, forms its child key; as an element it consumes an id for it: `*sequence` then
+/// moves on by one, from the largest value to 1. Object members pass a counter that holds kNoSequence. Text that is not
+/// UTF-8 is logged on standard error as "[ERROR] Dump JSON object error. EXCEPTION=..." and gives an item whose texts
+/// are all empty, which writers skip.
+DumpedItem DumpItem(std::string_view parentKey, int64_t* sequence, std::string name, const Json& value);
 
 /// The marker for an object or array; puts "&&" in front of `childKey` when it lacks it. A reference gives the
 /// reference marker, which needs no child key.

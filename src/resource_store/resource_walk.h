@@ -1,0 +1,114 @@
+/// A walk through a stored document, level by level: what reading and deleting documents are built on.
+///
+/// A caller that has other commands for Redis puts them into the same batches as the walk's levels:
+///
+///   Json body;
+///   ResourceWalk walk(bodyKey, {.knownKind = ContainerKind::kObject}, &body);
+///   while (!walk.Done()) {
+///     RedisPipeline pipeline(redis);
+///     walk.AppendLevel(pipeline);
+///     const size_t exists = pipeline.Append({"EXISTS", memberUri});   // travels with the level
+///     const std::vector<RedisReply> replies = pipeline.Execute();
+///     if (!walk.TakeLevel(replies)) return false;
+///   }
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "foundation/redis_commands.h"
+#include "foundation/redis_pipeline.h"
+#include "resource_store/store_encoding.h"
+
+namespace event_service {
+
+/// Path of a value inside its document ("SNMP/Port", "Ports/2") -> the number's text as it is stored.
+using NumberTexts = std::map<std::string, std::string, std::less<>>;
+
+struct ReadOptions {
+  /// What the key is known to hold; without it the walk asks first (one round trip more).
+  std::optional<ContainerKind> knownKind;
+  /// Control fields (names that begin with "&&"): left out, or given as strings whatever they look like.
+  bool withControlFields = false;
+  /// Whether markers are followed whose target is not exactly the child key that the writer would have formed at that
+  /// place. A request body is read without: such a marker can only be a client's string, which it then comes back as.
+  bool followForeignMarkers = true;
+  /// Containers under keys that do not lie under the document's own key are left empty, neither listed nor walked.
+  bool ownKeysOnly = false;
+  /// Receives the numbers that Json cannot give back as they are written ("1.50", "-0", more than 64 bits); in the
+  /// document stands the nearest number that it can hold.
+  NumberTexts* numberTexts = nullptr;
+};
+
+/// The kind of container that a reply to TYPE tells; nothing, after logging "[ERROR] Gets resource type failed.", for
+/// any other.
+std::optional<ContainerKind> TakeResourceType(const redisReply* typeReply, std::string_view key);
+
+/// One walk. Each key is visited once; a marker that leads back to a visited key gives an empty container, and so does
+/// a child key that holds nothing.
+class ResourceWalk {
+ public:
+  /// With a `document`, which must outlive the walk and is replaced, every value is built into it; without, only the
+  /// keys are found and values are not looked at.
+  explicit ResourceWalk(std::string_view key, const ReadOptions& options = {}, Json* document = nullptr);
+  ResourceWalk(const ResourceWalk&) = delete;
+  ResourceWalk& operator=(const ResourceWalk&) = delete;
+
+  /// True when every level has been taken.
+  bool Done() const { return levelBegin_ == nodes_.size(); }
+
+  /// Appends the commands that read the next level: TYPE at first unless the kind is known, then one HGETALL or LRANGE
+  /// for each key. Nothing when the walk is done.
+  void AppendLevel(RedisPipeline& pipeline);
+
+  /// Takes that level's replies out of those of the whole batch. False, after one "[ERROR]" line on standard error for
+  /// the whole walk, when a reply is missing or of the wrong type, a stored value is neither marker nor JSON text, or
+  /// the nesting is too deep. A reader stops there; a deletion goes on with the keys that are left.
+  bool TakeLevel(std::span<const RedisReply> replies);
+
+  /// Takes the first level from an HGETALL reply of the document's key that the caller has fetched. The kind must be
+  /// known to be an object.
+  bool TakeRoot(const redisReply* hashReply);
+
+  /// The keys found so far that belong to the document, its own first, each once.
+  std::vector<std::string> Keys() const;
+
+  /// Those of them that hold what is nested in one member of the document.
+  std::vector<std::string> KeysOfMember(std::string_view name) const;
+
+ private:
+  struct Node {
+    std::string key;
+    ContainerKind kind;
+    Json* value;         // where it is built; stays in place: an array gets its whole size before its first element
+    size_t depth;        // the document is 1
+    size_t branch;       // the node just below the document that this one hangs from; 0 for the document
+    std::string member;  // of a branch: its member name
+    std::string path;    // filled when number texts are wanted
+  };
+
+  bool TakeReply(size_t index, const redisReply* reply);
+  bool TakeHash(size_t index, std::span<redisReply* const> fields);
+  bool TakeList(size_t index, std::span<redisReply* const> elements);
+  bool TakeValue(size_t index, std::string_view name, std::string_view stored, Json* slot);
+  bool TakeContainer(size_t index, std::string_view name, const Marker& marker, Json* slot);
+  bool TakeText(const Node& node, std::string_view name, std::string_view stored, Json* slot);
+  bool Fail(std::string_view message, std::string_view key, std::string_view field = {});
+
+  ReadOptions options_;
+  std::deque<Node> nodes_;                        // in the order of their visit; those from levelBegin_ on are pending
+  std::unordered_set<std::string_view> visited_;  // the keys of nodes_
+  size_t levelBegin_ = 0;
+  size_t firstReply_ = 0;  // of the appended level, in its batch
+  bool typeKnown_;
+  bool failed_ = false;
+};
+
+}  // namespace event_service
