@@ -1,0 +1,41 @@
+/// The fixture of every test that needs Redis: a server of its own and a sandbox root around it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "foundation/redis_commands.h"
+#include "tests/support/redis_server.h"
+#include "tests/support/sandbox_root.h"
+
+namespace event_service {
+
+/// Every key with what it holds, in one line of text; for comparisons of before and after.
+using DatabaseDump = std::map<std::string, std::string>;
+DatabaseDump DumpDatabase(redisContext* redis);
+
+/// One server and one sandbox root per suite; ProcessPaths() names the root, so redisConnectContext() reaches the
+/// server. Database and root are emptied before each test. A server that a test has killed is started again.
+class RedisTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite();
+  static void TearDownTestSuite();
+  void SetUp() override;
+
+  redisContext* redis() { return redis_.get(); }
+  static const SandboxRoot& Sandbox() { return *sandbox_; }
+  static RedisServer& Server() { return *server_; }
+  /// One more connection to the server.
+  static RedisContext Connect();
+  DatabaseDump Dump() { return DumpDatabase(redis()); }
+
+ private:
+  static std::unique_ptr<SandboxRoot> sandbox_;
+  static std::unique_ptr<RedisServer> server_;
+  RedisContext redis_;
+};
+
+}  // namespace event_service

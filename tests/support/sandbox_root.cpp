@@ -1,0 +1,82 @@
+#include "tests/support/sandbox_root.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>  // NOLINT(modernize-deprecated-headers): mkdtemp
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace event_service {
+namespace {
+
+std::string NewTemporaryFolder() {
+  // A socket's path has about a hundred characters at most, so the folder's name is short.
+  std::string path = (fs::temp_directory_path() / "es-XXXXXX").string();
+  if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder at " + path);
+  return path;
+}
+
+}  // namespace
+
+SandboxRoot::SandboxRoot() : root_(NewTemporaryFolder()), paths_(MakeFilePaths(root_).value()) {
+  LayOut();
+  WriteFile(paths_.redisConfiguration, "port 0\nunixsocket " + RedisSocket() + "\n");
+}
+
+SandboxRoot::~SandboxRoot() {
+  std::error_code ignored;
+  fs::remove_all(root_, ignored);
+}
+
+void SandboxRoot::WriteRedisSetting(const std::string& key, std::string_view value) const {
+  WriteFile(RedisDirectory() + "/redis." + key, value);
+}
+
+FilePaths SandboxRoot::PathsThrough(const std::string& socket) const {
+  const std::string folder = root_ + "/run/lookup-" + fs::path(socket).filename().string();
+  FilePaths paths = paths_;
+  paths.redisConfiguration = folder + "/redis.conf";
+  WriteFile(paths.redisConfiguration, "unixsocket " + folder + "/any.sock\n");
+  WriteFile(folder + "/redis.port", "0");
+  WriteFile(folder + "/redis.unixsocket", socket);
+  return paths;
+}
+
+void SandboxRoot::Clear() const {
+  for (const char* folder : {"/usr", "/var", "/etc/certs", "/etc/default"}) fs::remove_all(root_ + folder);
+  LayOut();
+}
+
+void SandboxRoot::LayOut() const {
+  for (const std::string& path : {paths_.configuration, paths_.redisConfiguration, paths_.databaseFile,
+                                  paths_.defaultDatabaseFile, paths_.resourceLoader, paths_.headerValidatorModule,
+                                  paths_.syslogCertificates, paths_.systemCertificates, RedisSocket()}) {
+    fs::create_directories(fs::path(path).parent_path());
+  }
+}
+
+void WriteFile(const std::string& path, std::string_view content) {
+  std::error_code ignored;
+  fs::create_directories(fs::path(path).parent_path(), ignored);
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << content << std::flush;
+  if (!file) ADD_FAILURE() << "cannot write " << path;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+bool FileExists(const std::string& path) { return fs::exists(path); }
+
+void RemoveFile(const std::string& path) {
+  std::error_code ignored;
+  fs::remove(path, ignored);
+}
+
+}  // namespace event_service

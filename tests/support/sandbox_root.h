@@ -1,0 +1,49 @@
+/// A temporary folder laid out like the product's fixed paths, for tests that must not touch the machine's own.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "foundation/file_paths.h"
+
+namespace event_service {
+
+/// Creates the folder with its (empty) subfolders and removes all of it at the end. "redis.conf" names a socket in
+/// RedisDirectory(), where the setting files are written; nothing else exists at first.
+class SandboxRoot {
+ public:
+  SandboxRoot();
+  SandboxRoot(const SandboxRoot&) = delete;
+  SandboxRoot& operator=(const SandboxRoot&) = delete;
+  ~SandboxRoot();
+
+  const std::string& Root() const { return root_; }
+  /// The product's paths below this folder. Openssl is the system's.
+  const FilePaths& Paths() const { return paths_; }
+
+  std::string RedisDirectory() const { return root_ + "/run/redis"; }
+  std::string RedisSocket() const { return RedisDirectory() + "/redis.sock"; }
+  /// Writes "redis.<key>" beside the socket, as it stands; RemoveFile takes it away again.
+  void WriteRedisSetting(const std::string& key, std::string_view value) const;
+
+  /// The same paths, but with a lookup of the server that finds this socket instead (a proxy's, for example).
+  FilePaths PathsThrough(const std::string& socket) const;
+
+  /// Removes every file but those of Redis and lays the folders out anew.
+  void Clear() const;
+
+ private:
+  void LayOut() const;
+
+  std::string root_;
+  FilePaths paths_;
+};
+
+/// Writes a file, creating its folders, or fails the test.
+void WriteFile(const std::string& path, std::string_view content);
+/// The whole content; empty when the file cannot be read.
+std::string ReadFile(const std::string& path);
+bool FileExists(const std::string& path);
+void RemoveFile(const std::string& path);
+
+}  // namespace event_service
