@@ -7,7 +7,8 @@
 
 namespace event_service {
 
-/// The values of "&&ReturnStatus".
+/// The field of the response key that holds the status, and its values.
+inline constexpr std::string_view kReturnStatus = "&&ReturnStatus";
 inline constexpr std::string_view kOkRes = "OK_RES";
 inline constexpr std::string_view kOkEmpty = "OK_EMPTY";
 inline constexpr std::string_view kFailure = "FAILURE";
@@ -18,9 +19,13 @@ inline constexpr std::string_view kNotSupported = "NOT_SUPPORTED";
 inline constexpr std::string_view kUnavailable = "UNAVAILABLE";
 inline constexpr std::string_view kIgnore = "IGNORE";
 
+/// Message ids that several handlers use.
+inline constexpr std::string_view kSuccessMessage = "Base.1.12.Success";
+inline constexpr std::string_view kOperationFailedMessage = "Base.1.12.OperationFailed";
+
 /// One entry of the extended information. An empty id lists an entry that holds nothing.
 struct Message {
-  std::string_view id;  // a literal: "Base.1.12.ResourceCannotBeDeleted"
+  std::string id;  // "Base.1.12.ResourceCannotBeDeleted"
   std::vector<std::string> args;
   std::vector<std::string> relatedProperties;  // property paths, without "#/"
 };
@@ -40,7 +45,7 @@ inline Answer NoAnswer() { return {}; }
 Answer Refuse(std::string_view status, std::string_view messageId, std::vector<std::string> args = {},
               std::string logText = {});
 
-/// "EXCEPTION" with "ExtendedError.1.2.DatabaseOperationError".
+/// "EXCEPTION" with "ExtendedError.1.2.DatabaseOperationError", the answer to a Redis command that failed.
 Answer DatabaseError(std::string logText);
 
 /// The answer to a PATCH or resume that changes nothing: "OK_RES" with a Redfish error object as its body.

@@ -23,15 +23,26 @@ struct MethodRoute {
   bool deletesBody = false;  // of a delivery side's request: also "<request key>/RequestData"
 };
 
+/// A connection of redisConnectContext, owned.
+inline RedisContext ConnectRedis() { return RedisContext(redisConnectContext()); }
+
 /// One service's requests: its routes, and what answers any other method.
 struct ServiceRoutes {
   std::span<const MethodRoute> routes;
   Answer (*otherMethod)(Request& request);
 };
 
-/// Serves the announcements that arrive on `subscriber`, one after the other, until its connection fails. `redis` is
-/// for commands. `subscriptions` is null on the EventService side.
-void ServeRequests(redisContext* subscriber, redisContext* redis, const ServiceRoutes& service,
-                   const ServiceSettings& settings, SubscriptionsState* subscriptions);
+/// What a listener works with besides its subscription.
+struct ListenerResources {
+  RedisContext redis;                          // for commands
+  RedisContext (*reconnect)() = ConnectRedis;  // gives another one when Redis has closed it (null: no connection)
+  const ServiceSettings& settings;
+  SubscriptionsState* subscriptions = nullptr;  // null on the EventService side
+};
+
+/// Serves the announcements that arrive on `subscriber`, one after the other, until its connection fails. Lets no
+/// exception out. Redis may close a command connection that was idle for long while the subscription goes on; the first
+/// read of the next request then gets a new connection.
+void ServeRequests(redisContext* subscriber, ListenerResources resources, const ServiceRoutes& service);
 
 }  // namespace event_service

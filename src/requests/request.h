@@ -10,6 +10,16 @@
 
 namespace event_service {
 
+// The record's fields, as the front end names them.
+inline constexpr std::string_view kRequestMethod = "&&RequestMethod";
+inline constexpr std::string_view kTargetUri = "&&TargetURI";
+inline constexpr std::string_view kPrivileges = "&&Privileges";
+inline constexpr std::string_view kRequestData = "&&RequestData";
+inline constexpr std::string_view kReturnChannel = "&&ReturnChannel";
+inline constexpr std::string_view kIsSse = "&&IsSSE";
+
+inline constexpr std::string_view kEventServiceUri = "/redfish/v1/EventService";
+
 /// The second word of the announcement of a request that the event-delivery side sends: it expects no answer. It means
 /// something for DELETE and PATCH only.
 inline constexpr std::string_view kFromEventing = "FROM_EVENTING";
@@ -35,9 +45,10 @@ struct RequestRecord {
   std::string lifeCycleDigest;  // of the script that raises life-cycle events
 };
 
-RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey);
+/// Nothing when the connection failed; a field that cannot be read for another reason is empty.
+std::optional<RequestRecord> ReadRequestRecord(redisContext* redis, std::string_view requestKey);
 
-/// What a handler works with. The references outlive the request.
+/// What a handler works with. Connection and references outlive the request.
 struct Request {
   redisContext* redis;
   Announcement announcement;

@@ -1,0 +1,31 @@
+#include "requests/answer.h"
+
+#include <nlohmann/json.hpp>
+#include <utility>
+
+namespace event_service {
+
+Answer Refuse(std::string_view status, std::string_view messageId, std::vector<std::string> args, std::string logText) {
+  return Answer{status, {Message{std::string(messageId), std::move(args), {}}}, std::move(logText), {}};
+}
+
+Answer DatabaseError(std::string logText) {
+  return Refuse(kException, "ExtendedError.1.2.DatabaseOperationError", {}, std::move(logText));
+}
+
+Answer NoOperationAnswer(std::string_view messageId) {
+  // The registry's own wording, grammar slip included.
+  constexpr std::string_view kText =
+      "The request body submitted contain no data to act upon and no changes to the resource took place.";
+  const nlohmann::json message = {{"@odata.type", "#Message.v1_1_2.Message"},
+                                  {"MessageId", messageId},
+                                  {"Message", kText},
+                                  {"MessageSeverity", "Warning"},
+                                  {"Resolution", "Add properties in the JSON object and resubmit the request."}};
+  const nlohmann::json body = {
+      {"error",
+       {{"code", messageId}, {"message", kText}, {"@Message.ExtendedInfo", nlohmann::json::array({message})}}}};
+  return Answer{kOkRes, {}, {}, body.dump()};
+}
+
+}  // namespace event_service

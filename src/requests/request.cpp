@@ -1,0 +1,43 @@
+#include "requests/request.h"
+
+#include "foundation/redis_pipeline.h"
+
+namespace event_service {
+
+std::optional<Announcement> ParseAnnouncement(std::string_view text) {
+  const size_t blank = text.find(' ');
+  if (blank == 0 || blank == std::string_view::npos || blank + 1 == text.size()) return std::nullopt;
+  return Announcement{std::string(text.substr(0, blank)), std::string(text.substr(blank + 1))};
+}
+
+std::optional<RequestRecord> ReadRequestRecord(redisContext* redis, std::string_view requestKey) {
+  const struct {
+    std::string RequestRecord::*member;
+    std::string_view key;
+    std::string_view field;
+  } fields[] = {
+      {&RequestRecord::method, requestKey, kRequestMethod},
+      {&RequestRecord::targetUri, requestKey, kTargetUri},
+      {&RequestRecord::privileges, requestKey, kPrivileges},
+      {&RequestRecord::requestData, requestKey, kRequestData},
+      {&RequestRecord::returnChannel, requestKey, kReturnChannel},
+      {&RequestRecord::isSse, requestKey, kIsSse},
+      {&RequestRecord::serviceEnabled, kEventServiceUri, "ServiceEnabled"},
+      {&RequestRecord::lifeCycleDigest, "redisSHAScripts", "resourceChange"},
+  };
+  RedisPipeline pipeline(redis);
+  for (const auto& field : fields) pipeline.Append({"HGET", field.key, field.field});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (!replies.back()) return std::nullopt;
+  RequestRecord record;
+  for (size_t i = 0; i < replies.size(); ++i) {
+    if (IsString(replies[i])) record.*fields[i].member = TextOf(replies[i]);
+  }
+  return record;
+}
+
+bool Request::IsFromEventing() const {
+  return announcement.responseKey == kFromEventing && (record.method == "DELETE" || record.method == "PATCH");
+}
+
+}  // namespace event_service

@@ -1,0 +1,88 @@
+#include "requests/response_writer.h"
+
+#include <set>
+#include <span>
+
+#include "foundation/logging.h"
+
+namespace event_service {
+namespace {
+
+/// Appends a list under the entry and the entry's field that leads to it; nothing for an empty list.
+void AppendList(RedisPipeline& pipeline, const std::string& entryKey, std::string_view name,
+                const std::vector<std::string>& elements, std::string_view prefix) {
+  if (elements.empty()) return;
+  const std::string listKey = entryKey + '/' + std::string(name);
+  pipeline.Append({"HSET", entryKey, "&&" + std::string(name), listKey});
+  for (const std::string& element : elements) {
+    pipeline.Append({"RPUSH", listKey, std::string(prefix) + element});
+  }
+}
+
+void AppendEntry(RedisPipeline& pipeline, const std::string& listKey, unsigned number, const Message& message) {
+  const std::string entryKey = listKey + '/' + std::to_string(number);
+  pipeline.Append({"RPUSH", listKey, entryKey});
+  if (message.id.empty()) return;
+  pipeline.Append({"HSET", entryKey, "&&MessageId", message.id});
+  AppendList(pipeline, entryKey, "MessageArgs", message.args, "");
+  AppendList(pipeline, entryKey, "RelatedProperties", message.relatedProperties, "#/");
+}
+
+void AppendListing(RedisPipeline& pipeline, std::string_view prefix, std::string_view key, std::string_view suffix) {
+  pipeline.Append({"keys", std::string(prefix) + EscapeGlob(key) + std::string(suffix)});
+}
+
+/// The keys that a request nobody waits for has left; nothing when Redis could not be asked.
+std::set<std::string> KeysOfRequest(redisContext* redis, std::string_view requestKey) {
+  const std::string_view below = requestKey.ends_with('/') ? "*" : "/*";
+  RedisPipeline pipeline(redis);
+  AppendListing(pipeline, "", requestKey, "*");
+  AppendListing(pipeline, "", requestKey, below);
+  if (!requestKey.starts_with("&&")) AppendListing(pipeline, "&&", requestKey, below);
+  std::set<std::string> keys;
+  for (const RedisReply& reply : pipeline.Execute()) {
+    if (!reply) LogError("Failed to get reply from database.");
+    if (!reply) break;
+    if (!IsArray(reply)) continue;
+    for (const redisReply* key : std::span(reply->element, reply->elements)) keys.emplace(TextOf(key));
+  }
+  return keys;
+}
+
+void RemoveRequest(redisContext* redis, std::string_view requestKey) {
+  RedisPipeline pipeline(redis);
+  for (const std::string& key : KeysOfRequest(redis, requestKey)) pipeline.Append({"del", key});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (!replies.empty() && !replies.back()) LogError("Failed to get reply from database.");
+}
+
+}  // namespace
+
+void ResponseWriter::Append(RedisPipeline& pipeline, std::string_view responseKey, const Answer& answer) {
+  const std::string key(responseKey);
+  if (!answer.status.empty()) pipeline.Append({"HSET", key, kReturnStatus, answer.status});
+  if (!answer.body.empty()) {
+    const std::string bodyKey = key + "/ResponseData";
+    pipeline.Append({"HSET", key, "&&ResponseData", bodyKey});
+    pipeline.Append({"HSET", bodyKey, "&&RawJSON", answer.body});
+  }
+  if (answer.messages.empty()) return;
+  const std::string listKey = key + "/ExtendedInfo";
+  pipeline.Append({"HSET", key, "&&ExtendedInfo", listKey});
+  if (key != lastResponseKey_) {
+    lastResponseKey_ = key;
+    counter_ = 0;
+  }
+  for (const Message& message : answer.messages) AppendEntry(pipeline, listKey, ++counter_, message);
+}
+
+bool PublishAnswer(redisContext* redis, RedisPipeline& pipeline, std::string_view requestKey,
+                   std::string_view responseKey, std::string_view returnChannel) {
+  if (!returnChannel.empty()) pipeline.Append({"PUBLISH", returnChannel, responseKey});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (!returnChannel.empty() && IsInteger(replies.back()) && replies.back()->integer >= 1) return true;
+  RemoveRequest(redis, requestKey);
+  return false;
+}
+
+}  // namespace event_service
