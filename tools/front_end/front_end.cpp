@@ -1,0 +1,172 @@
+#include "tools/front_end/front_end.h"
+
+#include <sys/time.h>
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "foundation/random.h"
+#include "foundation/redis_pipeline.h"
+#include "resource_store/resource_reader.h"
+#include "resource_store/resource_writer.h"
+
+namespace event_service {
+namespace {
+
+constexpr std::string_view kSubscriptions = "/redfish/v1/EventService/Subscriptions";
+constexpr std::string_view kSubscriptionsChannel = "&&/redfish/v1/EventService/Subscriptions/CHANNEL";
+constexpr std::string_view kEventServiceChannel = "&&/redfish/v1/EventService/CHANNEL";
+
+// Of one length, so that no request key begins with another one.
+std::string NewRequestKey() {
+  char key[64];
+  std::snprintf(key, sizeof key, "&&Request:%08" PRIX32 "%08" PRIX32, RandomNumber(), RandomNumber());
+  return key;
+}
+
+std::vector<std::string> Texts(const RedisReply& reply) {
+  std::vector<std::string> texts;
+  if (!IsArray(reply)) return texts;
+  for (size_t i = 0; i < reply->elements; ++i) texts.emplace_back(TextOf(reply->element[i]));
+  return texts;
+}
+
+FrontEndMessage ReadMessage(redisContext* redis, const std::string& entryKey) {
+  RedisPipeline pipeline(redis);
+  pipeline.Append({"HGET", entryKey, "&&MessageId"});
+  pipeline.Append({"LRANGE", entryKey + "/MessageArgs", "0", "-1"});
+  pipeline.Append({"LRANGE", entryKey + "/RelatedProperties", "0", "-1"});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  return {std::string(TextOf(replies[0])), Texts(replies[1]), Texts(replies[2])};
+}
+
+// A connection that listens on `channel`; reading from it fails after `patience`.
+RedisContext Listen(const std::string& channel, std::chrono::milliseconds patience) {
+  RedisContext subscriber(redisConnectContext());
+  if (!subscriber) return nullptr;
+  timeval limit{};
+  limit.tv_sec = static_cast<time_t>(patience.count() / 1000);
+  limit.tv_usec = static_cast<suseconds_t>(patience.count() % 1000 * 1000);
+  redisSetTimeout(subscriber.get(), limit);
+  if (!IsArray(SendArguments(subscriber.get(), {"SUBSCRIBE", channel}))) return nullptr;
+  return subscriber;
+}
+
+bool AwaitMessage(redisContext* subscriber) {
+  void* reply = nullptr;
+  if (redisGetReply(subscriber, &reply) != REDIS_OK) return false;
+  return IsArray(RedisReply(static_cast<redisReply*>(reply)));
+}
+
+void Hide(Json& document, std::string_view path) {
+  Json* value = &document;
+  while (!path.empty()) {
+    const size_t slash = path.find('/');
+    const auto member = value->find(std::string(path.substr(0, slash)));
+    if (member == value->end()) return;
+    value = &*member;
+    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+  }
+  if (value->is_string()) *value = nullptr;
+  if (value->is_array()) *value = Json::array();
+}
+
+// The reader bounds the depth of what it returns, and so the recursion.
+void StripReferencePrefixes(Json& value) {
+  if (value.is_object()) {
+    const auto id = value.find("@odata.id");
+    if (id != value.end() && id->is_string() && id->get_ref<const std::string&>().starts_with("&&/")) {
+      *id = id->get_ref<const std::string&>().substr(2);
+    }
+  }
+  if (value.is_structured()) {
+    for (Json& member : value) StripReferencePrefixes(member);
+  }
+}
+
+}  // namespace
+
+std::string_view ChannelOf(std::string_view uri) {
+  const bool below =
+      uri.starts_with(kSubscriptions) && (uri.size() == kSubscriptions.size() || uri[kSubscriptions.size()] == '/');
+  return below || uri == "SSE-ALL" ? kSubscriptionsChannel : kEventServiceChannel;
+}
+
+std::string RecordMethod(std::string_view httpMethod, std::string_view uri) {
+  if (httpMethod != "POST") return std::string(httpMethod);
+  return uri.find("/Actions/") == std::string_view::npos ? "POSTCREATE" : "POSTACTION";
+}
+
+std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndRequest& request) {
+  StoredRequest stored;
+  stored.requestKey = NewRequestKey();
+  stored.responseKey = stored.requestKey + "/Response";
+  stored.returnChannel = stored.requestKey + "/CHANNEL";
+  const std::string bodyKey = stored.requestKey + "/RequestData";
+  if (request.body && !WriteResource(redis, bodyKey, *request.body)) return std::nullopt;
+  HashBatch record;
+  auto& fields = record[stored.requestKey];
+  fields["&&RequestMethod"] = request.method;
+  fields["&&TargetURI"] = request.targetUri;
+  fields["&&ReturnChannel"] = stored.returnChannel;
+  fields["&&Privileges"] = request.privileges;
+  if (request.body) fields["&&RequestData"] = bodyKey;
+  if (!request.sseChannel.empty()) {
+    fields["&&IsSSE"] = "true";
+    fields["&&SSE-CHANNEL"] = request.sseChannel;
+  }
+  if (!HashBatchWrite(redis, record)) return std::nullopt;
+  return stored;
+}
+
+bool AnnounceRequest(redisContext* redis, std::string_view channel, const StoredRequest& stored) {
+  const std::string announcement = stored.requestKey + " " + stored.responseKey;
+  const RedisReply reply = SendArguments(redis, {"PUBLISH", channel, announcement});
+  return IsInteger(reply) && reply->integer > 0;
+}
+
+FrontEndAnswer ReadAnswer(redisContext* redis, const StoredRequest& stored) {
+  RedisPipeline pipeline(redis);
+  pipeline.Append({"HGET", stored.responseKey, "&&ReturnStatus"});
+  pipeline.Append({"HGET", stored.responseKey + "/ResponseData", "&&RawJSON"});
+  pipeline.Append({"HGET", stored.requestKey, "&&Location"});
+  pipeline.Append({"LRANGE", stored.responseKey + "/ExtendedInfo", "0", "-1"});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  FrontEndAnswer answer{
+      std::string(TextOf(replies[0])), {}, std::string(TextOf(replies[1])), std::string(TextOf(replies[2]))};
+  for (const std::string& entry : Texts(replies[3])) answer.messages.push_back(ReadMessage(redis, entry));
+  return answer;
+}
+
+void RemoveRequest(redisContext* redis, const StoredRequest& stored) {
+  for (const std::string& key : KeyListing(redis, EscapeGlob(stored.requestKey) + "*")) KeyDelete(redis, key);
+}
+
+std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndRequest& request,
+                                          std::chrono::milliseconds patience) {
+  const std::optional<StoredRequest> stored = StoreRequest(redis, request);
+  if (!stored) return std::nullopt;
+  std::optional<FrontEndAnswer> answer;
+  const RedisContext subscriber = Listen(stored->returnChannel, patience);
+  if (subscriber && AnnounceRequest(redis, ChannelOf(request.targetUri), *stored) && AwaitMessage(subscriber.get())) {
+    answer = ReadAnswer(redis, *stored);
+  }
+  RemoveRequest(redis, *stored);
+  return answer;
+}
+
+std::optional<Json> ReadForClient(redisContext* redis, const std::string& uri) {
+  if (!KeyExists(redis, uri)) return std::nullopt;
+  Json document;
+  if (!ReadResource(redis, uri, document)) return std::nullopt;
+  const std::string sensitive = HashRead(redis, uri, "&&SensitiveData");
+  for (size_t begin = 0; begin < sensitive.size();) {
+    const size_t end = std::min(sensitive.find(',', begin), sensitive.size());
+    Hide(document, std::string_view(sensitive).substr(begin, end - begin));
+    begin = end + 1;
+  }
+  StripReferencePrefixes(document);
+  return document;
+}
+
+}  // namespace event_service
