@@ -2,19 +2,23 @@
 ///
 /// At rest there are only the encrypted database file and the password file. A change decrypts into a plain working
 /// file, changes the document, writes the plain file and encrypts it back; at every instant one of the two files is
-/// complete, and start-up takes a complete plain file first. Used by start-up, then by the Subscriptions listener only.
+/// complete, and start-up takes a complete plain file first (docs/architecture.md has the argument state by state).
+/// Used by start-up, then by the Subscriptions listener only.
 #pragma once
 
 #include <chrono>
 #include <functional>
+#include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "foundation/file_paths.h"
-#include "foundation/redis_commands.h"
 #include "foundation/shell.h"
 #include "resource_store/store_encoding.h"
+
+struct json_t;  // jansson's
 
 namespace event_service {
 
@@ -25,27 +29,108 @@ struct DbEnvironment {
   std::function<void(std::chrono::microseconds)> sleep;  // empty: the thread sleeps
 };
 
+struct DbValueDeleter {
+  void operator()(json_t* value) const;
+};
+using DbValue = std::unique_ptr<json_t, DbValueDeleter>;
+
+enum class DbFileState { kFilled, kEmpty, kMissing };
+
+/// Looks at a file; "File %s is empty." or "File %s doesn't exist." as a debug line where it is so.
+DbFileState CheckDbFile(const std::string& path);
+
+/// In every change, `collectionEtag` is the stored text of the collection's "@odata.etag" (a JSON string; empty when
+/// there is none). A change gives false, after a logged line, when it could not be written into the file; what only
+/// the disk refused is kept in memory and goes into the file with the next change that succeeds.
 class SubscriptionDb {
  public:
   explicit SubscriptionDb(DbEnvironment environment = {});
 
-  /// The start-up procedure: takes the plain file when there is one, else decrypts the database file, else falls back
-  /// to the default data; loads what it found into Redis; leaves an encrypted file. False after a logged line.
-  [[nodiscard]] bool InitSubscriptionDb(redisContext* redis);
+  // --- Start-up -----------------------------------------------------------------------------------------------------
 
-  /// Adds a subscription. `subscriptionText` is the whole EventDestination as JSON text, control fields as strings;
-  /// `collectionEtag` the stored text of the collection's "@odata.etag". False after a logged line; the change is then
-  /// not in the file.
+  /// Undoes a move of an old unencrypted database file that was cut short. Start-up calls it before it looks whether
+  /// there is a database file; default data would otherwise be copied over the moved one.
+  void PutBackLegacyFile();
+
+  /// The start-up procedure: takes the plain file when there is one, else decrypts the database file, else falls back
+  /// to the default data; has what it found loaded into Redis; leaves an encrypted file. False after a logged line.
+  [[nodiscard]] bool InitSubscriptionDb();
+
+  /// The URIs of the members of the file as InitSubscriptionDb left it, in the file's order.
+  const std::vector<std::string>& RestoredUris() const { return restoredUris_; }
+
+  // --- Changes ------------------------------------------------------------------------------------------------------
+
+  /// Adds a subscription, in the place of an older one with the same URI. `subscriptionText` is the whole
+  /// EventDestination as JSON text, control fields as strings, with "@odata.id" naming this id in the collection;
+  /// "&&Privileges" is set to `privileges`.
   [[nodiscard]] bool InsertDbSubscription(std::string_view id, const std::string& subscriptionText,
                                           std::string_view privileges, std::string_view collectionEtag);
+
+  /// Adds several members in one change, each whole (as for an insert, with its "&&Privileges") and in the place of an
+  /// older one with the same URI. One that the file cannot take is logged and left out, and the result is false; the
+  /// others are written all the same. Nothing is done for an empty list.
+  [[nodiscard]] bool WriteBackDbSubscriptions(std::span<const Json> members, std::string_view collectionEtag);
 
   /// Removes the first member with this URI; one that the file does not hold is removed already.
   [[nodiscard]] bool DeleteDbSubscription(std::string_view uri, std::string_view collectionEtag);
 
   /// Merges `changes` into the member with this URI: members of objects one by one (JSON merge patch, but null is a
-  /// value), anything else replaced whole. A name in `removed` ("SNMP/AuthenticationKey") is taken out.
+  /// value), anything else replaced whole. A name in `removed` ("SNMP/AuthenticationKey") is taken out. False also when
+  /// the file holds no such member.
   [[nodiscard]] bool UpdateDbSubscription(std::string_view uri, const Json& changes,
                                           const std::vector<std::string>& removed, std::string_view collectionEtag);
+
+  /// Copies the collection's etag into the file.
+  [[nodiscard]] bool RefreshDbEtag(std::string_view collectionEtag);
+
+  // --- The steps they are made of -----------------------------------------------------------------------------------
+
+  /// Reads the first line of the password file, once in a process: true at once when it is known. True with an empty
+  /// password for an empty file.
+  [[nodiscard]] bool ReadDbPassword();
+  /// Generates and stores a password unless there is one.
+  [[nodiscard]] bool EnsureDbPassword();
+
+  /// Encrypts the plain file into the database file, flushes that and removes the plain file. On failure the plain file
+  /// stays and is encrypted once more before the next change.
+  [[nodiscard]] bool EncodeDbFile();
+  /// Decrypts the database file into the plain file; with `retry` up to three times, a second apart.
+  [[nodiscard]] bool DecodeDbFile(bool retry);
+
+  /// The document in the database file, null when there is none or it cannot be read; the plain file is gone afterwards
+  /// either way, unless it waited for an encryption that failed again.
+  [[nodiscard]] DbValue LoadDb();
+  /// Writes the document into the plain file and encrypts that.
+  [[nodiscard]] bool DumpDbFile(const json_t* root);
+  /// Sets the root's "@odata.etag" to the text that the stored etag stands for.
+  static bool SetDbEtag(json_t* root, std::string_view collectionEtag);
+
+  /// Has a plain file loaded into Redis by the resource loader.
+  [[nodiscard]] bool RestoreDbToRedis(const std::string& plainFile);
+
+ private:
+  /// Changes the "Members" array; false, after a logged line, when there is nothing to write.
+  using Edit = std::function<bool(json_t* members)>;
+  struct LoadFailureLines;
+
+  bool RestoreDatabaseFile();
+  bool MoveLegacyFile();
+  bool FallBackToDefaultData();
+  bool FinishStart();
+  void GatherRestoredUris();
+
+  bool GeneratePassword();
+  void KeepPasswordFile() const;
+  int RunCipher(const std::string& commandStart, const std::string& commandEnd) const;
+  bool EncryptPlainFile();
+  bool ChangeMembers(Edit edit, std::string_view collectionEtag, const LoadFailureLines& lines);
+
+  DbEnvironment environment_;
+  std::string password_;
+  bool plainFileIsAhead_ = false;  // an encryption failed: the plain file holds what the database file lacks
+  std::vector<Edit> unwritten_;    // changes that failed before they were in either file, oldest first
+  std::vector<std::string> restoredUris_;
 };
 
 }  // namespace event_service
