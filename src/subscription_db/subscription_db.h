@@ -39,6 +39,12 @@ enum class DbFileState { kFilled, kEmpty, kMissing };
 /// Looks at a file; "File %s is empty." or "File %s doesn't exist." as a debug line where it is so.
 DbFileState CheckDbFile(const std::string& path);
 
+/// What a change logs when there is no document to change, or one without members.
+struct DbLoadFailureLines {
+  const char* noRoot;
+  const char* noMembers;
+};
+
 /// In every change, `collectionEtag` is the stored text of the collection's "@odata.etag" (a JSON string; empty when
 /// there is none). A change gives false, after a logged line, when it could not be written into the file; what only
 /// the disk refused is kept in memory and goes into the file with the next change that succeeds.
@@ -112,7 +118,6 @@ class SubscriptionDb {
  private:
   /// Changes the "Members" array; false, after a logged line, when there is nothing to write.
   using Edit = std::function<bool(json_t* members)>;
-  struct LoadFailureLines;
 
   bool RestoreDatabaseFile();
   bool MoveLegacyFile();
@@ -124,7 +129,8 @@ class SubscriptionDb {
   void KeepPasswordFile() const;
   int RunCipher(const std::string& commandStart, const std::string& commandEnd) const;
   bool EncryptPlainFile();
-  bool ChangeMembers(Edit edit, std::string_view collectionEtag, const LoadFailureLines& lines);
+  bool ChangeMembers(Edit edit, std::string_view collectionEtag, const DbLoadFailureLines& lines);
+  void KeepUnwritten(Edit edit);
 
   DbEnvironment environment_;
   std::string password_;

@@ -1,0 +1,128 @@
+// What start-up does with the files: it takes the first of plain file, database file and default data that loads.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <optional>
+
+#include "foundation/durable_file.h"
+#include "foundation/logging.h"
+#include "subscription_db/db_document.h"
+#include "subscription_db/private_file.h"
+#include "subscription_db/subscription_db.h"
+
+namespace event_service {
+namespace {
+
+/// The second name of an unencrypted database file while it is moved and encrypted.
+std::string LegacyName(const FilePaths& paths) { return paths.databaseFile + ".legacy"; }
+
+}  // namespace
+
+void SubscriptionDb::PutBackLegacyFile() {
+  const std::string& databaseFile = environment_.paths.databaseFile;
+  const std::string legacyFile = LegacyName(environment_.paths);
+  if (!FileIsThere(legacyFile) || FileIsFilled(databaseFile)) return;
+  // Once moved, the same file is the plain file, which goes first; an empty database file keeps default data from being
+  // copied over it. Were it put back, the plain file would be encrypted over itself.
+  const bool moved = IsSameFile(environment_.paths.plainDatabaseFile, legacyFile);
+  const bool putBack =
+      moved ? MakePrivateFile(databaseFile, false) : std::rename(legacyFile.c_str(), databaseFile.c_str()) == 0;
+  if (!putBack || !SyncFolderOf(databaseFile)) {
+    LogError("Failed to put the file %s back as the subscription DB file.", legacyFile.c_str());
+  }
+}
+
+bool SubscriptionDb::InitSubscriptionDb() {
+  const FilePaths& paths = environment_.paths;
+  LogDebug("The subscription DB file path is %s.", paths.databaseFile.c_str());
+  LogDebug("The subscription plain DB file path is %s.", paths.plainDatabaseFile.c_str());
+  LogDebug("The subscription password file path is %s.", paths.passwordFile.c_str());
+
+  std::optional<std::string> plainAside;
+  if (CheckDbFile(paths.plainDatabaseFile) == DbFileState::kFilled) {
+    chmod(paths.plainDatabaseFile.c_str(), S_IRUSR | S_IWUSR);
+    if (RestoreDbToRedis(paths.plainDatabaseFile)) return FinishStart();
+    // Out of the way of the decryption: it may be a whole document that the loader could not load today.
+    plainAside = MoveAside(paths.plainDatabaseFile);
+    if (!plainAside) return false;
+  }
+
+  const bool restored = CheckDbFile(paths.databaseFile) == DbFileState::kFilled && RestoreDatabaseFile();
+  if (restored && plainAside && !ReadDbDocument(*plainAside)) {
+    unlink(plainAside->c_str());  // what a dump or decryption left that was cut short; the database file was whole
+  } else if (plainAside) {
+    LogKeptAside(paths.plainDatabaseFile, *plainAside);
+  }
+  if (!restored && !FallBackToDefaultData()) return false;
+  return FinishStart();
+}
+
+bool SubscriptionDb::FinishStart() {
+  GatherRestoredUris();
+  if (!EnsureDbPassword() || !EncodeDbFile()) return false;
+  unlink(LegacyName(environment_.paths).c_str());
+  return true;
+}
+
+bool SubscriptionDb::RestoreDatabaseFile() {
+  const std::string& plainFile = environment_.paths.plainDatabaseFile;
+  if (ReadDbPassword() && !password_.empty()) return DecodeDbFile(true) && RestoreDbToRedis(plainFile);
+  return MoveLegacyFile() && RestoreDbToRedis(plainFile);
+}
+
+bool SubscriptionDb::MoveLegacyFile() {
+  const std::string& databaseFile = environment_.paths.databaseFile;
+  const std::string& plainFile = environment_.paths.plainDatabaseFile;
+  const std::string legacyFile = LegacyName(environment_.paths);
+  chmod(databaseFile.c_str(), S_IRUSR | S_IWUSR);
+  if (!IsSameFile(databaseFile, legacyFile)) {
+    if (FileIsThere(legacyFile) && !KeepAside(legacyFile)) return false;
+    if (link(databaseFile.c_str(), legacyFile.c_str()) != 0 || !SyncFolderOf(databaseFile)) {
+      LogError("Failed to give the file %s a second name.", databaseFile.c_str());
+    }
+  }
+  if (environment_.runShell("mv " + databaseFile + " " + plainFile) == 0) return true;
+  LogError("Failed to move subscription DB file.");
+  return false;
+}
+
+bool SubscriptionDb::FallBackToDefaultData() {
+  const std::string& databaseFile = environment_.paths.databaseFile;
+  const std::string& plainFile = environment_.paths.plainDatabaseFile;
+  LogError("Failed to decode db file. Uses default DB file instead.");
+  if (FileIsFilled(databaseFile)) {
+    if (!KeepAside(databaseFile)) return false;
+  } else if (FileIsFilled(plainFile)) {
+    if (!KeepAside(plainFile)) return false;  // the database file was moved here
+  }
+  const bool copied = MakePrivateFile(plainFile, true) &&
+                      environment_.runShell("cp " + environment_.paths.defaultDatabaseFile + " " + plainFile) == 0;
+  if (!copied) {
+    unlink(plainFile.c_str());  // half a copy must not become the database file
+    LogError("Cannot initialize db file due to the failure of copying static data.");
+  } else if (!RestoreDbToRedis(plainFile)) {
+    LogError("Failed to parse default DB file to redis.");
+  }
+  return true;
+}
+
+bool SubscriptionDb::RestoreDbToRedis(const std::string& plainFile) {
+  const std::string command =
+      environment_.paths.resourceLoader + " UPDATE " + plainFile + " " + std::string(kDbCollection);
+  if (environment_.runShell(command) == 0) return true;
+  LogError("Failed to restore subscriptions by db file.");
+  return false;
+}
+
+void SubscriptionDb::GatherRestoredUris() {
+  restoredUris_.clear();
+  const DbValue root = ReadDbDocument(environment_.paths.plainDatabaseFile);
+  const json_t* members = json_object_get(root.get(), "Members");
+  for (size_t i = 0; i < json_array_size(members); ++i) {
+    const char* uri = UriOfMember(json_array_get(members, i));
+    if (uri != nullptr) restoredUris_.emplace_back(uri);
+  }
+}
+
+}  // namespace event_service
