@@ -2,31 +2,15 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 
 #include "foundation/redis_commands.h"
 #include "foundation/redis_pipeline.h"
+#include "resource_store/resource_writer.h"  // the forms for batches
 #include "resource_store/store_encoding.h"
 
 namespace event_service {
-
-/// Appends one UNLINK of all these keys, answered by an integer; nothing when there are none.
-void AppendUnlink(RedisPipeline& pipeline, std::span<const std::string> keys);
-
-/// Appends the replacement of one member of the object at `key` by `value`, of whatever type, so that several can go
-/// in one batch: UNLINK of `oldKeys` (ResourceWalk::KeysOfMember) and of the value's own child key, HSET of the member,
-/// the writes of what is nested in it, as AppendDocument does. Every reply is an integer. A control field whose value
-/// is no string is not written.
-[[nodiscard]] bool AppendPropertyWrites(RedisPipeline& pipeline, std::string_view key, std::string_view name,
-                                        const Json& value, int64_t& sequence,
-                                        std::span<const std::string> oldKeys = {});
-
-/// Appends the removal of one member: UNLINK of `oldKeys`, HDEL.
-void AppendPropertyRemoval(RedisPipeline& pipeline, std::string_view key, std::string_view name,
-                           std::span<const std::string> oldKeys = {});
 
 /// Replaces one member of the object at `key` by `value`, of whatever type: what the old value had stored under keys
 /// below `key` is removed, the new value written. One "[ERROR]" line on standard error and false when a command fails.

@@ -34,7 +34,7 @@ using NumberTexts = std::map<std::string, std::string, std::less<>>;
 
 struct ReadOptions {
   /// What the key is known to hold; without it the walk asks first (one round trip more).
-  std::optional<ContainerKind> knownKind;
+  std::optional<ContainerKind> knownKind = {};
   /// Control fields (names that begin with "&&"): left out, or given as strings whatever they look like.
   bool withControlFields = false;
   /// Whether markers are followed whose target is not exactly the child key that the writer would have formed at that
@@ -87,20 +87,21 @@ class ResourceWalk {
   struct Node {
     std::string key;
     ContainerKind kind;
-    Json* value;         // where it is built; stays in place: an array gets its whole size before its first element
-    size_t depth;        // the document is 1
-    size_t branch;       // the node just below the document that this one hangs from; 0 for the document
-    std::string member;  // of a branch: its member name
-    std::string path;    // filled when number texts are wanted
+    Json* value;           // where it is built; null when only keys are wanted
+    size_t depth = 1;      // of the document
+    size_t branch = 0;     // the node right below the document that this one hangs from
+    std::string member{};  // of a branch: its member name
+    std::string path{};    // kept when number texts are wanted
   };
 
-  bool TakeReply(size_t index, const redisReply* reply);
-  bool TakeHash(size_t index, std::span<redisReply* const> fields);
-  bool TakeList(size_t index, std::span<redisReply* const> elements);
-  bool TakeValue(size_t index, std::string_view name, std::string_view stored, Json* slot);
-  bool TakeContainer(size_t index, std::string_view name, const Marker& marker, Json* slot);
+  bool TakeType(const redisReply* reply);
+  bool TakeReply(const Node& node, const redisReply* reply);
+  bool TakeHash(const Node& node, std::span<redisReply* const> items);
+  bool TakeList(const Node& node, std::span<redisReply* const> items);
+  bool TakeMarker(const Node& node, std::string_view name, const Marker& marker, std::string_view stored, Json* slot);
   bool TakeText(const Node& node, std::string_view name, std::string_view stored, Json* slot);
-  bool Fail(std::string_view message, std::string_view key, std::string_view field = {});
+  bool Fail(std::string_view message, const Node& node, std::string_view name = {});
+  static std::string PathOf(const Node& node, std::string_view name);
 
   ReadOptions options_;
   std::deque<Node> nodes_;                        // in the order of their visit; those from levelBegin_ on are pending

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "foundation/redis_commands.h"
@@ -34,6 +35,21 @@ bool NeedsSequenceIds(const Json& document);
 /// kMaxNesting.
 [[nodiscard]] bool AppendDocument(RedisPipeline& pipeline, std::string_view key, const Json& document,
                                   int64_t& sequence);
+
+/// Appends one UNLINK of all these keys, answered by an integer; nothing when there are none.
+void AppendUnlink(RedisPipeline& pipeline, std::span<const std::string> keys);
+
+/// Appends the replacement of one member of the object at `key` by `value`, of whatever type, so that several can go
+/// in one batch: UNLINK of `oldKeys` (ResourceWalk::KeysOfMember) and of the value's own child key, HSET of the member,
+/// the writes of what is nested in it, as AppendDocument does. Every reply is an integer. A control field whose value
+/// is no string is not written.
+[[nodiscard]] bool AppendPropertyWrites(RedisPipeline& pipeline, std::string_view key, std::string_view name,
+                                        const Json& value, int64_t& sequence,
+                                        std::span<const std::string> oldKeys = {});
+
+/// Appends the removal of one member: UNLINK of `oldKeys`, HDEL.
+void AppendPropertyRemoval(RedisPipeline& pipeline, std::string_view key, std::string_view name,
+                           std::span<const std::string> oldKeys = {});
 
 /// True when every write was answered by an integer; logs the first that was not ("[ERROR] Redis get reply failed!",
 /// "[ERROR] Updates property reply type is incorrect.").

@@ -1,8 +1,8 @@
-/// Stored resources as JSON text: our own version of what the board may bring along.
+/// Stored resources as JSON text (libJsonGenerator). This is our own version of it; a board may link its own.
 ///
-/// Containers are rebuilt through their markers; control fields ("&&...") come as strings. Each function takes the
-/// caller's connection and changes nothing in Redis. Nothing, after one "[ERROR]" line on standard error, when the key
-/// holds something else than expected, when a reply is missing or when a stored value cannot be read.
+/// Containers are rebuilt through their markers; control fields ("&&...") come as strings, whatever they look like.
+/// Each function reads only. Nothing, after one "[ERROR]" line on standard error, when the key holds something else
+/// than expected, a reply is missing or a stored value cannot be read.
 #pragma once
 
 #include <hiredis/hiredis.h>
@@ -11,16 +11,12 @@
 #include <string>
 #include <string_view>
 
-namespace event_service {
-
-/// The whole document at `key` as compact JSON text, object or array, whichever the key holds.
+/// The whole document at `key` as compact JSON text: object or array, whichever the key holds.
 std::optional<std::string> convertRedisDataToJsonString(redisContext* redis, std::string_view key);
 
-/// The array at `key` as compact JSON text; a missing one is "[]".
+/// The array at `key` as compact JSON text; a missing one gives "[]".
 std::optional<std::string> convertArrayDataToJsonString(redisContext* redis, std::string_view key);
 
-/// A reference marker, of a hash field or of a list element, as {"@odata.id": ...}, without the "&&" that a
-/// collection's entries put in front of the URI. Nothing, without a log line, for any other text.
+/// A reference marker, of a hash field or of a list element, as {"@odata.id": ...}; the "&&" that a collection's
+/// entries put in front of the URI is left out. Nothing, without a log line, for any other text.
 std::optional<std::string> convertObjectRefDataToJsonString(std::string_view marker);
-
-}  // namespace event_service

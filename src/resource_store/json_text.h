@@ -1,0 +1,17 @@
+/// The JSON texts that the store holds, one by one: mostly short strings and numbers.
+#pragma once
+
+#include <string_view>
+
+#include "resource_store/store_encoding.h"
+
+namespace event_service {
+
+/// True for a text that is a number by the grammar of JSON, of any size.
+bool IsJsonNumber(std::string_view text);
+
+/// Parses one whole JSON text. False when it is none. `exact` is cleared for a number that the result does not write
+/// the same way again; one beyond the range of a double becomes the largest with its sign.
+bool ParseJsonText(std::string_view text, Json& value, bool& exact);
+
+}  // namespace event_service

@@ -1,0 +1,213 @@
+#include "resource_store/resource_walk.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "resource_store/json_text.h"
+#include "resource_store/store_log.h"
+
+namespace event_service {
+namespace {
+
+Json EmptyContainer(ContainerKind kind) { return kind == ContainerKind::kObject ? Json::object() : Json::array(); }
+
+bool IsDecimal(std::string_view text) {
+  return !text.empty() && std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
+}
+
+/// True for the target that the writer gives a container at this place.
+bool IsDerivedTarget(std::string_view parentKey, ContainerKind parentKind, std::string_view name,
+                     std::string_view target) {
+  if (parentKind == ContainerKind::kObject) return target == ChildKey(parentKey, name);
+  const std::string anyElement = ChildKey(parentKey, {});
+  return target.starts_with(anyElement) && IsDecimal(target.substr(anyElement.size()));
+}
+
+/// The string that an array element's text was before it lost its quotes; the text itself when it never had any.
+Json StringOfMarkerText(std::string_view stored) {
+  Json text = Json::parse('"' + std::string(stored) + '"', nullptr, false);
+  if (!text.is_string()) text = std::string(stored);
+  return text;
+}
+
+}  // namespace
+
+std::optional<ContainerKind> TakeResourceType(const redisReply* typeReply, std::string_view key) {
+  const std::string_view type = TextOf(typeReply);
+  if (type == "hash") return ContainerKind::kObject;
+  if (type == "list") return ContainerKind::kArray;
+  LogStoreError("Gets resource type failed.", {{kLogResource, key}, {kLogResultCode, type}});
+  return std::nullopt;
+}
+
+ResourceWalk::ResourceWalk(std::string_view key, const ReadOptions& options, Json* document)
+    : options_(options), typeKnown_(options.knownKind.has_value()) {
+  const ContainerKind kind = options.knownKind.value_or(ContainerKind::kObject);
+  nodes_.push_back({.key = std::string(key), .kind = kind, .value = document});
+  visited_.insert(nodes_.front().key);
+  if (document != nullptr) *document = EmptyContainer(kind);
+}
+
+void ResourceWalk::AppendLevel(RedisPipeline& pipeline) {
+  firstReply_ = pipeline.Size();
+  if (Done()) return;
+  if (!typeKnown_) {
+    pipeline.Append({"TYPE", nodes_.front().key});
+    return;
+  }
+  for (size_t i = levelBegin_; i < nodes_.size(); ++i) {
+    if (nodes_[i].kind == ContainerKind::kObject) {
+      pipeline.Append({"HGETALL", nodes_[i].key});
+    } else {
+      pipeline.Append({"LRANGE", nodes_[i].key, "0", "-1"});
+    }
+  }
+}
+
+bool ResourceWalk::TakeLevel(std::span<const RedisReply> replies) {
+  if (Done()) return true;
+  const auto reply = [&](size_t i) {
+    return firstReply_ + i < replies.size() ? replies[firstReply_ + i].get() : nullptr;
+  };
+  if (!typeKnown_) return TakeType(reply(0));
+
+  const size_t begin = std::exchange(levelBegin_, nodes_.size());
+  bool complete = true;
+  for (size_t i = begin; i < levelBegin_; ++i) complete &= TakeReply(nodes_[i], reply(i - begin));
+  return complete;
+}
+
+bool ResourceWalk::TakeRoot(const redisReply* hashReply) {
+  levelBegin_ = 1;
+  return TakeReply(nodes_.front(), hashReply);
+}
+
+bool ResourceWalk::TakeType(const redisReply* reply) {
+  Node& root = nodes_.front();
+  const std::optional<ContainerKind> kind = TakeResourceType(reply, root.key);
+  typeKnown_ = true;
+  if (!kind) {
+    failed_ = true;
+    levelBegin_ = nodes_.size();
+    return false;
+  }
+  root.kind = *kind;
+  if (root.value != nullptr) *root.value = EmptyContainer(*kind);
+  return true;
+}
+
+bool ResourceWalk::TakeReply(const Node& node, const redisReply* reply) {
+  if (reply == nullptr) return Fail("Redis get reply failed!", node);
+  const bool isWhole = IsArray(reply) && (node.kind == ContainerKind::kArray || reply->elements % 2 == 0);
+  if (!isWhole) return Fail("Gets redis resource failed.", node);
+  const std::span items(reply->element, reply->elements);
+  if (!std::ranges::all_of(items, [](const redisReply* item) { return IsString(item); })) {
+    return Fail("Gets redis resource failed.", node);
+  }
+  return node.kind == ContainerKind::kObject ? TakeHash(node, items) : TakeList(node, items);
+}
+
+bool ResourceWalk::TakeHash(const Node& node, std::span<redisReply* const> items) {
+  bool complete = true;
+  for (size_t i = 0; i < items.size(); i += 2) {
+    const std::string_view name = TextOf(items[i]);
+    const std::string_view stored = TextOf(items[i + 1]);
+    const auto slot = [&] { return node.value == nullptr ? nullptr : &(*node.value)[std::string(name)]; };
+    if (LooksLikeMarker(name)) {
+      if (options_.withControlFields && node.value != nullptr) *slot() = std::string(stored);
+    } else if (!LooksLikeMarker(stored)) {
+      complete &= TakeText(node, name, stored, slot());
+    } else if (const std::optional<Marker> marker = ParseFieldMarker(stored)) {
+      complete &= TakeMarker(node, name, *marker, stored, slot());
+    }
+  }
+  return complete;
+}
+
+bool ResourceWalk::TakeList(const Node& node, std::span<redisReply* const> items) {
+  // No element may move once another level has a pointer to it.
+  if (node.value != nullptr) node.value->get_ref<Json::array_t&>().reserve(items.size());
+  const auto slot = [&] { return node.value == nullptr ? nullptr : &node.value->emplace_back(nullptr); };
+
+  bool complete = true;
+  for (size_t i = 0; i < items.size(); ++i) {
+    const std::string index = std::to_string(i);
+    const std::string_view stored = TextOf(items[i]);
+    if (!LooksLikeMarker(stored)) {
+      complete &= TakeText(node, index, stored, slot());
+    } else if (const std::optional<Marker> marker = ParseElementMarker(stored)) {
+      complete &= TakeMarker(node, index, *marker, stored, slot());
+    } else if (!options_.followForeignMarkers && node.value != nullptr) {
+      *slot() = StringOfMarkerText(stored);
+    }
+  }
+  return complete;
+}
+
+bool ResourceWalk::TakeMarker(const Node& node, std::string_view name, const Marker& marker, std::string_view stored,
+                              Json* slot) {
+  if (node.depth == kMaxNesting) return Fail("Resource is nested too deep.", node, name);
+  if (marker.kind == Marker::Kind::kReference) {
+    if (slot != nullptr) *slot = Json::object({{"@odata.id", std::string(marker.target)}});
+    return true;
+  }
+  if (!options_.followForeignMarkers && !IsDerivedTarget(node.key, node.kind, name, marker.target)) {
+    if (slot != nullptr) *slot = StringOfMarkerText(stored);
+    return true;
+  }
+  const ContainerKind kind = marker.kind == Marker::Kind::kObject ? ContainerKind::kObject : ContainerKind::kArray;
+  if (slot != nullptr) *slot = EmptyContainer(kind);
+  if (options_.ownKeysOnly && !IsUnderKey(nodes_.front().key, marker.target)) return true;
+  if (visited_.contains(marker.target)) return true;
+
+  const size_t index = nodes_.size();
+  Node child{.key = std::string(marker.target), .kind = kind, .value = slot, .depth = node.depth + 1};
+  child.branch = node.depth == 1 ? index : node.branch;
+  if (node.depth == 1) child.member = name;
+  if (options_.numberTexts != nullptr) child.path = PathOf(node, name);
+  nodes_.push_back(std::move(child));  // leaves `node`, an element of the same deque, where it is
+  visited_.insert(nodes_.back().key);
+  return true;
+}
+
+bool ResourceWalk::TakeText(const Node& node, std::string_view name, std::string_view stored, Json* slot) {
+  if (slot == nullptr) return true;
+  bool exact = true;
+  if (!ParseJsonText(stored, *slot, exact)) return Fail("Gets redis resource failed.", node, name);
+  if (!NestsWithin(*slot, kMaxNesting - node.depth)) return Fail("Resource is nested too deep.", node, name);
+  if (!exact && options_.numberTexts != nullptr) options_.numberTexts->emplace(PathOf(node, name), stored);
+  return true;
+}
+
+std::string ResourceWalk::PathOf(const Node& node, std::string_view name) {
+  return node.path.empty() ? std::string(name) : node.path + '/' + std::string(name);
+}
+
+bool ResourceWalk::Fail(std::string_view message, const Node& node, std::string_view name) {
+  if (std::exchange(failed_, true)) return false;
+  if (name.empty()) {
+    LogStoreError(message, {{kLogResource, node.key}});
+  } else {
+    LogStoreError(message,
+                  {{kLogResource, node.key}, {node.kind == ContainerKind::kObject ? kLogFields : kLogElement, name}});
+  }
+  return false;
+}
+
+std::vector<std::string> ResourceWalk::Keys() const {
+  std::vector<std::string> keys;
+  keys.reserve(nodes_.size());
+  for (const Node& node : nodes_) keys.push_back(node.key);
+  return keys;
+}
+
+std::vector<std::string> ResourceWalk::KeysOfMember(std::string_view name) const {
+  std::vector<std::string> keys;
+  for (const Node& node : nodes_) {
+    if (node.branch != 0 && nodes_[node.branch].member == name) keys.push_back(node.key);
+  }
+  return keys;
+}
+
+}  // namespace event_service

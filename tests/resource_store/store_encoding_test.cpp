@@ -1,0 +1,124 @@
+#include "resource_store/store_encoding.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <limits>
+#include <regex>
+
+#include "resource_store/json_text.h"
+#include "tests/support/log_capture.h"
+
+namespace event_service {
+namespace {
+
+/// Calls `check` with every text of up to `longest` pieces.
+void ForEveryText(std::initializer_list<std::string_view> pieces, size_t longest,
+                  const std::function<void(const std::string&)>& check, const std::string& begin = {}) {
+  check(begin);
+  if (longest == 0) return;
+  for (const std::string_view piece : pieces) ForEveryText(pieces, longest - 1, check, begin + std::string(piece));
+}
+
+TEST(StoreEncoding, MatchersAgreeWithTheirRegularExpressions) {
+  const std::regex quotedMarker("^\"&&[^ ]+ +.*\"$");
+  ForEveryText({"\"", "&", "&&", "x", " ", "\n", "\r"}, 6, [&](const std::string& text) {
+    ASSERT_EQ(IsQuotedMarkerText(text), std::regex_search(text, quotedMarker)) << text;
+  });
+  const std::regex fieldMarker("^&&(Object|Array|ObjectRef) [^ ]* [^ ]*$");
+  const std::regex elementMarker("^&&(Object|Array|ObjectRef) [^ ]*$");
+  ForEveryText({"&&Object", "&&Array", "Ref", " ", "x", "&&"}, 5, [&](const std::string& text) {
+    ASSERT_EQ(ParseFieldMarker(text).has_value(), std::regex_search(text, fieldMarker)) << text;
+    ASSERT_EQ(ParseElementMarker(text).has_value(), std::regex_search(text, elementMarker)) << text;
+  });
+  const std::regex number("^-?(0|[1-9][0-9]*)(\\.[0-9]+)?([eE][+-]?[0-9]+)?$");
+  ForEveryText({"0", "7", "-", "+", ".", "e", "E", " "}, 6, [&](const std::string& text) {
+    ASSERT_EQ(IsJsonNumber(text), std::regex_search(text, number)) << text;
+  });
+}
+
+TEST(StoreEncoding, LongTextsNeedNoStack) {
+  const std::string text = "\"&&" + std::string(4'000'000, 'x') + " " + std::string(4'000'000, ' ') + "\"";
+  EXPECT_TRUE(IsQuotedMarkerText(text));
+  EXPECT_FALSE(ParseFieldMarker(text));
+}
+
+TEST(StoreEncoding, MarkersNameKindAndTarget) {
+  const std::optional<Marker> object = ParseFieldMarker("&&Object Status &&/k/Status");
+  ASSERT_TRUE(object);
+  EXPECT_EQ(object->kind, Marker::Kind::kObject);
+  EXPECT_EQ(object->target, "&&/k/Status");
+  EXPECT_EQ(ParseFieldMarker("&&Array  &&/k/")->target, "&&/k/") << "the member's name may be empty";
+  EXPECT_EQ(ParseElementMarker("&&ObjectRef /redfish/v1/Managers/1")->kind, Marker::Kind::kReference);
+  EXPECT_FALSE(ParseFieldMarker("&&Object a name &&/k/a name"));
+}
+
+TEST(StoreEncoding, ChildKeysBeginWithTheHiddenPrefixOnce) {
+  EXPECT_EQ(ChildKey("/k", "Status"), "&&/k/Status");
+  EXPECT_EQ(ChildKey("&&/k/Tags", "42"), "&&/k/Tags/42");
+  const struct {
+    const char* document;
+    const char* key;
+    bool isUnder;
+  } cases[] = {
+      {"/k", "&&/k/a", true},   {"/k", "&&/k/a/b", true}, {"&&/k", "&&/k/a", true},    {"/k", "/k/a", false},
+      {"/k", "&&/kk/a", false}, {"/k", "&&/k", false},    {"&&/k", "&&&&/k/a", false},
+  };
+  for (const auto& row : cases) EXPECT_EQ(IsUnderKey(row.document, row.key), row.isUnder) << row.document << row.key;
+}
+
+TEST(StoreEncoding, AReferenceIsExactlyOneStringMember) {
+  EXPECT_TRUE(IsReference(Json::parse(R"({"@odata.id":"/redfish/v1/Managers/1"})")));
+  for (const char* other :
+       {R"({"@odata.id":"/a","x":1})", R"({"@odata.id":1})", R"({"x":"/a"})", R"({})", R"(["@odata.id"])"}) {
+    EXPECT_FALSE(IsReference(Json::parse(other))) << other;
+  }
+}
+
+TEST(StoreEncoding, DumpItemGivesTextOrChildKey) {
+  int64_t none = kNoSequence;
+  int64_t sequence = 41;
+  const DumpedItem text = DumpItem("/k", &sequence, "0", "a \"b\" \u00e4");
+  EXPECT_EQ(text.valueText, "\"a \\\"b\\\" \u00e4\"");
+  EXPECT_EQ(text.childKey, "");
+  EXPECT_EQ(text.name, "0");
+  EXPECT_EQ(DumpItem("/k", &none, "Status", Json::object()).childKey, "&&/k/Status");
+  EXPECT_EQ(none, kNoSequence);
+  EXPECT_EQ(DumpItem("&&/k/Tags", &sequence, "1", Json::array()).childKey, "&&/k/Tags/41");
+  EXPECT_EQ(DumpItem("&&/k/Tags", &sequence, "2", Json::object({{"@odata.id", "/m"}})).childKey, "&&/k/Tags/42");
+  EXPECT_EQ(sequence, 43) << "primitives take no id, references do";
+  sequence = std::numeric_limits<int64_t>::max();
+  EXPECT_EQ(DumpItem("&&/k", &sequence, "0", Json::object()).childKey, "&&/k/9223372036854775807");
+  EXPECT_EQ(sequence, 1);
+}
+
+TEST(StoreEncoding, DumpItemLogsWhatIsNotUtf8) {
+  const StreamCapture capture(STDERR_FILENO);
+  int64_t none = kNoSequence;
+  const DumpedItem item = DumpItem("/k", &none, "Name", "\xff");
+  EXPECT_TRUE(item.valueText.empty() && item.name.empty() && item.childKey.empty());
+  EXPECT_TRUE(capture.Text().starts_with("[ERROR] Dump JSON object error. EXCEPTION=[json.exception.type_error.316]"))
+      << capture.Text();
+}
+
+TEST(StoreEncoding, BuildMarkerWritesFieldsElementsAndReferences) {
+  const Json reference = Json::object({{"@odata.id", "/m"}});
+  const struct {
+    bool isElement;
+    Json value;
+    const char* marker;
+  } cases[] = {
+      {false, Json::object(), "&&Object Name &&/k/c"}, {true, Json::object(), "&&Object &&/k/c"},
+      {false, Json::array(), "&&Array Name &&/k/c"},   {true, Json::array(), "&&Array &&/k/c"},
+      {false, reference, "&&ObjectRef Name /m"},       {true, reference, "&&ObjectRef /m"},
+  };
+  for (const auto& row : cases) {
+    std::string key = "/k/c";
+    EXPECT_EQ(BuildMarker(row.isElement, row.value, key, "Name"), row.marker);
+    EXPECT_EQ(key, row.value == reference ? "/k/c" : "&&/k/c");
+  }
+}
+
+}  // namespace
+}  // namespace event_service
