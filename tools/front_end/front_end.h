@@ -21,7 +21,7 @@ struct FrontEndRequest {
   std::string targetUri;
   std::optional<Json> body;
   std::string privileges = "ConfigureManager";
-  std::string sseChannel;  // not empty: the request opens a stream of server-sent events
+  std::string sseChannel = {};  // not empty: the request opens a stream of server-sent events
 };
 
 /// Where a request lies in Redis. Every key begins with the request key.
