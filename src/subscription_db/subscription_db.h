@@ -26,7 +26,7 @@ namespace event_service {
 struct DbEnvironment {
   FilePaths paths = ProcessPaths();
   ShellRunner runShell = RunShell;
-  std::function<void(std::chrono::microseconds)> sleep;  // empty: the thread sleeps
+  std::function<void(std::chrono::microseconds)> sleep = {};  // empty: the thread sleeps
 };
 
 struct DbValueDeleter {

@@ -1,0 +1,55 @@
+/// A sandbox with a database file in it, shell commands that are watched, and what the documented commands make of it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "subscription_db/subscription_db.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox_root.h"
+
+namespace event_service {
+
+inline const std::string kUris = "/redfish/v1/EventService/Subscriptions/";
+inline const std::string kEtagText = R"("\"ABC\"")";
+
+/// A member as a creation hands it over.
+Json MemberOf(const std::string& id, const std::string& context = "here");
+/// A whole document with these members.
+Json DocumentOf(const std::vector<std::string>& ids);
+
+class DbSandboxTest : public testing::Test {
+ protected:
+  DbSandboxTest();
+
+  /// A new process's view of the files; shell commands go through Run.
+  SubscriptionDb NewDb();
+  /// Stores a document as an earlier run would have left it: encrypted, with a password file.
+  void StoreText(const std::string& plainText);
+  void Store(const std::vector<std::string>& ids) { StoreText(DocumentOf(ids).dump()); }
+  /// The database file, decrypted by the documented command line; discarded when that fails.
+  Json Stored() const;
+  /// The Ids of the stored members, in order.
+  std::vector<std::string> StoredIds() const;
+
+  const FilePaths& Paths() const { return sandbox_.Paths(); }
+  static unsigned ModeOf(const std::string& path);
+  /// Takes the sandbox's name out of a text, and the number out of "fd:7".
+  std::string Neutral(std::string text) const;
+  std::vector<std::string> FileNames() const;
+
+  SandboxRoot sandbox_;
+  LogCapture log_;
+  std::vector<std::string> commands_;  // run so far, neutral
+  std::vector<std::chrono::microseconds> waits_;
+  /// Called before each command; what it returns instead of nothing is the command's status.
+  std::function<std::optional<int>(const std::string& command)> beforeCommand_;
+
+ private:
+  int Run(const std::string& command);
+};
+
+}  // namespace event_service
