@@ -12,8 +12,9 @@ namespace event_service {
 /// Flushes the entries of the folder that holds `path`: what was created, renamed or removed there. Logs nothing.
 [[nodiscard]] bool SyncFolderOf(const std::string& path);
 
-/// Replaces `path` by a file of mode 600 with this content, wholly or not at all: writes a temporary file beside it,
-/// flushes it, renames it over the old one and flushes the folder. False leaves the old file. Logs nothing.
+/// Replaces `path` by a file of mode 600 with this content, wholly or not at all: writes "<path>.new", flushes it,
+/// renames it over the old one and flushes the folder. False leaves the old file, unless the folder alone could not be
+/// flushed. One caller at a time for each path. Logs nothing.
 [[nodiscard]] bool ReplaceFile(const std::string& path, std::string_view content);
 
 /// The first line of a file without its line end; empty when the file cannot be read or is empty. Logs nothing.

@@ -40,10 +40,7 @@ std::vector<RedisReply> RedisPipeline::Execute() {
   count_ = 0;
   // A connection that has failed stays failed: nothing is sent to it and nothing is expected from it.
   if (redis_->err != 0 || !Send(redis_, commands)) return replies;
-  for (RedisReply& reply : replies) {
-    reply = ReadReply(redis_);
-    if (!reply) break;
-  }
+  for (RedisReply& reply : replies) reply = ReadReply(redis_);
   return replies;
 }
 

@@ -45,12 +45,20 @@ void SetCounter(redisContext* redis, std::string_view value) {
 }  // namespace
 
 int32_t MaxEventGroupId(redisContext* redis) {
-  int32_t maximum = knownMaximum.load();
-  if (maximum == kNotReadYet) {
-    maximum = ParseMaximum(HashRead(redis, "webDefaultValue", "MAX_EVENT_GROUP_ID"));
-    knownMaximum.store(maximum);
+  if (knownMaximum.load() == kNotReadYet) {
+    RedisPipeline pipeline(redis);
+    AppendMaxEventGroupIdRead(pipeline);
+    SettleMaxEventGroupId(pipeline.Execute().front().get());
   }
-  return maximum;
+  return knownMaximum.load();
+}
+
+size_t AppendMaxEventGroupIdRead(RedisPipeline& pipeline) {
+  return pipeline.Append({"HGET", "webDefaultValue", "MAX_EVENT_GROUP_ID"});
+}
+
+void SettleMaxEventGroupId(const redisReply* reply) {
+  knownMaximum.store(ParseMaximum(IsString(reply) ? TextOf(reply) : std::string_view()));
 }
 
 void ForgetMaxEventGroupId() { knownMaximum.store(kNotReadYet); }

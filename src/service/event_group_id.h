@@ -12,6 +12,10 @@ namespace event_service {
 /// every call until then. Any thread with its own connection. A value that is no number from 1 on is logged.
 int32_t MaxEventGroupId(redisContext* redis);
 
+/// The first reading in two halves, so that start-up's can travel with other commands.
+size_t AppendMaxEventGroupIdRead(RedisPipeline& pipeline);
+void SettleMaxEventGroupId(const redisReply* reply);
+
 /// Forgets the maximum, as a new process knows none. Start-up calls it before the listeners run.
 void ForgetMaxEventGroupId();
 

@@ -12,6 +12,10 @@ inline constexpr std::string_view kSmtpKey = "&&/redfish/v1/EventService/SMTP";
 /// The collection's list of members.
 inline constexpr std::string_view kSubscriptionsMembersKey = "&&/redfish/v1/EventService/Subscriptions/Members";
 
+/// What clients may filter by, as the EventService shows it.
+inline constexpr std::string_view kResourceTypesKey = "&&/redfish/v1/EventService/ResourceTypes";
+inline constexpr std::string_view kRegistryPrefixesKey = "&&/redfish/v1/EventService/RegistryPrefixes";
+
 /// Where the front end announces requests: the EventService's own, and everything about subscriptions.
 inline constexpr std::string_view kEventServiceChannel = "&&/redfish/v1/EventService/CHANNEL";
 inline constexpr std::string_view kSubscriptionsChannel = "&&/redfish/v1/EventService/Subscriptions/CHANNEL";

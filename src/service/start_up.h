@@ -2,7 +2,8 @@
 /// be tested with stand-ins.
 #pragma once
 
-#include "foundation/file_paths.h"
+#include <pthread.h>
+
 #include "foundation/redis_commands.h"
 #include "service/settings.h"
 
@@ -14,10 +15,15 @@ struct StartUpSteps {
   void* (*eventServiceListener)(void*);  // pthread entry points, with a null argument
   void* (*subscriptionsListener)(void*);
   void (*createGeneratedDestinations)(redisContext* redis, const ServiceSettings& settings);
+  int (*createThread)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) = pthread_create;
 };
 
-/// Brings the daemon up and waits for both listeners. Returns the exit status: 0 after both have ended, or -1 after one
-/// logged error line. The paths come from ProcessPaths().
-int RunStartUp(const StartUpSteps& steps);
+/// Brings the daemon up, filling settings and state, and waits for both listeners. Returns the exit status: 0 after
+/// both have ended, or -1 after one logged error line. After a failure to start the second listener the first one still
+/// runs: the process must then end without destroying what a listener uses.
+///
+/// A std::logic_error, std::regex_error or std::bad_cast that a step throws before the listeners run ends start-up
+/// with its logged line; any other exception passes through.
+int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, SubscriptionsState& state);
 
 }  // namespace event_service

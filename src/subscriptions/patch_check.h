@@ -1,8 +1,7 @@
-/// Which properties of a PATCH of a subscription are taken, and which are named in the answer. Pure but for the header
-/// validator module.
+/// What becomes of a PATCH of a subscription. Pure but for the header validator module.
 #pragma once
 
-#include <string>
+#include <optional>
 #include <vector>
 
 #include "requests/answer.h"
@@ -11,14 +10,20 @@
 
 namespace event_service {
 
+/// Either an answer that ends the request with nothing changed, or what is to be written.
 struct PatchJudgement {
-  Json accepted = Json::object();  // the part of the body that can be applied, nested objects merged by their members
-  std::vector<Message> notUpdatable;  // unknown, read-only, fixed at creation: they do not stop the others
-  std::vector<Message> unacceptable;  // any of these refuses the whole
-  std::optional<Answer> failure;      // the header validator module failed
+  /// Set: this is the whole answer and nothing is written. A refusal; the no-operation response; success with messages
+  /// alone, when what could be updated has its value already; an exception, when the header validator module failed.
+  std::optional<Answer> answer;
+  /// Not empty when there is no answer yet: the properties whose values change. Arrays as they will be; of "SNMP" the
+  /// members that change, secrets in clear text, null for one that is to be removed.
+  Json changes = Json::object();
+  /// For the success answer: properties that can never be updated, which did not stop the others.
+  std::vector<Message> notUpdatable;
 };
 
-/// Judges a PATCH body against the property table; `stored` is the resource as it stands (top level at least).
+/// Judges a PATCH body against the property table. `stored` is the resource as it stands, with the whole content of the
+/// nested properties that the body names. A secret, header values included, always counts as a change.
 PatchJudgement JudgePatch(const Json& body, const Json& stored, const ServiceSettings& settings);
 
 }  // namespace event_service

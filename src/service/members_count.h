@@ -1,0 +1,27 @@
+/// The number of subscriptions: the published one is the length of the Members list, the one in memory moves by what
+/// the caller did. Start-up, then the Subscriptions listener only.
+#pragma once
+
+#include <cstdint>
+
+#include "foundation/redis_commands.h"
+#include "foundation/redis_pipeline.h"
+#include "service/settings.h"
+
+namespace event_service {
+
+/// Publishes the length of the Members list as "Members@odata.count" and moves `state.subscriptionCount` by `delta`; a
+/// delta of 0 sets it to the length. False, with the count in memory as it was, when Redis does not give the length or
+/// does not take the count. Logs nothing.
+[[nodiscard]] bool UpdateMembersCount(redisContext* redis, SubscriptionsState& state, int32_t delta);
+
+/// The same in steps that travel with other commands: ask for the length, after the member's entry has been added or
+/// removed;
+void AppendMembersLength(RedisPipeline& pipeline);
+/// publish it, in a later batch (false, with nothing appended, when that reply is no length);
+[[nodiscard]] bool AppendMembersCount(RedisPipeline& pipeline, const redisReply* length);
+/// and move the count in memory. False, with that count as it was, when the published one was not taken.
+[[nodiscard]] bool SettleMembersCount(SubscriptionsState& state, const redisReply* length, const redisReply* published,
+                                      int32_t delta);
+
+}  // namespace event_service

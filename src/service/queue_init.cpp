@@ -1,0 +1,61 @@
+#include "service/queue_init.h"
+
+#include <vector>
+
+#include "foundation/logging.h"
+#include "foundation/redis_pipeline.h"
+#include "service/discovery.h"
+#include "service/redis_keys.h"
+
+namespace event_service {
+namespace {
+
+constexpr std::string_view kRequestQueues[] = {"&&/redfish/v1/EventService/PATCHQ",
+                                               "&&/redfish/v1/EventService/POSTACTIONQ"};
+
+/// Each queue holds the channel's name at least; a queue that holds something already is left as it is.
+bool FillRequestQueues(redisContext* redis) {
+  RedisPipeline pipeline(redis);
+  for (const std::string_view queue : kRequestQueues) pipeline.Append({"LLEN", queue});
+  const std::vector<RedisReply> lengths = pipeline.Execute();
+  for (size_t i = 0; i < lengths.size(); ++i) {
+    if (!IsInteger(lengths[i])) {
+      LogError("Failed to get %s queue length.", kRequestQueues[i].data());
+      return false;
+    }
+    if (lengths[i]->integer == 0) pipeline.Append({"RPUSH", kRequestQueues[i], kEventServiceChannel});
+  }
+  if (!AllIntegers(pipeline.Execute())) {
+    LogError("Failed to push queue.");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool InitQueues(redisContext* redis, const ServiceSettings& settings) {
+  if (!FillRequestQueues(redis)) return false;
+
+  RedisPipeline pipeline(redis);
+  if (!settings.protocolOnly) {
+    pipeline.Append({"HSET", kSmtpKey, "&&Password", "null"});
+    pipeline.Append({"HSET", kEventServiceUri, "&&SensitiveData", "SMTP/Password"});
+  }
+  const size_t smtpWrites = pipeline.Size();
+  DiscoveryReads reads(pipeline);
+  std::vector<RedisReply> replies = pipeline.Execute();
+  if (!AllIntegers(std::span(replies).first(smtpWrites))) {
+    LogError("Failed to set SMTP/Password default setting.");
+    return false;
+  }
+  reads.Take(replies);
+  if (!InitResourceTypes(redis, reads.resourceTypes) ||
+      !InitRegistryPrefixes(redis, settings.paths, reads.registryPrefixes)) {
+    LogError("Failed to init ResourceTypes and RegistryPrefixes.");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace event_service

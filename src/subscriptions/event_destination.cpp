@@ -1,0 +1,193 @@
+#include "subscriptions/event_destination.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "foundation/logging.h"
+#include "platform/data_encrypt/data_encrypt.h"
+#include "service/static_tables.h"
+#include "subscriptions/member_uri.h"
+#include "subscriptions/syslog_exchange.h"
+
+namespace event_service {
+namespace {
+
+constexpr std::string_view kTrapCommunity = "TrapCommunity";
+constexpr std::string_view kAllowableValues = "@Redfish.AllowableValues";
+
+template <typename Names>
+bool Contains(const Names& names, std::string_view name) {
+  return std::ranges::find(names, name) != std::end(names);
+}
+
+std::string Joined(std::string_view name, std::string_view suffix) {
+  std::string joined(name);
+  joined += suffix;
+  return joined;
+}
+
+/// Adds "<property>@Redfish.AllowableValues" in the order of the table.
+void AddAllowableValues(Json& object, std::string_view property, const ServiceSettings& settings) {
+  Json values = Json::array();
+  const auto allowed = settings.allowedValues.find(property);
+  if (allowed != settings.allowedValues.end()) {
+    for (const std::string& text : allowed->second) values.push_back(Json::parse(text, nullptr, false));
+  }
+  object[Joined(property, kAllowableValues)] = std::move(values);
+}
+
+/// Copies the properties of the request, each in its stored form.
+bool ApplyBody(const Json& body, std::string_view passwordLine, Json& destination) {
+  for (const auto& [name, value] : body.items()) {
+    if (name == "SNMP" && value.is_object()) {
+      Json& snmp = destination[name] = Json::object();
+      if (!MergeSnmp(value, passwordLine, snmp)) return false;
+      continue;
+    }
+    destination[name] = value;
+    SetCount(destination, name);
+  }
+  return true;
+}
+
+/// What follows from the request as a whole.
+void ApplyConsequences(const Json& body, const NewDestination& about, Json& destination) {
+  if (!body.contains("EventFormatType")) {
+    destination["EventFormatType"] = body.contains("MetricReportDefinitions") ? "MetricReport" : "Event";
+  }
+  if (!body.contains("SubordinateResources") && !destination["OriginResources"].empty()) {
+    destination["SubordinateResources"] = false;
+  }
+  if (about.isSse) {
+    destination["SubscriptionType"] = "SSE";
+    destination["&&SSE-CHANNEL"] = about.sseChannel;
+    destination["&&TimeStamp"] = about.timeStamp;
+  }
+  if (!SyslogTransport(destination).empty()) {
+    destination["SubscriptionType"] = "Syslog";
+    destination["DeliveryRetryPolicy"] = "RetryForever";
+  }
+}
+
+void AddAnnotations(const NewDestination& about, const ServiceSettings& settings, Json& destination) {
+  const std::string uri = MemberUri(about.id);
+  destination["Id"] = about.id;
+  destination["Name"] = "Destination";
+  destination["@odata.id"] = uri;
+  destination["@odata.type"] = "#EventDestination.v1_11_2.EventDestination";
+  destination["@odata.context"] = "/redfish/v1/$metadata#EventDestination.EventDestination";
+  destination[std::string(kEtagField)] = about.etag;
+  destination["&&AllowMethod"] = "GET,HEAD,PATCH,DELETE";
+  if (about.isSse) return;
+
+  if (!destination.contains("DeliveryRetryPolicy")) destination["DeliveryRetryPolicy"] = settings.defaultRetryPolicy;
+  destination["Actions"]["#EventDestination.ResumeSubscription"] = {
+      {"target", uri + "/Actions/EventDestination.ResumeSubscription"}, {"title", "ResumeSubscription"}};
+  destination["Status"] = {{"State", "Enabled"}};
+  AddAllowableValues(destination, "DeliveryRetryPolicy", settings);
+  if (const auto snmp = destination.find("SNMP"); snmp != destination.end() && snmp->is_object()) {
+    AddSnmpAllowableValues(*snmp, settings);
+  }
+  destination[std::string(kSensitiveDataField)] = kSnmpSensitivePaths;
+}
+
+/// Forms the keys in the writer's order, because the elements of arrays take sequence ids. As deep as the document.
+void CollectKeys(std::string key, const Json& value, int64_t& sequence, std::vector<std::string>& keys) {
+  int64_t noSequence = kNoSequence;
+  for (auto item = value.begin(); item != value.end(); ++item) {
+    if (!item->is_structured()) continue;
+    std::string name = value.is_object() ? item.key() : std::string();
+    std::string childKey = DumpItem(key, value.is_object() ? &noSequence : &sequence, std::move(name), *item).childKey;
+    if (!IsReference(*item)) CollectKeys(std::move(childKey), *item, sequence, keys);
+  }
+  keys.push_back(std::move(key));
+}
+
+}  // namespace
+
+Json BuildDefaultEventDestination(std::string_view privileges) {
+  return {
+      {"&&PATCHValidation", "v_EventDestination.json"},
+      {"Context", nullptr},
+      {"SubordinateResources", nullptr},
+      {"SubscriptionType", "RedfishEvent"},
+      {"Description",
+       "This resource represents the target of an event subscription, including the types of events subscribed and "
+       "context to provide to the target in the Event payload."},
+      {"IncludeOriginOfCondition", false},
+      {"&&Privileges", privileges},
+      {"ResourceTypes", Json::array()},
+      {"RegistryPrefixes", Json::array()},
+      {"OriginResources", Json::array()},
+      {"MessageIds", Json::array()},
+      {"HttpHeaders", Json::array()},
+      {"MetricReportDefinitions", Json::array()},
+      {"OriginResources@odata.count", 0},
+      {"MetricReportDefinitions@odata.count", 0},
+  };
+}
+
+std::optional<Json> BuildEventDestination(const Json& body, const NewDestination& about,
+                                          const ServiceSettings& settings) {
+  Json destination = BuildDefaultEventDestination(about.privileges);
+  if (!ApplyBody(body, about.passwordLine, destination)) return std::nullopt;
+  ApplyConsequences(body, about, destination);
+  AddAnnotations(about, settings, destination);
+  return destination;
+}
+
+bool IsSnmpSecret(std::string_view member) { return Contains(kSensitiveSnmpKeys, member); }
+
+bool MergeSnmp(const Json& given, std::string_view passwordLine, Json& stored) {
+  for (const auto& [name, value] : given.items()) {
+    if (!IsSnmpSecret(name)) {
+      stored[name] = value;
+      continue;
+    }
+    const bool isKey = name != kTrapCommunity;
+    const bool isGiven = value.is_string() && !value.get_ref<const std::string&>().empty();
+    if (isKey) stored[name + "Set"] = isGiven;
+    if (!isGiven) {
+      if (isKey) {
+        stored.erase(name);
+      } else {
+        stored[name] = nullptr;
+      }
+      continue;
+    }
+    std::optional<std::string> encrypted = encryptToHexString(value.get_ref<const std::string&>(), passwordLine);
+    if (!encrypted) {
+      LogError("Failed to encrypt SNMP/%s.", name.c_str());
+      return false;
+    }
+    stored[name] = std::move(*encrypted);
+  }
+  return true;
+}
+
+void SetCount(Json& destination, const std::string& property) {
+  if (Contains(kCountedArrays, property)) destination[property + "@odata.count"] = destination[property].size();
+}
+
+void AddSnmpAllowableValues(Json& snmp, const ServiceSettings& settings) {
+  AddAllowableValues(snmp, "AuthenticationProtocol", settings);
+  AddAllowableValues(snmp, "EncryptionProtocol", settings);
+}
+
+std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destination, int64_t sequence) {
+  std::vector<std::string> keys;
+  CollectKeys(std::string(uri), destination, sequence, keys);
+  return keys;
+}
+
+std::string_view TextMember(const Json& object, std::string_view name) {
+  const auto member = object.find(name);
+  if (member == object.end() || !member->is_string()) return {};
+  return member->get_ref<const std::string&>();
+}
+
+std::string FileText(const Json& destination) {
+  return destination.dump(-1, ' ', false, Json::error_handler_t::replace);  // control fields hold any byte
+}
+
+}  // namespace event_service

@@ -1,0 +1,67 @@
+/// The stored form of one subscription, built whole as a value before anything is written. The same value is what goes
+/// into Redis and, as text, into the database file.
+///
+/// Control fields ("&&Privileges") are members like the others, with their raw text as a string.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "resource_store/store_encoding.h"
+#include "service/settings.h"
+
+namespace event_service {
+
+inline constexpr std::string_view kSensitiveDataField = "&&SensitiveData";
+inline constexpr std::string_view kEtagField = "@odata.etag";
+
+/// The paths of the SNMP secrets, as "&&SensitiveData" holds them.
+inline constexpr std::string_view kSnmpSensitivePaths = "SNMP/TrapCommunity,SNMP/AuthenticationKey,SNMP/EncryptionKey";
+
+/// What a new subscription is made from besides the body of its creation.
+struct NewDestination {
+  std::string id;
+  std::string privileges;    // as the front end recorded them
+  std::string etag;          // a quoted tag
+  std::string passwordLine;  // encrypts the SNMP secrets
+  bool isSse = false;        // the front end opened a stream for it
+  std::string sseChannel;    // of that stream
+  std::string timeStamp;     // of the stream's opening
+};
+
+/// The resource that the body makes, complete but for "&&CRUDprefix", which a member gets when it has been written
+/// whole. The body has passed the creation's checks. Nothing when a secret cannot be encrypted.
+std::optional<Json> BuildEventDestination(const Json& body, const NewDestination& about,
+                                          const ServiceSettings& settings);
+
+/// The properties that every subscription starts with; those of the request replace them.
+Json BuildDefaultEventDestination(std::string_view privileges);
+
+/// Puts the members of a client's SNMP object into the stored one: secrets encrypted, a key that is null taken out,
+/// "...Set" flags told for each key given; a TrapCommunity that is null or empty counts as none. False when a secret
+/// cannot be encrypted (logged).
+[[nodiscard]] bool MergeSnmp(const Json& given, std::string_view passwordLine, Json& stored);
+
+/// True for the members of SNMP that are stored encrypted and never shown.
+bool IsSnmpSecret(std::string_view member);
+
+/// The value with "@odata.count" of an array property that is counted, in its place; nothing for other properties.
+void SetCount(Json& destination, const std::string& property);
+
+/// Adds to an SNMP object the lists of values that a client may choose from.
+void AddSnmpAllowableValues(Json& snmp, const ServiceSettings& settings);
+
+/// Every key that the resource takes when it is written at `uri`. `sequence` is the first sequence id that
+/// the writer gets.
+std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destination, int64_t sequence);
+
+/// The text of a string member; empty for a missing one and for any other type.
+std::string_view TextMember(const Json& object, std::string_view name);
+
+/// The text for the database file.
+std::string FileText(const Json& destination);
+
+}  // namespace event_service

@@ -1,0 +1,85 @@
+#include "subscriptions/header_validation.h"
+
+#include <algorithm>
+
+#include "requests/property_faults.h"
+#include "subscriptions/array_patch.h"
+#include "subscriptions/header_validator_module.h"
+
+namespace event_service {
+namespace {
+
+constexpr std::string_view kProperty = "HttpHeaders";
+
+bool IsTokenCharacter(char c) {
+  constexpr std::string_view kSymbols = "!#$%&'*+-.^_`|~";
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+         kSymbols.find(c) != std::string_view::npos;
+}
+
+bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
+
+/// Header values are secrets: what is wrong with one is not said.
+Message SecretFault(std::string_view path) { return PropertyMessage(FaultKind::kValue, path); }
+
+Message NameFault(const Header& header) {
+  return PropertyMessage({FaultKind::kFormat}, header.name, ElementPath(kProperty, header.element));
+}
+
+/// Collects the headers of one element, or what is wrong with them.
+void JudgeElement(const Json& element, size_t index, std::vector<Header>& headers, std::vector<Message>& faults) {
+  const std::string path = ElementPath(kProperty, index);
+  if (!element.is_object()) {
+    faults.push_back(SecretFault(path));
+    return;
+  }
+  for (const auto& [name, value] : element.items()) {
+    if (IsPassedOver(name)) continue;
+    const std::string_view text = value.is_string() ? value.get_ref<const std::string&>() : std::string_view();
+    const Header header{index, name, text};
+    if (!IsHeaderName(name)) {
+      faults.push_back(NameFault(header));
+    } else if (!value.is_string() || std::ranges::any_of(text, IsControl) ||
+               name.size() + text.size() > kMaxHeaderBytes) {
+      faults.push_back(SecretFault(path + '/' + name));
+    } else {
+      headers.push_back(header);
+    }
+  }
+}
+
+/// The module judges the whole array; which header it refused shows when it is asked about each alone. When it takes
+/// them all singly, their combination is at fault.
+HeaderFindings AskModule(const std::string& modulePath, std::span<const Header> headers) {
+  HeaderFindings findings;
+  if (headers.empty()) return findings;
+  const ModuleVerdict verdict = AskHeaderModule(modulePath, headers);
+  findings.moduleFailed = verdict == ModuleVerdict::kFailed;
+  if (verdict != ModuleVerdict::kRefused) return findings;
+  for (size_t i = 0; i < headers.size() && !findings.moduleFailed; ++i) {
+    const ModuleVerdict single = AskHeaderModule(modulePath, headers.subspan(i, 1));
+    findings.moduleFailed = single == ModuleVerdict::kFailed;
+    if (single == ModuleVerdict::kRefused) findings.faults.push_back(NameFault(headers[i]));
+  }
+  if (findings.faults.empty() && !findings.moduleFailed) findings.faults.push_back(NameFault(headers.front()));
+  return findings;
+}
+
+}  // namespace
+
+bool IsHeaderName(std::string_view text) { return !text.empty() && std::ranges::all_of(text, IsTokenCharacter); }
+
+HeaderFindings JudgeHeaders(const Json& headers, bool asPatch, const std::string& modulePath) {
+  if (CheckArray(headers)) return {.faults = {SecretFault(kProperty)}};
+  std::vector<Header> wellFormed;
+  HeaderFindings findings;
+  for (size_t i = 0; i < headers.size(); ++i) {
+    if (asPatch && (headers[i].is_null() || LeavesElement(headers[i]))) continue;
+    JudgeElement(headers[i], i, wellFormed, findings.faults);
+  }
+  if (!findings.faults.empty()) return findings;
+  if (wellFormed.size() > kMaxArrayElements) return {.faults = {SecretFault(kProperty)}};
+  return AskModule(modulePath, wellFormed);
+}
+
+}  // namespace event_service

@@ -1,0 +1,157 @@
+#include "subscriptions/property_table.h"
+
+#include <algorithm>
+
+#include "subscriptions/snmp_keys.h"
+#include "subscriptions/uri_forms.h"
+
+namespace event_service {
+namespace {
+
+std::optional<Fault> FaultUnless(bool isFine, FaultKind kind) {
+  if (isFine) return std::nullopt;
+  return Fault{kind};
+}
+
+bool IsIdCharacter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.';
+}
+
+/// The Id becomes a segment of URIs and keys.
+std::optional<Fault> CheckId(std::string_view text, const BodyCircumstances& /*circumstances*/) {
+  constexpr size_t kMaxIdCharacters = 64;
+  return FaultUnless(!text.empty() && text.size() <= kMaxIdCharacters && std::ranges::all_of(text, IsIdCharacter) &&
+                         text != "." && text != "..",
+                     FaultKind::kFormat);
+}
+
+std::optional<Fault> CheckDestination(std::string_view text, const BodyCircumstances& circumstances) {
+  if (circumstances.protocol.empty()) return std::nullopt;  // that it is missing is said elsewhere
+  return FaultUnless(IsDestinationFor(circumstances.protocol, circumstances.isSse, text), FaultKind::kFormat);
+}
+
+std::optional<Fault> CheckSubscriptionType(std::string_view text, const BodyCircumstances& circumstances) {
+  const bool isFine = text == "RedfishEvent" || text == "SNMPTrap" || text == "SNMPInform" ||
+                      (text == "Syslog" && circumstances.protocol.starts_with("Syslog")) ||
+                      (text == "SSE" && circumstances.isSse);
+  return FaultUnless(isFine, FaultKind::kNotInList);
+}
+
+std::optional<Fault> CheckAuthenticationKey(std::string_view text, const BodyCircumstances& /*circumstances*/) {
+  return FaultUnless(IsSnmpAuthenticationKey(text), FaultKind::kFormat);
+}
+
+std::optional<Fault> CheckEncryptionKey(std::string_view text, const BodyCircumstances& /*circumstances*/) {
+  return FaultUnless(IsSnmpEncryptionKey(text), FaultKind::kFormat);
+}
+
+constexpr std::string_view kEventTypes[] = {"StatusChange", "ResourceUpdated", "ResourceAdded", "ResourceRemoved",
+                                            "Alert",        "MetricReport",    "Other"};
+constexpr std::string_view kFacilities[] = {"Kern",   "User",     "Mail",    "Daemon",      "Auth",     "Syslog",
+                                            "LPR",    "News",     "UUCP",    "Cron",        "Authpriv", "FTP",
+                                            "NTP",    "Security", "Console", "SolarisCron", "Local0",   "Local1",
+                                            "Local2", "Local3",   "Local4",  "Local5",      "Local6",   "Local7"};
+constexpr std::string_view kSeverities[] = {"Emergency", "Alert",         "Critical", "Error", "Warning",
+                                            "Notice",    "Informational", "Debug",    "All"};
+
+using enum PropertyKind;
+using enum WritableBy;
+
+constexpr PropertyRule kAnEventType = {.values = kEventTypes};
+constexpr PropertyRule kAMessageId = {.null = Null::kUnlessListed, .listName = "MessageIds"};
+constexpr PropertyRule kARegistryPrefix = {.null = Null::kUnlessListed, .listName = "RegistryPrefixes"};
+constexpr PropertyRule kAResourceType = {.null = Null::kUnlessListed, .listName = "ResourceTypes"};
+constexpr PropertyRule kAReference = {.kind = kReference};
+
+constexpr PropertyRule kSnmpMembers[] = {
+    {.name = "AuthenticationKey",
+     .writableBy = kClient,
+     .null = Null::kOnPatch,
+     .checkText = CheckAuthenticationKey,
+     .isSecret = true},
+    {.name = "AuthenticationKeySet", .kind = kBoolean},
+    {.name = "AuthenticationProtocol",
+     .writableBy = kClient,
+     .null = Null::kAccepted,
+     .listName = "AuthenticationProtocol"},
+    {.name = "EncryptionKey",
+     .writableBy = kClient,
+     .null = Null::kOnPatch,
+     .checkText = CheckEncryptionKey,
+     .isSecret = true},
+    {.name = "EncryptionKeySet", .kind = kBoolean},
+    {.name = "EncryptionProtocol", .writableBy = kClient, .null = Null::kAccepted, .listName = "EncryptionProtocol"},
+    {.name = "TrapCommunity", .writableBy = kClient, .null = Null::kAccepted, .isSecret = true},
+};
+
+constexpr PropertyRule kAFacility = {.null = Null::kAccepted, .values = kFacilities};
+constexpr PropertyRule kSyslogFilterMembers[] = {
+    {.name = "LogFacilities", .kind = kArray, .writableBy = kClient, .element = &kAFacility},
+    {.name = "LowestSeverity", .writableBy = kClient, .null = Null::kAccepted, .values = kSeverities},
+};
+constexpr PropertyRule kASyslogFilter = {.kind = kObject, .null = Null::kAccepted, .members = kSyslogFilterMembers};
+
+// Optional parts of the schema that this service does not implement (certificates, OEM) count as written by the
+// service: they exist, and no client writes them.
+constexpr PropertyRule kProperties[] = {
+    {.name = "Actions"},
+    {.name = "Certificates"},
+    {.name = "ClientCertificates"},
+    {.name = "Context", .writableBy = kClient, .null = Null::kAccepted},
+    {.name = "DeliveryRetryPolicy", .writableBy = kClient, .null = Null::kAccepted, .listName = "DeliveryRetryPolicy"},
+    {.name = "Description", .writableBy = kCreation, .null = Null::kAccepted},
+    {.name = "Destination",
+     .writableBy = kCreation,
+     .maxBytes = kMaxDestinationBytes,
+     .checkText = CheckDestination,
+     .hangsOnProtocol = true},
+    {.name = "EventFormatType", .writableBy = kCreation, .null = Null::kAccepted, .listName = "EventFormatType"},
+    {.name = "EventTypes", .kind = kArray, .writableBy = kCreation, .element = &kAnEventType},
+    {.name = "HeartbeatIntervalMinutes",
+     .kind = kInteger,
+     .writableBy = kCreation,
+     .null = Null::kAccepted,
+     .smallest = 1,
+     .largest = 65535},
+    {.name = "HttpHeaders", .kind = kHeaders, .writableBy = kClient, .isSecret = true},
+    {.name = "Id", .writableBy = kCreation, .checkText = CheckId},
+    {.name = "IncludeOriginOfCondition", .kind = kBoolean, .writableBy = kCreation, .null = Null::kAccepted},
+    {.name = "MessageIds", .kind = kArray, .writableBy = kCreation, .element = &kAMessageId},
+    {.name = "MetricReportDefinitions", .kind = kArray, .writableBy = kCreation, .element = &kAReference},
+    {.name = "Name", .writableBy = kCreation},
+    {.name = "OEMProtocol"},
+    {.name = "OEMSubscriptionType"},
+    {.name = "Oem"},
+    {.name = "OriginResources", .kind = kArray, .writableBy = kCreation, .element = &kAReference},
+    {.name = "Protocol", .writableBy = kCreation, .listName = "Protocol"},
+    {.name = "RegistryPrefixes", .kind = kArray, .writableBy = kCreation, .element = &kARegistryPrefix},
+    {.name = "ResourceTypes", .kind = kArray, .writableBy = kCreation, .element = &kAResourceType},
+    {.name = "SNMP", .kind = kObject, .writableBy = kClient, .members = kSnmpMembers},
+    {.name = "SendHeartbeat", .kind = kBoolean, .writableBy = kCreation, .null = Null::kAccepted},
+    {.name = "Status"},
+    {.name = "SubordinateResources", .kind = kBoolean, .writableBy = kCreation, .null = Null::kAccepted},
+    {.name = "SubscriptionType", .writableBy = kCreation, .null = Null::kAccepted, .checkText = CheckSubscriptionType},
+    {.name = "SyslogFilters", .kind = kArray, .writableBy = kClient, .element = &kASyslogFilter},
+    {.name = "VerifyCertificate", .kind = kBoolean, .writableBy = kClient, .null = Null::kAccepted},
+};
+
+}  // namespace
+
+std::span<const PropertyRule> EventDestinationProperties() { return kProperties; }
+
+const PropertyRule* FindRule(std::span<const PropertyRule> rules, std::string_view name) {
+  const auto rule = std::ranges::find(rules, name, &PropertyRule::name);
+  return rule == rules.end() ? nullptr : &*rule;
+}
+
+bool IsWritable(const PropertyRule& rule, bool isCreation) {
+  return rule.writableBy == WritableBy::kClient || (rule.writableBy == WritableBy::kCreation && isCreation);
+}
+
+std::span<const std::string> ListedValues(const PropertyRule& rule, const ServiceSettings& settings) {
+  const auto list = settings.allowedValues.find(rule.listName);
+  if (list == settings.allowedValues.end()) return {};
+  return list->second;
+}
+
+}  // namespace event_service

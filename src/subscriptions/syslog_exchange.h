@@ -1,0 +1,28 @@
+/// What passes between this service and the syslog forwarder: a destination is set up before its subscription is
+/// stored, and taken down when the subscription ends.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "foundation/redis_commands.h"
+#include "foundation/redis_pipeline.h"
+#include "resource_store/store_encoding.h"
+
+namespace event_service {
+
+inline constexpr std::string_view kSyslogQueue = "&&/redfish/v1/EventDestination/SYSLOG_CREATEQ";
+
+/// "TCP" or "TLS" for a destination whose protocol is SyslogTCP or SyslogTLS; empty for any other.
+std::string_view SyslogTransport(const Json& destination);
+
+/// The order to set up a syslog destination: its Id, transport, address and the first of its filters.
+std::string SyslogCreateMessage(const Json& destination);
+/// The order to take it down.
+std::string SyslogDeleteMessage(std::string_view id);
+
+/// Has the forwarder set up the destination and waits up to 5 seconds for its answer. Anything but "OK" withdraws the
+/// order, is logged and gives false.
+[[nodiscard]] bool CreateAtSyslogForwarder(redisContext* redis, const Json& destination);
+
+}  // namespace event_service
