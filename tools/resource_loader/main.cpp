@@ -1,0 +1,59 @@
+// ResourceLoader UPDATE FILE COLLECTION_URI: loads a collection and its members from a JSON file into the local Redis.
+// Exit status 0, or 1 after one line on standard error.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "foundation/file_paths.h"
+#include "foundation/redis_commands.h"
+#include "tools/resource_loader/collection_file.h"
+#include "tools/resource_loader/collection_loader.h"
+
+namespace event_service {
+namespace {
+
+/// Loads the file. Returns an empty text, or what went wrong.
+std::string Run(const std::string& path, const std::string& collectionUri) {
+  const char* root = std::getenv("EVENT_SERVICE_ROOT");
+  const std::optional<FilePaths> paths = MakeFilePaths(root != nullptr ? root : "");
+  if (!paths) return "EVENT_SERVICE_ROOT holds a character that needs quoting";
+  SetProcessPaths(*paths);
+
+  std::string fault;
+  const std::optional<CollectionFile> file = ReadCollectionFile(path, collectionUri, fault);
+  if (!file) return path + ": " + fault;
+  const RedisContext redis(redisConnectContext());
+  if (!redis) return "no connection to Redis";
+  fault = LoadCollection(redis.get(), *file, collectionUri);
+  return fault.empty() ? fault : collectionUri + ": " + fault;
+}
+
+int Main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);
+  // The folders that this is made of say more on standard error than the one line that is promised.
+  const int standardError = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (nowhere >= 0) dup2(nowhere, STDERR_FILENO);
+
+  std::string fault = "usage: ResourceLoader UPDATE FILE COLLECTION_URI";
+  try {
+    if (argc == 4 && std::string_view(argv[1]) == "UPDATE") fault = Run(argv[2], argv[3]);
+  } catch (const std::exception& error) {
+    fault = error.what();
+  }
+  if (fault.empty()) return EXIT_SUCCESS;
+  dprintf(standardError, "ResourceLoader: %s\n", fault.c_str());
+  return EXIT_FAILURE;
+}
+
+}  // namespace
+}  // namespace event_service
+
+int main(int argc, char** argv) { return event_service::Main(argc, argv); }
