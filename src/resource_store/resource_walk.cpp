@@ -159,7 +159,8 @@ bool ResourceWalk::TakeMarker(const Node& node, std::string_view name, const Mar
   const ContainerKind kind = marker.kind == Marker::Kind::kObject ? ContainerKind::kObject : ContainerKind::kArray;
   if (slot != nullptr) *slot = EmptyContainer(kind);
   if (options_.ownKeysOnly && !IsUnderKey(nodes_.front().key, marker.target)) return true;
-  if (visited_.contains(marker.target)) return true;
+  const bool isWanted = node.depth > 1 || options_.onlyMembersOf == nullptr || options_.onlyMembersOf->contains(name);
+  if (!isWanted || visited_.contains(marker.target)) return true;
 
   const size_t index = nodes_.size();
   Node child{.key = std::string(marker.target), .kind = kind, .value = slot, .depth = node.depth + 1};

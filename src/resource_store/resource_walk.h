@@ -42,6 +42,10 @@ struct ReadOptions {
   bool followForeignMarkers = true;
   /// Containers under keys that do not lie under the document's own key are left empty, neither listed nor walked.
   bool ownKeysOnly = false;
+  /// When set: of the document's own members, containers are walked only where this object, which must outlive the walk,
+  /// has a member of that name; the others are left empty and none of their keys is found. It is looked at when the
+  /// first level is taken.
+  const Json* onlyMembersOf = nullptr;
   /// Receives the numbers that Json cannot give back as they are written ("1.50", "-0", more than 64 bits); in the
   /// document stands the nearest number that it can hold.
   NumberTexts* numberTexts = nullptr;

@@ -158,6 +158,12 @@ TEST_F(ResourceReaderTest, OwnKeysOnlyLeavesForeignContainersEmpty) {
   EXPECT_EQ(keys, (std::vector<std::string>{"/k", "&&/k/mine"}));
 }
 
+TEST_F(ResourceReaderTest, ContainersThatNobodyAskedForStayEmpty) {
+  ASSERT_TRUE(WriteResource(redis(), "/k", Json::parse(R"({"a":{"c":{"d":1}},"b":{"x":1},"c":[1],"e":1})")));
+  const Json wanted = Json::parse(R"({"a":{},"other":1})");
+  EXPECT_EQ(Read("/k", {.onlyMembersOf = &wanted}), Json::parse(R"({"a":{"c":{"d":1}},"b":{},"c":[],"e":1})"));
+}
+
 TEST_F(ResourceReaderTest, NumbersThatJsonCannotHoldAreKeptAsWritten) {
   const char* texts[] = {"1.50", "1E2", "-0", "123456789012345678901234567890", "1e400", "-1e400"};
   for (const char* text : texts) List("/k", text);
