@@ -1,0 +1,80 @@
+/// A sandbox in which the daemon can start: what the platform has put into Redis and onto the disk before.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "service/settings.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/redis_test.h"
+
+namespace event_service {
+
+class StartUpSandbox : public RedisTest {
+ protected:
+  static constexpr const char* kCollection = "/redfish/v1/EventService/Subscriptions";
+  static constexpr const char* kMembers = "&&/redfish/v1/EventService/Subscriptions/Members";
+
+  void SetUp() override {
+    RedisTest::SetUp();
+    const FilePaths& paths = ProcessPaths();
+    WriteFile(paths.defaultDatabaseFile, R"({"Members": [], "@odata.etag": ""})");
+    WriteFile(paths.startUpMapScript, "return redis.call('INCR', 'map script runs')");
+    WriteLoader("exit 0");
+    for (const char* schema : {"/redfish/v1/JsonSchemas/Task.v1_5_1", "/redfish/v1/JsonSchemas/Event.v1_7_0"}) {
+      ListAppend(redis(), "&&/redfish/v1/JsonSchemas/Members", schema);
+    }
+    for (const char* registry : {"Base", "ResourceEvent"}) {
+      const std::string file = "/redfish/v1/schemas/registries/" + std::string(registry) + ".1.2.0.json";
+      HashWriteQuoted(redis(), file, "RegistryPrefix", registry);
+      HashWrite(redis(), "&&" + file + "/Messages/Success", "Severity", "\"OK\"");
+    }
+    HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", "99");
+    SendCommand(redis(), "SADD &&AccessBlockList EventService Other");
+  }
+
+  /// Puts a shell script in the place of the resource loader.
+  static void WriteLoader(const std::string& script) {
+    WriteFile(ProcessPaths().resourceLoader, "#!/bin/sh\n" + script + "\n");
+    ASSERT_EQ(chmod(ProcessPaths().resourceLoader.c_str(), 0700), 0);
+  }
+
+  static void Configure(const std::string& lines) { WriteFile(ProcessPaths().configuration, lines); }
+
+  static std::string UriOf(const std::string& id) { return std::string(kCollection) + "/" + id; }
+
+  /// A stored subscription as a creation leaves it, but for the entry in the collection.
+  void StoreMember(const std::string& id, const std::string& protocol, const std::string& type) {
+    const std::string uri = UriOf(id);
+    const HashBatch member = {{uri,
+                               {{"@odata.id", "\"" + uri + "\""},
+                                {"Id", "\"" + id + "\""},
+                                {"Protocol", "\"" + protocol + "\""},
+                                {"SubscriptionType", "\"" + type + "\""},
+                                {"Destination", "\"https://collector/" + id + "\""},
+                                {"Status", "&&Object Status &&" + uri + "/Status"},
+                                {"&&Privileges", "ConfigureManager"},
+                                {"&&PATCHValidation", "v_EventDestination.json"}}},
+                              {"&&" + uri + "/Status", {{"State", "\"Enabled\""}}}};
+    ASSERT_TRUE(HashBatchWrite(redis(), member));
+  }
+  void ListMember(const std::string& id) { ASSERT_TRUE(ListAppend(redis(), kMembers, "&&ObjectRef &&" + UriOf(id))); }
+
+  /// The database file, decrypted as an operator would do it.
+  static nlohmann::json DecryptedFile() {
+    const FilePaths& paths = ProcessPaths();
+    const std::string plain = Sandbox().Root() + "/decrypted.json";
+    const std::string command = paths.openssl + " enc -d -aes-256-cbc -in " + paths.databaseFile + " -out " + plain +
+                                " -k $(head -n 1 " + paths.passwordFile + ") 2>/dev/null";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    return nlohmann::json::parse(ReadFile(plain), nullptr, false);
+  }
+
+  LogCapture log_;
+};
+
+}  // namespace event_service
