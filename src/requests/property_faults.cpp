@@ -59,34 +59,49 @@ std::string CompactText(const Json& value) { return value.dump(-1, ' ', false, J
 
 std::string NameAsArgument(std::string_view name) { return std::string(CutToCharacters(name, kMaxArgumentCharacters)); }
 
-std::vector<std::string> ValueArguments(const FaultMessage& message, const Fault& fault, const Json& value) {
-  if (message.arguments == Arguments::kValueAndName) return {ValueAsArgument(value)};
-  if (message.arguments == Arguments::kName || !value.is_string()) return {};
-  const std::string& text = value.get_ref<const std::string&>();
-  return {std::string(CutToCharacters(text, kMaxTooLongCharacters)), std::to_string(fault.limit)};
+std::string ValueArgument(const Json& value, std::string_view path, const NumberTexts& numbers) {
+  const auto written = numbers.find(path);
+  if (!value.is_number() || written == numbers.end()) return ValueAsArgument(value);
+  return std::string(CutToCharacters(written->second, kMaxArgumentCharacters));
+}
+
+/// The arguments that come before the action's name, if the message has any.
+std::vector<std::string> CommonArguments(const FaultMessage& message, const Fault& fault, const Json& value,
+                                         std::string_view path, const NumberTexts& numbers) {
+  switch (message.arguments) {
+    case Arguments::kName:
+      return {NameAsArgument(path)};
+    case Arguments::kValueAndName:
+      return {ValueArgument(value, path, numbers), NameAsArgument(path)};
+    case Arguments::kTextAndLimit:
+      break;
+  }
+  return {std::string(CutToCharacters(ValueAsArgument(value), kMaxTooLongCharacters)), std::to_string(fault.limit)};
 }
 
 }  // namespace
 
-Message PropertyMessage(const Fault& fault, const Json& value, std::string_view property) {
+Message PropertyMessage(const Fault& fault, const Json& value, std::string_view property, const NumberTexts& numbers) {
   const FaultMessage& row = MessageFor(fault.kind);
-  Message message{std::string(row.propertyMessage), ValueArguments(row, fault, value), {NameAsArgument(property)}};
-  if (row.arguments != Arguments::kTextAndLimit) message.args.push_back(NameAsArgument(property));
-  return message;
+  return Message{std::string(row.propertyMessage),
+                 CommonArguments(row, fault, value, property, numbers),
+                 {NameAsArgument(property)}};
 }
 
 Message PropertyMessage(FaultKind kind, std::string_view property) {
   return PropertyMessage(Fault{kind}, nullptr, property);
 }
 
-Message ParameterMessage(const Fault& fault, const Json& value, std::string_view parameter, std::string_view action) {
+Message ParameterMessage(const Fault& fault, const Json& value, std::string_view parameter, std::string_view action,
+                         const NumberTexts& numbers) {
   const FaultMessage& row = MessageFor(fault.kind);
-  Message message{std::string(row.parameterMessage), ValueArguments(row, fault, value), {NameAsArgument(parameter)}};
+  Message message{std::string(row.parameterMessage),
+                  CommonArguments(row, fault, value, parameter, numbers),
+                  {NameAsArgument(parameter)}};
   if (row.arguments == Arguments::kTextAndLimit) return message;
-  message.args.push_back(NameAsArgument(parameter));
   // The registry puts the action first where a parameter should not have been there, and last where its value is bad.
-  message.args.insert(fault.kind == FaultKind::kUnknown ? message.args.begin() : message.args.end(),
-                      std::string(action));
+  const bool actionFirst = fault.kind == FaultKind::kUnknown;
+  message.args.insert(actionFirst ? message.args.begin() : message.args.end(), std::string(action));
   return message;
 }
 
@@ -156,6 +171,12 @@ std::optional<Fault> CheckInList(const Json& value, std::span<const std::string>
   if (!value.is_string()) return Fault{FaultKind::kType};
   if (allowedJsonTexts.empty()) return CheckText(value);
   if (std::ranges::find(allowedJsonTexts, CompactText(value)) != allowedJsonTexts.end()) return std::nullopt;
+  return Fault{FaultKind::kNotInList};
+}
+
+std::optional<Fault> CheckInWords(const Json& value, std::span<const std::string_view> words) {
+  if (!value.is_string()) return Fault{FaultKind::kType};
+  if (std::ranges::find(words, value.get_ref<const std::string&>()) != words.end()) return std::nullopt;
   return Fault{FaultKind::kNotInList};
 }
 

@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "requests/answer.h"
-#include "resource_store/store_encoding.h"
+#include "resource_store/resource_walk.h"
 
 namespace event_service {
 
@@ -37,14 +37,16 @@ struct Fault {
 };
 
 /// The message for a fault of a property. `property` is its path ("SMTP/Port", "MessageIds/2"); it is both the property
-/// argument and the related property.
-Message PropertyMessage(const Fault& fault, const Json& value, std::string_view property);
+/// argument and the related property. `numbers` holds those that Json cannot give back as they were written.
+Message PropertyMessage(const Fault& fault, const Json& value, std::string_view property,
+                        const NumberTexts& numbers = {});
 
 /// The same for faults that carry no value.
 Message PropertyMessage(FaultKind kind, std::string_view property);
 
 /// The message for a fault of an action's parameter; `action` is its full name ("EventService.SubmitTestEvent").
-Message ParameterMessage(const Fault& fault, const Json& value, std::string_view parameter, std::string_view action);
+Message ParameterMessage(const Fault& fault, const Json& value, std::string_view parameter, std::string_view action,
+                         const NumberTexts& numbers = {});
 
 /// "MessageIds/2" for the third element of "MessageIds".
 std::string ElementPath(std::string_view property, size_t index);
@@ -71,6 +73,8 @@ std::optional<Fault> CheckInteger(const Json& value, int64_t smallest = std::num
                                   int64_t largest = std::numeric_limits<int64_t>::max());
 /// A string whose JSON text stands in the list; any string that is within the limit when the list is empty.
 std::optional<Fault> CheckInList(const Json& value, std::span<const std::string> allowedJsonTexts);
+/// A string that is one of the words.
+std::optional<Fault> CheckInWords(const Json& value, std::span<const std::string_view> words);
 /// An array with no more elements than allowed. Its elements are the caller's.
 std::optional<Fault> CheckArray(const Json& value, size_t limit = kMaxArrayElements);
 /// An element of an array of strings: as CheckText; one that begins with "&&" would be read as a marker and counts as

@@ -1,6 +1,7 @@
 #include "requests/request.h"
 
 #include "foundation/redis_pipeline.h"
+#include "service/redis_keys.h"
 
 namespace event_service {
 
@@ -23,7 +24,7 @@ std::optional<RequestRecord> ReadRequestRecord(redisContext* redis, std::string_
       {&RequestRecord::returnChannel, requestKey, kReturnChannel},
       {&RequestRecord::isSse, requestKey, kIsSse},
       {&RequestRecord::serviceEnabled, kEventServiceUri, "ServiceEnabled"},
-      {&RequestRecord::lifeCycleDigest, "redisSHAScripts", "resourceChange"},
+      {&RequestRecord::lifeCycleDigest, kScriptDigests, kLifeCycleScript},
   };
   RedisPipeline pipeline(redis);
   for (const auto& field : fields) pipeline.Append({"HGET", field.key, field.field});

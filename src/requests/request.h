@@ -18,8 +18,6 @@ inline constexpr std::string_view kRequestData = "&&RequestData";
 inline constexpr std::string_view kReturnChannel = "&&ReturnChannel";
 inline constexpr std::string_view kIsSse = "&&IsSSE";
 
-inline constexpr std::string_view kEventServiceUri = "/redfish/v1/EventService";
-
 /// The second word of the announcement of a request that the event-delivery side sends: it expects no answer. It means
 /// something for DELETE and PATCH only.
 inline constexpr std::string_view kFromEventing = "FROM_EVENTING";

@@ -1,0 +1,56 @@
+#include "requests/event_service_listener.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "requests/gates.h"
+#include "requests/patch_event_service.h"
+#include "requests/submit_test_event.h"
+#include "service/redis_keys.h"
+
+namespace event_service {
+namespace {
+
+Answer PatchService(Request& request) { return PatchEventService(request); }
+
+Answer PerformAction(Request& request) {
+  if (request.record.targetUri != "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent") {
+    return Refuse(kNotFound, "Base.1.12.ActionNotSupported", {request.record.targetUri});
+  }
+  if (auto refusal = CheckServiceEnabled(request)) return *std::move(refusal);
+  return SubmitTestEvent(request);
+}
+
+Answer RefuseMethod(Request& request) {
+  const RequestRecord& record = request.record;
+  return Refuse(kNotAllowed, "ExtendedError.1.2.MethodNotAllowed",
+                {record.targetUri, record.method == "POSTCREATE" ? "POST" : record.method});
+}
+
+constexpr MethodRoute kRoutes[] = {
+    {"PATCH", Publish::kAlways, PatchService},
+    {"POSTACTION", Publish::kAlways, PerformAction},
+};
+
+void* EndWith(const char* text) {
+  std::puts(text);
+  std::fflush(stdout);
+  return nullptr;
+}
+
+}  // namespace
+
+const ServiceRoutes kEventServiceRoutes = {kRoutes, RefuseMethod};
+
+void* EventServiceListenerThread(void*) {
+  const RedisContext subscriber = ConnectRedis();
+  if (!subscriber) return EndWith("Failed to connect to Redis");
+  RedisContext redis = ConnectRedis();
+  if (!redis) return EndWith("Failed to connect to Redis");
+  const RedisReply reply = SendArguments(subscriber.get(), {"SUBSCRIBE", kEventServiceChannel});
+  if (!IsArray(reply)) return EndWith("Failed to subscribe channel.");
+  ServeRequests(subscriber.get(), {.redis = std::move(redis), .settings = ProcessSettings()}, kEventServiceRoutes);
+  return nullptr;
+}
+
+}  // namespace event_service

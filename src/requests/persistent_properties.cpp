@@ -1,0 +1,95 @@
+#include "requests/persistent_properties.h"
+
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <optional>
+
+#include "foundation/durable_file.h"
+#include "foundation/logging.h"
+
+namespace event_service {
+namespace {
+
+/// The whole file, empty when there is none; nothing when it cannot be read.
+std::optional<std::string> ReadWholeFile(const std::string& path) {
+  errno = 0;
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return errno == ENOENT ? std::optional<std::string>("") : std::nullopt;
+  std::string text{std::istreambuf_iterator<char>(file), {}};
+  return file.bad() ? std::nullopt : std::optional(std::move(text));
+}
+
+bool TakeLine(std::string_view line, ServiceValues& values) {
+  const size_t equals = line.find('=');
+  if (equals == std::string_view::npos) return false;
+  const std::string_view path = line.substr(0, equals);
+  Json value = Json::parse(line.substr(equals + 1), nullptr, false);
+  if (value.is_discarded() || !AcceptKeptValue(path, value)) return false;
+  values.insert_or_assign(std::string(path), std::move(value));
+  return true;
+}
+
+}  // namespace
+
+PersistentProperties ParsePersistentProperties(std::string_view text) {
+  PersistentProperties properties;
+  for (size_t number = 1; !text.empty(); ++number) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    if (!line.empty() && !TakeLine(line, properties.values)) properties.unusableLines.push_back(number);
+  }
+  return properties;
+}
+
+std::string FormatPersistentProperties(const ServiceValues& values) {
+  std::string text;
+  for (const auto& [path, value] : values) text.append(path).append("=").append(value.dump()).append("\n");
+  return text;
+}
+
+void SavePersistentProperties(const std::string& file, const ServiceValues& changed) {
+  const std::optional<std::string> text = ReadWholeFile(file);
+  if (!text) {
+    LogError("Failed to read the persistent properties; the change is not kept.");
+    return;
+  }
+  ServiceValues values = ParsePersistentProperties(*text).values;
+  for (const auto& [path, value] : changed) values.insert_or_assign(path, value);
+  if (!ReplaceFile(file, FormatPersistentProperties(values))) {
+    LogError("Failed to write the persistent properties; the change is not kept.");
+  }
+}
+
+bool RestorePersistentProperties(redisContext* redis, const ServiceSettings& settings) {
+  const std::optional<std::string> text = ReadWholeFile(settings.paths.persistentProperties);
+  if (!text) {
+    LogError("Failed to read the persistent properties.");
+    return false;
+  }
+  PersistentProperties properties = ParsePersistentProperties(*text);
+  for (const size_t line : properties.unusableLines) {
+    LogError("Line %zu of the persistent properties is passed over: not a known property with a valid value.", line);
+  }
+  // While SMTP is not served its lines stay in the file.
+  if (settings.protocolOnly)
+    std::erase_if(properties.values, [](const auto& v) { return v.first.starts_with("SMTP/"); });
+  if (properties.values.empty()) return true;
+
+  RedisPipeline pipeline(redis);
+  const size_t first = AppendServiceRead(pipeline);
+  const std::optional<StoredService> stored = TakeStoredService(pipeline.Execute(), first);
+  if (!stored) {
+    LogError("Failed to read the EventService for its persistent properties.");
+    return false;
+  }
+  const ServiceValues changed = ChangedValues(properties.values, *stored);
+  if (changed.empty()) return true;
+  AppendServiceWrites(pipeline, changed);
+  AppendServiceEtag(pipeline);
+  if (AllIntegers(pipeline.Execute())) return true;
+  LogError("Failed to write the persistent properties into the database.");
+  return false;
+}
+
+}  // namespace event_service

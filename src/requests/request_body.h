@@ -1,0 +1,64 @@
+/// The body of a request, read as the front end stored it: a hash of JSON texts, nested values under keys of their own.
+#pragma once
+
+#include <deque>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "foundation/redis_pipeline.h"
+#include "resource_store/resource_walk.h"
+
+namespace event_service {
+
+/// Reads a body level by level, so that a handler can put its other commands into the same batches:
+///
+///   RequestBody body(request.record.requestData);
+///   do {
+///     RedisPipeline pipeline(redis);
+///     body.AppendLevel(pipeline);
+///     if (!body.TakeLevel(pipeline.Execute())) return DatabaseError("...");
+///   } while (!body.IsComplete());
+///
+/// A field of the body itself may point to any key: only the front end writes such markers. Deeper down a text may be a
+/// client's, so only markers to the document's own keys are followed there.
+class RequestBody {
+ public:
+  explicit RequestBody(std::string_view key) : key_(key) {}
+
+  bool IsComplete() const;
+
+  /// Appends the commands that read the next level; nothing when the body is complete.
+  void AppendLevel(RedisPipeline& pipeline);
+
+  /// Takes that level's replies out of those of the whole batch. False when one of them is no answer to such a command
+  /// or a stored text is no JSON. A key that does not exist held an empty body.
+  bool TakeLevel(std::span<const RedisReply> replies);
+
+  /// What the client sent, without control fields and annotations; valid once the body is complete.
+  const Json& Document() const { return document_; }
+  /// The numbers in it that Json cannot give back as they were written.
+  const NumberTexts& Numbers() const { return numbers_; }
+
+ private:
+  struct Nested {
+    Nested(std::string memberName, std::string_view key, ContainerKind kind, Json* value);
+    std::string name;
+    NumberTexts numbers;
+    ResourceWalk walk;
+  };
+
+  bool TakeFields(std::span<redisReply* const> fields);
+  bool TakeField(std::string_view name, std::string_view stored);
+  bool TakeMarker(std::string_view name, std::string_view stored);
+  void Complete();
+
+  std::string key_;
+  Json document_ = Json::object();
+  NumberTexts numbers_;
+  std::deque<Nested> nested_;
+  bool started_ = false;
+  size_t firstReply_ = 0;
+};
+
+}  // namespace event_service

@@ -1,0 +1,57 @@
+/// The properties of the EventService that clients may change: which there are, what they accept, where they are
+/// stored. Everything but the writes is a function of values.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/redis_pipeline.h"
+#include "requests/answer.h"
+#include "requests/property_faults.h"
+#include "service/settings.h"
+
+namespace event_service {
+
+/// Path of a property ("ServiceEnabled", "SMTP/Port") -> its value, integers in their plain notation. The password is
+/// in the clear while a PATCH is judged, and encrypted (or null) everywhere else.
+using ServiceValues = std::map<std::string, Json, std::less<>>;
+
+inline constexpr std::string_view kSmtpPassword = "SMTP/Password";
+
+struct ServicePatchJudgement {
+  ServiceValues accepted;
+  std::vector<Message> messages;  // about the others, in the order of the body
+  bool isUnacceptable = false;    // one of them has a value that refuses the whole PATCH
+};
+
+/// Judges a PATCH body against the table of properties.
+ServicePatchJudgement JudgeServicePatch(const Json& body, const NumberTexts& numbers, bool smtpIsServed);
+
+/// Whether a kept value is one that a PATCH would have accepted; a password is judged in its encrypted form. Integers
+/// are brought into their plain notation.
+bool AcceptKeptValue(std::string_view path, Json& value);
+
+/// The EventService as it is stored: field -> text.
+struct StoredService {
+  using Fields = std::map<std::string, std::string, std::less<>>;
+  Fields service;
+  Fields smtp;
+};
+
+/// Reads both hashes in one batch: append, then take the two replies from `first` on. Nothing when one is no hash.
+size_t AppendServiceRead(RedisPipeline& pipeline);
+std::optional<StoredService> TakeStoredService(std::span<const RedisReply> replies, size_t first);
+
+/// Those of the values that differ from what is stored.
+ServiceValues ChangedValues(const ServiceValues& values, const StoredService& stored);
+
+/// Appends the writes of the values; every reply is an integer.
+void AppendServiceWrites(RedisPipeline& pipeline, const ServiceValues& values);
+
+/// Appends the write of a new entity tag of the EventService and returns its position.
+size_t AppendServiceEtag(RedisPipeline& pipeline);
+
+}  // namespace event_service
