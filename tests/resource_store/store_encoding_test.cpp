@@ -38,6 +38,26 @@ TEST(StoreEncoding, MatchersAgreeWithTheirRegularExpressions) {
   });
 }
 
+TEST(StoreEncoding, ShortcutsOfTheParserAgreeWithIt) {
+  ForEveryText(
+      {"\"", "\\", "a", "\x1f", "\x7f", "\xc3", "\u00e4", " ", "null", "true", "0", "12", "-", "[", "]", ",", "."}, 4,
+      [](const std::string& text) {
+        const Json expected = Json::parse(text, nullptr, false);
+        Json value;
+        bool exact = false;
+        ASSERT_EQ(ParseJsonText(text, value, exact), !expected.is_discarded()) << text;
+        if (expected.is_discarded()) return;
+        ASSERT_EQ(value, expected) << text;
+        ASSERT_EQ(value.type(), expected.type()) << text;
+      });
+  Json value;
+  bool exact = false;
+  for (const char* largest : {"999999999999999999", "9223372036854775807", "18446744073709551615"}) {
+    ASSERT_TRUE(ParseJsonText(largest, value, exact));
+    EXPECT_TRUE(exact && value.is_number_unsigned() && value.dump() == largest) << largest;
+  }
+}
+
 TEST(StoreEncoding, LongTextsNeedNoStack) {
   const std::string text = "\"&&" + std::string(4'000'000, 'x') + " " + std::string(4'000'000, ' ') + "\"";
   EXPECT_TRUE(IsQuotedMarkerText(text));
