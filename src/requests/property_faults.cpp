@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
+
+#include "service/static_tables.h"
 
 namespace event_service {
 namespace {
@@ -79,6 +82,17 @@ std::vector<std::string> CommonArguments(const FaultMessage& message, const Faul
   return {std::string(CutToCharacters(ValueAsArgument(value), kMaxTooLongCharacters)), std::to_string(fault.limit)};
 }
 
+bool HoldsReferences(std::string_view property, const Json& value) {
+  return value.is_array() &&
+         std::ranges::find(kReferenceArrayProperties, property) != std::end(kReferenceArrayProperties);
+}
+
+void RemoveAllButReference(Json& element) {
+  const Json uri = element.is_object() ? element.value("@odata.id", Json()) : Json();
+  RemovePassedOver(element);
+  if (!uri.is_null()) element["@odata.id"] = uri;
+}
+
 }  // namespace
 
 Message PropertyMessage(const Fault& fault, const Json& value, std::string_view property, const NumberTexts& numbers) {
@@ -140,6 +154,8 @@ void RemovePassedOver(Json& body) {
   for (auto item = body.begin(); item != body.end();) {
     if (body.is_object() && IsPassedOver(item.key())) {
       item = body.erase(item);
+    } else if (body.is_object() && HoldsReferences(item.key(), *item)) {
+      std::ranges::for_each(*item++, RemoveAllButReference);
     } else {
       RemovePassedOver(*item++);
     }

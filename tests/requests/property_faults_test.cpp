@@ -126,10 +126,12 @@ TEST(PropertyFaults, ChecksTellTheFirstFault) {
 TEST(PropertyFaults, ControlFieldsAndAnnotationsAreTakenOutAtEveryLevel) {
   Json body = Json::parse(R"({"&&SSE-CHANNEL": "x", "@odata.id": "/a", "Context": "c", "Context@Redfish.Copy": 1,
                               "SNMP": {"@Message.ExtendedInfo": [], "TrapCommunity": "t"},
-                              "HttpHeaders": [{"A@odata.type": 1, "B": "2"}], "mail@example.org": true})");
+                              "HttpHeaders": [{"A@odata.type": 1, "B": "2"}], "mail@example.org": true,
+                              "OriginResources": [{"@odata.id": "/b", "@odata.type": "t"}, 1, {"@odata.id": 2}]})");
   RemovePassedOver(body);
   EXPECT_EQ(body, Json::parse(R"({"Context": "c", "SNMP": {"TrapCommunity": "t"}, "HttpHeaders": [{"B": "2"}],
-                                  "mail@example.org": true})"));
+                                  "mail@example.org": true,
+                                  "OriginResources": [{"@odata.id": "/b"}, 1, {"@odata.id": 2}]})"));
 }
 
 }  // namespace
