@@ -23,13 +23,13 @@ inline constexpr std::string_view kSnmpSensitivePaths = "SNMP/TrapCommunity,SNMP
 
 /// What a new subscription is made from besides the body of its creation.
 struct NewDestination {
-  std::string id;
-  std::string privileges;    // as the front end recorded them
-  std::string etag;          // a quoted tag
-  std::string passwordLine;  // encrypts the SNMP secrets
-  bool isSse = false;        // the front end opened a stream for it
-  std::string sseChannel;    // of that stream
-  std::string timeStamp;     // of the stream's opening
+  std::string id = {};
+  std::string privileges = {};    // as the front end recorded them
+  std::string etag = {};          // a quoted tag
+  std::string passwordLine = {};  // encrypts the SNMP secrets
+  bool isSse = false;             // the front end opened a stream for it
+  std::string sseChannel = {};    // of that stream
+  std::string timeStamp = {};     // of the stream's opening
 };
 
 /// The resource that the body makes, complete but for "&&CRUDprefix", which a member gets when it has been written

@@ -1,0 +1,318 @@
+#include "subscriptions/creation.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <utility>
+#include <vector>
+
+#include "foundation/durable_file.h"
+#include "foundation/logging.h"
+#include "foundation/redis_pipeline.h"
+#include "foundation/time_stamp.h"
+#include "requests/request_body.h"
+#include "resource_store/resource_editor.h"
+#include "resource_store/resource_writer.h"
+#include "service/event_group_id.h"
+#include "service/members_count.h"
+#include "service/redis_keys.h"
+#include "service/subscription_log.h"
+#include "subscriptions/announced_events.h"
+#include "subscriptions/creation_check.h"
+#include "subscriptions/event_destination.h"
+#include "subscriptions/filter_mask.h"
+#include "subscriptions/member_change.h"
+#include "subscriptions/member_uri.h"
+#include "subscriptions/origin_index.h"
+#include "subscriptions/state.h"
+#include "subscriptions/syslog_exchange.h"
+
+namespace event_service {
+namespace {
+
+constexpr int kMostIdRedraws = 10;
+constexpr size_t kLongestId = 64;  // a longer one is refused, and not asked for
+constexpr std::string_view kLocationField = "&&Location";
+
+std::string GenerateId(RandomSource random) {
+  char id[9];
+  std::snprintf(id, sizeof id, "%08" PRIX32, random());
+  return id;
+}
+
+bool IsOne(const RedisReply& reply) { return IsInteger(reply) && reply->integer == 1; }
+
+Answer BodyUnreadable() { return DatabaseError("DatabaseOperationError: Failed to get request data from database."); }
+
+/// One creation on its way. The steps stand in the order in which they run.
+class Creation {
+ public:
+  Creation(Request& request, RandomSource random)
+      : request_(request), redis_(request.redis), state_(*request.subscriptions), random_(random) {
+    about_.isSse = request.record.isSse == "true";
+    about_.privileges = request.record.privileges;
+  }
+
+  Answer Run() {
+    if (auto refusal = ReadBody()) return std::move(*refusal);
+    if (auto refusal = Judge()) return std::move(*refusal);
+    if (auto refusal = Build()) return std::move(*refusal);
+    if (auto refusal = SetUpSyslog()) return std::move(*refusal);
+    if (auto refusal = Write()) return std::move(*refusal);
+    if (auto refusal = Enrol()) return std::move(*refusal);
+    if (auto refusal = DisableSnmpTrap()) return std::move(*refusal);
+    Persist();
+    return Announce();
+  }
+
+ private:
+  std::optional<Answer> ReadBody();
+  bool ReadFirstLevel(RequestBody& body);
+  bool TakeGivenId(const Json& body);
+  std::optional<Answer> Judge();
+  bool DrawFreeId();
+  std::optional<Answer> Build();
+  std::optional<Answer> SetUpSyslog();
+  std::optional<Answer> Write();
+  std::optional<Answer> Enrol();
+  std::optional<Answer> DisableSnmpTrap();
+  void Persist();
+  Answer Announce();
+  Answer WriteFailed();
+  void TakeBack();
+
+  Request& request_;
+  redisContext* redis_;
+  SubscriptionsState& state_;
+  RandomSource random_;
+
+  Json body_;
+  NewDestination about_;
+  bool isIdGiven_ = false;
+  bool idExists_ = false;
+  std::string uri_;
+  Json destination_;
+  std::vector<std::string> keys_;     // every key of the resource
+  std::string collectionEtag_;        // as stored: the former one until the creation has set its own
+  std::string formerCollectionEtag_;  // for taking back
+  RedisReply membersLength_;
+  uint32_t eventGroupId_ = 0;
+};
+
+std::optional<Answer> Creation::ReadBody() {
+  RequestBody body(request_.record.requestData);
+  if (!ReadFirstLevel(body)) return BodyUnreadable();
+  bool isIdOpen = TakeGivenId(body.Document());
+  while (isIdOpen || !body.IsComplete()) {
+    RedisPipeline pipeline(redis_);
+    if (isIdOpen) pipeline.Append({"EXISTS", MemberUri(about_.id)});
+    body.AppendLevel(pipeline);
+    const std::vector<RedisReply> replies = pipeline.Execute();
+    if (isIdOpen) idExists_ = IsOne(replies.front());
+    isIdOpen = false;
+    if (!body.TakeLevel(replies)) return BodyUnreadable();
+  }
+  body_ = body.Document();
+  return std::nullopt;
+}
+
+/// The first level travels with all that can be asked before the body is known.
+bool Creation::ReadFirstLevel(RequestBody& body) {
+  about_.id = GenerateId(random_);
+  RedisPipeline pipeline(redis_);
+  body.AppendLevel(pipeline);
+  const size_t exists = pipeline.Append({"EXISTS", MemberUri(about_.id)});
+  const size_t etag = pipeline.Append({"HGET", kSubscriptionsUri, kEtagField});
+  if (about_.isSse) pipeline.Append({"HGET", request_.announcement.requestKey, "&&SSE-CHANNEL"});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  // Redis keeps no empty hash: a body without a field is a body that is not there.
+  if (!IsArray(replies.front()) || replies.front()->elements == 0 || !body.TakeLevel(replies)) return false;
+  idExists_ = IsOne(replies[exists]);
+  formerCollectionEtag_ = collectionEtag_ = TextOf(replies[etag]);
+  if (about_.isSse) about_.sseChannel = TextOf(replies.back());
+  return true;
+}
+
+/// Puts the client's Id in the place of the generated one. False when there is none whose existence could matter.
+bool Creation::TakeGivenId(const Json& body) {
+  const auto id = body.find("Id");
+  isIdGiven_ = id != body.end();
+  if (!isIdGiven_ || !id->is_string() || id->get_ref<const std::string&>().size() > kLongestId) return false;
+  about_.id = id->get<std::string>();
+  return true;
+}
+
+std::optional<Answer> Creation::Judge() {
+  if (auto refusal = CheckCreation(body_, {.settings = request_.settings,
+                                           .syslogTlsDestinations = state_.syslogTlsDestinationIds.size(),
+                                           .isSse = about_.isSse})) {
+    return refusal;
+  }
+  if (!idExists_ || (!isIdGiven_ && DrawFreeId())) return std::nullopt;
+  if (!isIdGiven_) {
+    return Refuse(kException, kOperationFailedMessage, {}, "OperationFailed: Failed to generate an unused Id.");
+  }
+  return Answer{kFailure, {{"Base.1.12.ResourceAlreadyExists", {"EventDestination", "Id", about_.id}, {"Id"}}}, {}, {}};
+}
+
+bool Creation::DrawFreeId() {
+  for (int draw = 0; draw < kMostIdRedraws; ++draw) {
+    about_.id = GenerateId(random_);
+    if (!KeyExists(redis_, MemberUri(about_.id))) return true;
+  }
+  return false;
+}
+
+std::optional<Answer> Creation::Build() {
+  uri_ = MemberUri(about_.id);
+  about_.etag = NewEtag();
+  if (about_.isSse) about_.timeStamp = TimeStamp();
+  if (body_.contains("SNMP")) about_.passwordLine = FirstLineOf(request_.settings.paths.passwordFile);
+  std::optional<Json> destination = BuildEventDestination(body_, about_, request_.settings);
+  if (!destination) return Refuse(kException, kOperationFailedMessage);
+  destination_ = std::move(*destination);
+  return std::nullopt;
+}
+
+std::optional<Answer> Creation::SetUpSyslog() {
+  const std::string_view transport = SyslogTransport(destination_);
+  if (transport.empty()) return std::nullopt;
+  if (!CreateAtSyslogForwarder(redis_, destination_)) return Refuse(kUnavailable, kOperationFailedMessage);
+  std::vector<std::string>& tlsIds = state_.syslogTlsDestinationIds;
+  if (transport == "TLS" && std::ranges::find(tlsIds, about_.id) == tlsIds.end()) tlsIds.push_back(about_.id);
+  return std::nullopt;
+}
+
+/// The whole resource in one batch.
+std::optional<Answer> Creation::Write() {
+  int64_t sequence = kNoSequence;
+  if (NeedsSequenceIds(destination_)) {
+    sequence = NextSequenceId(redis_);
+    if (sequence < 0) return WriteFailed();
+  }
+  keys_ = DocumentKeys(uri_, destination_, sequence);
+  RedisPipeline pipeline(redis_);
+  // What an incomplete deletion may have left under an Id that is used again must not be added to.
+  if (isIdGiven_) AppendUnlink(pipeline, keys_);
+  int64_t next = sequence;
+  if (!AppendDocument(pipeline, uri_, destination_, next)) return WriteFailed();
+  const size_t writes = pipeline.Size();
+  if (next != sequence) AppendSequenceStore(pipeline, next);
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  const bool isSequenceStored = writes == replies.size() || TextOf(replies.back()).starts_with("OK");
+  if (!AllIntegers(std::span(replies).first(writes)) || !isSequenceStored) return WriteFailed();
+  return std::nullopt;
+}
+
+/// Makes the resource a member of the collection.
+std::optional<Answer> Creation::Enrol() {
+  const std::string etag = Json(NewEtag()).dump();
+  RedisPipeline pipeline(redis_);
+  const size_t etagWrite = pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, etag});
+  const size_t firstWrite = pipeline.Append({"HSET", request_.announcement.requestKey, kLocationField, uri_});
+  // A generated Id has never been used; a given one may stand in the list in some form.
+  if (isIdGiven_) AppendMemberRemoval(pipeline, kSubscriptionsUri, uri_);
+  pipeline.Append({"RPUSH", kSubscriptionsMembersKey, MemberEntry(uri_)});
+  const size_t lastWrite = pipeline.Append({"HSET", uri_, kCrudPrefixField, kEventDestinationPrefix});
+  AppendMembersLength(pipeline);
+  const size_t draw = AppendEventGroupIdDraw(pipeline);
+  std::vector<RedisReply> replies = pipeline.Execute();
+  if (!AllIntegers(std::span(replies).subspan(firstWrite, lastWrite + 1 - firstWrite))) return WriteFailed();
+  if (IsInteger(replies[etagWrite])) {
+    collectionEtag_ = etag;
+  } else {
+    LogEtagFailure(kSubscriptionsUri);
+  }
+  membersLength_ = std::move(replies[lastWrite + 1]);
+  eventGroupId_ = SettleEventGroupId(redis_, replies[draw].get());
+  destination_[std::string(kCrudPrefixField)] = kEventDestinationPrefix;
+  return std::nullopt;
+}
+
+std::optional<Answer> Creation::DisableSnmpTrap() {
+  if (!IsSnmpTrapDestination(uri_, TextMember(destination_, "SubscriptionType"))) return std::nullopt;
+  if (!SetState(redis_, uri_, kStateDisabled)) {
+    TakeBack();
+    return DatabaseError("DatabaseOperationError: Failed to set State.");
+  }
+  destination_["Status"]["State"] = kStateDisabled;
+  return std::nullopt;
+}
+
+void Creation::Persist() {
+  if (about_.isSse) return;  // a stream does not outlive the service
+  if (!state_.db.InsertDbSubscription(about_.id, FileText(destination_), about_.privileges, collectionEtag_)) {
+    LogError("Failed to insert the subscription to DB file.");
+  }
+}
+
+/// Tells event delivery and those who watch the collection.
+Answer Creation::Announce() {
+  RedisPipeline pipeline(redis_);
+  const std::vector<std::string> indexKeys =
+      OriginIndexKeys(destination_, request_.settings.subordinateResourcesSupported);
+  const std::string mask = std::to_string(FilterMask(body_, state_.registryPrefixBits));
+  for (const std::string& key : indexKeys) pipeline.Append({"HSET", key, about_.id, mask});
+  const bool isMetricReport = IsMetricReportDestination(destination_);
+  if (isMetricReport) pipeline.Append({"HINCRBY", kMetricReportKey, kMetricReportField, "1"});
+  const size_t indexWrites = pipeline.Size();
+
+  AnnouncedEvents events(request_, pipeline, eventGroupId_);
+  events.AppendForMember("add", uri_);
+  events.AppendForCollection();
+  const bool isCountSent = AppendMembersCount(pipeline, membersLength_.get());
+  const std::vector<RedisReply> replies = pipeline.Execute();
+
+  if (!AllIntegers(std::span(replies).first(indexWrites))) {
+    if (isMetricReport) {
+      LogError("Failed to increase the counter &&subs:MetricReport");
+    } else {
+      LogError("Failed to write the origin index of %s.", uri_.c_str());
+    }
+  }
+  events.Check(replies);
+  LogSubscriptionChange(uri_, "added", "client");
+  if (!isCountSent || !SettleMembersCount(state_, membersLength_.get(), replies.back().get(), 1)) {
+    return DatabaseError("DatabaseOperationError: Failed to update Members count.");
+  }
+  return Answer{kOkRes, {{"Base.1.12.Created", {}, {}}}, {}, {}};
+}
+
+Answer Creation::WriteFailed() {
+  TakeBack();
+  return DatabaseError("DatabaseOperationError: Failed to create event destination object.");
+}
+
+/// Removes what the creation may have written, however far it got. The syslog forwarder is not told, and counters that
+/// have moved stay.
+void Creation::TakeBack() {
+  std::erase(state_.syslogTlsDestinationIds, about_.id);
+  RedisPipeline pipeline(redis_);
+  AppendUnlink(pipeline, keys_);
+  AppendMemberRemoval(pipeline, kSubscriptionsUri, uri_);
+  pipeline.Append({"HDEL", request_.announcement.requestKey, kLocationField});
+  const size_t removals = pipeline.Size();
+  if (formerCollectionEtag_.empty()) {
+    pipeline.Append({"HDEL", kSubscriptionsUri, kEtagField});
+  } else {
+    pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, formerCollectionEtag_});
+  }
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (!AllIntegers(std::span(replies).first(removals))) {
+    LogError("Failed to delete data of event destination whencreate failed.");
+  }
+}
+
+}  // namespace
+
+std::optional<Answer> CheckSubscriptionLimit(const Request& request) {
+  // Compared signed, as the limit is.
+  if (static_cast<int32_t>(request.subscriptions->subscriptionCount) < request.settings.maxSubscriptionCount) {
+    return std::nullopt;
+  }
+  return Refuse(kUnavailable, "Base.1.12.EventSubscriptionLimitExceeded");
+}
+
+Answer CreateEventDestination(Request& request, RandomSource random) { return Creation(request, random).Run(); }
+
+}  // namespace event_service

@@ -1,0 +1,82 @@
+#include "subscriptions/get_preparation.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/logging.h"
+#include "foundation/redis_pipeline.h"
+#include "resource_store/store_encoding.h"
+#include "subscriptions/event_destination.h"
+#include "subscriptions/member_uri.h"
+
+namespace event_service {
+namespace {
+
+constexpr std::string_view kHeaders = "HttpHeaders";
+constexpr std::string_view kFlaggedKeys[] = {"AuthenticationKey", "EncryptionKey"};
+
+/// True when `path` stands in a list of paths that commas separate.
+bool ListsPath(std::string_view paths, std::string_view path) {
+  while (!paths.empty()) {
+    const size_t comma = std::min(paths.find(','), paths.size());
+    if (paths.substr(0, comma) == path) return true;
+    paths.remove_prefix(std::min(comma + 1, paths.size()));
+  }
+  return false;
+}
+
+/// Adds those of `added` (paths that commas separate) that `paths` lacks.
+std::string JoinPaths(std::string paths, std::string_view added) {
+  while (!added.empty()) {
+    const size_t comma = std::min(added.find(','), added.size());
+    const std::string_view path = added.substr(0, comma);
+    if (!ListsPath(paths, path)) {
+      if (!paths.empty()) paths += ',';
+      paths += path;
+    }
+    added.remove_prefix(std::min(comma + 1, added.size()));
+  }
+  return paths;
+}
+
+bool HoldsText(std::string_view stored) { return !stored.empty() && stored != "null" && stored != "\"\""; }
+
+}  // namespace
+
+void PrepareGet(const Request& request) {
+  const std::string& uri = request.record.targetUri;
+  if (MemberIdOf(uri).empty()) return;
+  const std::string snmpKey = ChildKey(uri, "SNMP");
+  RedisPipeline reads(request.redis);
+  const size_t type = reads.Append({"HGET", uri, "SubscriptionType"});
+  const size_t sensitive = reads.Append({"HGET", uri, kSensitiveDataField});
+  const size_t headers = reads.Append({"LLEN", ChildKey(uri, kHeaders)});
+  const size_t snmp = reads.Append({"HGET", uri, "SNMP"});
+  const size_t firstKey = reads.Size();
+  for (const std::string_view key : kFlaggedKeys) {
+    reads.Append({"HGET", snmpKey, key});
+    reads.Append({"HGET", snmpKey, std::string(key) + "Set"});
+  }
+  const std::vector<RedisReply> replies = reads.Execute();
+  if (!IsString(replies[type]) || TextOf(replies[type]) == "\"SSE\"") return;
+
+  RedisPipeline writes(request.redis);
+  const std::string_view storedPaths = TextOf(replies[sensitive]);
+  std::string paths(storedPaths);
+  if (IsInteger(replies[headers]) && replies[headers]->integer > 0) paths = JoinPaths(std::move(paths), kHeaders);
+  if (ParseFieldMarker(TextOf(replies[snmp]))) {
+    paths = JoinPaths(std::move(paths), kSnmpSensitivePaths);
+    for (size_t i = 0; i < std::size(kFlaggedKeys); ++i) {
+      const std::string_view flag = HoldsText(TextOf(replies[firstKey + 2 * i])) ? "true" : "false";
+      if (TextOf(replies[firstKey + 2 * i + 1]) == flag) continue;
+      writes.Append({"HSET", snmpKey, std::string(kFlaggedKeys[i]) + "Set", flag});
+    }
+  }
+  if (paths != storedPaths) writes.Append({"HSET", uri, kSensitiveDataField, paths});
+  if (writes.Size() > 0 && !AllIntegers(writes.Execute())) {
+    LogError("Failed to prepare the event destination %s for GET.", uri.c_str());
+  }
+}
+
+}  // namespace event_service

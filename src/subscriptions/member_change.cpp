@@ -1,0 +1,57 @@
+#include "subscriptions/member_change.h"
+
+#include <span>
+#include <utility>
+
+#include "foundation/logging.h"
+#include "foundation/random.h"
+#include "resource_store/resource_writer.h"
+#include "service/event_group_id.h"
+#include "service/redis_keys.h"
+#include "service/subscription_log.h"
+#include "subscriptions/announced_events.h"
+#include "subscriptions/event_destination.h"
+
+namespace event_service {
+
+Answer MemberMissing(std::string_view uri) {
+  return Refuse(kNotFound, "Base.1.12.ResourceMissingAtURI", {std::string(uri)});
+}
+
+void LogEtagFailure(std::string_view uri) { LogError("Failed to set the etag of %s.", std::string(uri).c_str()); }
+
+bool ApplyMemberChange(Request& request, RedisPipeline& writes, MemberChange change) {
+  const std::string uri(change.uri);
+  const std::string etag = NewEtag();
+  const size_t propertyWrites = writes.Size();
+  const bool takesSequence = change.nextSequence != kNoSequence;
+  if (takesSequence) AppendSequenceStore(writes, change.nextSequence);
+  const size_t etagWrite = writes.Append({"HSET", uri, kEtagField, Json(etag).dump()});
+  const size_t collectionWrite = writes.Append({"HSET", kSubscriptionsUri, kEtagField, Json(NewEtag()).dump()});
+  const size_t collectionEtag = writes.Append({"HGET", kSubscriptionsUri, kEtagField});
+  const size_t draw = AppendEventGroupIdDraw(writes);
+  const std::vector<RedisReply> replies = writes.Execute();
+  if (!AllIntegers(std::span(replies).first(propertyWrites))) return false;
+  if (takesSequence && !TextOf(replies[propertyWrites]).starts_with("OK")) return false;
+
+  if (IsInteger(replies[etagWrite])) {
+    change.changes[std::string(kEtagField)] = etag;
+  } else {
+    LogEtagFailure(uri);
+  }
+  if (!IsInteger(replies[collectionWrite])) LogEtagFailure(kSubscriptionsUri);
+  const uint32_t eventGroupId = SettleEventGroupId(request.redis, replies[draw].get());
+  if (!change.isSse) {
+    // A failure has been logged; the change stands.
+    static_cast<void>(request.subscriptions->db.UpdateDbSubscription(uri, change.changes, change.removed,
+                                                                     TextOf(replies[collectionEtag])));
+  }
+  RedisPipeline announcement(request.redis);
+  AnnouncedEvents events(request, announcement, eventGroupId);
+  events.AppendForMember(change.eventKind, uri);
+  events.Check(announcement.Execute());
+  LogSubscriptionChange(uri, change.done, change.who);
+  return true;
+}
+
+}  // namespace event_service

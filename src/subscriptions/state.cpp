@@ -1,0 +1,115 @@
+#include "subscriptions/state.h"
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "foundation/logging.h"
+#include "foundation/redis_pipeline.h"
+#include "requests/request_body.h"
+#include "resource_store/resource_editor.h"
+#include "subscriptions/event_destination.h"
+#include "subscriptions/member_change.h"
+#include "subscriptions/member_uri.h"
+
+namespace event_service {
+namespace {
+
+/// The values that the standard has for Status/State.
+constexpr std::string_view kStates[] = {"Enabled",   "Disabled", "StandbyOffline", "StandbySpare",
+                                        "InTest",    "Starting", "Absent",         "UnavailableOffline",
+                                        "Deferring", "Quiesced", "Updating",       "Qualified"};
+
+std::string Quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
+
+/// What a change of State depends on.
+struct StoredState {
+  bool exists = false;
+  bool isSse = false;
+  std::string state;  // as stored; empty: the member has no Status, as streams have none
+};
+
+/// Appends three commands and takes their replies from `first` on.
+void AppendStateReads(RedisPipeline& pipeline, std::string_view uri) {
+  pipeline.Append({"EXISTS", uri});
+  pipeline.Append({"HGET", uri, "SubscriptionType"});
+  pipeline.Append({"HGET", ChildKey(uri, "Status"), "State"});
+}
+
+StoredState TakeStateReads(std::span<const RedisReply> replies) {
+  return {.exists = IsInteger(replies[0]) && replies[0]->integer == 1,
+          .isSse = TextOf(replies[1]) == "\"SSE\"",
+          .state = std::string(TextOf(replies[2]))};
+}
+
+/// False when a write failed.
+bool ChangeState(Request& request, std::string_view uri, const StoredState& stored, std::string_view state,
+                 const char* who) {
+  const Json status = {{"State", state}};
+  RedisPipeline writes(request.redis);
+  int64_t noSequence = kNoSequence;
+  if (stored.state.empty()) {
+    if (!AppendPropertyWrites(writes, uri, "Status", status, noSequence)) return false;
+  } else {
+    writes.Append({"HSET", ChildKey(uri, "Status"), "State", Quoted(state)});
+  }
+  return ApplyMemberChange(request, writes,
+                           {.uri = uri,
+                            .isSse = stored.isSse,
+                            .changes = {{"Status", status}},
+                            .eventKind = "status",
+                            .done = state == kStateEnabled ? "resumed" : "suspended",
+                            .who = who});
+}
+
+}  // namespace
+
+bool SetState(redisContext* redis, std::string_view uri, std::string_view state) {
+  return HashWriteQuoted(redis, ChildKey(uri, "Status"), "State", state);
+}
+
+Answer ResumeSubscription(Request& request, std::string_view uri) {
+  if (MemberIdOf(uri).empty()) return MemberMissing(uri);
+  RedisPipeline reads(request.redis);
+  AppendStateReads(reads, uri);
+  const StoredState stored = TakeStateReads(reads.Execute());
+  if (!stored.exists) return MemberMissing(uri);
+  if (stored.state.empty() || stored.state == Quoted(kStateEnabled)) return NoOperationAnswer();
+  if (!ChangeState(request, uri, stored, kStateEnabled, "client")) {
+    return DatabaseError("DatabaseOperationError: Failed to set State.");
+  }
+  return Answer{kOkRes, {{std::string(kSuccessMessage), {}, {}}}, {}, {}};
+}
+
+Answer ApplyDeliveryState(Request& request) {
+  const std::string& uri = request.record.targetUri;
+  if (MemberIdOf(uri).empty()) return MemberMissing(uri);
+  RequestBody body(request.record.requestData);
+  StoredState stored;
+  for (bool isFirst = true; !body.IsComplete(); isFirst = false) {
+    RedisPipeline reads(request.redis);
+    if (isFirst) AppendStateReads(reads, uri);
+    body.AppendLevel(reads);
+    const std::vector<RedisReply> replies = reads.Execute();
+    if (isFirst) stored = TakeStateReads(replies);
+    if (!body.TakeLevel(replies)) {
+      return DatabaseError("DatabaseOperationError: Failed to get request data from database.");
+    }
+  }
+  if (!stored.exists) return MemberMissing(uri);
+  const auto status = body.Document().find("Status");
+  const std::string_view state = status == body.Document().end() ? std::string_view() : TextMember(*status, "State");
+  const auto known = std::ranges::find(kStates, state);
+  if (known == std::end(kStates)) {
+    LogError("The event delivery asked for an unknown State of %s.", uri.c_str());
+    return NoAnswer();
+  }
+  if (stored.state == Quoted(state)) return NoAnswer();
+  if (!ChangeState(request, uri, stored, *known, "delivery side")) {
+    return DatabaseError("DatabaseOperationError: Failed to set State.");
+  }
+  return NoAnswer();
+}
+
+}  // namespace event_service

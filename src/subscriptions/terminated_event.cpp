@@ -1,0 +1,35 @@
+#include "subscriptions/terminated_event.h"
+
+#include "foundation/random.h"
+#include "foundation/time_stamp.h"
+#include "requests/event_submission.h"
+#include "subscriptions/event_destination.h"
+
+namespace event_service {
+
+std::string NewEventObjectKey() { return "&&/redfish/v1/EventService/Actions/" + std::to_string(RandomNumber()); }
+
+bool AppendTerminatedEvent(RedisPipeline& pipeline, std::string_view key, std::string_view uri, const Json& destination,
+                           uint32_t eventGroupId) {
+  const std::string eventId = std::to_string(RandomNumber());
+  const Json event = {{"EventGroupId", eventGroupId},
+                      {"EventId", eventId},
+                      {"EventTimestamp", TimeStamp()},
+                      {"EventType", "Other"},
+                      {"Message", "The event subscription has been terminated."},
+                      {"MessageId", "Base.1.12.SubscriptionTerminated"},
+                      {"MessageSeverity", "OK"},
+                      {"OriginOfCondition", {{"@odata.id", uri}}},
+                      {"Severity", "OK"}};
+  if (!AppendEventObject(pipeline, key, "SubscriptionTerminated-" + eventId, "SubscriptionTerminated", event)) {
+    return false;
+  }
+  pipeline.Append({"HSET", key, "&&EventDestination", uri});
+  // The resource is gone when the event is delivered, so what delivery shows of it stands here.
+  if (const auto context = destination.find("Context"); context != destination.end() && context->is_string()) {
+    pipeline.Append({"HSET", key, "Context", FileText(*context)});
+  }
+  return true;
+}
+
+}  // namespace event_service
