@@ -9,6 +9,7 @@
 namespace event_service {
 namespace {
 
+constexpr const char* kLinkMember = "@odata.id";
 constexpr size_t kMaxArgumentCharacters = 256;
 constexpr size_t kMaxTooLongCharacters = 64;
 
@@ -82,15 +83,25 @@ std::vector<std::string> CommonArguments(const FaultMessage& message, const Faul
   return {std::string(CutToCharacters(ValueAsArgument(value), kMaxTooLongCharacters)), std::to_string(fault.limit)};
 }
 
-bool HoldsReferences(std::string_view property, const Json& value) {
-  return value.is_array() &&
-         std::ranges::find(kReferenceArrayProperties, property) != std::end(kReferenceArrayProperties);
+bool HoldsReferences(std::string_view property) {
+  return std::ranges::find(kReferenceArrayProperties, property) != std::end(kReferenceArrayProperties);
 }
 
-void RemoveAllButReference(Json& element) {
-  const Json uri = element.is_object() ? element.value("@odata.id", Json()) : Json();
-  RemovePassedOver(element);
-  if (!uri.is_null()) element["@odata.id"] = uri;
+/// A link's "@odata.id" is its value, not an annotation: it stays where a link is expected (`isLink`) and where nothing
+/// stands beside it.
+void CleanNested(Json& value, bool isLink) {
+  if (!value.is_structured()) return;
+  for (auto item = value.begin(); item != value.end();) {
+    const bool isMember = value.is_object();
+    if (isMember && item.key() != kLinkMember && IsPassedOver(item.key())) {
+      item = value.erase(item);
+      continue;
+    }
+    // The elements of a list of links, and the list itself, which has no members.
+    CleanNested(*item, isMember ? HoldsReferences(item.key()) : isLink);
+    ++item;
+  }
+  if (value.is_object() && value.size() > 1 && !isLink) value.erase(kLinkMember);
 }
 
 }  // namespace
@@ -150,16 +161,8 @@ bool IsPassedOver(std::string_view memberName) {
 }
 
 void RemovePassedOver(Json& body) {
-  if (!body.is_structured()) return;
-  for (auto item = body.begin(); item != body.end();) {
-    if (body.is_object() && IsPassedOver(item.key())) {
-      item = body.erase(item);
-    } else if (body.is_object() && HoldsReferences(item.key(), *item)) {
-      std::ranges::for_each(*item++, RemoveAllButReference);
-    } else {
-      RemovePassedOver(*item++);
-    }
-  }
+  CleanNested(body, false);
+  if (body.is_object()) body.erase(kLinkMember);
 }
 
 std::optional<Fault> CheckText(const Json& value, size_t limit) {

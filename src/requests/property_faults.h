@@ -62,8 +62,8 @@ std::string_view CutToCharacters(std::string_view text, size_t characters);
 /// ("...@odata.*", "...@Redfish.*", "...@Message.*").
 bool IsPassedOver(std::string_view memberName);
 
-/// Takes those members out of a body, at every level. The "@odata.id" of a reference in OriginResources or
-/// MetricReportDefinitions is no annotation and stays.
+/// Takes those members out of a body, at every level. The "@odata.id" of a link is no annotation: it stays in the
+/// elements of OriginResources and MetricReportDefinitions, and in nested objects that hold nothing else.
 void RemovePassedOver(Json& body);
 
 /// The checks of single values, null excluded: each gives the first fault, or nothing. Text: type, length, no NUL.

@@ -125,13 +125,21 @@ TEST(PropertyFaults, ChecksTellTheFirstFault) {
 
 TEST(PropertyFaults, ControlFieldsAndAnnotationsAreTakenOutAtEveryLevel) {
   Json body = Json::parse(R"({"&&SSE-CHANNEL": "x", "@odata.id": "/a", "Context": "c", "Context@Redfish.Copy": 1,
-                              "SNMP": {"@Message.ExtendedInfo": [], "TrapCommunity": "t"},
-                              "HttpHeaders": [{"A@odata.type": 1, "B": "2"}], "mail@example.org": true,
-                              "OriginResources": [{"@odata.id": "/b", "@odata.type": "t"}, 1, {"@odata.id": 2}]})");
+                              "SNMP": {"@Message.ExtendedInfo": [], "TrapCommunity": "t", "@odata.id": "/b"},
+                              "HttpHeaders": [{"A@odata.type": 1, "B": "2"}], "mail@example.org": true})");
   RemovePassedOver(body);
   EXPECT_EQ(body, Json::parse(R"({"Context": "c", "SNMP": {"TrapCommunity": "t"}, "HttpHeaders": [{"B": "2"}],
-                                  "mail@example.org": true,
-                                  "OriginResources": [{"@odata.id": "/b"}, 1, {"@odata.id": 2}]})"));
+                                  "mail@example.org": true})"));
+}
+
+TEST(PropertyFaults, LinksKeepTheirTarget) {
+  Json body = Json::parse(
+      R"({"OriginResources": [{"@odata.id": "/a", "@odata.type": "#A"}, {"@odata.id": "/a", "b": 1}, 1, {"@odata.id": 2}],
+                              "OriginOfCondition": {"@odata.id": "/a"}})");
+  RemovePassedOver(body);
+  EXPECT_EQ(body,
+            Json::parse(R"({"OriginResources": [{"@odata.id": "/a"}, {"@odata.id": "/a", "b": 1}, 1, {"@odata.id": 2}],
+                                  "OriginOfCondition": {"@odata.id": "/a"}})"));
 }
 
 }  // namespace
