@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <iterator>
 #include <optional>
 
 #include "foundation/durable_file.h"
@@ -16,7 +15,9 @@ std::optional<std::string> ReadWholeFile(const std::string& path) {
   errno = 0;
   std::ifstream file(path, std::ios::binary);
   if (!file) return errno == ENOENT ? std::optional<std::string>("") : std::nullopt;
-  std::string text{std::istreambuf_iterator<char>(file), {}};
+  std::string text;
+  char part[1024];
+  while (file.read(part, sizeof part), file.gcount() > 0) text.append(part, static_cast<size_t>(file.gcount()));
   return file.bad() ? std::nullopt : std::optional(std::move(text));
 }
 

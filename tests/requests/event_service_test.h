@@ -8,6 +8,7 @@
 #include "requests/event_service_listener.h"
 #include "resource_store/resource_reader.h"
 #include "resource_store/resource_writer.h"
+#include "service/event_group_id.h"
 #include "service/life_cycle_event.h"
 #include "service/redis_keys.h"
 #include "tests/support/log_capture.h"
@@ -38,6 +39,8 @@ class EventServiceTest : public RedisTest {
     ForgetLifeCycleSetting();
     settings_ = ServiceSettings();
     HashWrite(redis(), kEventServiceUri, "ServiceEnabled", "true");
+    HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", "65535");
+    MaxEventGroupId(redis());  // start-up asks for it
   }
 
   /// Registers a script of one statement.
@@ -65,7 +68,7 @@ class EventServiceTest : public RedisTest {
   }
 
   ServiceSettings settings_;
-  const LogCapture log_;
+  LogCapture log_;
 };
 
 }  // namespace event_service
