@@ -111,6 +111,8 @@ std::string LoadCollection(redisContext* redis, const CollectionFile& file, std:
   }
   if (!fits) return "a document cannot be stored";
   const size_t count = AppendEntries(pipeline, present, file, collectionUri);
+  std::string entriesKey = MembersKey(collectionUri);
+  pipeline.Append({"HSET", collectionUri, "Members", BuildMarker(false, Json::array(), entriesKey, "Members")});
   pipeline.Append({"HSET", collectionUri, "Members@odata.count", std::to_string(count)});
   if (takesIds) AppendSequenceStore(pipeline, sequence);
   pipeline.Append({"EXEC"});

@@ -64,6 +64,7 @@ TEST_F(ResourceLoaderTest, CollectionAndMembersReadBackAsTheFileHoldsThem) {
   EXPECT_EQ(Stored("A"), MemberOf("A"));
   EXPECT_EQ(Stored("B"), MemberOf("B"));
   EXPECT_EQ(Dump()[kEntries], "[&&ObjectRef &&" + kCollection + "/A, &&ObjectRef &&" + kCollection + "/B]");
+  EXPECT_EQ(HashRead(redis(), kCollection, "Members"), "&&Array Members " + kEntries);
   EXPECT_EQ(Count(), "2");
   EXPECT_EQ(HashRead(redis(), kCollection, "Name"), "\"Subscriptions\"");
   EXPECT_EQ(HashRead(redis(), kCollection, "@odata.etag"), R"("\"AB\"")");
