@@ -47,7 +47,7 @@ TEST_F(FrontEndTest, AClientSeesNoSecretsAndNoControlFields) {
 TEST_F(FrontEndTest, WithoutAListenerThereIsNoAnswerAndNothingIsLeft) {
   const FrontEndRequest request{
       .method = "PATCH", .targetUri = "/redfish/v1/EventService", .body = Json::parse(R"({"a": [1]})")};
-  EXPECT_FALSE(SendRequest(redis(), request));
+  EXPECT_FALSE(SendRequest(redis(), request, std::chrono::milliseconds(30)));
   EXPECT_TRUE(KeyListing(redis(), "&&*").empty());
 }
 

@@ -2,8 +2,10 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <thread>
 
 #include "foundation/random.h"
 #include "foundation/redis_pipeline.h"
@@ -50,6 +52,17 @@ RedisContext Listen(const std::string& channel, std::chrono::milliseconds patien
   redisSetTimeout(subscriber.get(), limit);
   if (!IsArray(SendArguments(subscriber.get(), {"SUBSCRIBE", channel}))) return nullptr;
   return subscriber;
+}
+
+// A service is ready a moment before its listeners have subscribed, so an announcement that nobody took is made again.
+bool AnnounceUntilTaken(redisContext* redis, std::string_view channel, const StoredRequest& stored,
+                        std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (redis->err == 0 && std::chrono::steady_clock::now() < deadline) {
+    if (AnnounceRequest(redis, channel, stored)) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
 }
 
 bool AwaitMessage(redisContext* subscriber) {
@@ -148,7 +161,8 @@ std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndReq
   if (!stored) return std::nullopt;
   std::optional<FrontEndAnswer> answer;
   const RedisContext subscriber = Listen(stored->returnChannel, patience);
-  if (subscriber && AnnounceRequest(redis, ChannelOf(request.targetUri), *stored) && AwaitMessage(subscriber.get())) {
+  if (subscriber && AnnounceUntilTaken(redis, ChannelOf(request.targetUri), *stored, patience) &&
+      AwaitMessage(subscriber.get())) {
     answer = ReadAnswer(redis, *stored);
   }
   RemoveRequest(redis, *stored);

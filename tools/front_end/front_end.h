@@ -63,8 +63,8 @@ FrontEndAnswer ReadAnswer(redisContext* redis, const StoredRequest& stored);
 /// Removes every key of the request, the answer's included.
 void RemoveRequest(redisContext* redis, const StoredRequest& stored);
 
-/// The whole road: store, announce, wait, read, remove. Nothing when Redis fails, no listener takes the announcement,
-/// or no answer comes in time.
+/// The whole road: store, announce (again while no listener takes it), wait, read, remove. Nothing when Redis fails or
+/// when listener or answer does not come in time.
 std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndRequest& request,
                                           std::chrono::milliseconds patience = std::chrono::seconds(15));
 
