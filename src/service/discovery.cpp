@@ -22,12 +22,13 @@ bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsWord(char c) { return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
 constexpr std::string_view kLineEnds = "\r\n";
 
-/// Takes the longest run of such characters off the front of `text`.
-std::string_view TakeWhile(std::string_view& text, bool (*belongs)(char)) {
-  const auto end = std::ranges::find_if_not(text, belongs);
-  const std::string_view run(text.begin(), end);
-  text.remove_prefix(run.size());
-  return run;
+/// Takes the longest run of such characters off the front of `text`; false when there is none.
+template <bool (*belongs)(char)>
+bool TakeSome(std::string_view& text) {
+  size_t length = 0;
+  while (length < text.size() && belongs(text[length])) ++length;
+  text.remove_prefix(length);
+  return length > 0;
 }
 
 bool TakeDot(std::string_view& text) {
@@ -64,28 +65,28 @@ std::optional<std::string_view> SchemaNameOf(std::string_view element) {
 
 std::optional<std::string> MessageIdOf(std::string_view key) {
   constexpr std::string_view kFolder = "&&/redfish/v1/schemas/registries/";
-  constexpr std::string_view kMessages = "/Messages/";
+  constexpr std::string_view kMessages = "/Messages";  // with the "/" behind it
   if (!key.starts_with(kFolder)) return std::nullopt;
 
   std::string_view rest = key.substr(kFolder.size());
-  const std::string_view registry = TakeWhile(rest, IsWord);
-  if (registry.empty() || !TakeDot(rest)) return std::nullopt;
-  const std::string_view major = TakeWhile(rest, IsDigit);
-  if (major.empty() || !TakeDot(rest)) return std::nullopt;
-  const std::string_view minor = TakeWhile(rest, IsDigit);
-  if (minor.empty()) return std::nullopt;
+  if (!TakeSome<IsWord>(rest) || !TakeDot(rest)) return std::nullopt;
+  if (!TakeSome<IsDigit>(rest) || !TakeDot(rest) || !TakeSome<IsDigit>(rest)) return std::nullopt;
+  const std::string_view registryAndVersion(key.begin() + kFolder.size(), rest.begin());
 
-  const size_t messages = rest.rfind(kMessages);
-  if (messages == std::string_view::npos || rest.find_first_of(kLineEnds) < messages) return std::nullopt;
-  const std::string_view name = rest.substr(messages + kMessages.size());
-  if (name.empty() || !std::ranges::all_of(name, IsWord)) return std::nullopt;
+  const size_t slash = rest.rfind('/');
+  if (slash == std::string_view::npos) return std::nullopt;
+  const std::string_view name = rest.substr(slash + 1);
+  std::string_view between = rest.substr(0, slash);
+  if (!between.ends_with(kMessages)) return std::nullopt;
+  between.remove_suffix(kMessages.size());
+  if (between.find('\n') != std::string_view::npos || between.find('\r') != std::string_view::npos) return std::nullopt;
+
+  std::string_view afterName = name;
+  if (!TakeSome<IsWord>(afterName) || !afterName.empty()) return std::nullopt;
 
   std::string id;
-  id.reserve(registry.size() + major.size() + minor.size() + name.size() + 5);
-  for (const std::string_view part :
-       {std::string_view("\""), registry, std::string_view("."), major, std::string_view("."), minor,
-        std::string_view("."), name, std::string_view("\"")})
-    id += part;
+  id.reserve(registryAndVersion.size() + name.size() + 3);
+  id.append("\"").append(registryAndVersion).append(".").append(name).append("\"");
   return id;
 }
 
