@@ -48,7 +48,12 @@ bool SubscriptionDb::InitSubscriptionDb() {
     if (!plainAside) return false;
   }
 
-  const bool restored = CheckDbFile(paths.databaseFile) == DbFileState::kFilled && RestoreDatabaseFile();
+  bool restored = false;
+  if (CheckDbFile(paths.databaseFile) == DbFileState::kFilled) {
+    const bool isEncrypted = ReadDbPassword() && !password_.empty();
+    if (!isEncrypted && !NameLegacyFile()) return false;
+    restored = (isEncrypted ? DecodeDbFile(true) : MoveLegacyFile()) && RestoreDbToRedis(paths.plainDatabaseFile);
+  }
   if (restored && plainAside && !ReadDbDocument(*plainAside)) {
     unlink(plainAside->c_str());  // what a dump or decryption left that was cut short; the database file was whole
   } else if (plainAside) {
@@ -65,24 +70,21 @@ bool SubscriptionDb::FinishStart() {
   return true;
 }
 
-bool SubscriptionDb::RestoreDatabaseFile() {
-  const std::string& plainFile = environment_.paths.plainDatabaseFile;
-  if (ReadDbPassword() && !password_.empty()) return DecodeDbFile(true) && RestoreDbToRedis(plainFile);
-  return MoveLegacyFile() && RestoreDbToRedis(plainFile);
+bool SubscriptionDb::NameLegacyFile() {
+  const std::string& databaseFile = environment_.paths.databaseFile;
+  const std::string legacyFile = LegacyName(environment_.paths);
+  chmod(databaseFile.c_str(), S_IRUSR | S_IWUSR);
+  if (IsSameFile(databaseFile, legacyFile)) return true;
+  if (FileIsThere(legacyFile) && !KeepAside(legacyFile)) return false;
+  if (link(databaseFile.c_str(), legacyFile.c_str()) == 0 && SyncFolderOf(databaseFile)) return true;
+  // Once it is moved, the next start would copy default data over it.
+  LogError("Failed to give the file %s a second name before it is moved.", databaseFile.c_str());
+  return false;
 }
 
 bool SubscriptionDb::MoveLegacyFile() {
-  const std::string& databaseFile = environment_.paths.databaseFile;
-  const std::string& plainFile = environment_.paths.plainDatabaseFile;
-  const std::string legacyFile = LegacyName(environment_.paths);
-  chmod(databaseFile.c_str(), S_IRUSR | S_IWUSR);
-  if (!IsSameFile(databaseFile, legacyFile)) {
-    if (FileIsThere(legacyFile) && !KeepAside(legacyFile)) return false;
-    if (link(databaseFile.c_str(), legacyFile.c_str()) != 0 || !SyncFolderOf(databaseFile)) {
-      LogError("Failed to give the file %s a second name.", databaseFile.c_str());
-    }
-  }
-  if (environment_.runShell("mv " + databaseFile + " " + plainFile) == 0) return true;
+  const std::string command = "mv " + environment_.paths.databaseFile + " " + environment_.paths.plainDatabaseFile;
+  if (environment_.runShell(command) == 0) return true;
   LogError("Failed to move subscription DB file.");
   return false;
 }

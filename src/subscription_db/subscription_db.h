@@ -119,7 +119,7 @@ class SubscriptionDb {
   /// Changes the "Members" array; false, after a logged line, when there is nothing to write.
   using Edit = std::function<bool(json_t* members)>;
 
-  bool RestoreDatabaseFile();
+  bool NameLegacyFile();
   bool MoveLegacyFile();
   bool FallBackToDefaultData();
   bool FinishStart();

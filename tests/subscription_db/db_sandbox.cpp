@@ -10,25 +10,6 @@
 
 namespace event_service {
 
-Json MemberOf(const std::string& id, const std::string& context) {
-  return {{"@odata.id", kUris + id},
-          {"Id", id},
-          {"Context", context},
-          {"&&PATCHValidation", "v_EventDestination.json"},
-          {"SNMP", {{"AuthenticationKey", "AB12"}, {"AuthenticationKeySet", true}, {"TrapCommunity", "CD34"}}},
-          {"HttpHeaders", {{{"X-Token", "abc"}}}},
-          {"MessageIds", {"Base.1.12.Created"}}};
-}
-
-Json DocumentOf(const std::vector<std::string>& ids) {
-  Json document = {{"@odata.etag", "\"0\""}, {"Name", "Subscriptions"}, {"Members", Json::array()}};
-  for (const std::string& id : ids) {
-    document["Members"].push_back(MemberOf(id));
-    document["Members"].back()["&&Privileges"] = "Login";
-  }
-  return document;
-}
-
 DbSandboxTest::DbSandboxTest() {
   WriteFile(Paths().defaultDatabaseFile, DocumentOf({}).dump());
   // Stands for the platform's loader: it takes what is a collection.

@@ -8,18 +8,12 @@
 #include <vector>
 
 #include "subscription_db/subscription_db.h"
+
+#include "tests/subscription_db/db_documents.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox_root.h"
 
 namespace event_service {
-
-inline const std::string kUris = "/redfish/v1/EventService/Subscriptions/";
-inline const std::string kEtagText = R"("\"ABC\"")";
-
-/// A member as a creation hands it over.
-Json MemberOf(const std::string& id, const std::string& context = "here");
-/// A whole document with these members.
-Json DocumentOf(const std::vector<std::string>& ids);
 
 class DbSandboxTest : public testing::Test {
  protected:
