@@ -6,6 +6,7 @@
 
 #include "foundation/logging.h"
 #include "requests/response_writer.h"
+#include "resource_store/resource_editor.h"
 
 namespace event_service {
 namespace {
@@ -44,10 +45,9 @@ Answer Handle(ListenerResources& resources, const ServiceRoutes& service, const 
 }
 
 void DeleteRequest(redisContext* redis, const std::string& requestKey, bool withBody) {
-  RedisPipeline pipeline(redis);
-  pipeline.Append({"DEL", requestKey});
-  if (withBody) pipeline.Append({"DEL", requestKey + "/RequestData"});
-  if (!AllIntegers(pipeline.Execute())) LogError("Failed to delete a request of the event delivery.");
+  // What is nested in the body lies under keys of its own.
+  const bool isBodyDeleted = !withBody || DeleteResource(redis, requestKey + "/RequestData");
+  if (!KeyDelete(redis, requestKey) || !isBodyDeleted) LogError("Failed to delete a request of the event delivery.");
 }
 
 void ServeOne(ListenerResources& resources, const ServiceRoutes& service, ResponseWriter& writer,
