@@ -157,12 +157,11 @@ void MemberDeletion::Remove(uint32_t eventGroupId) {
   if (transport == "TLS") std::erase(state_.syslogTlsDestinationIds, id);
   if (!HaveSucceeded(range(index, entry))) LogError("Failed to remove the origin index of %s.", uri_.c_str());
   const std::span<const RedisReply> removals = range(entry, keys);
-  if (HaveSucceeded(removals)) {
-    hasLeftCollection_ = std::ranges::any_of(removals, [](const RedisReply& reply) { return reply->integer > 0; });
-    membersLength_ = std::move(replies.back());
-  } else {
-    LogError("Failed to remove %s from the collection.", uri_.c_str());
-  }
+  const bool areRemoved = HaveSucceeded(removals);
+  if (!areRemoved) LogError("Failed to remove %s from the collection.", uri_.c_str());
+  hasLeftCollection_ =
+      std::ranges::any_of(removals, [](const RedisReply& reply) { return IsInteger(reply) && reply->integer > 0; });
+  if (areRemoved || hasLeftCollection_) membersLength_ = std::move(replies.back());
   if (!HaveSucceeded(range(keys, etag))) LogError("Failed to delete the keys of %s.", uri_.c_str());
   if (!IsInteger(replies[etag])) LogEtagFailure(kSubscriptionsUri);
   collectionEtag_ = TextOf(replies[storedEtag]);
