@@ -16,15 +16,13 @@ bool IsDecimal(std::string_view text) {
   return !text.empty() && std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
 }
 
-/// True for the target that the writer gives a container at this place.
-bool IsDerivedTarget(std::string_view parentKey, ContainerKind parentKind, std::string_view name,
-                     std::string_view target) {
-  if (parentKind == ContainerKind::kObject) return target == ChildKey(parentKey, name);
-  const std::string anyElement = ChildKey(parentKey, {});
+/// True for the target that the writer gives to an object or array in the list at `listKey`.
+bool IsElementKey(std::string_view listKey, std::string_view target) {
+  const std::string anyElement = ChildKey(listKey, {});
   return target.starts_with(anyElement) && IsDecimal(target.substr(anyElement.size()));
 }
 
-/// The string that an array element's text was before it lost its quotes; the text itself when it never had any.
+/// The string that a text was before it lost its quotes; the text itself when it never had any.
 Json StringOfMarkerText(std::string_view stored) {
   Json text = Json::parse('"' + std::string(stored) + '"', nullptr, false);
   if (!text.is_string()) text = std::string(stored);
@@ -119,7 +117,9 @@ bool ResourceWalk::TakeHash(const Node& node, std::span<redisReply* const> items
     } else if (!LooksLikeMarker(stored)) {
       complete &= TakeText(node, name, stored, slot());
     } else if (const std::optional<Marker> marker = ParseFieldMarker(stored)) {
-      complete &= TakeMarker(node, name, *marker, stored, slot());
+      complete &= TakeMarker(node, name, *marker, slot());
+    } else if (!options_.followForeignMarkers && node.value != nullptr) {
+      *slot() = StringOfMarkerText(stored);
     }
   }
   return complete;
@@ -136,8 +136,8 @@ bool ResourceWalk::TakeList(const Node& node, std::span<redisReply* const> items
     const std::string_view stored = TextOf(items[i]);
     if (!LooksLikeMarker(stored)) {
       complete &= TakeText(node, index, stored, slot());
-    } else if (const std::optional<Marker> marker = ParseElementMarker(stored)) {
-      complete &= TakeMarker(node, index, *marker, stored, slot());
+    } else if (const std::optional<Marker> marker = ParseElementMarker(stored); marker && IsFollowed(node, *marker)) {
+      complete &= TakeMarker(node, index, *marker, slot());
     } else if (!options_.followForeignMarkers && node.value != nullptr) {
       *slot() = StringOfMarkerText(stored);
     }
@@ -145,15 +145,15 @@ bool ResourceWalk::TakeList(const Node& node, std::span<redisReply* const> items
   return complete;
 }
 
-bool ResourceWalk::TakeMarker(const Node& node, std::string_view name, const Marker& marker, std::string_view stored,
-                              Json* slot) {
+bool ResourceWalk::IsFollowed(const Node& list, const Marker& marker) const {
+  return options_.followForeignMarkers || marker.kind == Marker::Kind::kReference ||
+         IsElementKey(list.key, marker.target);
+}
+
+bool ResourceWalk::TakeMarker(const Node& node, std::string_view name, const Marker& marker, Json* slot) {
   if (node.depth == kMaxNesting) return Fail("Resource is nested too deep.", node, name);
   if (marker.kind == Marker::Kind::kReference) {
     if (slot != nullptr) *slot = Json::object({{"@odata.id", std::string(marker.target)}});
-    return true;
-  }
-  if (!options_.followForeignMarkers && !IsDerivedTarget(node.key, node.kind, name, marker.target)) {
-    if (slot != nullptr) *slot = StringOfMarkerText(stored);
     return true;
   }
   const ContainerKind kind = marker.kind == Marker::Kind::kObject ? ContainerKind::kObject : ContainerKind::kArray;

@@ -37,14 +37,16 @@ struct ReadOptions {
   std::optional<ContainerKind> knownKind = {};
   /// Control fields (names that begin with "&&"): left out, or given as strings whatever they look like.
   bool withControlFields = false;
-  /// Whether markers are followed whose target is not exactly the child key that the writer would have formed at that
-  /// place. A request body is read without: such a marker can only be a client's string, which it then comes back as.
+  /// Whether an element's marker is followed whose target is none of the keys that the writer gives to elements of that
+  /// list. A request body is read without: such a marker can only be a client's string, which it then comes back as. (A
+  /// member's marker never is: strings keep their quotes there.) Texts that are no whole marker come as strings then as
+  /// well, so that nothing a client sent is passed over.
   bool followForeignMarkers = true;
   /// Containers under keys that do not lie under the document's own key are left empty, neither listed nor walked.
   bool ownKeysOnly = false;
-  /// When set: of the document's own members, containers are walked only where this object, which must outlive the walk,
-  /// has a member of that name; the others are left empty and none of their keys is found. It is looked at when the
-  /// first level is taken.
+  /// When set: of the document's own members, containers are walked only where this object, which must outlive the
+  /// walk, has a member of that name; the others are left empty and none of their keys is found. It is looked at when
+  /// the first level is taken.
   const Json* onlyMembersOf = nullptr;
   /// Receives the numbers that Json cannot give back as they are written ("1.50", "-0", more than 64 bits); in the
   /// document stands the nearest number that it can hold.
@@ -102,7 +104,8 @@ class ResourceWalk {
   bool TakeReply(const Node& node, const redisReply* reply);
   bool TakeHash(const Node& node, std::span<redisReply* const> items);
   bool TakeList(const Node& node, std::span<redisReply* const> items);
-  bool TakeMarker(const Node& node, std::string_view name, const Marker& marker, std::string_view stored, Json* slot);
+  bool TakeMarker(const Node& node, std::string_view name, const Marker& marker, Json* slot);
+  bool IsFollowed(const Node& list, const Marker& marker) const;
   bool TakeText(const Node& node, std::string_view name, std::string_view stored, Json* slot);
   bool Fail(std::string_view message, const Node& node, std::string_view name = {});
   static std::string PathOf(const Node& node, std::string_view name);

@@ -142,9 +142,11 @@ TEST_F(ResourceReaderTest, ARequestBodyReachesNoForeignKey) {
       "&&Object a \"b\"","&&Object &&body/L/x",{"@odata.id":"/m"},{"own":1}],"O":{"deep":[[2]]}})")));
   EXPECT_EQ(Read("&&body")["L"][0], Json::parse(R"({"Password":"x"})")) << "a resource is read through every marker";
   Hash("&&body", "F", "&&Object F /secret");
+  Hash("&&body", "a b", "&&Array a b &&body/a b");
   EXPECT_EQ(Read("&&body", {.followForeignMarkers = false}),
             Json::parse(R"({"L":["&&Object /secret","&&Array /secrets","&&Object a \"b\"","&&Object &&body/L/x",
-                            {"@odata.id":"/m"},{"own":1}],"O":{"deep":[[2]]},"F":"&&Object F /secret"})"));
+                            {"@odata.id":"/m"},{"own":1}],"O":{"deep":[[2]]},"F":{"Password":"x"},
+                            "a b":"&&Array a b &&body/a b"})"));
 }
 
 TEST_F(ResourceReaderTest, OwnKeysOnlyLeavesForeignContainersEmpty) {
