@@ -34,14 +34,18 @@ size_t RedisPipeline::Append(std::span<const std::string_view> arguments) {
 }
 
 std::vector<RedisReply> RedisPipeline::Execute() {
-  std::vector<RedisReply> replies(count_);
+  std::vector<RedisReply> replies;
+  replies.reserve(count_);
+  Execute([&replies](RedisReply reply) { replies.push_back(std::move(reply)); });
+  return replies;
+}
+
+void RedisPipeline::Execute(const std::function<void(RedisReply)>& take) {
   const std::string commands = std::move(commands_);
   commands_.clear();
-  count_ = 0;
   // A connection that has failed stays failed: nothing is sent to it and nothing is expected from it.
-  if (redis_->err != 0 || !Send(redis_, commands)) return replies;
-  for (RedisReply& reply : replies) reply = ReadReply(redis_);
-  return replies;
+  const bool isSent = redis_->err == 0 && Send(redis_, commands);
+  for (size_t left = std::exchange(count_, 0); left > 0; --left) take(isSent ? ReadReply(redis_) : nullptr);
 }
 
 bool AllIntegers(std::span<const RedisReply> replies) {

@@ -1,6 +1,7 @@
 /// Several commands in one round trip: what does not depend on an earlier reply travels together.
 #pragma once
 
+#include <functional>
 #include <initializer_list>
 #include <span>
 #include <string>
@@ -26,6 +27,9 @@ class RedisPipeline {
   /// Sends what was appended and reads exactly as many replies, in order; a reply that could not be read is null, and
   /// so are those after it. The pipeline is empty afterwards. Logs nothing.
   std::vector<RedisReply> Execute();
+
+  /// The same, but hands each reply over as it is read: a large answer is never in memory whole.
+  void Execute(const std::function<void(RedisReply)>& take);
 
  private:
   redisContext* redis_;
