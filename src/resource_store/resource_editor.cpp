@@ -22,11 +22,7 @@ constexpr std::string_view kRemovedElement = "&&Removed";
 /// Takes the walk to its end whatever fails on the way. False when something did.
 bool FinishAll(redisContext* redis, ResourceWalk& walk) {
   bool complete = true;
-  while (!walk.Done()) {
-    RedisPipeline pipeline(redis);
-    walk.AppendLevel(pipeline);
-    complete &= walk.TakeLevel(pipeline.Execute());
-  }
+  while (!walk.Done()) complete &= walk.ReadLevel(redis);
   return complete;
 }
 

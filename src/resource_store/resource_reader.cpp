@@ -6,9 +6,7 @@ namespace {
 /// Takes the walk to its end or to its first failure.
 bool Finish(redisContext* redis, ResourceWalk& walk) {
   while (!walk.Done()) {
-    RedisPipeline pipeline(redis);
-    walk.AppendLevel(pipeline);
-    if (!walk.TakeLevel(pipeline.Execute())) return false;
+    if (!walk.ReadLevel(redis)) return false;
   }
   return true;
 }

@@ -76,6 +76,16 @@ bool ResourceWalk::TakeLevel(std::span<const RedisReply> replies) {
   return complete;
 }
 
+bool ResourceWalk::ReadLevel(redisContext* redis) {
+  RedisPipeline pipeline(redis);
+  AppendLevel(pipeline);
+  if (!typeKnown_) return TakeLevel(pipeline.Execute());
+  size_t index = std::exchange(levelBegin_, nodes_.size());
+  bool complete = true;
+  pipeline.Execute([&](const RedisReply& reply) { complete &= TakeReply(nodes_[index++], reply.get()); });
+  return complete;
+}
+
 bool ResourceWalk::TakeRoot(const redisReply* hashReply) {
   levelBegin_ = 1;
   return TakeReply(nodes_.front(), hashReply);

@@ -79,6 +79,9 @@ class ResourceWalk {
   /// the nesting is too deep. A reader stops there; a deletion goes on with the keys that are left.
   bool TakeLevel(std::span<const RedisReply> replies);
 
+  /// Both at once, in a batch of its own.
+  bool ReadLevel(redisContext* redis);
+
   /// Takes the first level from an HGETALL reply of the document's key that the caller has fetched. The kind must be
   /// known to be an object.
   bool TakeRoot(const redisReply* hashReply);
