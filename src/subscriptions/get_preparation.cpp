@@ -59,12 +59,14 @@ void PrepareGet(const Request& request) {
     reads.Append({"HGET", snmpKey, std::string(key) + "Set"});
   }
   const std::vector<RedisReply> replies = reads.Execute();
-  if (!IsString(replies[type]) || TextOf(replies[type]) == "\"SSE\"") return;
+  if (!IsString(replies[type])) return;
+  const bool isSse = TextOf(replies[type]) == "\"SSE\"";
 
   RedisPipeline writes(request.redis);
   const std::string_view storedPaths = TextOf(replies[sensitive]);
   std::string paths(storedPaths);
-  if (IsInteger(replies[headers]) && replies[headers]->integer > 0) paths = JoinPaths(std::move(paths), kHeaders);
+  const bool hasHeaders = IsInteger(replies[headers]) && replies[headers]->integer > 0;
+  if (hasHeaders && !isSse) paths = JoinPaths(std::move(paths), kHeaders);
   if (ParseFieldMarker(TextOf(replies[snmp]))) {
     paths = JoinPaths(std::move(paths), kSnmpSensitivePaths);
     for (size_t i = 0; i < std::size(kFlaggedKeys); ++i) {
