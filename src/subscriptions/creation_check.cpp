@@ -40,7 +40,8 @@ std::optional<Answer> CheckSyslogTlsLimit(const Json& body, size_t existing) {
 }
 
 BodyCircumstances CircumstancesOf(const Json& body, const CreationCircumstances& creation) {
-  BodyCircumstances circumstances{.settings = creation.settings, .isCreation = true, .isSse = creation.isSse};
+  BodyCircumstances circumstances{
+      .settings = creation.settings, .numbers = creation.numbers, .isCreation = true, .isSse = creation.isSse};
   const auto protocol = body.find("Protocol");
   if (protocol == body.end()) return circumstances;
   PropertyJudge judge(circumstances);

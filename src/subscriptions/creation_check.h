@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "requests/answer.h"
+#include "resource_store/resource_walk.h"
 #include "resource_store/store_encoding.h"
 #include "service/settings.h"
 
@@ -15,6 +16,7 @@ struct CreationCircumstances {
   const ServiceSettings& settings;
   size_t syslogTlsDestinations = 0;  // existing ones
   bool isSse = false;                // the front end marked the request
+  NumberTexts numbers = {};          // those of the body that Json cannot give back as they were written
 };
 
 /// Judges the body in this order; the first finding group answers: features that the service lacks; the SyslogTLS

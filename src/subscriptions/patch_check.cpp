@@ -4,7 +4,6 @@
 #include <string>
 #include <string_view>
 
-#include "requests/property_faults.h"
 #include "subscriptions/array_patch.h"
 #include "subscriptions/property_validators.h"
 
@@ -67,8 +66,9 @@ Json ChangedPart(const Json& wanted, const Json& stored, std::span<const Propert
 
 }  // namespace
 
-PatchJudgement JudgePatch(const Json& body, const Json& stored, const ServiceSettings& settings) {
-  const BodyCircumstances circumstances{.settings = settings, .isCreation = false};
+PatchJudgement JudgePatch(const Json& body, const Json& stored, const ServiceSettings& settings,
+                          const NumberTexts& numbers) {
+  const BodyCircumstances circumstances{.settings = settings, .numbers = numbers, .isCreation = false};
   PropertyJudge judge(circumstances);
   judge.JudgeProperties(body.begin(), body.end());
 
@@ -77,9 +77,7 @@ PatchJudgement JudgePatch(const Json& body, const Json& stored, const ServiceSet
     judgement.answer = Refuse(kException, "Base.1.12.OperationFailed");
     return judgement;
   }
-  Json cleanBody = body;
-  RemovePassedOver(cleanBody);
-  const Json wanted = WritablePart(cleanBody, EventDestinationProperties());
+  const Json wanted = WritablePart(body, EventDestinationProperties());
   const bool nothingUpdatable = wanted.empty() && !judge.Faults().empty();
   if (judge.HasUnacceptableValue() || nothingUpdatable) {
     judgement.answer = Answer{.status = kFailure, .messages = judge.Faults(), .logText = {}, .body = {}};

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "requests/answer.h"
-#include "resource_store/store_encoding.h"
+#include "resource_store/resource_walk.h"
 #include "service/settings.h"
 
 namespace event_service {
@@ -22,8 +22,11 @@ struct PatchJudgement {
   std::vector<Message> notUpdatable;
 };
 
-/// Judges a PATCH body against the property table. `stored` is the resource as it stands, with the whole content of the
-/// nested properties that the body names. A secret, header values included, always counts as a change.
-PatchJudgement JudgePatch(const Json& body, const Json& stored, const ServiceSettings& settings);
+/// Judges a PATCH body, control fields and annotations already left out, against the property table. `stored` is the
+/// resource as it stands, with the whole content of the nested properties that the body names. A secret, header values
+/// included, always counts as a change. `numbers` are those of the body that Json cannot give back as they were
+/// written.
+PatchJudgement JudgePatch(const Json& body, const Json& stored, const ServiceSettings& settings,
+                          const NumberTexts& numbers = {});
 
 }  // namespace event_service

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "requests/property_faults.h"
+#include "resource_store/resource_walk.h"
 #include "service/settings.h"
 
 namespace event_service {
@@ -32,6 +33,7 @@ enum class Null {
 /// What the judgement of a property depends on besides its value.
 struct BodyCircumstances {
   const ServiceSettings& settings;
+  const NumberTexts& numbers;  // of the body, where Json cannot give them back as they were written
   bool isCreation;
   bool isSse = false;              // the front end marked the request
   std::string_view protocol = {};  // the body's, when it is one that is served

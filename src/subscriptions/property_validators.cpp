@@ -120,7 +120,7 @@ void PropertyJudge::JudgeHeaderArray(const Json& value) {
 
 void PropertyJudge::Refuse(Fault fault, const Json& value, const std::string& path) {
   hasUnacceptableValue_ = true;
-  faults_.push_back(PropertyMessage(fault, value, path));
+  faults_.push_back(PropertyMessage(fault, value, path, circumstances_.numbers));
 }
 
 }  // namespace event_service

@@ -92,7 +92,7 @@ bool IsMailDestination(std::string_view text) {
   if (!ParseUri(text) || !EqualIgnoringCase(text.substr(0, kScheme.size()), kScheme)) return false;
   std::string_view addresses = text.substr(kScheme.size());
   addresses = addresses.substr(0, addresses.find_first_of("?#"));
-  if (HasEscapedControl(addresses)) return false;
+  if (HasEscapedControl(addresses) || addresses.find('/') != std::string_view::npos) return false;
   for (;;) {
     const size_t comma = addresses.find(',');
     if (!IsMailAddress(addresses.substr(0, comma))) return false;
@@ -101,13 +101,16 @@ bool IsMailDestination(std::string_view text) {
   }
 }
 
+bool IsSyslogUri(std::string_view text) {
+  const Uri uri = ParseUri(text);
+  return IsUriWithHost(uri, "syslog") && uri->userInfo.first == nullptr;
+}
+
+/// A bare host or host:port is a syslog URI that stops there.
 bool IsSyslogDestination(std::string_view text) {
-  if (text.find("://") != std::string_view::npos) return IsUriWithHost(ParseUri(text), "syslog");
-  const std::string asUri = "syslog://" + std::string(text);
-  const Uri uri = ParseUri(asUri);
-  const bool bare = uri && uri->pathHead == nullptr && uri->query.first == nullptr && uri->fragment.first == nullptr &&
-                    uri->userInfo.first == nullptr && !text.ends_with('/') && !text.ends_with(':');
-  return bare && IsUriWithHost(uri, "syslog");
+  if (text.find("://") != std::string_view::npos) return IsSyslogUri(text);
+  return text.find_first_of("/?#") == std::string_view::npos && !text.ends_with(':') &&
+         IsSyslogUri("syslog://" + std::string(text));
 }
 
 struct DestinationForm {
