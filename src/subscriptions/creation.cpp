@@ -87,6 +87,7 @@ class Creation {
   RandomSource random_;
 
   Json body_;
+  NumberTexts numbers_;
   NewDestination about_;
   bool isIdGiven_ = false;
   bool idExists_ = false;
@@ -113,6 +114,7 @@ std::optional<Answer> Creation::ReadBody() {
     if (!body.TakeLevel(replies)) return BodyUnreadable();
   }
   body_ = body.Document();
+  numbers_ = body.Numbers();
   return std::nullopt;
 }
 
@@ -145,7 +147,8 @@ bool Creation::TakeGivenId(const Json& body) {
 std::optional<Answer> Creation::Judge() {
   if (auto refusal = CheckCreation(body_, {.settings = request_.settings,
                                            .syslogTlsDestinations = state_.syslogTlsDestinationIds.size(),
-                                           .isSse = about_.isSse})) {
+                                           .isSse = about_.isSse,
+                                           .numbers = numbers_})) {
     return refusal;
   }
   if (!idExists_ || (!isIdGiven_ && DrawFreeId())) return std::nullopt;

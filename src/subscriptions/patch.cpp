@@ -138,7 +138,7 @@ Answer PatchEventDestination(Request& request) {
   }
   PatchInput input(request);
   if (auto refusal = input.Read(request)) return *std::move(refusal);
-  PatchJudgement judgement = JudgePatch(input.body.Document(), input.stored, request.settings);
+  PatchJudgement judgement = JudgePatch(input.body.Document(), input.stored, request.settings, input.body.Numbers());
   if (judgement.answer) return *std::move(judgement.answer);
 
   int64_t firstSequence = kNoSequence;
