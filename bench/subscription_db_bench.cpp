@@ -1,0 +1,149 @@
+/// What a change of the database file costs beyond what it cannot do without: its four shell commands, jansson's load
+/// and dump of the document, and the flushing of both files. In turns, on one CPU.
+#include <benchmark/benchmark.h>
+#include <jansson.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "foundation/durable_file.h"
+#include "foundation/shell.h"
+#include "subscription_db/subscription_db.h"
+#include "tests/support/sandbox_root.h"
+
+namespace event_service {
+namespace {
+
+const std::string kUris = "/redfish/v1/EventService/Subscriptions/";
+
+/// A document as large per member as typical subscriptions make it.
+Json DocumentOf(int members) {
+  Json document = {{"Members", Json::array()}, {"@odata.etag", "\"0\""}};
+  for (int i = 0; i < members; ++i) {
+    const std::string id = std::to_string(10000000 + i);
+    Json member = {{"@odata.id", kUris + id},
+                   {"Id", id},
+                   {"Destination", "https://collector.example.com:8443/events/" + id},
+                   {"Context", "context"},
+                   {"Status", {{"State", "Enabled"}}},
+                   {"HttpHeaders", {{{"X-Token", "abc"}}}},
+                   {"&&Privileges", "ConfigureManager"}};
+    for (int property = 0; property < 20; ++property) {
+      member["Property" + std::to_string(property)] = std::string(40, 'x');
+    }
+    document["Members"].push_back(std::move(member));
+  }
+  return document;
+}
+
+/// The database file, and the commands of a change on copies of its files.
+class Floor {
+ public:
+  Floor(const FilePaths& paths, const std::string& folder) : paths_(paths) {
+    plain_ = folder + "/floor.json";
+    encrypted_ = folder + "/floor.enc";
+    password_ = ReadFile(paths.passwordFile);
+  }
+
+  void Shell(bool flush) const {
+    const std::string cipher = paths_.openssl + " enc -aes-256-cbc  ";
+    Run(paths_.openssl + " enc -d -aes-256-cbc  -in " + paths_.databaseFile + " -out " + plain_ + " -k " + password_ +
+        " 2>/dev/null && chmod 600 " + plain_);
+    Run("rm -f " + plain_ + ".none");
+    if (flush) Flush(plain_);
+    Run(cipher + "-in " + plain_ + " -out " + encrypted_ + " -k " + password_ + " 2>/dev/null && chmod 600 " +
+        encrypted_);
+    if (flush) Flush(encrypted_);
+    Run("rm -f " + plain_);
+  }
+
+  /// Of the plain text that `Keep` has left there.
+  void Jansson() const {
+    json_t* root = json_load_file(kept_.c_str(), 0, nullptr);
+    if (root == nullptr || json_dump_file(root, kept_.c_str(), 0) != 0) throw std::runtime_error("jansson failed");
+    json_decref(root);
+  }
+  void Keep(const std::string& folder, const std::string& text) {
+    kept_ = folder + "/kept.json";
+    WriteFile(kept_, text);
+  }
+
+ private:
+  static void Run(const std::string& command) {
+    if (RunShell(command) != 0) throw std::runtime_error("failed: " + command);
+  }
+  static void Flush(const std::string& path) {
+    if (!SyncFile(path) || !SyncFolderOf(path)) throw std::runtime_error("failed to flush " + path);
+  }
+
+  const FilePaths& paths_;
+  std::string plain_, encrypted_, password_, kept_;
+};
+
+double Milliseconds(const std::function<void()>& job) {
+  const auto start = std::chrono::steady_clock::now();
+  job();
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+double Least(const std::vector<double>& times) { return *std::ranges::min_element(times); }
+
+void Change(benchmark::State& state) {
+  const SandboxRoot sandbox;
+  const FilePaths& paths = sandbox.Paths();
+  const std::string folder = sandbox.Root() + "/var";
+  const std::string text = DocumentOf(static_cast<int>(state.range(0))).dump();
+  SubscriptionDb db({.paths = paths});
+  WriteFile(paths.plainDatabaseFile, text);
+  if (!db.EnsureDbPassword() || !db.EncodeDbFile()) throw std::runtime_error("no database file");
+  Floor floor(paths, folder);
+  floor.Keep(folder, text);
+
+  std::vector<double> shell, flushed, jansson, whole;
+  int tag = 0;
+  for (auto _ : state) {
+    shell.push_back(Milliseconds([&] { floor.Shell(false); }));
+    flushed.push_back(Milliseconds([&] { floor.Shell(true); }));
+    jansson.push_back(Milliseconds([&] { floor.Jansson(); }));
+    const Json changes = {{"Context", "context " + std::to_string(++tag)}};
+    whole.push_back(Milliseconds([&] {
+      if (!db.UpdateDbSubscription(kUris + "10000000", changes, {}, "\"\\\"ABC\\\"\""))
+        throw std::runtime_error("no change");
+    }));
+    state.SetIterationTime(whole.back() / 1e3);
+  }
+  state.counters["plain_bytes"] = static_cast<double>(text.size());
+  state.counters["shell_ms"] = Least(shell);
+  state.counters["shell_flush_ms"] = Least(flushed);
+  state.counters["jansson_ms"] = Least(jansson);
+  state.counters["change_ms"] = Least(whole);
+  state.counters["ratio"] = Least(whole) / (Least(flushed) + Least(jansson));
+}
+
+BENCHMARK(Change)->Arg(1)->Arg(20)->Arg(100)->Arg(200)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(60);
+
+/// Across CPUs each process start would be as long as the scheduler makes it.
+void StayOnOneCpu() {
+  cpu_set_t cpus;
+  sched_getaffinity(0, sizeof cpus, &cpus);
+  int first = 0;
+  while (first < CPU_SETSIZE - 1 && !CPU_ISSET(first, &cpus)) ++first;
+  CPU_ZERO(&cpus);
+  CPU_SET(first, &cpus);
+  sched_setaffinity(0, sizeof cpus, &cpus);
+}
+
+}  // namespace
+}  // namespace event_service
+
+int main(int argc, char** argv) {
+  event_service::StayOnOneCpu();
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  return 0;
+}
