@@ -2,6 +2,7 @@
 
 #include <stdio.h>  // NOLINT(modernize-deprecated-headers): popen
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <thread>
@@ -56,7 +57,10 @@ void DaemonTest::TearDown() {
   for (const char* finding : {"Sanitizer", "runtime error:"}) {
     EXPECT_EQ(Output().find(finding), std::string::npos) << Output();
   }
-  if (HasFailure()) std::printf("The daemon's log:\n%s\nand output:\n%s\n", Log().c_str(), Output().c_str());
+  if (!HasFailure()) return;
+  const std::string log = Log();
+  std::printf("The end of the daemon's log:\n%s\nand its output:\n%s\n",
+              log.substr(log.size() - std::min<size_t>(log.size(), 4000)).c_str(), Output().c_str());
 }
 
 void DaemonTest::StartDaemon() {
