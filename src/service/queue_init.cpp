@@ -18,18 +18,18 @@ bool FillRequestQueues(redisContext* redis) {
   RedisPipeline pipeline(redis);
   for (const std::string_view queue : kRequestQueues) pipeline.Append({"LLEN", queue});
   const std::vector<RedisReply> lengths = pipeline.Execute();
-  for (size_t i = 0; i < lengths.size(); ++i) {
-    if (!IsInteger(lengths[i])) {
-      LogError("Failed to get %s queue length.", kRequestQueues[i].data());
-      return false;
-    }
-    if (lengths[i]->integer == 0) pipeline.Append({"RPUSH", kRequestQueues[i], kEventServiceChannel});
+  size_t known = 0;
+  for (; known < lengths.size() && IsInteger(lengths[known]); ++known) {
+    if (lengths[known]->integer == 0) pipeline.Append({"RPUSH", kRequestQueues[known], kEventServiceChannel});
   }
+  // The queues before one of unknown length are filled all the same.
   if (!AllIntegers(pipeline.Execute())) {
     LogError("Failed to push queue.");
     return false;
   }
-  return true;
+  if (known == lengths.size()) return true;
+  LogError("Failed to get %s queue length.", kRequestQueues[known].data());
+  return false;
 }
 
 }  // namespace

@@ -61,6 +61,13 @@ TEST_F(QueueInitTest, ItTakesSixRoundTripsAndTwoTheNextTime) {
   EXPECT_EQ(proxy.trips(), 2U);
 }
 
+TEST_F(QueueInitTest, AQueueOfUnknownLengthDoesNotKeepTheOneBeforeItEmpty) {
+  SendCommand(redis(), "SET %s no-list", kActionQueue);
+  EXPECT_FALSE(InitQueues(redis(), settings_));
+  EXPECT_EQ(Dump()[kPatchQueue], "[" + std::string(kChannel) + "]");
+  EXPECT_FALSE(KeyExists(redis(), "&&/redfish/v1/EventService/SMTP"));
+}
+
 TEST_F(QueueInitTest, TheFirstFailureEndsItBeforeAnythingLaterIsWritten) {
   const struct {
     std::string failing;
@@ -69,7 +76,7 @@ TEST_F(QueueInitTest, TheFirstFailureEndsItBeforeAnythingLaterIsWritten) {
   } cases[] = {
       {"LLEN &&/redfish/v1/EventService/POSTACTIONQ",
        {"Failed to get &&/redfish/v1/EventService/POSTACTIONQ queue length."},
-       kPatchQueue},
+       kActionQueue},
       {"RPUSH &&/redfish/v1/EventService/PATCHQ", {"Failed to push queue."}, "&&/redfish/v1/EventService/SMTP"},
       {"HSET &&/redfish/v1/EventService/SMTP",
        {"Failed to set SMTP/Password default setting."},
