@@ -1,6 +1,7 @@
 #include "requests/event_service_listener.h"
 
 #include <cstdio>
+#include <exception>
 #include <utility>
 
 #include "requests/gates.h"
@@ -32,10 +33,20 @@ constexpr MethodRoute kRoutes[] = {
     {"POSTACTION", Publish::kAlways, PerformAction},
 };
 
-void* EndWith(const char* text) {
+/// Why the thread ends goes to standard output, not to the log.
+void Say(const char* text) {
   std::puts(text);
   std::fflush(stdout);
-  return nullptr;
+}
+
+void Listen() {
+  const RedisContext subscriber = ConnectRedis();
+  if (!subscriber) return Say("Failed to connect to Redis");
+  RedisContext redis = ConnectRedis();
+  if (!redis) return Say("Failed to connect to Redis");
+  const RedisReply reply = SendArguments(subscriber.get(), {"SUBSCRIBE", kEventServiceChannel});
+  if (!IsArray(reply)) return Say("Failed to subscribe channel.");
+  ServeRequests(subscriber.get(), {.redis = std::move(redis), .settings = ProcessSettings()}, kEventServiceRoutes);
 }
 
 }  // namespace
@@ -43,13 +54,12 @@ void* EndWith(const char* text) {
 const ServiceRoutes kEventServiceRoutes = {kRoutes, RefuseMethod};
 
 void* EventServiceListenerThread(void*) {
-  const RedisContext subscriber = ConnectRedis();
-  if (!subscriber) return EndWith("Failed to connect to Redis");
-  RedisContext redis = ConnectRedis();
-  if (!redis) return EndWith("Failed to connect to Redis");
-  const RedisReply reply = SendArguments(subscriber.get(), {"SUBSCRIBE", kEventServiceChannel});
-  if (!IsArray(reply)) return EndWith("Failed to subscribe channel.");
-  ServeRequests(subscriber.get(), {.redis = std::move(redis), .settings = ProcessSettings()}, kEventServiceRoutes);
+  try {
+    Listen();
+  } catch (const std::exception& error) {
+    std::printf("The EventService listener ended: %s\n", error.what());
+    std::fflush(stdout);
+  }
   return nullptr;
 }
 
