@@ -34,15 +34,13 @@ struct ServiceRoutes {
 
 /// What a listener works with besides its subscription.
 struct ListenerResources {
-  RedisContext redis;                          // for commands
-  RedisContext (*reconnect)() = ConnectRedis;  // gives another one when Redis has closed it (null: no connection)
+  RedisContext redis;  // for commands; one that breaks stays broken
   const ServiceSettings& settings;
   SubscriptionsState* subscriptions = nullptr;  // null on the EventService side
 };
 
 /// Serves the announcements that arrive on `subscriber`, one after the other, until its connection fails. Lets no
-/// exception out. Redis may close a command connection that was idle for long while the subscription goes on; the first
-/// read of the next request then gets a new connection.
+/// exception of a request out.
 void ServeRequests(redisContext* subscriber, ListenerResources resources, const ServiceRoutes& service);
 
 }  // namespace event_service

@@ -11,7 +11,7 @@ std::optional<Announcement> ParseAnnouncement(std::string_view text) {
   return Announcement{std::string(text.substr(0, blank)), std::string(text.substr(blank + 1))};
 }
 
-std::optional<RequestRecord> ReadRequestRecord(redisContext* redis, std::string_view requestKey) {
+RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey) {
   const struct {
     std::string RequestRecord::*member;
     std::string_view key;
@@ -29,7 +29,6 @@ std::optional<RequestRecord> ReadRequestRecord(redisContext* redis, std::string_
   RedisPipeline pipeline(redis);
   for (const auto& field : fields) pipeline.Append({"HGET", field.key, field.field});
   const std::vector<RedisReply> replies = pipeline.Execute();
-  if (!replies.back()) return std::nullopt;
   RequestRecord record;
   for (size_t i = 0; i < replies.size(); ++i) {
     if (IsString(replies[i])) record.*fields[i].member = TextOf(replies[i]);

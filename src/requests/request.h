@@ -43,8 +43,8 @@ struct RequestRecord {
   std::string lifeCycleDigest;  // of the script that raises life-cycle events
 };
 
-/// Nothing when the connection failed; a field that cannot be read for another reason is empty.
-std::optional<RequestRecord> ReadRequestRecord(redisContext* redis, std::string_view requestKey);
+/// A field that cannot be read is empty, as they all are without a connection.
+RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey);
 
 /// What a handler works with. Connection and references outlive the request.
 struct Request {

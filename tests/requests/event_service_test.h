@@ -60,7 +60,7 @@ class EventServiceTest : public RedisTest {
     return HandleStored(connection == nullptr ? redis() : connection);
   }
   Answer HandleStored(redisContext* connection) {
-    Request request{connection, {"req", "resp"}, *ReadRequestRecord(redis(), "req"), settings_, nullptr};
+    Request request{connection, {"req", "resp"}, ReadRequestRecord(redis(), "req"), settings_, nullptr};
     for (const MethodRoute& route : kEventServiceRoutes.routes) {
       if (route.method == request.record.method) return route.handle(request);
     }

@@ -91,7 +91,7 @@ Request SubscriptionsTest::MakeRequest(const std::string& method, const std::str
   EXPECT_TRUE(body.is_null() || WriteResource(redis(), "request/RequestData", body));
   return {connection != nullptr ? connection : redis(),
           {"request", "response"},
-          ReadRequestRecord(redis(), "request").value(),
+          ReadRequestRecord(redis(), "request"),
           settings_,
           &*state_};
 }
