@@ -45,7 +45,18 @@ void RedisPipeline::Execute(const std::function<void(RedisReply)>& take) {
   commands_.clear();
   // A connection that has failed stays failed: nothing is sent to it and nothing is expected from it.
   const bool isSent = redis_->err == 0 && Send(redis_, commands);
-  for (size_t left = std::exchange(count_, 0); left > 0; --left) take(isSent ? ReadReply(redis_) : nullptr);
+  size_t left = std::exchange(count_, 0);
+  const auto next = [&] {
+    --left;
+    return isSent ? ReadReply(redis_) : nullptr;
+  };
+  try {
+    while (left > 0) take(next());
+  } catch (...) {
+    // Replies that nobody has read would be taken for those of the next commands.
+    while (left > 0) next();
+    throw;
+  }
 }
 
 bool AllIntegers(std::span<const RedisReply> replies) {

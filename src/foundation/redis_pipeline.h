@@ -28,7 +28,8 @@ class RedisPipeline {
   /// so are those after it. The pipeline is empty afterwards. Logs nothing.
   std::vector<RedisReply> Execute();
 
-  /// The same, but hands each reply over as it is read: a large answer is never in memory whole.
+  /// The same, but hands each reply over as it is read: a large answer is never in memory whole. What `take` throws
+  /// passes through once every reply has been read.
   void Execute(const std::function<void(RedisReply)>& take);
 
  private:

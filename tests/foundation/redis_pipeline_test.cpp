@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "tests/support/canned_replies.h"
 #include "tests/support/redis_test.h"
 #include "tests/support/trip_counter.h"
@@ -40,6 +42,13 @@ TEST_F(RedisPipelineTest, AnErrorInTheMiddleLeavesTheOtherRepliesInOrder) {
   EXPECT_EQ(TextOf(replies[2]), "1");
   EXPECT_EQ(pipeline.Size(), 0u);
   EXPECT_TRUE(pipeline.Execute().empty());
+  EXPECT_EQ(TextOf(SendCommand(redis(), "PING")), "PONG");
+}
+
+TEST_F(RedisPipelineTest, ATakerThatThrowsLeavesTheConnectionInStep) {
+  RedisPipeline pipeline(redis());
+  for (const char* text : {"a", "b", "c"}) pipeline.Append({"ECHO", text});
+  EXPECT_THROW(pipeline.Execute([](const RedisReply&) { throw std::runtime_error("thrown"); }), std::runtime_error);
   EXPECT_EQ(TextOf(SendCommand(redis(), "PING")), "PONG");
 }
 
