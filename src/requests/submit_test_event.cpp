@@ -51,7 +51,7 @@ bool IsMessageId(std::string_view text) {
 
 /// A reference is stored as one word of a marker.
 bool IsOneWord(std::string_view text) {
-  return !text.empty() && std::ranges::none_of(text, [](char c) { return (c >= 0 && c <= ' ') || c == '\x7F'; });
+  return !text.empty() && std::ranges::none_of(text, [](unsigned char c) { return c <= ' ' || c == 0x7F; });
 }
 
 std::optional<Fault> CheckForm(const Json& value, bool (*isGood)(std::string_view)) {
