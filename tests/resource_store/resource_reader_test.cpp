@@ -85,12 +85,6 @@ TEST_F(ResourceReaderTest, AWalkSharesItsBatchesWithOtherCommands) {
   EXPECT_TRUE(walk.KeysOfMember("a/b").empty());
 }
 
-TEST_F(ResourceReaderTest, EmptyContainersAndMarkersToNothingStayEmpty) {
-  ASSERT_TRUE(WriteResource(redis(), "/k", Json::parse(R"({"o":{},"a":[],"l":[{},[]]})")));
-  EXPECT_FALSE(KeyExists(redis(), "&&/k/o"));
-  EXPECT_EQ(Read("/k"), Json::parse(R"({"o":{},"a":[],"l":[{},[]]})"));
-}
-
 TEST_F(ResourceReaderTest, EachKeyIsReadOnce) {
   Hash("/k", "self", "&&Object self /k");
   Hash("/k", "child", "&&Object child &&/k/child");
@@ -231,26 +225,6 @@ TEST_F(ResourceReaderTest, WrongTypedKeysFailTheReadButNotTheOtherKeys) {
   EXPECT_EQ(FailureOf("/string", {.knownKind = ContainerKind::kObject}),
             "[ERROR] Gets redis resource failed. RESOURCE=/string\n");
   EXPECT_EQ(FailureOf("/k"), "[ERROR] Gets redis resource failed. RESOURCE=&&/k/a\n");
-}
-
-TEST_F(ResourceReaderTest, ALostConnectionFailsEveryLevel) {
-  ASSERT_TRUE(WriteResource(redis(), "/k", Json::parse(R"({"a":{"x":1},"b":{"y":{}}})")));
-  TripCounter proxy(Server().SocketPath());
-  const char* lines[] = {"[ERROR] Gets resource type failed. RESOURCE=/k, RESULT_CODE=\n",
-                         "[ERROR] Redis get reply failed! RESOURCE=/k\n"};
-  for (size_t answered = 0; answered < 5; ++answered) {
-    proxy.Reset();
-    const RedisContext connection = proxy.Connect();
-    proxy.CutAfter(answered);
-    const StreamCapture capture(STDERR_FILENO);
-    Json document;
-    EXPECT_FALSE(ReadResource(connection.get(), "/k", document));
-    if (answered < 2) {
-      EXPECT_EQ(capture.Text(), lines[answered]);
-    } else {
-      EXPECT_TRUE(capture.Text().starts_with("[ERROR] Redis get reply failed! RESOURCE=&&/k/")) << capture.Text();
-    }
-  }
 }
 
 TEST(ResourceReader, RepliesOfAnyShapeAreJudged) {

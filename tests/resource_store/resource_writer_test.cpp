@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include "resource_store/resource_reader.h"
-#include "tests/support/canned_replies.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
 #include "tests/support/trip_counter.h"

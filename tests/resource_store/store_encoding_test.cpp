@@ -64,16 +64,6 @@ TEST(StoreEncoding, LongTextsNeedNoStack) {
   EXPECT_FALSE(ParseFieldMarker(text));
 }
 
-TEST(StoreEncoding, MarkersNameKindAndTarget) {
-  const std::optional<Marker> object = ParseFieldMarker("&&Object Status &&/k/Status");
-  ASSERT_TRUE(object);
-  EXPECT_EQ(object->kind, Marker::Kind::kObject);
-  EXPECT_EQ(object->target, "&&/k/Status");
-  EXPECT_EQ(ParseFieldMarker("&&Array  &&/k/")->target, "&&/k/") << "the member's name may be empty";
-  EXPECT_EQ(ParseElementMarker("&&ObjectRef /redfish/v1/Managers/1")->kind, Marker::Kind::kReference);
-  EXPECT_FALSE(ParseFieldMarker("&&Object a name &&/k/a name"));
-}
-
 TEST(StoreEncoding, ChildKeysBeginWithTheHiddenPrefixOnce) {
   EXPECT_EQ(ChildKey("/k", "Status"), "&&/k/Status");
   EXPECT_EQ(ChildKey("&&/k/Tags", "42"), "&&/k/Tags/42");
@@ -120,24 +110,6 @@ TEST(StoreEncoding, DumpItemLogsWhatIsNotUtf8) {
   EXPECT_TRUE(item.valueText.empty() && item.name.empty() && item.childKey.empty());
   EXPECT_TRUE(capture.Text().starts_with("[ERROR] Dump JSON object error. EXCEPTION=[json.exception.type_error.316]"))
       << capture.Text();
-}
-
-TEST(StoreEncoding, BuildMarkerWritesFieldsElementsAndReferences) {
-  const Json reference = Json::object({{"@odata.id", "/m"}});
-  const struct {
-    bool isElement;
-    Json value;
-    const char* marker;
-  } cases[] = {
-      {false, Json::object(), "&&Object Name &&/k/c"}, {true, Json::object(), "&&Object &&/k/c"},
-      {false, Json::array(), "&&Array Name &&/k/c"},   {true, Json::array(), "&&Array &&/k/c"},
-      {false, reference, "&&ObjectRef Name /m"},       {true, reference, "&&ObjectRef /m"},
-  };
-  for (const auto& row : cases) {
-    std::string key = "/k/c";
-    EXPECT_EQ(BuildMarker(row.isElement, row.value, key, "Name"), row.marker);
-    EXPECT_EQ(key, row.value == reference ? "/k/c" : "&&/k/c");
-  }
 }
 
 }  // namespace
