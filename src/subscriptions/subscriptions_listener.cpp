@@ -97,7 +97,7 @@ void Listen() {
     LogError("Failed to connect to Redis.");
     return;
   }
-  if (!SendArguments(subscriber.get(), {"SUBSCRIBE", kSubscriptionsChannel})) {
+  if (!IsArray(SendArguments(subscriber.get(), {"SUBSCRIBE", kSubscriptionsChannel}))) {
     LogError("Failed to subscribe channel.");
     return;
   }

@@ -31,6 +31,12 @@ class ListenerTest : public SubscriptionsTest {
 
   /// Starts the thread; its connections go through the counting proxy.
   void StartListener() {
+    StartThread();
+    const FrontEndRequest head = {.method = "HEAD", .targetUri = kCollection, .body = {}};
+    while (!SendRequest(redis(), head)) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    SetProcessPaths(Sandbox().Paths());
+  }
+  void StartThread() {
     const std::string folder = Sandbox().Root() + "/proxied";
     WriteFile(folder + "/redis.conf", "unixsocket " + folder + "/redis.sock\n");
     WriteFile(folder + "/redis.port", "0");
@@ -40,9 +46,6 @@ class ListenerTest : public SubscriptionsTest {
     paths.redisConfiguration = folder + "/redis.conf";
     SetProcessPaths(paths);
     thread_ = std::thread([] { SubscriptionsListenerThread(nullptr); });
-    const FrontEndRequest head = {.method = "HEAD", .targetUri = kCollection, .body = {}};
-    while (!SendRequest(redis(), head)) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    SetProcessPaths(Sandbox().Paths());
   }
   void StopListener() {
     if (!thread_.joinable()) return;
@@ -156,6 +159,16 @@ TEST_F(ListenerTest, TheDeliverySideIsNotAnswered) {
   EXPECT_FALSE(KeyExists(redis(), kMember));
   SendForDelivery("DELETE", kMember);
   SendForDelivery("DELETE", "SSE-ALL");
+}
+
+TEST_F(ListenerTest, ARefusedSubscriptionEndsTheThread) {
+  StopListener();
+  const LogCapture log;
+  proxy_.Reset();
+  proxy_.FailCommandsWith("SUBSCRIBE");
+  StartThread();
+  thread_.join();
+  EXPECT_EQ(log.Errors(), Names{"Failed to subscribe channel."});
 }
 
 TEST_F(ListenerTest, RoundTripsStayWithinTheirBudgets) {
