@@ -20,8 +20,8 @@ namespace event_service {
 ///     if (!body.TakeLevel(pipeline.Execute())) return DatabaseError("...");
 ///   } while (!body.IsComplete());
 ///
-/// A field of the body itself may point to any key: only the front end writes such markers. Deeper down a text may be a
-/// client's, so only markers to the document's own keys are followed there.
+/// A field may point to any key: only the front end writes such markers, since strings keep their quotes there. An
+/// element of a list may be a client's string, so only markers to the list's own keys are followed from there.
 class RequestBody {
  public:
   explicit RequestBody(std::string_view key) : key_(key) {}
