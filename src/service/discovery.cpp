@@ -39,8 +39,7 @@ bool TakeDot(std::string_view& text) {
 
 void SortAndRemoveRepeats(std::vector<std::string>& texts) {
   std::ranges::sort(texts);
-  const auto repeats = std::ranges::unique(texts);
-  texts.erase(repeats.begin(), repeats.end());
+  texts.erase(std::unique(texts.begin(), texts.end()), texts.end());
 }
 
 /// Only a length above 0 says that the list is there; a failed one does not.

@@ -11,11 +11,11 @@
 
 namespace event_service {
 
-void PropertyJudge::JudgeProperties(Json::const_iterator first, Json::const_iterator last) {
+void PropertyJudge::JudgeProperties(const Json::const_iterator& first, const Json::const_iterator& last) {
   JudgeMembers(first, last, EventDestinationProperties(), "");
 }
 
-void PropertyJudge::JudgeMembers(Json::const_iterator first, Json::const_iterator last,
+void PropertyJudge::JudgeMembers(const Json::const_iterator& first, const Json::const_iterator& last,
                                  std::span<const PropertyRule> rules, const std::string& parentPath) {
   for (auto member = first; member != last; ++member) {
     if (IsPassedOver(member.key())) continue;

@@ -19,7 +19,7 @@ class PropertyJudge {
   explicit PropertyJudge(const BodyCircumstances& circumstances) : circumstances_(circumstances) {}
 
   /// Judges top-level properties, in key order.
-  void JudgeProperties(Json::const_iterator first, Json::const_iterator last);
+  void JudgeProperties(const Json::const_iterator& first, const Json::const_iterator& last);
 
   /// One message for each fault, in the order in which they were found.
   const std::vector<Message>& Faults() const { return faults_; }
@@ -29,8 +29,8 @@ class PropertyJudge {
   bool ModuleFailed() const { return moduleFailed_; }
 
  private:
-  void JudgeMembers(Json::const_iterator first, Json::const_iterator last, std::span<const PropertyRule> rules,
-                    const std::string& parentPath);
+  void JudgeMembers(const Json::const_iterator& first, const Json::const_iterator& last,
+                    std::span<const PropertyRule> rules, const std::string& parentPath);
   void JudgeValue(const PropertyRule& rule, const Json& value, const std::string& path);
   std::optional<Fault> CheckValue(const PropertyRule& rule, const Json& value) const;
   std::optional<Fault> CheckTextValue(const PropertyRule& rule, const Json& value) const;
