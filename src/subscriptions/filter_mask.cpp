@@ -9,28 +9,26 @@ namespace {
 // Prefixes without a bit are remembered up to here: clients choose them, and memory must not grow with their choice.
 constexpr size_t kMostKnownPrefixes = 1024;
 
-/// The strings of an array property; nothing for a missing property and for elements of another type.
+/// Visits the strings of an array property; false when the property is missing or has no elements at all.
 template <typename Visitor>
-void ForEachString(const Json& body, std::string_view property, const Visitor& visit) {
+bool ForEachString(const Json& body, std::string_view property, const Visitor& visit) {
   const auto found = body.find(property);
-  if (found == body.end() || !found->is_array()) return;
+  if (found == body.end() || !found->is_array()) return false;
   for (const Json& element : *found) {
     if (element.is_string()) visit(std::string_view(element.get_ref<const std::string&>()));
   }
+  return !found->empty();
 }
 
 }  // namespace
 
 int32_t FilterMask(const Json& body, RegistryPrefixBits& bits) {
-  bool isRestricted = false;
   int32_t mask = 0;
   // Joined, not added: a prefix may stand twice, and every prefix from the 32nd on shares the largest bit.
-  ForEachString(body, "RegistryPrefixes", [&](std::string_view prefix) {
-    isRestricted = true;
+  const bool hasPrefixes = ForEachString(body, "RegistryPrefixes", [&](std::string_view prefix) {
     if (const auto bit = bits.find(prefix); bit != bits.end()) mask |= bit->second;
   });
-  ForEachString(body, "MessageIds", [&](std::string_view messageId) {
-    isRestricted = true;
+  const bool hasMessageIds = ForEachString(body, "MessageIds", [&](std::string_view messageId) {
     const std::string_view prefix = messageId.substr(0, messageId.find('.'));
     if (const auto bit = bits.find(prefix); bit != bits.end()) {
       mask |= bit->second;
@@ -38,7 +36,7 @@ int32_t FilterMask(const Json& body, RegistryPrefixBits& bits) {
       bits.emplace(prefix, 0);
     }
   });
-  return isRestricted ? mask : kEveryRegistry;
+  return hasPrefixes || hasMessageIds ? mask : kEveryRegistry;
 }
 
 }  // namespace event_service

@@ -12,8 +12,8 @@ namespace event_service {
 inline constexpr int32_t kEveryRegistry = -1;
 
 /// The mask of a creation's body: the bits of its "RegistryPrefixes", or of the registries that its "MessageIds" name,
-/// each joined once; kEveryRegistry when neither names any. A prefix that a message id names and `bits` lacks joins
-/// `bits` with the value 0.
+/// each joined once (null names none); kEveryRegistry when neither has elements. A prefix that a message id names and
+/// `bits` lacks joins `bits` with the value 0.
 int32_t FilterMask(const Json& body, RegistryPrefixBits& bits);
 
 }  // namespace event_service

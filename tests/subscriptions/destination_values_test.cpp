@@ -42,6 +42,7 @@ TEST(FilterMasks, BitsAreJoinedAndNeverOverflow) {
       {R"({"RegistryPrefixes": ["B", "A", "B"]})", 3},
       {R"({"RegistryPrefixes": ["Y", "Z", "A"]})", 2147483647},
       {R"({"RegistryPrefixes": ["Unknown"]})", 0},
+      {R"({"MessageIds": [null]})", 0},
       {R"({"MessageIds": ["A.1.0.X", "A.1.0.Y", "New.1.0.Z", "B"]})", 3},
   };
   for (const auto& row : cases) {
