@@ -60,15 +60,6 @@ bool PublishMembersCount(redisContext* redis, SubscriptionsState& state, const r
   return SettleMembersCount(state, length, published.front().get(), 0);
 }
 
-bool CheckQueueLengths(std::span<const RedisReply> lengths) {
-  for (size_t i = 0; i < std::size(kDestinationQueues); ++i) {
-    if (IsInteger(lengths[i])) continue;
-    LogError("Failed to get %s queue length.", kDestinationQueues[i].data());
-    return false;
-  }
-  return true;
-}
-
 /// Allowed values and filter bits from the lists as Redis holds them.
 void LoadDiscoveredLists(const redisReply* types, const redisReply* prefixes, ServiceSettings& settings,
                          SubscriptionsState& state) {
@@ -78,12 +69,15 @@ void LoadDiscoveredLists(const redisReply* types, const redisReply* prefixes, Se
   settings.allowedValues["RegistryPrefixes"] = SortedOnce(prefixesInOrder);
 }
 
-/// Registers the channel once at each queue's tail and, in the same round trip, reads what the settings are made of.
-bool RegisterAndDiscover(redisContext* redis, ServiceSettings& settings, SubscriptionsState& state) {
+/// Registers the channel once at the tail of each queue before one of unknown length and, in the same round trip, reads
+/// what the settings are made of.
+bool RegisterAndDiscover(redisContext* redis, std::span<const RedisReply> queueLengths, ServiceSettings& settings,
+                         SubscriptionsState& state) {
   RedisPipeline pipeline(redis);
-  for (const std::string_view queue : kDestinationQueues) {
-    pipeline.Append({"LREM", queue, "0", kSubscriptionsChannel});
-    pipeline.Append({"RPUSH", queue, kSubscriptionsChannel});
+  size_t known = 0;
+  for (; known < queueLengths.size() && IsInteger(queueLengths[known]); ++known) {
+    pipeline.Append({"LREM", kDestinationQueues[known], "0", kSubscriptionsChannel});
+    pipeline.Append({"RPUSH", kDestinationQueues[known], kSubscriptionsChannel});
   }
   const size_t writes = pipeline.Size();
   const size_t messages = pipeline.Append({"KEYS", kMessageKeys});
@@ -96,6 +90,10 @@ bool RegisterAndDiscover(redisContext* redis, ServiceSettings& settings, Subscri
 
   if (!AllIntegers(std::span(replies).first(writes))) {
     LogError("Failed to add channel of event destination to CRUD queue.");
+    return false;
+  }
+  if (known < queueLengths.size()) {
+    LogError("Failed to get %s queue length.", kDestinationQueues[known].data());
     return false;
   }
   InitMessageIds(replies[messages].get(), settings.allowedValues);
@@ -120,7 +118,7 @@ bool EventServiceInit(redisContext* redis, ServiceSettings& settings, Subscripti
     LogError("Failed to load subscription db file.");
     return false;
   }
-  return CheckQueueLengths(std::span(lengths).subspan(1)) && RegisterAndDiscover(redis, settings, state);
+  return RegisterAndDiscover(redis, std::span(lengths).subspan(1), settings, state);
 }
 
 bool RunUriSubscriptionMapScript(redisContext* redis, const std::string& scriptPath) {
