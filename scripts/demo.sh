@@ -38,13 +38,13 @@ demo() {
   holds '"ServiceEnabled": true' '"ResourceTypes"' '"EventDestination"' '"Password": null'
 
   part "A test event goes to the delivery side"
-  request POST "$test_event" '{"MessageId": "ResourceEvent.1.0.ResourceChanged", "OriginOfCondition": "/redfish/v1/EventService"}'
+  request POST "$test_event" '{"MessageId": "ResourceEvent.1.2.ResourceChanged", "OriginOfCondition": "/redfish/v1/EventService"}'
   holds OK_RES
 
   part "Bad test events are refused, each for its reason"
   request POST "$test_event" '{"EventId": "7"}'
   holds FAILURE Base.1.12.ActionParameterMissing "arguments: EventService.SubmitTestEvent, MessageId"
-  request POST "$test_event" '{"MessageId": "ResourceEvent.1.0.ResourceChanged", "EventGroupId": "seven"}'
+  request POST "$test_event" '{"MessageId": "ResourceEvent.1.2.ResourceChanged", "EventGroupId": "seven"}'
   holds FAILURE Base.1.12.ActionParameterValueTypeError
 
   part "The service is changed"

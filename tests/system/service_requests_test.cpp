@@ -12,7 +12,7 @@ class ServiceRequests : public DaemonTest {
 };
 
 TEST_F(ServiceRequests, EachGetsItsOneAnswer) {
-  const std::string event = R"({"MessageId": "ResourceEvent.1.0.ResourceChanged", )";
+  const std::string event = R"({"MessageId": "ResourceEvent.1.2.ResourceChanged", )";
   const struct {
     const char* method;
     std::string uri;

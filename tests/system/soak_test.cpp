@@ -40,7 +40,7 @@ class Soak : public DaemonTest {
             "OriginResources": [{"@odata.id": "/redfish/v1/Chassis/1"}, {"@odata.id": "/redfish/v1/Systems/"}],
             "SubordinateResources": true, "HttpHeaders": [{"X-A": "1", "X-B": "2"}]})",
         R"({"Destination": "https://c.example.com/", "Protocol": "Redfish",
-            "MessageIds": ["ResourceEvent.1.0.ResourceChanged"],
+            "MessageIds": ["ResourceEvent.1.2.ResourceChanged"],
             "OriginResources": [{"@odata.id": "/redfish/v1/Chassis/1"}]})",
         R"({"Destination": "https://c.example.com/", "Protocol": "Redfish",
             "MetricReportDefinitions": [{"@odata.id": "/redfish/v1/TelemetryService/MetricReportDefinitions/1"}]})",

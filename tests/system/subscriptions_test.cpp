@@ -18,7 +18,7 @@ const char* const kEveryKind[] = {
         "OriginResources": [{"@odata.id": "/redfish/v1/Chassis/1"}, {"@odata.id": "/redfish/v1/Systems/"}],
         "SubordinateResources": true, "DeliveryRetryPolicy": "SuspendRetries"})",
     R"({"Id": "message-ids", "Destination": "http://[fe80::1]:8080/", "Protocol": "Redfish",
-        "MessageIds": ["ResourceEvent.1.0.ResourceChanged"], "IncludeOriginOfCondition": true})",
+        "MessageIds": ["ResourceEvent.1.2.ResourceChanged"], "IncludeOriginOfCondition": true})",
     R"({"Id": "metric-report", "Destination": "https://collector.example.com/m", "Protocol": "Redfish",
         "MetricReportDefinitions": [{"@odata.id": "/redfish/v1/TelemetryService/MetricReportDefinitions/1"}]})",
     R"({"Id": "snmp-version3", "Destination": "snmp://user@192.0.2.1:162", "Protocol": "SNMPv3",
