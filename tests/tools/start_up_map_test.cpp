@@ -38,6 +38,7 @@ TEST_F(StartUpMap, MasksJoinTheBitsOfPrefixesOrOfMessageIds) {
       {R"({"RegistryPrefixes": ["R1", "R3", "R1"]})", "5"},
       {R"({"RegistryPrefixes": ["R2"], "MessageIds": ["R1.1.0.A"]})", "2"},
       {R"({"RegistryPrefixes": ["Unknown"]})", "0"},
+      {R"({"MessageIds": [null]})", "0"},
       {R"({"RegistryPrefixes": ["R31"]})", "1073741824"},
       {R"({"RegistryPrefixes": ["R32", "R40", "R1"]})", "2147483647"},
       {R"({"MessageIds": ["R1.1.0.A", "R1.1.0.B", "R4.1.0.A", "R9"]})", "265"},
@@ -72,6 +73,7 @@ TEST_F(StartUpMap, EntriesWithoutASoundMemberCountForNothing) {
   ASSERT_TRUE(SendCommand(redis(), "SET &&/redfish/v1/EventService/RegistryPrefixes wrong-type"));
   Add("A", R"({"RegistryPrefixes": "no marker", "OriginResources": 7})");
   Add("A", R"({})", "");
+  Add("A/Below", R"({"Context": "no member"})");
   Add("Gone", "{}");
   for (const char* entry : {"", "&&ObjectRef", "/redfish/v1/EventService", "\xff"}) {
     ASSERT_TRUE(ListAppend(redis(), "&&/redfish/v1/EventService/Subscriptions/Members", entry));

@@ -71,8 +71,7 @@ local function origin_paths(uri)
   return #paths > 0 and paths or {"*"}
 end
 
-local function index(uri, bits, subordinates_supported)
-  local id = uri:sub(#COLLECTION + 2)
+local function index(uri, id, bits, subordinates_supported)
   local mask = string.format("%d", registry_mask(uri, bits))
   local with_subordinates = subordinates_supported and field(uri, "SubordinateResources") == "true"
   for _, path in ipairs(origin_paths(uri)) do
@@ -92,13 +91,13 @@ local seen = {}
 for _, entry in ipairs(list("&&" .. COLLECTION .. "/Members")) do
   -- "&&ObjectRef &&<uri>" as the service writes it, or the bare uri of other loaders.
   local uri = entry:gsub("^&&ObjectRef ", ""):gsub("^&&", "")
-  local stored = read("TYPE", uri)
-  if not seen[uri] and stored and stored.ok == "hash" and uri:sub(1, #COLLECTION + 1) == COLLECTION .. "/" then
+  local id = uri:match("^" .. COLLECTION .. "/([^/]+)$")
+  if id and not seen[uri] and read("TYPE", uri).ok == "hash" then
     seen[uri] = true
     if field(uri, "EventFormatType") == '"MetricReport"' then
       redis.call("HINCRBY", "&&subs:MetricReport", "Total_Num_Subscriber", 1)
     else
-      index(uri, bits, subordinates_supported)
+      index(uri, id, bits, subordinates_supported)
     end
   end
 end
