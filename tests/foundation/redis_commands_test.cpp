@@ -113,28 +113,6 @@ TEST(HashBatch, ReadsEveryReplyWhateverWentWrong) {
   EXPECT_EQ(unused.Received(), "");
 }
 
-TEST_F(RedisCommandsTest, ABatchIsWrittenInItsOrder) {
-  TripCounter proxy(Server().SocketPath());
-  const RedisContext counted = proxy.Connect();
-  EXPECT_TRUE(HashBatchWrite(counted.get(), {{"b", {{"1", "v"}}}, {"a", {{"2", "w"}, {"1", "v"}}}}));
-  EXPECT_TRUE(ListBatchAppend(counted.get(), "list", {{"z"s, "a"s}}));
-  EXPECT_EQ(proxy.CommandTexts(),
-            (std::vector<std::string>{"HSET a 1 v", "HSET a 2 w", "HSET b 1 v", "RPUSH list z", "RPUSH list a"}));
-  EXPECT_EQ(proxy.trips(), 2u);
-}
-
-TEST_F(RedisCommandsTest, AnInjectedFaultFailsItsCommandAlone) {
-  TripCounter proxy(Server().SocketPath());
-  const RedisContext redis = proxy.Connect();
-  proxy.FailCommand(2);
-  proxy.FailCommandsWith("HSET b");
-  EXPECT_TRUE(HashWrite(redis.get(), "a", "1", "v"));
-  EXPECT_FALSE(HashWrite(redis.get(), "a", "2", "v"));
-  EXPECT_FALSE(HashWrite(redis.get(), "b", "1", "v"));
-  EXPECT_TRUE(HashWrite(redis.get(), "c", "1", "v"));
-  EXPECT_EQ(Dump(), (DatabaseDump{{"a", "{1=v}"}, {"c", "{1=v}"}}));
-}
-
 TEST_F(RedisCommandsTest, AnEscapedNameMatchesItselfOnly) {
   const std::string names[] = {"a*", "a?", "[ab]", "a\\b", "[^a]", "a-b", "[a-c]", "/redfish/v1/x", "a\0b"s, ""};
   for (const std::string& name : names) {
@@ -146,16 +124,6 @@ TEST_F(RedisCommandsTest, AnEscapedNameMatchesItselfOnly) {
   std::vector<std::string> keys = KeyListing(redis(), "a*");
   std::ranges::sort(keys);
   EXPECT_EQ(keys, (std::vector<std::string>{"a", "a\\", "ab", "abc"}));
-}
-
-TEST_F(RedisCommandsTest, AServerThatWasKilledIsANullReply) {
-  ASSERT_TRUE(HashWrite(redis(), "hash", "field", "value"));
-  Server().Kill();
-  for (int i = 0; i < 3; ++i) EXPECT_FALSE(SendCommand(redis(), "PING"));
-  EXPECT_FALSE(HashWrite(redis(), "hash", "field", "value"));
-  Server().Start();
-  EXPECT_FALSE(SendCommand(redis(), "PING")) << "a broken connection stays broken";
-  EXPECT_EQ(TextOf(SendCommand(Connect().get(), "PING")), "PONG");
 }
 
 }  // namespace
