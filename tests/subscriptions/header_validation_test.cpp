@@ -45,17 +45,6 @@ TEST(BuiltInHeaderCheck, NamesAreNamedAndValuesAreNot) {
   }
 }
 
-TEST(BuiltInHeaderCheck, BoundsLengthAndNumber) {
-  const auto isFine = [](Json headers) { return JudgeHeaders(headers, false, kNoModule).faults.empty(); };
-  EXPECT_TRUE(isFine({{{"Name", std::string(8188, 'x')}}}));
-  EXPECT_FALSE(isFine({{{"Name", std::string(8189, 'x')}}}));
-  EXPECT_TRUE(isFine(Json(256, {{"A", "1"}})));
-  EXPECT_FALSE(isFine(Json(257, {{"A", "1"}})));
-  Json crowded = Json::array({Json::object()});
-  for (int i = 0; i < 257; ++i) crowded[0]["H" + std::to_string(i)] = "1";
-  EXPECT_FALSE(isFine(crowded));
-}
-
 TEST(BuiltInHeaderCheck, APatchMayRemoveAndLeaveElements) {
   EXPECT_TRUE(JudgeHeaders({nullptr, Json::object(), {{"A", "1"}}}, true, kNoModule).faults.empty());
 }
@@ -129,32 +118,6 @@ TEST_F(HeaderModule, AFailureIsLoggedOnceWithoutValues) {
     EXPECT_TRUE(log_.Errors()[0].starts_with(row.logLine)) << log_.Errors()[0];
     EXPECT_EQ(log_.Errors()[0].find("s3cret"), std::string::npos);
   }
-}
-
-TEST_F(HeaderModule, IsLoadedOnceAndAgainAfterAFailure) {
-  const std::string loads = sandbox_.Root() + "/loads";
-  const std::string counting = "local f = io.open('" + loads + "', 'a') f:write('x') f:close() ";
-  const std::string module = sandbox_.Paths().headerValidatorModule + ".lua";
-  std::thread([&] {
-    EXPECT_FALSE(JudgeAgain().moduleFailed) << "no module: our own check stands alone";
-    WriteFile(module, counting +
-                          "function validateHttpHeaderByPattern(h) calls = (calls or 0) + 1 "
-                          "if calls > 2 then error('worn out') end return true end");
-    EXPECT_FALSE(JudgeAgain().moduleFailed);
-    EXPECT_FALSE(JudgeAgain().moduleFailed);
-    EXPECT_EQ(ReadFile(loads), "x");
-    EXPECT_TRUE(JudgeAgain().moduleFailed);
-    EXPECT_FALSE(JudgeAgain().moduleFailed);
-    EXPECT_EQ(ReadFile(loads), "xx");
-  }).join();
-}
-
-TEST_F(HeaderModule, MayRequireItsNeighbours) {
-  WriteFile(sandbox_.Root() + "/usr/local/nginx/lua/neighbour.lua", "return { verdict = false }");
-  EXPECT_EQ(Judge("local n = require('neighbour') "
-                  "return { validateHttpHeaderByPattern = function() return n.verdict end }")
-                .faults.size(),
-            3u);
 }
 
 TEST(PlatformHeaderModule, RefusesWhatNoHeaderMayHold) {
