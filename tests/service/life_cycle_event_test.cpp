@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
@@ -14,92 +12,59 @@ namespace {
 
 class LifeCycleEventTest : public RedisTest {
  protected:
-  void SetUp() override {
-    RedisTest::SetUp();
-    ForgetLifeCycleSetting();
-  }
   void Configure(const std::string& value) {
     ForgetLifeCycleSetting();
     WriteFile(ProcessPaths().configuration, "GenerateResourceEvent=" + value + "\n");
   }
-  void RegisterScript(const std::string& text) {
-    const RedisReply digest = SendArguments(redis(), {"SCRIPT", "LOAD", text});
-    ASSERT_TRUE(HashWrite(redis(), "redisSHAScripts", "resourceChange", TextOf(digest)));
-  }
-
-  static constexpr LifeCycleEvent kEvent{.change = "change",
-                                         .resourcePath = "/redfish/v1/EventService",
-                                         .resourceType = "EventService",
-                                         .extraText = "",
-                                         .eventGroupId = 2147483647};
-  LogCapture log_;
+  const LogCapture log_;
 };
 
-TEST_F(LifeCycleEventTest, OnlyExactlyFalseTurnsTheEventsOff) {
+TEST_F(LifeCycleEventTest, OnlyExactlyFalseTurnsTheEventsOffAndIsReadOnceByAllThreads) {
+  for (const std::string value : {"False", "", "no", "false"}) {
+    Configure(value);
+    std::thread other([value] { EXPECT_EQ(LifeCycleEventsEnabled(), value != "false") << value; });
+    EXPECT_EQ(LifeCycleEventsEnabled(), value != "false") << value;
+    other.join();
+  }
+  std::vector<std::string> lines(3, "EventService will generate events when resource is created/updated/removed.");
+  lines.push_back("EventService will not generate events when resource is created/updated/removed.");
+  EXPECT_EQ(log_.DebugLines(), lines);
+}
+
+TEST_F(LifeCycleEventTest, TheScriptGetsKeysOnlyAndItsAnswerDecides) {
   const struct {
-    const char* value;
-    bool enabled;
-  } cases[] = {{"false", false}, {"False", true}, {"", true}, {"no", true}};
+    const char* answer;
+    LifeCycleEvent event;
+    bool isRaised;
+    const char* keys;
+  } cases[] = {
+      {"1",
+       {"change", "/redfish/v1/X", "T", "", 2147483647},
+       true,
+       "[change, /redfish/v1/X, T, EventGroupId, 2147483647]"},
+      {"1", {"add", "/redfish/v1/X", "T", "more text", 1}, true, "[add, /redfish/v1/X, T, more text, EventGroupId, 1]"},
+      {"1", {"", "/redfish/v1/X", "T", "", 1}, false, ""},
+      {"1", {"add", "", "T", "", 1}, false, ""},
+      {"{'x', 'why'}", {"add", "/redfish/v1/X", "T", "", 1}, false, "[add, /redfish/v1/X, T, EventGroupId, 1]"},
+      {"{'a'}", {"add", "/redfish/v1/X", "T", "", 1}, false, "[add, /redfish/v1/X, T, EventGroupId, 1]"},
+      {"'text'", {"add", "/redfish/v1/X", "T", "", 1}, false, "[add, /redfish/v1/X, T, EventGroupId, 1]"},
+  };
+  Configure("true");
+  EXPECT_FALSE(RaiseLifeCycleEvent(redis(), cases[0].event)) << "no script is registered";
   for (const auto& row : cases) {
-    Configure(row.value);
-    log_.Clear();
-    EXPECT_EQ(LifeCycleEventsEnabled(), row.enabled) << row.value;
-    EXPECT_EQ(LifeCycleEventsEnabled(), row.enabled) << row.value;
-    EXPECT_EQ(log_.DebugLines(),
-              std::vector<std::string>{row.enabled ? "EventService will generate events when resource is "
-                                                     "created/updated/removed."
-                                                   : "EventService will not generate events when resource is "
-                                                     "created/updated/removed."})
-        << row.value;
+    SendCommand(redis(), "DEL seen");
+    const std::string script = "for _, key in ipairs(KEYS) do redis.call('RPUSH', 'seen', key) end return ";
+    const RedisReply digest = SendArguments(redis(), {"SCRIPT", "LOAD", script + row.answer});
+    HashWrite(redis(), "redisSHAScripts", "resourceChange", TextOf(digest));
+    EXPECT_EQ(RaiseLifeCycleEvent(redis(), row.event), row.isRaised) << row.answer << row.keys;
+    EXPECT_EQ(Dump()["seen"], row.keys) << row.answer;
   }
-}
-
-TEST_F(LifeCycleEventTest, TwoThreadsReadTheSettingOnce) {
+  const std::string noAnswer = "The life cycle event for /redfish/v1/X could not be handed over.";
+  EXPECT_EQ(log_.Errors(),
+            (std::vector<std::string>{noAnswer, "Failed to generate life cycle event for /redfish/v1/X: why", noAnswer,
+                                      noAnswer}));
   Configure("false");
-  std::thread other([] { EXPECT_FALSE(LifeCycleEventsEnabled()); });
-  EXPECT_FALSE(LifeCycleEventsEnabled());
-  other.join();
-  EXPECT_EQ(log_.DebugLines().size(), 1U);
-}
-
-TEST_F(LifeCycleEventTest, EverythingGoesToTheScriptAsKeys) {
-  RegisterScript("for i, key in ipairs(KEYS) do redis.call('RPUSH', 'seen', key) end return #KEYS + #ARGV");
-  EXPECT_TRUE(RaiseLifeCycleEvent(redis(), kEvent));
-  EXPECT_EQ(Dump()["seen"], "[change, /redfish/v1/EventService, EventService, EventGroupId, 2147483647]");
-  SendCommand(redis(), "DEL seen");
-  LifeCycleEvent event = kEvent;
-  event.extraText = "more to say";
-  EXPECT_TRUE(RaiseLifeCycleEvent(redis(), event));
-  EXPECT_EQ(Dump()["seen"], "[change, /redfish/v1/EventService, EventService, more to say, EventGroupId, 2147483647]");
-}
-
-TEST_F(LifeCycleEventTest, ATwoElementAnswerIsTheScriptsError) {
-  RegisterScript("return {'x', 'no such resource'}");
-  EXPECT_FALSE(RaiseLifeCycleEvent(redis(), kEvent));
-  EXPECT_EQ(log_.Errors(), std::vector<std::string>{
-                               "Failed to generate life cycle event for /redfish/v1/EventService: no such resource"});
-}
-
-TEST_F(LifeCycleEventTest, AnyOtherAnswerIsAFailure) {
-  EXPECT_FALSE(RaiseLifeCycleEvent(redis(), kEvent)) << "no script is registered";
-  for (const char* script : {"return {'a'}", "return {'a', 'b', 'c'}", "return 'text'"}) {
-    RegisterScript(script);
-    EXPECT_FALSE(RaiseLifeCycleEvent(redis(), kEvent)) << script;
-  }
-  EXPECT_EQ(log_.Errors().size(), 4U);
-}
-
-TEST_F(LifeCycleEventTest, NothingIsRaisedWhenOffOrWithoutKindOrPath) {
-  RegisterScript("redis.call('SET', 'raised', 1) return 1");
-  LifeCycleEvent event = kEvent;
-  event.change = "";
-  EXPECT_FALSE(RaiseLifeCycleEvent(redis(), event));
-  event = kEvent;
-  event.resourcePath = "";
-  EXPECT_FALSE(RaiseLifeCycleEvent(redis(), event));
-  Configure("false");
-  EXPECT_TRUE(RaiseLifeCycleEvent(redis(), event)) << "off is looked at first";
-  EXPECT_FALSE(KeyExists(redis(), "raised"));
+  EXPECT_TRUE(RaiseLifeCycleEvent(redis(), cases[2].event)) << "off is looked at first";
 }
 
 }  // namespace

@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
+#include "service/redis_keys.h"
 #include "service/settings.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
@@ -16,6 +18,7 @@ namespace event_service {
 
 class StartUpSandbox : public RedisTest {
  protected:
+  using Texts = std::vector<std::string>;
   static constexpr const char* kCollection = "/redfish/v1/EventService/Subscriptions";
   static constexpr const char* kMembers = "&&/redfish/v1/EventService/Subscriptions/Members";
 
@@ -74,6 +77,8 @@ class StartUpSandbox : public RedisTest {
     return nlohmann::json::parse(ReadFile(plain), nullptr, false);
   }
 
+  ServiceSettings settings_;
+  SubscriptionsState state_;
   LogCapture log_;
 };
 
