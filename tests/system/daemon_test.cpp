@@ -22,20 +22,6 @@ std::string RunCommand(const std::string& command) {
   return output;
 }
 
-std::string Difference(const DatabaseDump& before, const DatabaseDump& after) {
-  std::string text;
-  const auto list = [&text](const char* sign, const DatabaseDump& these, const DatabaseDump& others) {
-    for (const auto& [key, content] : these) {
-      const auto other = others.find(key);
-      if (key == "Array-Member-Sequence-ID" || (other != others.end() && other->second == content)) continue;
-      text += sign + key + ": " + content + "\n";
-    }
-  };
-  list("- ", before, after);
-  list("+ ", after, before);
-  return text;
-}
-
 std::string InShort(const FrontEndAnswer& answer) {
   std::string text = answer.status;
   for (const FrontEndMessage& message : answer.messages) {

@@ -48,9 +48,6 @@ class DaemonTest : public RedisTest {
   Daemon daemon_;
 };
 
-/// The keys that only one of the two holds or that differ, with what they hold; without the store's sequence counter.
-std::string Difference(const DatabaseDump& before, const DatabaseDump& after);
-
 /// Runs a command line and gives its standard output; fails the test when it does not exit with 0.
 std::string RunCommand(const std::string& command);
 

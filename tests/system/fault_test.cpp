@@ -1,6 +1,4 @@
 /// What the outside can do to the daemon: nonsense, nobody listening, keys of the wrong type, Redis or the daemon gone.
-#include <unistd.h>
-
 #include <chrono>
 #include <random>
 #include <thread>
@@ -72,20 +70,6 @@ TEST_F(Faults, AnnouncementsOfAnyBytesAndLengthsDoNoHarm) {
   EXPECT_GE(Count(Log(), "[Error]: Request data format is incorrect.\n"), withoutBlank);
 }
 
-TEST_F(Faults, BodiesOfAnyShapeAreAnswered) {
-  const std::string deep = std::string(30, '[') + std::string(30, ']');
-  const std::string wide(1 << 20, 'x');
-  for (const std::string& value : {std::string("[]"), std::string("{}"), std::string("[[1,{}],null]"), deep,
-                                   '"' + wide + '"', std::string(R"("\u0000")"), std::string("1e300")}) {
-    for (const char* name : {"MessageId", "MessageArgs", "OriginOfCondition"}) {
-      const std::string body = "{\"" + std::string(name) + "\": " + value + "}";
-      EXPECT_TRUE(AskShort("POST", kTestEvent, body).starts_with("FAILURE ")) << value.substr(0, 40);
-    }
-    EXPECT_FALSE(AskShort("PATCH", kService, "{\"SMTP\": " + value + "}").empty()) << value.substr(0, 40);
-  }
-  ExpectItServes();
-}
-
 TEST_F(Faults, StoredGarbageInABodyIsAnswered) {
   // A chain of arrays that is deeper than any body may be.
   for (int level = 0; level < 5000; ++level) {
@@ -110,15 +94,6 @@ TEST_F(Faults, StoredGarbageInABodyIsAnswered) {
     RemoveRequest(redis(), *stored);
   }
   ExpectItServes();
-}
-
-TEST_F(Faults, AnAnswerThatNobodyWaitsForIsRemovedWithItsRequest) {
-  const DatabaseDump before = Dump();
-  ASSERT_TRUE(Announce("PATCH", kService, R"({"Id": "x"})"));
-  ASSERT_TRUE(Announce("PATCH", kCollection, R"({"Context": "x"})"));
-  ExpectItServes();  // both listeners have come past the two requests
-  EXPECT_EQ(Difference(before, Dump()), "");
-  EXPECT_EQ(Count(Log(), "[Error]: Failed to publish data.\n"), 2U);
 }
 
 TEST_F(Faults, KeysOfTheWrongTypeAreAnswered) {

@@ -47,22 +47,6 @@ TEST_F(StartUp, AFailedStartExitsWith255AndSaysWhy) {
   }
 }
 
-TEST_F(StartUp, EachQueueNamesItsChannelOnceAfterAnyNumberOfStarts) {
-  for (int start = 0; start < 3; ++start) {
-    StartDaemon();
-    ASSERT_TRUE(SendCommand(redis(), "SADD &&AccessBlockList EventService"));
-  }
-  const DatabaseDump dump = Dump();
-  for (const char* queue : {"&&/redfish/v1/EventService/PATCHQ", "&&/redfish/v1/EventService/POSTACTIONQ"}) {
-    EXPECT_EQ(dump.at(queue), "[&&/redfish/v1/EventService/CHANNEL]");
-  }
-  for (const char* queue : {"&&/redfish/v1/EventService/Subscriptions/POSTCREATEQ",
-                            "&&/redfish/v1/EventDestination/DELETEQ", "&&/redfish/v1/EventDestination/GETQ",
-                            "&&/redfish/v1/EventDestination/PATCHQ", "&&/redfish/v1/EventDestination/POSTACTIONQ"}) {
-    EXPECT_EQ(dump.at(queue), "[&&/redfish/v1/EventService/Subscriptions/CHANNEL]");
-  }
-}
-
 TEST(Program, RefusesARootThatAShellWouldHaveToQuote) {
   const SandboxRoot folder;
   Daemon daemon;

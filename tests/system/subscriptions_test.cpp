@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include <chrono>
 #include <map>
 #include <thread>
@@ -51,24 +49,6 @@ class Subscriptions : public DaemonTest {
     }
   }
 
-  FrontEndAnswer CreateStream(const std::string& id) {
-    const Json body = {{"Id", id}, {"Destination", "redfish-sse://192.0.2.1:4711"}, {"Protocol", "Redfish"}};
-    const FrontEndRequest request{
-        .method = "POSTCREATE", .targetUri = kCollection, .body = body, .sseChannel = "stream" + id};
-    return SendRequest(redis(), request).value_or(FrontEndAnswer{});
-  }
-
-  /// Sends a request as the delivery side does; it has no answer, so a request behind it shows that it is through.
-  void Deliver(const std::string& method, const std::string& uri, const Json& body = nullptr) {
-    FrontEndRequest request{.method = method, .targetUri = uri, .body = {}};
-    if (body.is_object()) request.body = body;
-    std::optional<StoredRequest> stored = StoreRequest(redis(), request);
-    ASSERT_TRUE(stored);
-    stored->responseKey = "FROM_EVENTING";
-    ASSERT_TRUE(AnnounceRequest(redis(), ChannelOf(uri), *stored));
-    AskShort("HEAD", uri);
-  }
-
   /// Every member as it is stored, hidden fields and encrypted credentials included.
   std::map<std::string, Json> StoredMembers() {
     std::map<std::string, Json> members;
@@ -112,6 +92,8 @@ TEST_F(Subscriptions, SecretsAreNowhereToBeReadAndNoFileIsOpenToOthers) {
   CreateEveryKind();
   EXPECT_EQ(AskShort("PATCH", UriOf("snmp-version3"), R"({"SNMP": {"EncryptionKey": "Passphrase:patched-secret"}})"),
             "OK_RES Base.1.12.Success()");
+  EXPECT_EQ(AskShort("PATCH", kService, R"({"SMTP": {"Password": "smtp-secret"}})"), "OK_RES Base.1.12.Success()");
+  EXPECT_EQ(Value(kService, "/SMTP/Password"), Json());
   EXPECT_EQ(AskShort("GET", UriOf("redfish-event")), "");
   EXPECT_EQ(Value(UriOf("redfish-event"), "/HttpHeaders"), Json::array());
   EXPECT_EQ(AskShort("GET", UriOf("snmp-version3")), "");
@@ -128,66 +110,6 @@ TEST_F(Subscriptions, SecretsAreNowhereToBeReadAndNoFileIsOpenToOthers) {
   const std::string folder = Sandbox().Root() + "/var/nginx";
   EXPECT_EQ(RunCommand("find " + folder + " -type f -perm /077"), "");
   EXPECT_EQ(RunCommand("grep -rl -e -secret " + folder + " || true"), "");
-}
-
-TEST_F(Subscriptions, ADeletedOneIsGoneForGood) {
-  CreateEveryKind();
-  const SyslogServer syslog;
-  for (const char* body : kEveryKind) {
-    const std::string id = Json::parse(body)["Id"];
-    const bool deletable = id.size() > 7;
-    EXPECT_EQ(AskShort("DELETE", UriOf(id)), deletable ? "OK_EMPTY" : "FAILURE Base.1.12.ResourceCannotBeDeleted()");
-    if (deletable) {
-      EXPECT_EQ(AskShort("DELETE", UriOf(id)), "NOT_FOUND Base.1.12.ResourceMissingAtURI(" + UriOf(id) + ")");
-      EXPECT_TRUE(KeyListing(redis(), "*Subscriptions/" + id + "*").empty());
-    }
-  }
-  EXPECT_EQ(OriginIndex(),
-            (DatabaseDump{{"&&subs:*", "{trap7=-1}"}, {"&&subs:MetricReport", "{Total_Num_Subscriber=0}"}}));
-  PowerCycle();
-  EXPECT_EQ(StoredMembers().size(), 1U);
-  EXPECT_EQ(syslog.Messages(), (std::vector<std::string>{R"({"Action":"DELETE","Id":"syslog-tcp-1"})",
-                                                         R"({"Action":"DELETE","Id":"syslog-tls-1"})"}));
-}
-
-TEST_F(Subscriptions, StreamsLiveInRedisOnlyAndEndTogether) {
-  const std::string body = R"({"Destination": "https://c.example.com", "Protocol": "Redfish"})";
-  const std::string kept = Ask("POST", kCollection, body).location;
-  EXPECT_EQ(InShort(CreateStream("stream-0001")), "OK_RES Base.1.12.Created()");
-  EXPECT_EQ(InShort(CreateStream("stream-0002")), "OK_RES Base.1.12.Created()");
-  daemon().Kill();
-  StartDaemon();
-  EXPECT_EQ(Value(UriOf("stream-0001"), "/SubscriptionType"), "SSE") << "a restart of the daemon alone keeps them";
-  EXPECT_EQ(AskShort("DELETE", "SSE-ALL"), "OK_EMPTY");
-  EXPECT_EQ(Value(kCollection, "/Members"), Json::parse(R"([{"@odata.id": ")" + kept + R"("}])"));
-
-  EXPECT_EQ(InShort(CreateStream("stream-0003")), "OK_RES Base.1.12.Created()");
-  PowerCycle();
-  EXPECT_EQ(Value(kCollection, "/Members@odata.count"), 1);
-  EXPECT_EQ(InShort(CreateStream("stream-0004")), "OK_RES Base.1.12.Created()");
-  EXPECT_EQ(AskShort("PATCH", kService, R"({"ServiceEnabled": false})"), "OK_RES Base.1.12.Success()");
-  // Over the other listener's channel, and so a moment later.
-  for (int tries = 0; tries < 500 && Value(kCollection, "/Members@odata.count") != 1; ++tries) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(Value(kCollection, "/Members"), Json::parse(R"([{"@odata.id": ")" + kept + R"("}])"));
-}
-
-TEST_F(Subscriptions, TheDeliverySideSuspendsResumesAndDeletes) {
-  CreateEveryKind();
-  const std::string uri = UriOf("redfish-event");
-  const std::string resume = uri + "/Actions/EventDestination.ResumeSubscription";
-  Deliver("PATCH", uri, Json::parse(R"({"Status": {"State": "Disabled"}})"));
-  PowerCycle();
-  EXPECT_EQ(Value(uri, "/Status/State"), "Disabled");
-  EXPECT_EQ(AskShort("POST", resume, "{}"), "OK_RES Base.1.12.Success()");
-  PowerCycle();
-  EXPECT_EQ(Value(uri, "/Status/State"), "Enabled");
-  Deliver("DELETE", uri);
-  EXPECT_EQ(Value(uri, ""), Json());
-  EXPECT_EQ(AskShort("POST", resume, "{}"), "NOT_FOUND Base.1.12.ResourceMissingAtURI(" + uri + ")");
-  EXPECT_TRUE(KeyListing(redis(), "&&Request:*").empty());
-  EXPECT_TRUE(KeyListing(redis(), "FROM_EVENTING*").empty());
 }
 
 TEST_F(Subscriptions, GeneratedOnesExistOnceAfterAnyNumberOfStarts) {
