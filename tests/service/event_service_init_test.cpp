@@ -9,7 +9,6 @@
 #include "service/queue_init.h"
 #include "tests/service/start_up_sandbox.h"
 #include "tests/support/canned_replies.h"
-#include "tests/support/trip_counter.h"
 
 namespace event_service {
 namespace {
@@ -40,10 +39,14 @@ TEST(RegistryPrefixBits, AreDoubledForEachPrefixAndEndAtTheLargestValue) {
 
 class EventServiceInitTest : public StartUpSandbox {
  protected:
-  bool Init(redisContext* connection) {
+  void AddRegistry(const std::string& file, const char* prefix) {
+    HashWrite(redis(), "/redfish/v1/schemas/registries/" + file, "RegistryPrefix", prefix);
+  }
+  bool Init(bool protocolOnly = false) {
     settings_ = ServiceSettings();
+    settings_.protocolOnly = protocolOnly;
     state_ = SubscriptionsState();
-    return InitQueues(connection, settings_) && EventServiceInit(connection, settings_, state_);
+    return InitQueues(redis(), settings_) && EventServiceInit(redis(), settings_, state_);
   }
   std::string PublishedCount() { return HashRead(redis(), kCollection, "Members@odata.count"); }
 };
@@ -55,86 +58,69 @@ TEST_F(EventServiceInitTest, AStartFillsSettingsStateAndQueues) {
   HashWrite(redis(), "/redfish/v1/EventService", "IncludeOriginOfConditionSupported", "True");
   for (const char* name : {"known.pem", "unknown.pem"}) WriteFile(ProcessPaths().syslogCertificates + name, "");
   WriteFile(ProcessPaths().systemCertificates + "known.pem", "");
-  ListAppend(redis(), "&&/redfish/v1/EventDestination/PATCHQ", kSubscriptionsChannel);
-  ListAppend(redis(), "&&/redfish/v1/EventDestination/PATCHQ", "waiting");
-  ListMember("A");
-  ASSERT_TRUE(Init(redis())) << "a first start";
-  log_.Clear();
-  ForgetMaxEventGroupId();
-
-  ASSERT_TRUE(Init(redis()));
+  AddRegistry("A.1.0.0.jSoN", "Bare");
+  AddRegistry("NotJson.xml", "\"NotJson\"");
+  HashWrite(redis(), "/redfish/v1/schemas/registries/Empty.json", "Id", "\"Empty\"");
+  SendCommand(redis(), "SET /redfish/v1/schemas/registries/WrongType.json x");
+  for (const char* queue : {"EventService/POSTACTIONQ", "EventDestination/PATCHQ"}) {
+    SendCommand(redis(), "RPUSH &&/redfish/v1/%s %s waiting", queue, kSubscriptionsChannel.data());
+  }
+  for (const char* when : {"first start", "later start"}) {
+    log_.Clear();
+    ForgetMaxEventGroupId();
+    ASSERT_TRUE(Init()) << when;
+    EXPECT_EQ(settings_.sslSoftwareArg, "'openssl'");
+    EXPECT_EQ(settings_.sslOptionArg, "'-tls1_2'");
+    EXPECT_EQ(settings_.defaultRetryPolicy, "SuspendRetries");
+    EXPECT_EQ(settings_.maxSubscriptionCount, 7);
+    EXPECT_TRUE(settings_.subordinateResourcesSupported);
+    EXPECT_FALSE(settings_.includeOriginOfConditionSupported) << "only exactly \"true\" counts";
+    EXPECT_EQ(settings_.syslogCertificateNames, Texts{"known.pem"});
+    EXPECT_EQ(settings_.allowedValues.at("ResourceTypes"), (Texts{"\"Event\"", "\"Odata\"", "\"Task\""}));
+    EXPECT_EQ(settings_.allowedValues.at("RegistryPrefixes"), (Texts{"\"Base\"", "Bare"}));
+    EXPECT_EQ(settings_.allowedValues.at("MessageIds"), (Texts{"\"Base.1.2.Success\"", "\"Base.1.8.Success\""}));
+    EXPECT_EQ(state_.registryPrefixBits, (RegistryPrefixBits{{"Bare", 2}, {"Base", 1}}));
+    DatabaseDump dump = Dump();
+    EXPECT_EQ(dump["&&/redfish/v1/EventService/PATCHQ"], "[&&/redfish/v1/EventService/CHANNEL]");
+    EXPECT_EQ(dump["&&/redfish/v1/EventService/POSTACTIONQ"], "[" + std::string(kSubscriptionsChannel) + ", waiting]");
+    EXPECT_EQ(dump["&&/redfish/v1/EventDestination/PATCHQ"], "[waiting, " + std::string(kSubscriptionsChannel) + "]");
+    EXPECT_EQ(dump["&&/redfish/v1/EventService/SMTP"], "{&&Password=null}");
+    EXPECT_EQ(HashRead(redis(), kEventServiceUri, "&&SensitiveData"), "SMTP/Password");
+    EXPECT_EQ(dump["map script runs"], when == std::string_view("first start") ? "1" : "2");
+    ListAppend(redis(), kSchemas, "/redfish/v1/JsonSchemas/New");
+    AddRegistry("New.json", "\"New\"");
+  }
   EXPECT_EQ(log_.Errors(), Texts());
-  EXPECT_EQ(settings_.sslSoftwareArg, "'openssl'");
-  EXPECT_EQ(settings_.sslOptionArg, "'-tls1_2'");
-  EXPECT_EQ(settings_.defaultRetryPolicy, "SuspendRetries");
-  EXPECT_EQ(settings_.maxSubscriptionCount, 7);
-  EXPECT_TRUE(settings_.subordinateResourcesSupported);
-  EXPECT_FALSE(settings_.includeOriginOfConditionSupported) << "only exactly \"true\" counts";
-  EXPECT_EQ(settings_.syslogCertificateNames, Texts{"known.pem"});
-  EXPECT_EQ(settings_.allowedValues.at("ResourceTypes"), (Texts{"\"Event\"", "\"Task\""}));
-  EXPECT_EQ(settings_.allowedValues.at("RegistryPrefixes"), (Texts{"\"Base\"", "\"ResourceEvent\""}));
-  EXPECT_EQ(settings_.allowedValues.at("MessageIds"), (Texts{"\"Base.1.2.Success\"", "\"ResourceEvent.1.2.Success\""}));
-  EXPECT_EQ(state_.registryPrefixBits, (RegistryPrefixBits{{"Base", 1}, {"ResourceEvent", 2}}));
-  EXPECT_EQ(Dump()["map script runs"], "2");
-  EXPECT_EQ(Dump()["&&/redfish/v1/EventDestination/PATCHQ"], "[waiting, " + std::string(kSubscriptionsChannel) + "]");
   CannedConnection gone("");
-  EXPECT_EQ(MaxEventGroupId(gone.redis()), 99) << "known from now on, without a round trip";
+  EXPECT_EQ(MaxEventGroupId(gone.redis()), 99) << "known from the start, without a round trip";
 }
 
 TEST_F(EventServiceInitTest, WhatIsNotConfiguredHasItsDefault) {
-  Configure("EnableFilterRegistryPrefixes=false\nDefaultRetryPolicy=Never\n");
-  ASSERT_TRUE(Init(redis()));
-  EXPECT_EQ(settings_.sslSoftwareArg, "''");
-  EXPECT_EQ(settings_.sslOptionArg, "");
-  EXPECT_EQ(settings_.defaultRetryPolicy, "TerminateAfterRetries");
-  EXPECT_EQ(settings_.maxSubscriptionCount, 100);
-  EXPECT_TRUE(settings_.allowedValues.at("RegistryPrefixes").empty());
-  EXPECT_FALSE(SupportsRegistryPrefixes(settings_));
-  EXPECT_TRUE(state_.registryPrefixBits.empty());
+  for (const std::string value : {"False", "", "false"}) {
+    Configure("EnableFilterRegistryPrefixes=" + value + "\nDefaultRetryPolicy=Never\n");
+    ASSERT_TRUE(Init(true));
+    EXPECT_EQ(settings_.sslSoftwareArg, "''");
+    EXPECT_EQ(settings_.sslOptionArg, "");
+    EXPECT_EQ(settings_.defaultRetryPolicy, "TerminateAfterRetries");
+    EXPECT_EQ(settings_.maxSubscriptionCount, 100);
+    EXPECT_EQ(SupportsRegistryPrefixes(settings_), value != "false") << "only exactly \"false\" counts";
+    EXPECT_EQ(state_.registryPrefixBits.empty(), value == "false");
+    EXPECT_EQ(KeyExists(redis(), kRegistryPrefixesKey), value != "false");
+  }
+  EXPECT_FALSE(KeyExists(redis(), kSmtpKey)) << "only Redfish is served";
+  EXPECT_FALSE(KeyExists(redis(), kEventServiceUri));
 }
 
-TEST_F(EventServiceInitTest, AFailedStepEndsItBeforeTheNext) {
-  const Texts chainFailed = {"Failed to load subscription db file."};
-  const Texts notAdded = {"Failed to add channel of event destination to CRUD queue."};
-  const struct {
-    const char* failing;
-    Texts errors;
-    const char* last;        // among the commands
-    const char* notReached;  // part of a command
-  } cases[] = {
-      {"LRANGE &&/redfish/v1/EventService/Subscriptions/Members", chainFailed, "LRANGE", "HSET"},
-      {"HSET /redfish/v1/EventService/Subscriptions/A &&CRUDprefix", chainFailed, "HMGET", "Members@odata.count"},
-      {"LLEN &&/redfish/v1/EventService/Subscriptions/Members", chainFailed, "LLEN", "Members@odata.count"},
-      {"HSET /redfish/v1/EventService/Subscriptions Members@odata.count", chainFailed, "Members@odata.count", "EVAL"},
-      {"LLEN &&/redfish/v1/EventDestination/GETQ",
-       {"Failed to get &&/redfish/v1/EventDestination/GETQ queue length."},
-       "RPUSH &&/redfish/v1/EventDestination/DELETEQ",
-       "LREM &&/redfish/v1/EventDestination/GETQ"},
-      {"RPUSH &&/redfish/v1/EventDestination/GETQ", notAdded, "LREM", "no such command"},
-      {"LREM &&/redfish/v1/EventDestination/DELETEQ", notAdded, "RPUSH", "no such command"},
-  };
-  ASSERT_TRUE(Init(redis()));
-  ListMember("A");
-  StoreMember("A", "Redfish", "RedfishEvent");
-  TripCounter proxy(Server().SocketPath());
-  for (const auto& row : cases) {
-    const RedisContext connection = proxy.Connect();
-    proxy.Reset();
-    proxy.FailCommandsWith(row.failing);
-    log_.Clear();
-    state_ = SubscriptionsState();
-    EXPECT_FALSE(EventServiceInit(connection.get(), settings_, state_)) << row.failing;
-    EXPECT_EQ(log_.Errors(), row.errors) << row.failing;
-    std::string commands;
-    for (const std::string& command : proxy.CommandTexts()) commands += command + "\n";
-    EXPECT_NE(commands.find(row.last), std::string::npos) << row.failing;
-    EXPECT_EQ(commands.find(row.notReached), std::string::npos) << row.failing;
-  }
+TEST_F(EventServiceInitTest, WithoutUsableSchemasThereAreNoResourceTypes) {
+  KeyDelete(redis(), kSchemas);
+  ListAppend(redis(), kSchemas, "/redfish/v1/JsonSchemas/redfish-schema.v1_9_0");
+  EXPECT_FALSE(Init());
+  EXPECT_EQ(log_.Errors().front(), "Cannot find any defined ResourceTypes.");
 }
 
 TEST_F(EventServiceInitTest, WithoutScriptOrLoaderTheSubscriptionsAreNotLoaded) {
   RemoveFile(ProcessPaths().startUpMapScript);
-  EXPECT_FALSE(Init(redis()));
+  EXPECT_FALSE(Init());
   const Texts errors = log_.Errors();
   ASSERT_GE(errors.size(), 2U);
   EXPECT_EQ(errors.end()[-2],
@@ -142,7 +128,7 @@ TEST_F(EventServiceInitTest, WithoutScriptOrLoaderTheSubscriptionsAreNotLoaded) 
   HashFieldDelete(redis(), kCollection, "Members@odata.count");
   RemoveFile(ProcessPaths().databaseFile);
   RemoveFile(ProcessPaths().defaultDatabaseFile);
-  EXPECT_FALSE(Init(redis()));
+  EXPECT_FALSE(Init());
   EXPECT_EQ(log_.Errors().back(), "Failed to load subscription db file.");
   EXPECT_EQ(PublishedCount(), "");
 }

@@ -20,6 +20,7 @@ class StartUpSandbox : public RedisTest {
  protected:
   using Texts = std::vector<std::string>;
   static constexpr const char* kCollection = "/redfish/v1/EventService/Subscriptions";
+  static constexpr const char* kSchemas = "&&/redfish/v1/JsonSchemas/Members";
   static constexpr const char* kMembers = "&&/redfish/v1/EventService/Subscriptions/Members";
 
   void SetUp() override {
@@ -27,23 +28,20 @@ class StartUpSandbox : public RedisTest {
     const FilePaths& paths = ProcessPaths();
     WriteFile(paths.defaultDatabaseFile, R"({"Members": [], "@odata.etag": ""})");
     WriteFile(paths.startUpMapScript, "return redis.call('INCR', 'map script runs')");
-    WriteLoader("exit 0");
-    for (const char* schema : {"/redfish/v1/JsonSchemas/Task.v1_5_1", "/redfish/v1/JsonSchemas/Event.v1_7_0"}) {
-      ListAppend(redis(), "&&/redfish/v1/JsonSchemas/Members", schema);
+    WriteFile(paths.resourceLoader, "#!/bin/sh\n");
+    ASSERT_EQ(chmod(paths.resourceLoader.c_str(), 0700), 0);
+    for (const char* schema :
+         {"Task.v1_5_1", "Event.v1_7_0", "Event.v1_6_0", "odata-v4", "redfish-error.v1_0_1", "Odata"}) {
+      ListAppend(redis(), kSchemas, "/redfish/v1/JsonSchemas/" + std::string(schema));
     }
-    for (const char* registry : {"Base", "ResourceEvent"}) {
-      const std::string file = "/redfish/v1/schemas/registries/" + std::string(registry) + ".1.2.0.json";
-      HashWriteQuoted(redis(), file, "RegistryPrefix", registry);
+    ListAppend(redis(), kSchemas, "no segment");
+    for (const char* registry : {"Base.1.2.0.json", "Base.1.8.0.JSON"}) {
+      const std::string file = "/redfish/v1/schemas/registries/" + std::string(registry);
+      HashWriteQuoted(redis(), file, "RegistryPrefix", "Base");
       HashWrite(redis(), "&&" + file + "/Messages/Success", "Severity", "\"OK\"");
     }
     HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", "99");
     SendCommand(redis(), "SADD &&AccessBlockList EventService Other");
-  }
-
-  /// Puts a shell script in the place of the resource loader.
-  static void WriteLoader(const std::string& script) {
-    WriteFile(ProcessPaths().resourceLoader, "#!/bin/sh\n" + script + "\n");
-    ASSERT_EQ(chmod(ProcessPaths().resourceLoader.c_str(), 0700), 0);
   }
 
   static void Configure(const std::string& lines) { WriteFile(ProcessPaths().configuration, lines); }

@@ -28,7 +28,6 @@ bool ThrowRegexError(redisContext*, const ServiceSettings&) {
   throw std::regex_error(std::regex_constants::error_paren);
 }
 bool ThrowBadCast(redisContext*, const ServiceSettings&) { throw std::bad_cast(); }
-bool ThrowAnother(redisContext*, const ServiceSettings&) { throw std::runtime_error("any other"); }
 void* Listen(void* argument) {
   if (argument == nullptr) ++listenersStarted;
   return nullptr;
@@ -108,19 +107,55 @@ TEST_F(StartUpTest, WithoutDatabaseAndDefaultDataItEndsBeforeRedisIsAsked) {
   EXPECT_EQ(errors_, "Failed to initialize db file by copying static data file.\n");
 }
 
-TEST_F(StartUpTest, AFailedStepEndsItBeforeTheNext) {
+TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
+  const std::string lists = "Failed to init ResourceTypes and RegistryPrefixes.\n";
+  const std::string chain = "Failed to load subscription db file.\n";
+  const std::string channel = "Failed to add channel of event destination to CRUD queue.\n";
   const struct {
-    const char* failing;  // a command
-    const char* errors;
-  } commands[] = {
-      {"LLEN &&/redfish/v1/EventService/PATCHQ", "Failed to get &&/redfish/v1/EventService/PATCHQ queue length.\n"},
-      {"HSET /redfish/v1/EventService/Subscriptions Members@odata.count", "Failed to load subscription db file.\n"},
+    const char* failing;
+    std::string errors;
+    const char *last, *notReached;  // parts of commands
+  } cases[] = {
+      {"LLEN &&/redfish/v1/EventService/POSTACTIONQ",
+       "Failed to get &&/redfish/v1/EventService/POSTACTIONQ queue length.\n", "EventService/PATCHQ &&", "HSET"},
+      {"RPUSH &&/redfish/v1/EventService/PATCHQ", "Failed to push queue.\n", "RPUSH", "HSET"},
+      {"HSET &&/redfish/v1/EventService/SMTP", "Failed to set SMTP/Password default setting.\n", "HSET",
+       "RPUSH &&/redfish/v1/EventService/R"},
+      {"LRANGE &&/redfish/v1/JsonSchemas/Members", "Cannot get the list of schema.\n" + lists, "LRANGE", "HGET"},
+      {"KEYS /redfish/v1/schemas", "Cannot find any defined RegistryPrefix.\n" + lists, "ResourceTypes", "HMGET"},
+      {"LRANGE &&/redfish/v1/EventService/Subscriptions/Members", chain, "LRANGE", "HMGET"},
+      {"&&CRUDprefix &&", chain, "HMGET", "Members@odata.count"},
+      {"LLEN &&/redfish/v1/EventService/Subscriptions/Members", chain, "LLEN", "Members@odata.count"},
+      {"HSET /redfish/v1/EventService/Subscriptions Members@odata.count", chain, "Members@odata.count", "EVAL"},
+      {"LLEN &&/redfish/v1/EventDestination/GETQ", "Failed to get &&/redfish/v1/EventDestination/GETQ queue length.\n",
+       "EventDestination/DELETEQ &&", "GETQ 0"},
+      {"RPUSH &&/redfish/v1/EventDestination/GETQ", channel, "LREM", "SREM"},
+      {"LREM &&/redfish/v1/EventDestination/DELETEQ", channel, "RPUSH", "SREM"},
   };
+  TripCounter proxy(Server().SocketPath());
+  for (const auto& row : cases) {
+    StartUpSandbox::SetUp();
+    SetProcessPaths(Sandbox().PathsThrough(proxy.SocketPath()));
+    StoreMember("A", "Redfish", "RedfishEvent");
+    ListMember("A");
+    proxy.Reset();
+    proxy.FailCommandsWith(row.failing);
+    EXPECT_EQ(Run(), -1) << row.failing;
+    EXPECT_TRUE(errors_.ends_with(row.errors + "Failed to initialize Event Service.\n")) << errors_;
+    EXPECT_EQ(calls, "") << row.failing;
+    std::string commands;
+    for (const std::string& command : proxy.CommandTexts()) commands += command + '\n';
+    EXPECT_NE(commands.find(row.last), std::string::npos) << row.failing;
+    EXPECT_EQ(commands.find(row.notReached), std::string::npos) << row.failing;
+  }
+}
+
+TEST_F(StartUpTest, ExceptionsAndMissingThreadsEndItWithTheirLine) {
   const struct {
     decltype(StartUpSteps::restorePersistentProperties) restore;
     decltype(StartUpSteps::createThread) createThread;
     const char *errors, *calls;
-  } steps[] = {
+  } cases[] = {
       {ThrowLogicError, pthread_create, "Error stoi occurs while initializing data.\n", ""},
       {ThrowRegexError, pthread_create,
        "Error Mismatched '(' and ')' in regular expression occurs while initializing data.\n", ""},
@@ -129,23 +164,15 @@ TEST_F(StartUpTest, AFailedStepEndsItBeforeTheNext) {
       {RestoreProperties, CreateOneThread, "Create thread for subscribe failed.\n", "restore, "},
   };
   ASSERT_EQ(Run(), 0);
-  TripCounter proxy(Server().SocketPath());
-  SetProcessPaths(Sandbox().PathsThrough(proxy.SocketPath()));
-  for (const auto& row : commands) {
-    proxy.Reset();
-    proxy.FailCommandsWith(row.failing);
-    EXPECT_EQ(Run(), -1) << row.failing;
-    EXPECT_EQ(errors_, row.errors + std::string("Failed to initialize Event Service.\n"));
-    EXPECT_EQ(calls, "") << row.failing;
-  }
-  proxy.Reset();
-  for (const auto& row : steps) {
+  for (const auto& row : cases) {
     steps_ = {row.restore, Listen, Listen, CreateDestinations, row.createThread};
     EXPECT_EQ(Run(), -1) << row.errors;
     EXPECT_EQ(errors_, row.errors);
     EXPECT_EQ(calls, row.calls) << row.errors;
   }
-  steps_.restorePersistentProperties = ThrowAnother;
+  steps_.restorePersistentProperties = [](redisContext*, const ServiceSettings&) -> bool {
+    throw std::runtime_error("any other");
+  };
   EXPECT_THROW(Run(), std::runtime_error) << "no exception but these is caught";
 }
 
