@@ -2,8 +2,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <optional>
+#include <system_error>
 
 #include "foundation/durable_file.h"
 #include "foundation/logging.h"
@@ -59,8 +62,11 @@ bool SubscriptionDb::InitSubscriptionDb() {
   } else if (plainAside) {
     LogKeptAside(paths.plainDatabaseFile, *plainAside);
   }
-  if (!restored && !FallBackToDefaultData()) return false;
-  return FinishStart();
+  std::optional<std::string> databaseAside;
+  if (!restored && !FallBackToDefaultData(databaseAside)) return false;
+  if (FinishStart()) return true;
+  if (databaseAside) UndoFallback(*databaseAside);
+  return false;
 }
 
 bool SubscriptionDb::FinishStart() {
@@ -89,12 +95,15 @@ bool SubscriptionDb::MoveLegacyFile() {
   return false;
 }
 
-bool SubscriptionDb::FallBackToDefaultData() {
+bool SubscriptionDb::FallBackToDefaultData(std::optional<std::string>& databaseAside) {
   const std::string& databaseFile = environment_.paths.databaseFile;
   const std::string& plainFile = environment_.paths.plainDatabaseFile;
   LogError("Failed to decode db file. Uses default DB file instead.");
   if (FileIsFilled(databaseFile)) {
-    if (!KeepAside(databaseFile)) return false;
+    if (!CanWritePlainFile()) return false;
+    databaseAside = MoveAside(databaseFile);
+    if (!databaseAside) return false;
+    LogKeptAside(databaseFile, *databaseAside);
   } else if (FileIsFilled(plainFile)) {
     if (!KeepAside(plainFile)) return false;  // the database file was moved here
   }
@@ -107,6 +116,30 @@ bool SubscriptionDb::FallBackToDefaultData() {
     LogError("Failed to parse default DB file to redis.");
   }
   return true;
+}
+
+bool SubscriptionDb::CanWritePlainFile() const {
+  // On a full disk a decryption fails just as with a damaged file, which says nothing about the file.
+  const std::string& plainFile = environment_.paths.plainDatabaseFile;
+  std::error_code error;
+  const auto size = std::filesystem::file_size(environment_.paths.databaseFile, error);
+  const bool written = !error && WritePrivateFile(plainFile, std::string(size, ' ')) && SyncFile(plainFile);
+  unlink(plainFile.c_str());
+  if (!written) LogError("The file %s cannot be written; the start is given up.", plainFile.c_str());
+  return written;
+}
+
+void SubscriptionDb::UndoFallback(const std::string& databaseAside) {
+  // What kept the default data from being encrypted, such as a missing tool, may have kept the file from being read.
+  // The plain file goes first: it holds default data, and a start would take it before the database file.
+  const FilePaths& paths = environment_.paths;
+  const bool undone = (unlink(paths.plainDatabaseFile.c_str()) == 0 || errno == ENOENT) &&
+                      std::rename(databaseAside.c_str(), paths.databaseFile.c_str()) == 0;
+  if (undone && SyncFolderOf(paths.databaseFile)) {
+    LogError("The file %s is tried again at the next start.", paths.databaseFile.c_str());
+  } else {
+    LogError("The file %s could not be put back.", databaseAside.c_str());
+  }
 }
 
 bool SubscriptionDb::RestoreDbToRedis(const std::string& plainFile) {

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -121,7 +122,9 @@ class SubscriptionDb {
 
   bool NameLegacyFile();
   bool MoveLegacyFile();
-  bool FallBackToDefaultData();
+  bool FallBackToDefaultData(std::optional<std::string>& databaseAside);
+  void UndoFallback(const std::string& databaseAside);
+  bool CanWritePlainFile() const;
   bool FinishStart();
   void GatherRestoredUris();
 

@@ -42,11 +42,16 @@ Fault ReadFault() {
   return {view.substr(0, blank), std::atoi(text + blank + 1)};
 }
 
+const Fault& TheFault() {
+  static const Fault fault = ReadFault();
+  return fault;
+}
+
 int steps = 0;
 
 /// Counts one step; true when it is to be refused. Does not return when the process is to stop there.
 bool IsRefused() {
-  static const Fault fault = ReadFault();
+  const Fault& fault = TheFault();
   const int step = ++steps;
   const bool meant = step == fault.step || (step > fault.step && fault.kind == "full");
   if (fault.kind.empty() || !meant) return false;
@@ -125,8 +130,9 @@ int fchmod(int file, mode_t mode) noexcept {
   return IsRefused(EIO) ? -1 : Real<int(int, mode_t)>("fchmod")(file, mode);
 }
 
+// A full disk does not keep a file from getting another name.
 int rename(const char* from, const char* to) noexcept {
-  return IsRefused(ENOSPC) ? -1 : Real<int(const char*, const char*)>("rename")(from, to);
+  return IsRefused(ENOSPC) && TheFault().kind != "full" ? -1 : Real<int(const char*, const char*)>("rename")(from, to);
 }
 
 int link(const char* from, const char* to) noexcept {

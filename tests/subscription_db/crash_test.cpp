@@ -198,7 +198,7 @@ TEST_F(CrashTest, StartsAndChangesThatAreStoppedOrRefusedAtAnyStep) {
        },
        start,
        kTwo,
-       {"stop", "fail"}},
+       {"stop", "fail", "full"}},
       {"plain file ahead",
        [&] {
          store({"A"});

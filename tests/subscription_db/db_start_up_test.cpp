@@ -222,6 +222,32 @@ TEST_F(DbStartUpTest, FailuresOfTheFallback) {
   EXPECT_FALSE(FileExists(Paths().plainDatabaseFile));
 }
 
+TEST_F(DbStartUpTest, AStartThatFailsForAnotherReasonLeavesTheDatabaseFileForTheNext) {
+  Store({"A"});
+  const std::string before = ReadFile(Paths().databaseFile);
+  bool full = false;
+  beforeCommand_ = [&](const std::string& command) -> std::optional<int> {
+    if (command.find(" enc ") == std::string::npos) return std::nullopt;
+    if (full) {
+      RemoveFile(Paths().plainDatabaseFile);
+      std::filesystem::create_directory(Paths().plainDatabaseFile);  // nothing can be written there
+    }
+    return -1;  // the tool is broken
+  };
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    full = attempt == 2;
+    EXPECT_FALSE(Start());
+    EXPECT_EQ(ReadFile(Paths().databaseFile), before);
+    RemoveFile(Paths().plainDatabaseFile);
+    EXPECT_EQ(FileNames(), (Names{kDatabase, kKey}));
+  }
+  EXPECT_EQ(log_.Errors().back(),
+            "The file " + Paths().plainDatabaseFile + " cannot be written; the start is given up.");
+  beforeCommand_ = [](const std::string&) { return std::nullopt; };
+  EXPECT_TRUE(Start());
+  EXPECT_EQ(StoredIds(), Names{"A"});
+}
+
 // The states that a crash leaves behind during the legacy move: D the database file, P the plain file, L its second
 // name, K the password file.
 TEST_F(DbStartUpTest, ALegacyMoveThatWasCutShortIsFinishedByTheNextStart) {
