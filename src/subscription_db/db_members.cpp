@@ -1,4 +1,5 @@
 // Changes of the members in the database file.
+#include <algorithm>
 #include <utility>
 
 #include "foundation/logging.h"
@@ -24,7 +25,8 @@ std::string TextOfValue(const Json& value) { return value.dump(-1, ' ', false, J
 bool IsMemberUri(std::string_view uri) {
   if (!uri.starts_with(kDbCollection)) return false;
   uri.remove_prefix(kDbCollection.size());
-  return uri.size() > 1 && uri.rfind('/') == 0;
+  const bool isPlain = std::ranges::none_of(uri, [](unsigned char c) { return c <= ' ' || c == 0x7f; });
+  return uri.size() > 1 && uri.rfind('/') == 0 && isPlain;
 }
 
 json_t* FindMember(const json_t* members, std::string_view uri) {
