@@ -18,7 +18,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -26,44 +26,33 @@
 #include "foundation/shell.h"
 #include "subscription_db/subscription_db.h"
 #include "tests/subscription_db/db_documents.h"
+#include "tests/support/sandbox_root.h"
 
 namespace {
 
 struct Fault {
-  std::string_view kind;  // empty: none
+  std::string kind;  // empty: none
   int step = 0;
 };
 
 Fault ReadFault() {
+  Fault fault;
   const char* text = std::getenv("STEP_FAULT");
-  if (text == nullptr || *text == '\0') return {};
-  const std::string_view view = text;
-  const size_t blank = view.find(' ');
-  return {view.substr(0, blank), std::atoi(text + blank + 1)};
-}
-
-const Fault& TheFault() {
-  static const Fault fault = ReadFault();
+  std::istringstream(text != nullptr ? text : "") >> fault.kind >> fault.step;
   return fault;
 }
 
+const Fault fault = ReadFault();
 int steps = 0;
 
 /// Counts one step; true when it is to be refused. Does not return when the process is to stop there.
 bool IsRefused() {
-  const Fault& fault = TheFault();
   const int step = ++steps;
   const bool meant = step == fault.step || (step > fault.step && fault.kind == "full");
   if (fault.kind.empty() || !meant) return false;
   if (fault.kind == "stop") _exit(99);
+  errno = ENOSPC;
   return true;
-}
-
-/// The same for a step that fails with `error`.
-bool IsRefused(int error) {
-  const bool refused = IsRefused();
-  if (refused) errno = error;
-  return refused;
 }
 
 template <typename Function>
@@ -80,16 +69,6 @@ std::string OutputOf(const std::string& command) {
   return command.substr(begin, command.find(' ', begin) - begin);
 }
 
-std::string ReadWhole(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-void WriteWhole(const std::string& path, std::string_view content) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << content;
-}
-
 void Trace(const std::string& line) {
   const char* path = std::getenv("STEP_TRACE");
   if (path != nullptr) std::ofstream(path, std::ios::app) << line << '\n';
@@ -104,7 +83,7 @@ int open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  if ((flags & (O_CREAT | O_TRUNC)) != 0 && IsRefused(ENOSPC)) return -1;
+  if ((flags & (O_CREAT | O_TRUNC)) != 0 && IsRefused()) return -1;
   return Real<int(const char*, int, ...)>("open64")(path, flags, mode);
 }
 
@@ -112,9 +91,9 @@ ssize_t write(int file, const void* data, size_t size) {
   struct stat status;
   const auto real = Real<ssize_t(int, const void*, size_t)>("write");
   if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return real(file, data, size);
-  if (IsRefused(ENOSPC)) return -1;
+  if (IsRefused()) return -1;
   const ssize_t half = real(file, data, size / 2);
-  if (half < 0 || IsRefused(ENOSPC)) return -1;
+  if (half < 0 || IsRefused()) return -1;
   const auto done = static_cast<size_t>(half);
   return half + real(file, static_cast<const char*>(data) + done, size - done);
 }
@@ -123,23 +102,21 @@ ssize_t write(int file, const void* data, size_t size) {
 int fsync(int file) {
   std::error_code ignored;
   Trace("flush " + std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), ignored).string());
-  return IsRefused(EIO) ? -1 : 0;
+  return IsRefused() ? -1 : 0;
 }
 
-int fchmod(int file, mode_t mode) noexcept {
-  return IsRefused(EIO) ? -1 : Real<int(int, mode_t)>("fchmod")(file, mode);
-}
+int fchmod(int file, mode_t mode) noexcept { return IsRefused() ? -1 : Real<int(int, mode_t)>("fchmod")(file, mode); }
 
 // A full disk does not keep a file from getting another name.
 int rename(const char* from, const char* to) noexcept {
-  return IsRefused(ENOSPC) && TheFault().kind != "full" ? -1 : Real<int(const char*, const char*)>("rename")(from, to);
+  return IsRefused() && fault.kind != "full" ? -1 : Real<int(const char*, const char*)>("rename")(from, to);
 }
 
 int link(const char* from, const char* to) noexcept {
-  return IsRefused(ENOSPC) ? -1 : Real<int(const char*, const char*)>("link")(from, to);
+  return IsRefused() ? -1 : Real<int(const char*, const char*)>("link")(from, to);
 }
 
-int unlink(const char* path) noexcept { return IsRefused(EIO) ? -1 : Real<int(const char*)>("unlink")(path); }
+int unlink(const char* path) noexcept { return IsRefused() ? -1 : Real<int(const char*)>("unlink")(path); }
 
 int system(const char* command) {
   constexpr int kFailed = 1 << 8;  // exit status 1
@@ -152,10 +129,10 @@ int system(const char* command) {
   const int status = real(command);
   const std::string output = OutputOf(command);
   if (output.empty() || status != 0) return status;
-  const std::string whole = ReadWhole(output);
-  WriteWhole(output, whole.substr(0, whole.size() / 2));
+  const std::string whole = event_service::ReadFile(output);
+  event_service::WriteFile(output, whole.substr(0, whole.size() / 2));
   if (IsRefused()) return kFailed;
-  WriteWhole(output, whole);
+  event_service::WriteFile(output, whole);
   return status;
 }
 }
@@ -165,9 +142,8 @@ namespace {
 
 bool Start(SubscriptionDb& db, const FilePaths& paths) {
   db.PutBackLegacyFile();
-  if (access(paths.databaseFile.c_str(), R_OK) != 0 &&
-      RunShell("cp " + paths.defaultDatabaseFile + " " + paths.plainDatabaseFile) != 0) {
-    return false;
+  if (access(paths.databaseFile.c_str(), R_OK) != 0) {
+    if (RunShell("cp " + paths.defaultDatabaseFile + " " + paths.plainDatabaseFile) != 0) return false;
   }
   return db.InitSubscriptionDb();
 }

@@ -12,10 +12,10 @@ Json MemberOf(const std::string& id, const std::string& context) {
           {"MessageIds", {"Base.1.12.Created"}}};
 }
 
-Json DocumentOf(const std::vector<std::string>& ids) {
+Json DocumentOf(std::string_view ids) {
   Json document = {{"@odata.etag", "\"0\""}, {"Name", "Subscriptions"}, {"Members", Json::array()}};
-  for (const std::string& id : ids) {
-    document["Members"].push_back(MemberOf(id));
+  for (const char id : ids) {
+    document["Members"].push_back(MemberOf(std::string(1, id)));
     document["Members"].back()["&&Privileges"] = kPrivileges;
   }
   return document;

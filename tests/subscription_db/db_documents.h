@@ -2,7 +2,7 @@
 #pragma once
 
 #include <string>
-#include <vector>
+#include <string_view>
 
 #include "resource_store/store_encoding.h"
 
@@ -14,7 +14,7 @@ inline const std::string kPrivileges = "Login";
 
 /// A member as a creation hands it over.
 Json MemberOf(const std::string& id, const std::string& context = "here");
-/// A whole document with these members.
-Json DocumentOf(const std::vector<std::string>& ids);
+/// A whole document with these members; each letter is an Id.
+Json DocumentOf(std::string_view ids);
 
 }  // namespace event_service

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,19 +16,27 @@
 
 namespace event_service {
 
+/// Empties the folder of the files and lays out those that the words name, in their order. The first letter is the
+/// file: the (D)atabase file, the (P)lain file, the (L)egacy file's second name, the password file (K). Then:
+/// "D=AB" encrypted with members A and B, "D!" encrypted without being a document, "D:AB" as plain JSON, "L>P" another
+/// name of P, "D/" cut short, "D0" emptied, "K-" removed, "K+" generated.
+void LayOutFiles(const FilePaths& paths, const std::string& words);
+
+/// Stores a text as an earlier run would have left it: encrypted, with a password file.
+void StoreText(const FilePaths& paths, const std::string& plainText);
+
 class DbSandboxTest : public testing::Test {
  protected:
   DbSandboxTest();
 
   /// A new process's view of the files; shell commands go through Run.
   SubscriptionDb NewDb();
-  /// Stores a document as an earlier run would have left it: encrypted, with a password file.
-  void StoreText(const std::string& plainText);
-  void Store(const std::vector<std::string>& ids) { StoreText(DocumentOf(ids).dump()); }
+  /// LayOutFiles, and forgets what was logged and run.
+  void LayOut(const std::string& words);
   /// The database file, decrypted by the documented command line; discarded when that fails.
   Json Stored() const;
   /// The Ids of the stored members, in order.
-  std::vector<std::string> StoredIds() const;
+  std::string StoredIds() const;
 
   const FilePaths& Paths() const { return sandbox_.Paths(); }
   static unsigned ModeOf(const std::string& path);

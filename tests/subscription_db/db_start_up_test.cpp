@@ -1,5 +1,4 @@
-#include <sys/stat.h>
-
+#include <algorithm>
 #include <filesystem>
 
 #include "tests/subscription_db/db_sandbox.h"
@@ -12,6 +11,7 @@ using Names = std::vector<std::string>;
 const std::string kDatabase = "EventSubscriptionInfo.json";
 const std::string kPlain = "EventSubscriptionInfo.tmp.json";
 const std::string kKey = "subscription_db.key";
+const std::string kFallback = "Failed to decode db file. Uses default DB file instead.";
 
 class DbStartUpTest : public DbSandboxTest {
  protected:
@@ -27,15 +27,13 @@ class DbStartUpTest : public DbSandboxTest {
     restoredUris_ = db.RestoredUris();
     return started;
   }
-  void StorePlain(const std::vector<std::string>& ids) { WriteFile(Paths().plainDatabaseFile, DocumentOf(ids).dump()); }
-  void Damage(const std::string& path) { WriteFile(path, ReadFile(path).substr(0, 40)); }
-  /// The commands of the last start by their first word.
-  Names Programs() const {
-    Names programs;
+  /// The programs that the last start ran.
+  std::string Programs() const {
+    std::string programs;
     for (const std::string& command : commands_) {
-      const bool decodes = command.find(" -d ") != std::string::npos;
       const std::string path = command.substr(0, command.find(' '));
-      programs.push_back(path.substr(path.rfind('/') + 1) + (decodes ? " -d" : ""));
+      programs += (programs.empty() ? "" : " ") + path.substr(path.rfind('/') + 1);
+      if (command.find(" -d ") != std::string::npos) programs += "-d";
     }
     return programs;
   }
@@ -44,266 +42,132 @@ class DbStartUpTest : public DbSandboxTest {
 };
 
 TEST_F(DbStartUpTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
-  const std::string fallback = "Failed to decode db file. Uses default DB file instead.";
   const struct {
-    const char* name;
-    std::function<void()> prepare;
-    Names programs;
-    Names ids;
-    Names extraFiles;
+    const char* files;
+    const char* programs;
+    const char* ids = "";
+    Names keptAside = {};
   } cases[] = {
-      {"first start", [] {}, {"ResourceLoader", "chmod", "openssl", "rm"}, {}, {}},
-      {"restart", [&] { Store({"A"}); }, {"openssl -d", "ResourceLoader", "openssl", "rm"}, {"A"}, {}},
-      {"plain file first",
-       [&] {
-         Store({"A"});
-         StorePlain({"A", "B"});
-       },
-       {"ResourceLoader", "openssl", "rm"},
-       {"A", "B"},
-       {}},
-      {"plain file over a damaged database file",
-       [&] {
-         Store({"A"});
-         Damage(Paths().databaseFile);
-         StorePlain({"A", "B"});
-       },
-       {"ResourceLoader", "openssl", "rm"},
-       {"A", "B"},
-       {}},
-      {"half a plain file",
-       [&] {
-         Store({"A"});
-         StorePlain({"B"});
-         Damage(Paths().plainDatabaseFile);
-       },
-       {"ResourceLoader", "openssl -d", "ResourceLoader", "openssl", "rm"},
-       {"A"},
-       {}},
-      {"empty plain file",
-       [&] {
-         Store({"A"});
-         WriteFile(Paths().plainDatabaseFile, "");
-       },
-       {"openssl -d", "ResourceLoader", "openssl", "rm"},
-       {"A"},
-       {}},
-      {"database file damaged",
-       [&] {
-         Store({"A"});
-         Damage(Paths().databaseFile);
-       },
-       {"openssl -d", "openssl -d", "openssl -d", "cp", "ResourceLoader", "openssl", "rm"},
-       {},
-       {kDatabase + ".unreadable"}},
-      {"database file empty",
-       [&] {
-         Store({"A"});
-         WriteFile(Paths().databaseFile, "");
-       },
-       {"cp", "ResourceLoader", "openssl", "rm"},
-       {},
-       {}},
-      {"decrypts, but is no document",
-       [&] { StoreText("cut {"); },
-       {"openssl -d", "ResourceLoader", "cp", "ResourceLoader", "openssl", "rm"},
-       {},
-       {kDatabase + ".unreadable"}},
-      {"both damaged",
-       [&] {
-         Store({"A"});
-         StorePlain({"A"});
-         Damage(Paths().databaseFile);
-         Damage(Paths().plainDatabaseFile);
-       },
-       {"ResourceLoader", "openssl -d", "openssl -d", "openssl -d", "cp", "ResourceLoader", "openssl", "rm"},
-       {},
-       {kDatabase + ".unreadable", kPlain + ".unreadable"}},
-      {"password lost",
-       [&] {
-         Store({"A"});
-         RemoveFile(Paths().passwordFile);
-       },
-       {"mv", "ResourceLoader", "cp", "ResourceLoader", "chmod", "openssl", "rm"},
-       {},
-       {kPlain + ".unreadable"}},
-      {"legacy file",
-       [&] {
-         WriteFile(Paths().databaseFile, DocumentOf({"A", "B"}).dump());
-       },
-       {"mv", "ResourceLoader", "chmod", "openssl", "rm"},
-       {"A", "B"},
-       {}},
-      {"legacy file, password file empty",
-       [&] {
-         WriteFile(Paths().databaseFile, DocumentOf({"A"}).dump());
-         WriteFile(Paths().passwordFile, "");
-       },
-       {"mv", "ResourceLoader", "chmod", "openssl", "rm"},
-       {"A"},
-       {}},
+      {"", "ResourceLoader chmod openssl rm"},
+      {"D=A", "openssl-d ResourceLoader openssl rm", "A"},
+      {"D=A P:AB", "ResourceLoader openssl rm", "AB"},
+      {"D=A D/ P:AB", "ResourceLoader openssl rm", "AB"},
+      {"D=A P:B P/", "ResourceLoader openssl-d ResourceLoader openssl rm", "A"},
+      {"D=A P0", "openssl-d ResourceLoader openssl rm", "A"},
+      {"D=A D0", "cp ResourceLoader openssl rm"},
+      {"D=A D/", "openssl-d openssl-d openssl-d cp ResourceLoader openssl rm", "", {kDatabase}},
+      {"D!", "openssl-d ResourceLoader cp ResourceLoader openssl rm", "", {kDatabase}},
+      {"D=A D/ P:A P/",
+       "ResourceLoader openssl-d openssl-d openssl-d cp ResourceLoader openssl rm",
+       "",
+       {kDatabase, kPlain}},
+      {"D=A K-", "mv ResourceLoader cp ResourceLoader chmod openssl rm", "", {kPlain}},
+      // An unencrypted database file, and what crashes leave behind while it is moved.
+      {"D:AB", "mv ResourceLoader chmod openssl rm", "AB"},
+      {"D:AB K0", "mv ResourceLoader chmod openssl rm", "AB"},
+      {"D:AB L>D", "mv ResourceLoader chmod openssl rm", "AB"},
+      {"P:AB L>P", "ResourceLoader chmod openssl rm", "AB"},
+      {"P:AB L>P K+", "ResourceLoader openssl rm", "AB"},
+      {"P:AB L>P K+ D0", "ResourceLoader openssl rm", "AB"},
+      {"P:AB L>P K+ D:C D/", "ResourceLoader openssl rm", "AB"},
+      {"D=AB L:AB", "openssl-d ResourceLoader openssl rm", "AB"},
+      {"L:AB", "mv ResourceLoader chmod openssl rm", "AB"},
+      {"L:AB D0", "mv ResourceLoader chmod openssl rm", "AB"},
   };
   for (const auto& row : cases) {
-    sandbox_.Clear();
-    WriteFile(Paths().defaultDatabaseFile, DocumentOf({}).dump());
-    row.prepare();
-    log_.Clear();
-    EXPECT_TRUE(Start()) << row.name;
-    EXPECT_EQ(Programs(), row.programs) << row.name;
-    EXPECT_EQ(StoredIds(), row.ids) << row.name;
+    LayOut(row.files);
+    EXPECT_TRUE(Start()) << row.files;
+    EXPECT_EQ(Programs(), row.programs) << row.files;
+    EXPECT_EQ(StoredIds(), row.ids) << row.files;
     Names uris;
-    for (const std::string& id : row.ids) uris.push_back(kUris + id);
-    EXPECT_EQ(restoredUris_, uris) << row.name;
+    for (const char id : std::string(row.ids)) uris.push_back(kUris + id);
+    EXPECT_EQ(restoredUris_, uris) << row.files;
     Names files = {kDatabase, kKey};
-    files.insert(files.end(), row.extraFiles.begin(), row.extraFiles.end());
+    for (const std::string& name : row.keptAside) files.push_back(name + ".unreadable");
     std::ranges::sort(files);
-    EXPECT_EQ(FileNames(), files) << row.name;
-    for (const std::string& file : files) EXPECT_EQ(ModeOf(sandbox_.Root() + "/var/nginx/" + file), 0600U) << row.name;
+    EXPECT_EQ(FileNames(), files) << row.files;
+    for (const std::string& file : files) EXPECT_EQ(ModeOf(sandbox_.Root() + "/var/nginx/" + file), 0600U) << row.files;
     const Names errors = log_.Errors();
-    EXPECT_EQ(std::ranges::count(errors, fallback), std::ranges::count(row.programs, "cp")) << row.name;
+    EXPECT_EQ(std::ranges::count(errors, kFallback) == 1, Programs().find("cp") != std::string::npos) << row.files;
   }
 }
 
 TEST_F(DbStartUpTest, TheLogNamesThePathsAndWhatWasNotFound) {
+  LayOut("D=A");
   ASSERT_TRUE(Start());
+  EXPECT_EQ(log_.Errors(), Names{});
   EXPECT_EQ(log_.DebugLines(), (Names{"The subscription DB file path is " + Paths().databaseFile + ".",
                                       "The subscription plain DB file path is " + Paths().plainDatabaseFile + ".",
-                                      "The subscription password file path is " + Paths().passwordFile + "."}));
-  log_.Clear();
-  ASSERT_TRUE(Start());
-  EXPECT_EQ(log_.DebugLines().back(), "File " + Paths().plainDatabaseFile + " doesn't exist.");
-  EXPECT_EQ(log_.Errors(), Names{});
+                                      "The subscription password file path is " + Paths().passwordFile + ".",
+                                      "File " + Paths().plainDatabaseFile + " doesn't exist."}));
 }
 
 TEST_F(DbStartUpTest, AWholePlainFileThatDoesNotLoadIsKeptAsideThoughTheDatabaseFileLoads) {
-  Store({"A"});
-  StorePlain({"A", "B"});
+  LayOut("D=A P:AB");
   size_t loads = 0;
-  beforeCommand_ = [&](const std::string& command) -> std::optional<int> {
-    if (command.starts_with(Paths().resourceLoader) && loads++ == 0) return -1;
-    return std::nullopt;
+  beforeCommand_ = [&](const std::string& command) {
+    const bool fails = command.starts_with(Paths().resourceLoader) && loads++ == 0;
+    return fails ? std::optional(-1) : std::nullopt;
   };
   EXPECT_TRUE(Start());
-  EXPECT_EQ(StoredIds(), Names{"A"});
-  EXPECT_EQ(Json::parse(ReadFile(Paths().plainDatabaseFile + ".unreadable"), nullptr, false), DocumentOf({"A", "B"}));
-  EXPECT_EQ(log_.Errors(), (Names{"Failed to restore subscriptions by db file.",
-                                  "The file " + Paths().plainDatabaseFile + " could not be read and is kept as " +
-                                      Paths().plainDatabaseFile + ".unreadable."}));
+  EXPECT_EQ(StoredIds(), "A");
+  const std::string aside = Paths().plainDatabaseFile + ".unreadable";
+  EXPECT_EQ(ReadFile(aside), DocumentOf("AB").dump());
+  EXPECT_EQ(log_.Errors(),
+            (Names{"Failed to restore subscriptions by db file.",
+                   "The file " + Paths().plainDatabaseFile + " could not be read and is kept as " + aside + "."}));
 }
 
 TEST_F(DbStartUpTest, AnOlderFileThatWasKeptAsideIsNeverReplaced) {
   for (int i = 0; i < 3; ++i) {
-    Store({"A"});
-    Damage(Paths().databaseFile);
+    WriteFile(Paths().databaseFile, "damaged " + std::to_string(i));
+    WriteFile(Paths().passwordFile, "secret");
     ASSERT_TRUE(Start());
   }
-  const std::string prefix = kDatabase + ".unreadable";
-  const Names files = FileNames();
-  EXPECT_EQ(std::ranges::count_if(files, [&](const auto& name) { return name.starts_with(prefix); }), 3);
-  EXPECT_EQ(std::ranges::count(files, prefix), 1);
+  std::string kept;
+  for (const std::string& name : FileNames()) {
+    if (name.starts_with(kDatabase + ".unreadable")) kept += ReadFile(sandbox_.Root() + "/var/nginx/" + name).back();
+  }
+  EXPECT_EQ(kept, "201");  // the newest has the plain name
 }
 
 TEST_F(DbStartUpTest, FailuresOfTheFallback) {
-  const std::string fallback = "Failed to decode db file. Uses default DB file instead.";
-  Store({"A"});
-  WriteFile(Paths().databaseFile, "");
+  LayOut("D=A D0");
   WriteFile(Paths().defaultDatabaseFile, "{");
   EXPECT_TRUE(Start());  // bad default data is encrypted all the same
-  EXPECT_EQ(log_.Errors(), (Names{fallback, "Failed to restore subscriptions by db file.",
+  EXPECT_EQ(log_.Errors(), (Names{kFallback, "Failed to restore subscriptions by db file.",
                                   "Failed to parse default DB file to redis."}));
 
-  WriteFile(Paths().databaseFile, "");
+  LayOut("D=A D0");
   RemoveFile(Paths().defaultDatabaseFile);
-  log_.Clear();
   EXPECT_FALSE(Start());
   EXPECT_EQ(log_.Errors(),
-            (Names{fallback, "Cannot initialize db file due to the failure of copying static data.",
+            (Names{kFallback, "Cannot initialize db file due to the failure of copying static data.",
                    "Failed to encode the file " + Paths().plainDatabaseFile + " by " + Paths().openssl}));
   EXPECT_FALSE(FileExists(Paths().plainDatabaseFile));
 }
 
 TEST_F(DbStartUpTest, AStartThatFailsForAnotherReasonLeavesTheDatabaseFileForTheNext) {
-  Store({"A"});
+  LayOut("D=A");
   const std::string before = ReadFile(Paths().databaseFile);
-  bool full = false;
-  beforeCommand_ = [&](const std::string& command) -> std::optional<int> {
-    if (command.find(" enc ") == std::string::npos) return std::nullopt;
-    if (full) {
-      RemoveFile(Paths().plainDatabaseFile);
-      std::filesystem::create_directory(Paths().plainDatabaseFile);  // nothing can be written there
-    }
-    return -1;  // the tool is broken
-  };
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    full = attempt == 2;
-    EXPECT_FALSE(Start());
-    EXPECT_EQ(ReadFile(Paths().databaseFile), before);
-    RemoveFile(Paths().plainDatabaseFile);
-    EXPECT_EQ(FileNames(), (Names{kDatabase, kKey}));
-  }
-  EXPECT_EQ(log_.Errors().back(),
-            "The file " + Paths().plainDatabaseFile + " cannot be written; the start is given up.");
-  beforeCommand_ = [](const std::string&) { return std::nullopt; };
-  EXPECT_TRUE(Start());
-  EXPECT_EQ(StoredIds(), Names{"A"});
-}
-
-// The states that a crash leaves behind during the legacy move: D the database file, P the plain file, L its second
-// name, K the password file.
-TEST_F(DbStartUpTest, ALegacyMoveThatWasCutShortIsFinishedByTheNextStart) {
-  const std::string legacy = Paths().databaseFile + ".legacy";
-  const std::string text = DocumentOf({"A", "B"}).dump();
-  const auto move = [&] {
-    WriteFile(Paths().plainDatabaseFile, text);
-    std::filesystem::create_hard_link(Paths().plainDatabaseFile, legacy);
-  };
-  const auto makeKey = [&] { ASSERT_TRUE(NewDb().EnsureDbPassword()); };
   const struct {
-    const char* name;
-    std::function<void()> prepare;
-  } cases[] = {
-      {"D and L",
-       [&] {
-         WriteFile(Paths().databaseFile, text);
-         std::filesystem::create_hard_link(Paths().databaseFile, legacy);
-       }},
-      {"P and L", move},
-      {"P, L and K",
-       [&] {
-         move();
-         makeKey();
-       }},
-      {"P, L, K and half of D",
-       [&] {
-         move();
-         makeKey();
-         WriteFile(Paths().databaseFile, "Salted__");
-       }},
-      {"P, L, K and D empty",
-       [&] {
-         move();
-         makeKey();
-         WriteFile(Paths().databaseFile, "");
-       }},
-      {"L, K and D",
-       [&] {
-         Store({"A", "B"});
-         WriteFile(legacy, text);
-       }},
-      {"L alone", [&] { WriteFile(legacy, text); }},
-      {"L and D empty",
-       [&] {
-         WriteFile(legacy, text);
-         WriteFile(Paths().databaseFile, "");
-       }},
-  };
+    bool full;
+    std::string said;
+  } cases[] = {{false, "The file " + Paths().databaseFile + " is tried again at the next start."},
+               {true, "The file " + Paths().plainDatabaseFile + " cannot be written; the start is given up."}};
   for (const auto& row : cases) {
-    sandbox_.Clear();
-    WriteFile(Paths().defaultDatabaseFile, DocumentOf({}).dump());
-    row.prepare();
-    EXPECT_TRUE(Start()) << row.name;
-    EXPECT_EQ(StoredIds(), (Names{"A", "B"})) << row.name;
-    EXPECT_EQ(FileNames(), (Names{kDatabase, kKey})) << row.name;
+    beforeCommand_ = [&](const std::string& command) {
+      const bool isCipher = command.find(" enc ") != std::string::npos;
+      // Where there is a folder, nothing can be written.
+      if (isCipher && row.full) RemoveFile(Paths().plainDatabaseFile);
+      if (isCipher && row.full) std::filesystem::create_directory(Paths().plainDatabaseFile);
+      return isCipher ? std::optional(-1) : std::nullopt;
+    };
+    EXPECT_FALSE(Start());
+    EXPECT_EQ(log_.Errors().back(), row.said);
+    EXPECT_EQ(ReadFile(Paths().databaseFile), before) << row.said;
+    RemoveFile(Paths().plainDatabaseFile);
+    EXPECT_EQ(FileNames(), (Names{kDatabase, kKey})) << row.said;
   }
 }
 

@@ -6,29 +6,6 @@
 namespace event_service {
 namespace {
 
-TEST(FrontEndRoutes, UriAndMethodDecideChannelAndRecordMethod) {
-  const struct {
-    const char* method;
-    const char* uri;
-    const char* recordMethod;
-    bool subscriptions;
-  } cases[] = {
-      {"PATCH", "/redfish/v1/EventService", "PATCH", false},
-      {"POST", "/redfish/v1/EventService", "POSTCREATE", false},
-      {"POST", "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent", "POSTACTION", false},
-      {"POST", "/redfish/v1/EventService/SubscriptionsOfOthers", "POSTCREATE", false},
-      {"POST", "/redfish/v1/EventService/Subscriptions", "POSTCREATE", true},
-      {"DELETE", "/redfish/v1/EventService/Subscriptions/1", "DELETE", true},
-      {"POST", "/redfish/v1/EventService/Subscriptions/1/Actions/EventDestination.ResumeSubscription", "POSTACTION",
-       true},
-      {"DELETE", "SSE-ALL", "DELETE", true},
-  };
-  for (const auto& row : cases) {
-    EXPECT_EQ(RecordMethod(row.method, row.uri), row.recordMethod) << row.uri;
-    EXPECT_EQ(ChannelOf(row.uri) == "&&/redfish/v1/EventService/Subscriptions/CHANNEL", row.subscriptions) << row.uri;
-  }
-}
-
 class FrontEndTest : public RedisTest {};
 
 TEST_F(FrontEndTest, AClientSeesNoSecretsAndNoControlFields) {
@@ -42,13 +19,6 @@ TEST_F(FrontEndTest, AClientSeesNoSecretsAndNoControlFields) {
     "HttpHeaders": [], "Context": "secret to nobody", "SNMP": {"TrapCommunity": null, "EncryptionKeySet": true},
     "Members": [{"@odata.id": "/redfish/v1/EventService/Subscriptions/1"}]})"));
   EXPECT_FALSE(ReadForClient(redis(), "/redfish/v1/Missing"));
-}
-
-TEST_F(FrontEndTest, WithoutAListenerThereIsNoAnswerAndNothingIsLeft) {
-  const FrontEndRequest request{
-      .method = "PATCH", .targetUri = "/redfish/v1/EventService", .body = Json::parse(R"({"a": [1]})")};
-  EXPECT_FALSE(SendRequest(redis(), request, std::chrono::milliseconds(30)));
-  EXPECT_TRUE(KeyListing(redis(), "&&*").empty());
 }
 
 }  // namespace
