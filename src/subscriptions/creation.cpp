@@ -40,8 +40,6 @@ std::string GenerateId(RandomSource random) {
   return id;
 }
 
-bool IsOne(const RedisReply& reply) { return IsInteger(reply) && reply->integer == 1; }
-
 Answer BodyUnreadable() { return DatabaseError("DatabaseOperationError: Failed to get request data from database."); }
 
 /// One creation on its way. The steps stand in the order in which they run.
@@ -68,6 +66,7 @@ class Creation {
  private:
   std::optional<Answer> ReadBody();
   bool ReadFirstLevel(RequestBody& body);
+  bool TakeExistence(const RedisReply& exists);
   bool TakeGivenId(const Json& body);
   std::optional<Answer> Judge();
   bool DrawFreeId();
@@ -109,7 +108,7 @@ std::optional<Answer> Creation::ReadBody() {
     if (isIdOpen) pipeline.Append({"EXISTS", MemberUri(about_.id)});
     body.AppendLevel(pipeline);
     const std::vector<RedisReply> replies = pipeline.Execute();
-    if (isIdOpen) idExists_ = IsOne(replies.front());
+    if (isIdOpen && !TakeExistence(replies.front())) return BodyUnreadable();
     isIdOpen = false;
     if (!body.TakeLevel(replies)) return BodyUnreadable();
   }
@@ -129,10 +128,16 @@ bool Creation::ReadFirstLevel(RequestBody& body) {
   const std::vector<RedisReply> replies = pipeline.Execute();
   // Redis keeps no empty hash: a body without a field is a body that is not there.
   if (!IsArray(replies.front()) || replies.front()->elements == 0 || !body.TakeLevel(replies)) return false;
-  idExists_ = IsOne(replies[exists]);
+  if (!TakeExistence(replies[exists])) return false;
   formerCollectionEtag_ = collectionEtag_ = TextOf(replies[etag]);
   if (about_.isSse) about_.sseChannel = TextOf(replies.back());
   return true;
+}
+
+/// Without a reply nobody knows whether there is a resource that the creation would replace.
+bool Creation::TakeExistence(const RedisReply& exists) {
+  idExists_ = IsInteger(exists) && exists->integer == 1;
+  return IsInteger(exists);
 }
 
 /// Puts the client's Id in the place of the generated one. False when there is none whose existence could matter.

@@ -5,6 +5,7 @@
 
 #include "foundation/logging.h"
 #include "platform/data_encrypt/data_encrypt.h"
+#include "requests/property_faults.h"
 #include "service/static_tables.h"
 #include "subscriptions/member_uri.h"
 #include "subscriptions/syslog_exchange.h"
@@ -44,7 +45,8 @@ bool ApplyBody(const Json& body, std::string_view passwordLine, Json& destinatio
       if (!MergeSnmp(value, passwordLine, snmp)) return false;
       continue;
     }
-    destination[name] = value;
+    const std::optional<int64_t> number = WholeNumber(value);  // "2.5e1" is 25
+    destination[name] = number ? Json(*number) : value;
     SetCount(destination, name);
   }
   return true;

@@ -3,12 +3,14 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -34,12 +36,13 @@ constexpr std::string_view kIdentity[] = {"Destination", "Protocol", "Context"};
 
 /// The creation bodies of the file: an array, or an object whose "Members" is one.
 std::vector<Json> ReadBodies(const std::string& path) {
+  std::error_code error;
+  if (!std::filesystem::exists(path, error) && !error) return {};
   std::ifstream file(path, std::ios::binary);
-  if (!file) return {};
   const std::string text{std::istreambuf_iterator<char>(file), {}};
   Json document = Json::parse(text, nullptr, false);
-  if (document.is_object() && document.contains("Members")) document = Json(document["Members"]);
-  if (!document.is_array()) {
+  if (document.is_object() && document.contains("Members")) document = Json(std::move(document["Members"]));
+  if (!document.is_array() || !NestsWithin(document)) {
     LogError("The file of generated event destinations %s cannot be read.", path.c_str());
     return {};
   }
@@ -94,7 +97,8 @@ class GenerationRequest {
   Outcome Send(const Json& body, const GenerationLimits& limits);
 
   const std::string& Status() const { return status_; }
-  const std::string& MessageId() const { return messageId_; }
+  /// Why it was refused: the message's id; the status where that stands alone.
+  const std::string& Reason() const { return messageId_.empty() ? status_ : messageId_; }
 
  private:
   bool Store(const Json& body);
@@ -205,7 +209,7 @@ void CreateGeneratedDestinations(redisContext* redis, const ServiceSettings& set
         if (request.Status() == kOkRes) {
           members.push_back(IdentityOf(body));
         } else {
-          LogError("Generated event destination %zu was refused: %s", position, request.MessageId().c_str());
+          LogError("Generated event destination %zu was refused: %s", position, request.Reason().c_str());
         }
         break;
     }

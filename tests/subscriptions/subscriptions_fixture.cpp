@@ -11,36 +11,34 @@
 #include "service/life_cycle_event.h"
 #include "subscriptions/creation.h"
 #include "subscriptions/syslog_exchange.h"
+#include "tests/subscriptions/message_text.h"
 
 namespace event_service {
 
-const std::vector<CreationBody> kCreationBodies = {
-    {"Redfish",
-     R"({"Id": "Redfish-1", "Protocol": "Redfish", "Destination": "https://client.example/events", "Context": "c",
-         "RegistryPrefixes": ["Base", "ResourceEvent"], "HttpHeaders": [{"X-Token": "secret"}, {"X-Other": "1"}],
-         "OriginResources": [{"@odata.id": "/redfish/v1/Systems/1"}], "SubordinateResources": true})"},
-    {"message ids",
-     R"({"Id": "Messages-1", "Protocol": "Redfish", "Destination": "http://c", "MessageIds": ["Base.1.12.Success"],
-         "ResourceTypes": ["Task"], "EventTypes": ["Alert"], "DeliveryRetryPolicy": null, "EventFormatType": "Event"})"},
-    {"metric reports",
-     R"({"Id": "Metrics-1", "Protocol": "Redfish", "Destination": "https://c/m",
-         "MetricReportDefinitions": [{"@odata.id": "/redfish/v1/TelemetryService/MetricReportDefinitions/1"}]})"},
-    {"SNMPv1",
-     R"({"Id": "trap1", "Protocol": "SNMPv1", "Destination": "snmp://10.0.0.1", "SubscriptionType": "SNMPTrap",
-         "SNMP": {"TrapCommunity": "public"}})"},
-    {"SNMPv2c",
-     R"({"Id": "SNMPv2c-1", "Protocol": "SNMPv2c", "Destination": "snmp://10.0.0.1", "SubscriptionType": "SNMPInform",
-         "SNMP": {"TrapCommunity": "public"}})"},
-    {"SNMPv3",
-     R"({"Id": "SNMPv3-1", "Protocol": "SNMPv3", "Destination": "snmp://user@10.0.0.1", "SubscriptionType": "SNMPTrap",
-         "SNMP": {"AuthenticationProtocol": "HMAC_SHA96", "AuthenticationKey": "Passphrase:secret words",
-                  "EncryptionProtocol": "CFB128_AES128", "EncryptionKey": "othersecret"}})"},
-    {"SMTP", R"({"Id": "SMTP-mail", "Protocol": "SMTP", "Destination": "mailto:admin@example.org"})"},
-    {"SyslogTCP",
-     R"({"Id": "SyslogTCP-1", "Protocol": "SyslogTCP", "Destination": "10.0.0.2:514", "SubscriptionType": "Syslog",
-         "SyslogFilters": [{"LogFacilities": ["Kern", "Auth"], "LowestSeverity": "Error"}, {}]})"},
-    {"SyslogTLS", R"({"Id": "SyslogTLS-1", "Protocol": "SyslogTLS", "Destination": "syslog://[::1]:6514"})"},
-};
+const Json kBodies = Json::parse(R"({
+    "Redfish": {"Id": "Redfish-1", "Protocol": "Redfish", "Destination": "https://client.example/events", "Context": "c",
+        "RegistryPrefixes": ["Base", "ResourceEvent"], "HttpHeaders": [{"X-Token": "secret"}, {"X-Other": "1"}],
+        "OriginResources": [{"@odata.id": "/redfish/v1/Systems/1"}], "SubordinateResources": true},
+    "messages": {"Id": "Messages-1", "Protocol": "Redfish", "Destination": "http://c", "ResourceTypes": ["Task"],
+        "MessageIds": ["Base.1.12.Success"], "EventTypes": ["Alert"], "EventFormatType": "Event"},
+    "metrics": {"Id": "Metrics-1", "Protocol": "Redfish", "Destination": "https://c/m",
+        "MetricReportDefinitions": [{"@odata.id": "/redfish/v1/TelemetryService/MetricReportDefinitions/1"}]},
+    "trap": {"Id": "trap1", "Protocol": "SNMPv1", "Destination": "snmp://10.0.0.1", "SubscriptionType": "SNMPTrap",
+        "SNMP": {"TrapCommunity": "public"}},
+    "SNMPv3": {"Id": "SNMPv3-1", "Protocol": "SNMPv3", "Destination": "snmp://user@10.0.0.1",
+        "SubscriptionType": "SNMPTrap",
+        "SNMP": {"AuthenticationProtocol": "HMAC_SHA96", "AuthenticationKey": "Passphrase:secret words",
+                 "EncryptionProtocol": "CFB128_AES128", "EncryptionKey": "othersecret"}},
+    "SMTP": {"Id": "SMTP-mail", "Protocol": "SMTP", "Destination": "mailto:admin@example.org"},
+    "TCP": {"Id": "SyslogTCP-1", "Protocol": "SyslogTCP", "Destination": "10.0.0.2:514", "SubscriptionType": "Syslog",
+        "SyslogFilters": [{"LogFacilities": ["Kern", "Auth"], "LowestSeverity": "Error"}, {}]},
+    "TLS": {"Id": "SyslogTLS-1", "Protocol": "SyslogTLS", "Destination": "syslog://[::1]:6514"},
+    "stream": {"Id": "Stream-01", "Protocol": "Redfish", "Destination": "redfish-sse://10.0.0.1:99", "Context": "s"}
+})");
+
+std::string InShort(const Answer& answer) {
+  return std::string(answer.status) + (answer.messages.empty() ? "" : " ") + Joined(MessageTexts(answer.messages));
+}
 
 void SubscriptionsTest::SetUp() {
   RedisTest::SetUp();
@@ -65,16 +63,12 @@ void SubscriptionsTest::FillRedis() {
   ASSERT_TRUE(WriteResource(redis(), kCollection, {{"@odata.id", kCollection}, {"@odata.etag", "\"0\""}}));
   HashWrite(redis(), "/redfish/v1/EventService", "ServiceEnabled", "true");
   HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", "1000000");
-  const struct {
-    const char* name;
-    const char* script;
-  } scripts[] = {
+  const std::pair<const char*, const char*> scripts[] = {
       {"resourceChange", "return redis.call('RPUSH', 'events', table.concat(KEYS, ' ', 1, 3) .. ' ' .. KEYS[5])"},
       {"enqueueEvent", "redis.call('RPUSH', 'queued', KEYS[1]) return 1"},
   };
   for (const auto& [name, script] : scripts) {
-    const RedisReply digest = SendArguments(redis(), {"SCRIPT", "LOAD", script});
-    HashWrite(redis(), "redisSHAScripts", name, TextOf(digest));
+    HashWrite(redis(), "redisSHAScripts", name, TextOf(SendArguments(redis(), {"SCRIPT", "LOAD", script})));
   }
 }
 
@@ -85,52 +79,32 @@ Request SubscriptionsTest::MakeRequest(const std::string& method, const std::str
                        {{"&&RequestMethod", method},
                         {"&&TargetURI", uri},
                         {"&&Privileges", "ConfigureManager"},
-                        {"&&ReturnChannel", "channel"},
+                        {"&&SSE-CHANNEL", "stream 1"},
                         {"&&RequestData", "request/RequestData"}}}};
   EXPECT_TRUE(HashBatchWrite(redis(), record));
   EXPECT_TRUE(body.is_null() || WriteResource(redis(), "request/RequestData", body));
-  return {connection != nullptr ? connection : redis(),
-          {"request", "response"},
-          ReadRequestRecord(redis(), "request"),
-          settings_,
-          &*state_};
+  Request request{connection != nullptr ? connection : redis(),
+                  {"request", "response"},
+                  ReadRequestRecord(redis(), "request"),
+                  settings_,
+                  &*state_};
+  if (body.dump().find("redfish-sse:") != std::string::npos) request.record.isSse = "true";
+  return request;
 }
 
-Request SubscriptionsTest::MakeStreamRequest(const Json& body) {
+std::string SubscriptionsTest::Create(const Json& body) {
+  if (body.value("Protocol", "").starts_with("Syslog")) AnswerSyslog(body.value("Id", ""));
   Request request = MakeRequest("POSTCREATE", kCollection, body);
-  HashWrite(redis(), "request", "&&SSE-CHANNEL", "stream 1");
-  request.record.isSse = "true";
-  return request;
-}
-
-Request SubscriptionsTest::MakeDeliveryRequest(const std::string& method, const std::string& uri, const Json& body) {
-  Request request = MakeRequest(method, uri, body);
-  request.announcement.responseKey = kFromEventing;
-  return request;
+  EXPECT_EQ(InShort(CreateEventDestination(request)), "OK_RES Created()") << body;
+  return Field("request", "&&Location");
 }
 
 void SubscriptionsTest::AnswerSyslog(const std::string& id, const std::string& answer) {
   ListAppend(redis(), std::string(kSyslogQueue) + "/" + id, answer);
 }
 
-std::string SubscriptionsTest::Create(const Json& body) {
-  if (body.value("Protocol", "").starts_with("Syslog")) AnswerSyslog(body.value("Id", ""));
-  Request request = MakeRequest("POSTCREATE", kCollection, body);
-  const Answer answer = CreateEventDestination(request);
-  EXPECT_EQ(answer.status, kOkRes) << body << (answer.messages.empty() ? "" : answer.messages.front().id);
-  return Field("request", "&&Location");
-}
-
-std::string SubscriptionsTest::CreateStream(const std::string& id) {
-  Request request = MakeStreamRequest(
-      {{"Id", id}, {"Protocol", "Redfish"}, {"Destination", "redfish-sse://10.0.0.1:99"}, {"Context", "stream"}});
-  EXPECT_EQ(CreateEventDestination(request).status, kOkRes);
-  return Field("request", "&&Location");
-}
-
 Json SubscriptionsTest::Stored(const std::string& uri) {
   Json document;
-  if (!KeyExists(redis(), uri)) return document;
   EXPECT_TRUE(ReadResource(redis(), uri, document, {.withControlFields = true}));
   return document;
 }
@@ -146,19 +120,21 @@ std::map<std::string, Json> SubscriptionsTest::InFile() {
   return members;
 }
 
-std::vector<std::string> SubscriptionsTest::Elements(const std::string& list) {
-  std::vector<std::string> elements;
+Names SubscriptionsTest::Elements(const std::string& list) {
+  Names elements;
   const RedisReply reply = SendArguments(redis(), {"LRANGE", list, "0", "-1"});
   for (size_t i = 0; IsArray(reply) && i < reply->elements; ++i) elements.emplace_back(TextOf(reply->element[i]));
   return elements;
 }
 
-std::vector<std::string> SubscriptionsTest::Events() { return Elements("events"); }
-
-DatabaseDump SubscriptionsTest::DumpWithoutCounters() {
-  HashFieldDelete(redis(), "/redfish/v1/EventService", "&&EVENT_GROUP_ID_COUNTER");
-  KeyDelete(redis(), "Array-Member-Sequence-ID");
-  return Dump();
+DatabaseDump SubscriptionsTest::Resources() {
+  DatabaseDump dump = Dump();
+  std::erase_if(dump, [](const auto& entry) {
+    const std::string& key = entry.first;
+    return key.find("request") != std::string::npos || key.starts_with(kSyslogQueue) ||
+           key == "Array-Member-Sequence-ID";
+  });
+  return dump;
 }
 
 }  // namespace event_service

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "requests/answer.h"
 #include "requests/request.h"
 #include "resource_store/store_encoding.h"
 #include "service/settings.h"
@@ -15,14 +16,16 @@
 
 namespace event_service {
 
-inline const std::string kCollection = "/redfish/v1/EventService/Subscriptions";
+using Names = std::vector<std::string>;
 
-/// The bodies of creations, one of each kind that the service knows, with Ids.
-struct CreationBody {
-  const char* name;
-  const char* text;
-};
-extern const std::vector<CreationBody> kCreationBodies;
+inline const std::string kCollection = "/redfish/v1/EventService/Subscriptions";
+inline const std::string kMembers = "&&" + kCollection + "/Members";
+
+/// The bodies of creations by their kind, one of each that the service knows, with Ids.
+extern const Json kBodies;
+
+/// "FAILURE PropertyValueTypeError(5, Id) @Id"
+std::string InShort(const Answer& answer);
 
 class SubscriptionsTest : public RedisTest {
  protected:
@@ -31,30 +34,26 @@ class SubscriptionsTest : public RedisTest {
   /// Redis with an empty collection.
   void FillRedis();
 
-  /// A request as the listener hands it over. The record is stored under "request", the answer goes under "response".
+  /// A request as the listener hands it over; one with a stream's destination opens a stream. The record is stored
+  /// under "request", the answer goes under "response".
   Request MakeRequest(const std::string& method, const std::string& uri, const Json& body = Json(),
                       redisContext* connection = nullptr);
-  Request MakeStreamRequest(const Json& body);
-  /// The same for the delivery side.
-  Request MakeDeliveryRequest(const std::string& method, const std::string& uri, const Json& body = Json());
 
   /// Creates a subscription, which must succeed, and gives its URI.
   std::string Create(const Json& body);
-  std::string CreateStream(const std::string& id);
   /// Lets the syslog forwarder say `answer` about this Id.
   void AnswerSyslog(const std::string& id, const std::string& answer = "OK");
 
-  /// The stored resource with its control fields; null when there is none.
+  /// The stored resource with its control fields.
   Json Stored(const std::string& uri);
   /// The members in the database file, by URI.
   std::map<std::string, Json> InFile();
-  std::vector<std::string> Elements(const std::string& list);
   std::string Field(const std::string& key, const std::string& field) { return HashRead(redis(), key, field); }
-  /// What life-cycle events said: "add <uri> EventDestination".
-  std::vector<std::string> Events();
-
-  /// Redis without what a taken back or refused request may leave: counters, etags.
-  DatabaseDump DumpWithoutCounters();
+  Names Elements(const std::string& list);
+  /// What life-cycle events said: "add <uri> EventDestination <group id>".
+  Names Events() { return Elements("events"); }
+  /// Redis without requests, the sequence ids that they take and what they say to the syslog forwarder.
+  DatabaseDump Resources();
 
   ServiceSettings settings_;
   std::optional<SubscriptionsState> state_;
