@@ -1,9 +1,7 @@
 /// The body of a request, read as the front end stored it: a hash of JSON texts, nested values under keys of their own.
 #pragma once
 
-#include <deque>
 #include <span>
-#include <string>
 #include <string_view>
 
 #include "foundation/redis_pipeline.h"
@@ -24,15 +22,15 @@ namespace event_service {
 /// element of a list may be a client's string, so only markers to the list's own keys are followed from there.
 class RequestBody {
  public:
-  explicit RequestBody(std::string_view key) : key_(key) {}
+  explicit RequestBody(std::string_view key);
 
-  bool IsComplete() const;
+  bool IsComplete() const { return walk_.Done(); }
 
   /// Appends the commands that read the next level; nothing when the body is complete.
-  void AppendLevel(RedisPipeline& pipeline);
+  void AppendLevel(RedisPipeline& pipeline) { walk_.AppendLevel(pipeline); }
 
-  /// Takes that level's replies out of those of the whole batch. False when one of them is no answer to such a command
-  /// or a stored text is no JSON. A key that does not exist held an empty body.
+  /// Takes that level's replies out of those of the whole batch. False, as ResourceWalk says it, for a failed command
+  /// or a stored text that is no JSON. A key that does not exist held an empty body.
   bool TakeLevel(std::span<const RedisReply> replies);
 
   /// What the client sent, without control fields and annotations; valid once the body is complete.
@@ -41,24 +39,9 @@ class RequestBody {
   const NumberTexts& Numbers() const { return numbers_; }
 
  private:
-  struct Nested {
-    Nested(std::string memberName, std::string_view key, ContainerKind kind, Json* value);
-    std::string name;
-    NumberTexts numbers;
-    ResourceWalk walk;
-  };
-
-  bool TakeFields(std::span<redisReply* const> fields);
-  bool TakeField(std::string_view name, std::string_view stored);
-  bool TakeMarker(std::string_view name, std::string_view stored);
-  void Complete();
-
-  std::string key_;
-  Json document_ = Json::object();
+  Json document_;
   NumberTexts numbers_;
-  std::deque<Nested> nested_;
-  bool started_ = false;
-  size_t firstReply_ = 0;
+  ResourceWalk walk_;  // builds the two above
 };
 
 }  // namespace event_service

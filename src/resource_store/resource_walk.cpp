@@ -1,7 +1,6 @@
 #include "resource_store/resource_walk.h"
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 #include "resource_store/json_text.h"
