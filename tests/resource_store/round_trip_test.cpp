@@ -19,8 +19,7 @@ class DocumentMaker {
 
   Json Document() {
     Json document = Pick(2) == 0 ? Object(0) : Array(0);
-    if (document.empty()) document = Json::array({nullptr});  // an empty document leaves no key
-    return document;
+    return document.empty() ? Json::array({nullptr}) : document;  // an empty document leaves no key
   }
 
  private:
@@ -60,8 +59,6 @@ class DocumentMaker {
         return Object(depth);
       case 2:
         return Array(depth);
-      case 3:
-        return Pick(2) == 0 ? Json::object({{"@odata.id", "/redfish/v1/Managers/1"}}) : Primitive();
       default:
         return Primitive();
     }
@@ -130,7 +127,6 @@ TEST_F(RoundTripTest, KnownLosses) {
     Json back;
     ASSERT_TRUE(ReadResource(redis(), "/k", back)) << row.written;
     EXPECT_EQ(back, Json::parse(row.read)) << row.written;
-    ASSERT_TRUE(DeleteResource(redis(), "/k"));
     SendCommand(redis(), "FLUSHALL");
   }
   ASSERT_TRUE(WriteResource(redis(), "/k", Json::object()));
