@@ -61,7 +61,27 @@ void HideSecrets(Json& value) {
 
 std::string CompactText(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
+/// The first `characters` UTF-8 characters of the text.
+std::string_view CutToCharacters(std::string_view text, size_t characters) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const bool continuesCharacter = (static_cast<unsigned char>(text[i]) & 0xC0) == 0x80;
+    if (continuesCharacter) continue;
+    if (characters == 0) return text.substr(0, i);
+    --characters;
+  }
+  return text;
+}
+
 std::string NameAsArgument(std::string_view name) { return std::string(CutToCharacters(name, kMaxArgumentCharacters)); }
+
+std::string ValueAsArgument(const Json& value) {
+  if (value.is_string()) {
+    return std::string(CutToCharacters(value.get_ref<const std::string&>(), kMaxArgumentCharacters));
+  }
+  Json shown = value;
+  HideSecrets(shown);
+  return std::string(CutToCharacters(CompactText(shown), kMaxArgumentCharacters));
+}
 
 std::string ValueArgument(const Json& value, std::string_view path, const NumberTexts& numbers) {
   const auto written = numbers.find(path);
@@ -134,25 +154,6 @@ std::string ElementPath(std::string_view property, size_t index) {
   return std::string(property) + '/' + std::to_string(index);
 }
 
-std::string ValueAsArgument(const Json& value) {
-  if (value.is_string()) {
-    return std::string(CutToCharacters(value.get_ref<const std::string&>(), kMaxArgumentCharacters));
-  }
-  Json shown = value;
-  HideSecrets(shown);
-  return std::string(CutToCharacters(CompactText(shown), kMaxArgumentCharacters));
-}
-
-std::string_view CutToCharacters(std::string_view text, size_t characters) {
-  for (size_t i = 0; i < text.size(); ++i) {
-    const bool continuesCharacter = (static_cast<unsigned char>(text[i]) & 0xC0) == 0x80;
-    if (continuesCharacter) continue;
-    if (characters == 0) return text.substr(0, i);
-    --characters;
-  }
-  return text;
-}
-
 bool IsPassedOver(std::string_view memberName) {
   constexpr std::string_view kAnnotations[] = {"@odata.", "@Redfish.", "@Message."};
   return memberName.starts_with("&&") || std::ranges::any_of(kAnnotations, [memberName](std::string_view annotation) {
@@ -184,13 +185,6 @@ std::optional<Fault> CheckInteger(const Json& value, int64_t smallest, int64_t l
   const std::optional<int64_t> number = WholeNumber(value);
   if (number && smallest <= *number && *number <= largest) return std::nullopt;
   return Fault{FaultKind::kOutOfRange};
-}
-
-std::optional<Fault> CheckInList(const Json& value, std::span<const std::string> allowedJsonTexts) {
-  if (!value.is_string()) return Fault{FaultKind::kType};
-  if (allowedJsonTexts.empty()) return CheckText(value);
-  if (std::ranges::find(allowedJsonTexts, CompactText(value)) != allowedJsonTexts.end()) return std::nullopt;
-  return Fault{FaultKind::kNotInList};
 }
 
 std::optional<Fault> CheckInWords(const Json& value, std::span<const std::string_view> words) {

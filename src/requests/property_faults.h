@@ -37,7 +37,9 @@ struct Fault {
 };
 
 /// The message for a fault of a property. `property` is its path ("SMTP/Port", "MessageIds/2"); it is both the property
-/// argument and the related property. `numbers` holds those that Json cannot give back as they were written.
+/// argument and the related property. The value is shown decoded when it is a string, otherwise as compact JSON, cut to
+/// 256 characters; secrets inside objects and arrays (SMTP password, SNMP credentials, header values) show as null.
+/// `numbers` holds the numbers that Json cannot give back as they were written.
 Message PropertyMessage(const Fault& fault, const Json& value, std::string_view property,
                         const NumberTexts& numbers = {});
 
@@ -50,13 +52,6 @@ Message ParameterMessage(const Fault& fault, const Json& value, std::string_view
 
 /// "MessageIds/2" for the third element of "MessageIds".
 std::string ElementPath(std::string_view property, size_t index);
-
-/// A value as message argument: strings decoded, anything else as compact JSON, cut to 256 characters. Secrets inside
-/// objects and arrays (SMTP password, SNMP credentials, header values) show as null.
-std::string ValueAsArgument(const Json& value);
-
-/// The first `characters` UTF-8 characters of the text.
-std::string_view CutToCharacters(std::string_view text, size_t characters);
 
 /// True for the members of a body that are neither stored nor refused: control fields ("&&...") and annotations
 /// ("...@odata.*", "...@Redfish.*", "...@Message.*").
@@ -72,8 +67,6 @@ std::optional<Fault> CheckBoolean(const Json& value);
 /// Whole numbers, in any notation ("2.5e1" and "25.0" are 25), within the range.
 std::optional<Fault> CheckInteger(const Json& value, int64_t smallest = std::numeric_limits<int64_t>::min(),
                                   int64_t largest = std::numeric_limits<int64_t>::max());
-/// A string whose JSON text stands in the list; any string that is within the limit when the list is empty.
-std::optional<Fault> CheckInList(const Json& value, std::span<const std::string> allowedJsonTexts);
 /// A string that is one of the words.
 std::optional<Fault> CheckInWords(const Json& value, std::span<const std::string_view> words);
 /// An array with no more elements than allowed. Its elements are the caller's.
