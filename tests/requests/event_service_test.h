@@ -21,15 +21,15 @@ using Lines = std::vector<std::string>;
 
 inline constexpr std::string_view kTestEventUri = "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent";
 
-/// Status, then each message with its arguments: "FAILURE", "Base.1.12.PropertyUnknown(A)".
-inline Lines Summary(const Answer& answer) {
-  Lines lines{std::string(answer.status)};
+/// Status, then each message with its arguments: "FAILURE Base.1.12.PropertyUnknown(A)".
+inline std::string Summary(const Answer& answer) {
+  std::string summary(answer.status);
   for (const Message& message : answer.messages) {
-    std::string line = message.id + "(";
-    for (const std::string& argument : message.args) line.append(line.ends_with('(') ? "" : ", ").append(argument);
-    lines.push_back(line + ")");
+    summary += " " + message.id + "(";
+    for (const std::string& argument : message.args) summary += (summary.ends_with('(') ? "" : ", ") + argument;
+    summary += ")";
   }
-  return lines;
+  return summary;
 }
 
 class EventServiceTest : public RedisTest {
