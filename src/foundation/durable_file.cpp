@@ -6,7 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <memory>
 
 namespace event_service {
 namespace {
@@ -67,9 +67,13 @@ bool ReplaceFile(const std::string& path, std::string_view content) {
 }
 
 std::string FirstLineOf(const std::string& path) {
-  std::ifstream file(path);
+  struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+  // Closed on exec: a child that another thread starts meanwhile must not inherit a password file.
+  const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
   std::string line;
-  std::getline(file, line);
+  for (int c; file && (c = std::fgetc(file.get())) != EOF && c != '\n';) line += static_cast<char>(c);
   return line;
 }
 

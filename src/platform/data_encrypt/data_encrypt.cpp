@@ -60,7 +60,7 @@ std::optional<Bytes> FromHex(std::string_view hex) {
   for (size_t i = 0; i < hex.size(); ++i) {
     const size_t digit = kDigits.find(hex[i]);
     if (digit == std::string_view::npos) return std::nullopt;
-    bytes[i / 2] = static_cast<unsigned char>(bytes[i / 2] << 4 | digit);
+    bytes[i / 2] = static_cast<unsigned char>(size_t{bytes[i / 2]} << 4 | digit);
   }
   return bytes;
 }
