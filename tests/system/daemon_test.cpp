@@ -34,7 +34,8 @@ std::string InShort(const FrontEndAnswer& answer) {
 
 void DaemonTest::SetUp() {
   RedisTest::SetUp();
-  RunCommand(EVENT_SERVICE_SOURCE "/scripts/lay-out-sandbox " + Sandbox().Root() + " " EVENT_SERVICE_BINARIES);
+  RunCommand("'" EVENT_SERVICE_SOURCE "/scripts/lay-out-sandbox' " + Sandbox().Root() +
+             " '" EVENT_SERVICE_BINARIES "'");
   LoadPlatform();
 }
 
@@ -67,7 +68,7 @@ bool DaemonTest::IsReady() {
 
 void DaemonTest::LoadPlatform() {
   RunCommand("EVENT_SERVICE_ROOT=" + Sandbox().Root() +
-             " " EVENT_SERVICE_BINARIES "/load_platform " EVENT_SERVICE_SOURCE "/share/platform");
+             " '" EVENT_SERVICE_BINARIES "/load_platform' '" EVENT_SERVICE_SOURCE "/share/platform'");
 }
 
 void DaemonTest::PowerCycle() {
