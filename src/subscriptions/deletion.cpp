@@ -35,7 +35,7 @@ constexpr int kMostEventKeyDraws = 10;
 class MemberDeletion {
  public:
   MemberDeletion(Request& request, std::string uri)
-      : request_(request), redis_(request.redis), state_(*request.subscriptions), uri_(std::move(uri)) {}
+      : redis_(request.redis), state_(*request.subscriptions), uri_(std::move(uri)) {}
 
   /// Reads the member and, unless there is one already, draws the EventGroupId. An answer when there is no such member
   /// or Redis does not tell.
@@ -58,7 +58,6 @@ class MemberDeletion {
   void AppendIndexRemoval(RedisPipeline& pipeline) const;
   bool HaveSucceeded(std::span<const RedisReply> replies);
 
-  Request& request_;
   redisContext* redis_;
   SubscriptionsState& state_;
   std::string uri_;
