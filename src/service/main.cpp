@@ -25,7 +25,11 @@ namespace {
 using namespace event_service;
 
 // Recursion over data is bounded; this leaves it several times what it needs.
+#ifdef __SANITIZE_THREAD__
+constexpr size_t kStackSize = size_t{8} * 1024 * 1024;  // the sanitizer's bookkeeping lies there as well
+#else
 constexpr size_t kStackSize = size_t{256} * 1024;
+#endif
 
 /// Descriptor 0, 1 or 2 must not become a socket or file of ours: what is printed would go there.
 void OccupyStandardStreams() {
