@@ -12,6 +12,7 @@
 #include "requests/time_stamp_form.h"
 #include "resource_store/resource_editor.h"
 #include "service/event_group_id.h"
+#include "service/static_tables.h"
 
 namespace event_service {
 namespace {
@@ -21,8 +22,6 @@ constexpr int kMaxKeyDraws = 10;
 
 // ---- Judging --------------------------------------------------------------------------------------------------------
 
-constexpr std::string_view kEventTypes[] = {"StatusChange", "ResourceUpdated", "ResourceAdded", "ResourceRemoved",
-                                            "Alert",        "MetricReport",    "Other"};
 constexpr std::string_view kSeverities[] = {"OK", "Warning", "Critical"};
 
 /// Takes a run of characters off the beginning; false when there is none.

@@ -32,4 +32,8 @@ inline constexpr std::string_view kAuthenticationProtocols[] = {"None",         
 inline constexpr std::string_view kEncryptionProtocols[] = {"None", "CBC_DES", "CFB128_AES128"};
 inline constexpr std::string_view kEventFormatTypes[] = {"Event", "MetricReport"};
 
+/// What an event may be: a test event is one of them, a subscription lists those that it wants.
+inline constexpr std::string_view kEventTypes[] = {
+    "StatusChange", "ResourceUpdated", "ResourceAdded", "ResourceRemoved", "Alert", "MetricReport", "Other"};
+
 }  // namespace event_service

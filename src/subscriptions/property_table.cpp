@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "service/static_tables.h"
 #include "subscriptions/snmp_keys.h"
 #include "subscriptions/uri_forms.h"
 
@@ -45,8 +46,6 @@ std::optional<Fault> CheckEncryptionKey(std::string_view text, const BodyCircums
   return FaultUnless(IsSnmpEncryptionKey(text), FaultKind::kFormat);
 }
 
-constexpr std::string_view kEventTypes[] = {"StatusChange", "ResourceUpdated", "ResourceAdded", "ResourceRemoved",
-                                            "Alert",        "MetricReport",    "Other"};
 constexpr std::string_view kFacilities[] = {"Kern",   "User",     "Mail",    "Daemon",      "Auth",     "Syslog",
                                             "LPR",    "News",     "UUCP",    "Cron",        "Authpriv", "FTP",
                                             "NTP",    "Security", "Console", "SolarisCron", "Local0",   "Local1",
