@@ -73,8 +73,7 @@ bool RestorePersistentProperties(redisContext* redis, const ServiceSettings& set
     LogError("Line %zu of the persistent properties is passed over: not a known property with a valid value.", line);
   }
   // While SMTP is not served its lines stay in the file.
-  if (settings.protocolOnly)
-    std::erase_if(properties.values, [](const auto& v) { return v.first.starts_with("SMTP/"); });
+  if (settings.protocolOnly) std::erase_if(properties.values, [](const auto& v) { return IsSmtpPath(v.first); });
   if (properties.values.empty()) return true;
 
   RedisPipeline pipeline(redis);

@@ -144,7 +144,7 @@ struct Place {
 
 Place PlaceOf(std::string_view path) {
   if (path == kSmtpPassword) return {kSmtpKey, kEncryptedPassword};
-  if (path.starts_with("SMTP/")) return {kSmtpKey, path.substr(kSmtp.size() + 1)};
+  if (IsSmtpPath(path)) return {kSmtpKey, path.substr(kSmtp.size() + 1)};
   return {kEventServiceUri, path};
 }
 
@@ -206,8 +206,7 @@ void AppendServiceWrites(RedisPipeline& pipeline, const ServiceValues& values) {
     if (path == kSmtpPassword) pipeline.Append({"HSET", kSmtpKey, "Password", "null"});  // what clients see
   }
   // A resource that was loaded without the object gets it now.
-  const bool writesSmtp =
-      std::ranges::any_of(values, [](const auto& value) { return value.first.starts_with("SMTP/"); });
+  const bool writesSmtp = std::ranges::any_of(values, [](const auto& value) { return IsSmtpPath(value.first); });
   if (writesSmtp) pipeline.Append({"HSET", kEventServiceUri, kSmtp, "&&Object SMTP " + std::string(kSmtpKey)});
 }
 

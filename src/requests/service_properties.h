@@ -21,6 +21,8 @@ using ServiceValues = std::map<std::string, Json, std::less<>>;
 
 inline constexpr std::string_view kSmtpPassword = "SMTP/Password";
 
+inline bool IsSmtpPath(std::string_view path) { return path.starts_with("SMTP/"); }
+
 struct ServicePatchJudgement {
   ServiceValues accepted;
   std::vector<Message> messages;  // about the others, in the order of the body
