@@ -15,8 +15,7 @@ struct StoreLogField {
 };
 
 inline constexpr std::string_view kLogResource = " RESOURCE=";  // a key
-inline constexpr std::string_view kLogUri = " URI=";
-inline constexpr std::string_view kLogFields = " FIELDS=";  // a member's name
+inline constexpr std::string_view kLogFields = " FIELDS=";      // a member's name
 inline constexpr std::string_view kLogElement = ", ELEMENT=";
 inline constexpr std::string_view kLogResultCode = ", RESULT_CODE=";
 

@@ -12,7 +12,6 @@ namespace event_service {
 class CannedConnection {
  public:
   enum class Then {
-    kStayOpen,      // a client that reads on waits for ever
     kEnd,           // the connection ends after the replies; commands are still taken
     kRefuseWrites,  // nobody is there: not even a command can be sent
   };
