@@ -1,6 +1,7 @@
 /// What the tests of the EventService's requests share.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,53 +22,81 @@ using Lines = std::vector<std::string>;
 
 inline constexpr std::string_view kTestEventUri = "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent";
 
-/// Status, then each message with its arguments: "FAILURE Base.1.12.PropertyUnknown(A)".
+/// Status, then each message with its arguments: "FAILURE PropertyUnknown(A)". The Base registry's name is left out,
+/// "#" stands for the name of the action SubmitTestEvent.
 inline std::string Summary(const Answer& answer) {
+  constexpr std::string_view kBase = "Base.1.12.";
   std::string summary(answer.status);
   for (const Message& message : answer.messages) {
-    summary += " " + message.id + "(";
-    for (const std::string& argument : message.args) summary += (summary.ends_with('(') ? "" : ", ") + argument;
+    summary += " " + message.id.substr(message.id.starts_with(kBase) ? kBase.size() : 0) + "(";
+    for (const std::string& argument : message.args) {
+      summary += (summary.ends_with('(') ? "" : ", ") + (argument == "EventService.SubmitTestEvent" ? "#" : argument);
+    }
     summary += ")";
   }
   return summary;
 }
 
+/// An EventService as a start leaves it. The handlers work through `proxy_`, the tests around it.
 class EventServiceTest : public RedisTest {
  protected:
   void SetUp() override {
     RedisTest::SetUp();
     ForgetLifeCycleSetting();
-    settings_ = ServiceSettings();
-    HashWrite(redis(), kEventServiceUri, "ServiceEnabled", "true");
+    ASSERT_TRUE(WriteResource(redis(), kEventServiceUri, Json::parse(R"({
+        "ServiceEnabled": true, "DeliveryRetryAttempts": 3, "DeliveryRetryIntervalSeconds": 60, "Id": "EventService",
+        "@odata.etag": "\"1\"", "SMTP": {"Port": 25, "ServerAddress": "mail", "Username": null, "Password": null}})")));
+    HashWrite(redis(), kSmtpKey, "&&Password", "null");
     HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", "65535");
-    MaxEventGroupId(redis());  // start-up asks for it
+    MaxEventGroupId(redis());
+    RegisterScript("resourceChange", "return redis.call('RPUSH', 'raised', table.concat(KEYS, ' '))");
   }
-
-  /// Registers a script of one statement.
   void RegisterScript(std::string_view name, std::string_view text) {
     const RedisReply digest = SendArguments(redis(), {"SCRIPT", "LOAD", text});
-    ASSERT_TRUE(HashWrite(redis(), kScriptDigests, name, TextOf(digest)));
+    ASSERT_TRUE(HashWrite(redis(), kScriptDigests, name, TextOf(digest))) << name;
   }
 
   /// Keeps the request as the front end does and hands it to its handler.
-  Answer Handle(std::string_view method, std::string_view target, const Json& body,
-                redisContext* connection = nullptr) {
+  Answer Handle(std::string_view method, std::string_view target, const Json& body) {
     for (const std::string& key : KeyListing(redis(), "*req/*")) KeyDelete(redis(), key);
     EXPECT_TRUE(body.empty() || WriteResource(redis(), "req/RequestData", body));
-    HashWrite(redis(), "req", kRequestMethod, method);
-    HashWrite(redis(), "req", kTargetUri, target);
-    HashWrite(redis(), "req", kRequestData, "req/RequestData");
-    return HandleStored(connection == nullptr ? redis() : connection);
-  }
-  Answer HandleStored(redisContext* connection) {
-    Request request{connection, {"req", "resp"}, ReadRequestRecord(redis(), "req"), settings_, nullptr};
+    SendArguments(redis(),
+                  {"HSET", "req", kRequestMethod, method, kTargetUri, target, kRequestData, "req/RequestData"});
+    Request request{proxied_.get(), {"req", "resp"}, ReadRequestRecord(redis(), "req"), settings_, nullptr};
     for (const MethodRoute& route : kEventServiceRoutes.routes) {
-      if (route.method == request.record.method) return route.handle(request);
+      if (route.method == method) return route.handle(request);
     }
     return kEventServiceRoutes.otherMethod(request);
   }
+  Answer Patch(const std::string& body) { return Handle("PATCH", kEventServiceUri, Json::parse(body)); }
+  /// Submits a good event with the change merged in; null takes a member out.
+  Answer Submit(const std::string& change = "{}") {
+    Json body = {{"MessageId", "Base.1.12.Success"}};
+    body.merge_patch(Json::parse(change));
+    return Handle("POSTACTION", kTestEventUri, body);
+  }
 
+  std::string Stored(std::string_view field) { return HashRead(redis(), kEventServiceUri, field); }
+  std::string StoredSmtp(std::string_view field) { return HashRead(redis(), kSmtpKey, field); }
+  /// Every key of the event object that is stored, the object's own first.
+  Lines EventKeys() {
+    Lines keys = KeyListing(redis(), "&&/redfish/v1/EventService/Actions/*");
+    std::ranges::sort(keys, {}, &std::string::size);
+    return keys;
+  }
+  /// Everything but what storing the request itself leaves.
+  DatabaseDump State() {
+    DatabaseDump dump = Dump();
+    std::erase_if(dump, [](const auto& entry) {
+      return entry.first.find("req") != std::string::npos || entry.first == "Array-Member-Sequence-ID";
+    });
+    return dump;
+  }
+
+  TripCounter proxy_{Server().SocketPath()};
+  const RedisContext proxied_ = proxy_.Connect();
   ServiceSettings settings_;
+  const std::string& file_ = settings_.paths.persistentProperties;
   LogCapture log_;
 };
 

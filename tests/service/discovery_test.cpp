@@ -5,9 +5,6 @@
 #include <random>
 #include <regex>
 
-#include "tests/support/log_capture.h"
-#include "tests/support/redis_test.h"
-
 namespace event_service {
 namespace {
 
@@ -42,24 +39,6 @@ TEST(DiscoveryPatterns, AreMatchedAsTheRegularExpressionsWould) {
     }
     EXPECT_GT(matching, 200);
   }
-}
-
-class MessageIds : public RedisTest {};
-
-TEST_F(MessageIds, DropTheThirdPartOfTheVersionAndStayUnsetWithoutMessages) {
-  const LogCapture log;
-  AllowedValuesTable allowed;
-  InitMessageIds(SendArguments(redis(), {"KEYS", kMessageKeys}).get(), allowed);
-  InitMessageIds(nullptr, allowed);
-  EXPECT_TRUE(allowed.empty());
-  EXPECT_EQ(log.Errors(), std::vector<std::string>(2, "Cannot find any defined MessageId."));
-
-  for (const char* key : {"ResourceEvent.1.0.3.json/Messages/Added", "ResourceEvent.1.0.2.json/Messages/Added",
-                          "Base.1.12.json/Messages/Success", "Base.1.12.json/Messages/Success/ParamTypes"}) {
-    SendCommand(redis(), "SET &&/redfish/v1/schemas/registries/%s x", key);
-  }
-  InitMessageIds(SendArguments(redis(), {"KEYS", kMessageKeys}).get(), allowed);
-  EXPECT_EQ(allowed["MessageIds"], (std::vector<std::string>{"\"Base.1.12.Success\"", "\"ResourceEvent.1.0.Added\""}));
 }
 
 }  // namespace

@@ -1,18 +1,20 @@
 /// A sandbox in which the daemon can start: what the platform has put into Redis and onto the disk before.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <nlohmann/json.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "resource_store/resource_writer.h"
 #include "service/redis_keys.h"
-#include "service/settings.h"
-#include "tests/support/log_capture.h"
+#include "service/start_up.h"
 #include "tests/support/redis_test.h"
+#include "tests/support/trip_counter.h"
 
 namespace event_service {
 
@@ -20,8 +22,6 @@ class StartUpSandbox : public RedisTest {
  protected:
   using Texts = std::vector<std::string>;
   static constexpr const char* kCollection = "/redfish/v1/EventService/Subscriptions";
-  static constexpr const char* kSchemas = "&&/redfish/v1/JsonSchemas/Members";
-  static constexpr const char* kMembers = "&&/redfish/v1/EventService/Subscriptions/Members";
 
   void SetUp() override {
     RedisTest::SetUp();
@@ -29,55 +29,67 @@ class StartUpSandbox : public RedisTest {
     WriteFile(paths.defaultDatabaseFile, R"({"Members": [], "@odata.etag": ""})");
     WriteFile(paths.startUpMapScript, "return redis.call('INCR', 'map script runs')");
     WriteFile(paths.resourceLoader, "#!/bin/sh\n");
+    WriteFile(paths.passwordFile, "random\n");
     ASSERT_EQ(chmod(paths.resourceLoader.c_str(), 0700), 0);
-    for (const char* schema :
-         {"Task.v1_5_1", "Event.v1_7_0", "Event.v1_6_0", "odata-v4", "redfish-error.v1_0_1", "Odata"}) {
-      ListAppend(redis(), kSchemas, "/redfish/v1/JsonSchemas/" + std::string(schema));
+    for (const char* schema : {"/Task.v1_5_1", "/Event.v1_7_0", "/Event.v1_6_0", "/odata-v4", "no segment"}) {
+      ListAppend(redis(), "&&/redfish/v1/JsonSchemas/Members", schema);
     }
-    ListAppend(redis(), kSchemas, "no segment");
-    for (const char* registry : {"Base.1.2.0.json", "Base.1.8.0.JSON"}) {
-      const std::string file = "/redfish/v1/schemas/registries/" + std::string(registry);
-      HashWriteQuoted(redis(), file, "RegistryPrefix", "Base");
-      HashWrite(redis(), "&&" + file + "/Messages/Success", "Severity", "\"OK\"");
+    for (const std::string registry : {"Base.1.2.0.json", "Base.1.8.0.JSON"}) {
+      AddRegistry(registry, "\"Base\"");
+      HashWrite(redis(), "&&/redfish/v1/schemas/registries/" + registry + "/Messages/Success", "Severity", "\"OK\"");
     }
     HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", "99");
     SendCommand(redis(), "SADD &&AccessBlockList EventService Other");
   }
-
-  static void Configure(const std::string& lines) { WriteFile(ProcessPaths().configuration, lines); }
-
-  static std::string UriOf(const std::string& id) { return std::string(kCollection) + "/" + id; }
-
-  /// A stored subscription as a creation leaves it, but for the entry in the collection.
-  void StoreMember(const std::string& id, const std::string& protocol, const std::string& type) {
-    const std::string uri = UriOf(id);
-    const HashBatch member = {{uri,
-                               {{"@odata.id", "\"" + uri + "\""},
-                                {"Id", "\"" + id + "\""},
-                                {"Protocol", "\"" + protocol + "\""},
-                                {"SubscriptionType", "\"" + type + "\""},
-                                {"Destination", "\"https://collector/" + id + "\""},
-                                {"Status", "&&Object Status &&" + uri + "/Status"},
-                                {"&&Privileges", "ConfigureManager"},
-                                {"&&PATCHValidation", "v_EventDestination.json"}}},
-                              {"&&" + uri + "/Status", {{"State", "\"Enabled\""}}}};
-    ASSERT_TRUE(HashBatchWrite(redis(), member));
-  }
-  void ListMember(const std::string& id) { ASSERT_TRUE(ListAppend(redis(), kMembers, "&&ObjectRef &&" + UriOf(id))); }
-
-  /// The database file, decrypted as an operator would do it.
-  static nlohmann::json DecryptedFile() {
-    const FilePaths& paths = ProcessPaths();
-    const std::string plain = Sandbox().Root() + "/decrypted.json";
-    const std::string command = paths.openssl + " enc -d -aes-256-cbc -in " + paths.databaseFile + " -out " + plain +
-                                " -k $(head -n 1 " + paths.passwordFile + ") 2>/dev/null";
-    EXPECT_EQ(std::system(command.c_str()), 0);
-    return nlohmann::json::parse(ReadFile(plain), nullptr, false);
+  void AddRegistry(const std::string& file, const char* prefix) {
+    HashWrite(redis(), "/redfish/v1/schemas/registries/" + file, "RegistryPrefix", prefix);
   }
 
+  /// Runs one start; the messages of its error lines are then in `errors_`, the stand-ins' names in `calls`.
+  int Start(const std::string& configuration = "") {
+    const std::string log = Sandbox().Root() + "/var/daemon.log";
+    WriteFile(log, "");
+    WriteFile(ProcessPaths().configuration, "LOG_FILE=" + log + "\n" + configuration);
+    calls.clear();
+    settings_ = ServiceSettings();
+    state_ = SubscriptionsState();
+    const int status = RunStartUp(steps_, settings_, state_);
+    errors_.clear();
+    std::istringstream lines(ReadFile(log));
+    for (std::string line; std::getline(lines, line);) {
+      if (const size_t at = line.find("[Error]: "); at != std::string::npos) errors_ += line.substr(at + 9) + '\n';
+    }
+    return status;
+  }
+
+  // What the stand-ins do: the first step throws, and threads can be created for this many listeners.
+  inline static std::exception_ptr thrown;
+  inline static size_t listeners = 2;
+  inline static std::string calls;
+  static bool Restore(redisContext*, const ServiceSettings&) {
+    if (thrown) std::rethrow_exception(thrown);
+    calls += "restore, ";
+    return false;  // which is no failure of start-up
+  }
+  static void* Listen(void*) {
+    calls += "listen, ";
+    return nullptr;
+  }
+  static void Generate(redisContext* redis, const ServiceSettings&) {
+    const RedisReply blocked = SendCommand(redis, "SISMEMBER &&AccessBlockList EventService");
+    calls += blocked->integer == 0 ? "generate unblocked" : "generate blocked";
+  }
+  /// A listener's work is done before its thread starts.
+  static int CreateThread(pthread_t* thread, const pthread_attr_t*, void* (*entry)(void*), void* argument) {
+    if (std::ranges::count(calls, ',') > static_cast<long>(listeners)) return EAGAIN;
+    return pthread_create(
+        thread, nullptr, [](void* result) { return result; }, entry(argument));
+  }
+
+  const StartUpSteps steps_{Restore, Listen, Listen, Generate, CreateThread};
   ServiceSettings settings_;
   SubscriptionsState state_;
-  LogCapture log_;
+  std::string errors_;
 };
 
 }  // namespace event_service

@@ -1,187 +1,143 @@
 #include "service/start_up.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <regex>
-#include <sstream>
+#include <limits>
+#include <new>
 #include <stdexcept>
 #include <typeinfo>
 
+#include "service/event_group_id.h"
+#include "service/event_service_init.h"
 #include "tests/service/start_up_sandbox.h"
-#include "tests/support/trip_counter.h"
+#include "tests/support/canned_replies.h"
 
 namespace event_service {
 namespace {
 
-// What the stand-ins were called for, in order; a test's threads have ended before it looks.
-std::string calls;
-std::atomic<int> listenersStarted;
+class StartUpTest : public StartUpSandbox {};
 
-bool RestoreProperties(redisContext*, const ServiceSettings& settings) {
-  calls += settings.protocolOnly ? "restore for Redfish only, " : "restore, ";
-  return false;  // which is no failure of start-up
-}
-bool ThrowLogicError(redisContext*, const ServiceSettings&) { throw std::out_of_range("stoi"); }
-bool ThrowRegexError(redisContext*, const ServiceSettings&) {
-  throw std::regex_error(std::regex_constants::error_paren);
-}
-bool ThrowBadCast(redisContext*, const ServiceSettings&) { throw std::bad_cast(); }
-void* Listen(void* argument) {
-  if (argument == nullptr) ++listenersStarted;
-  return nullptr;
-}
-void CreateDestinations(redisContext* redis, const ServiceSettings&) {
-  const RedisReply blocked = SendCommand(redis, "SISMEMBER &&AccessBlockList EventService");
-  calls += IsInteger(blocked) && blocked->integer == 0 ? "generate unblocked" : "generate blocked";
-}
-int CreateNoThread(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; }
-int CreateOneThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument) {
-  if (listenersStarted > 0) return EAGAIN;
-  const int result = pthread_create(thread, attributes, entry, argument);
-  pthread_join(*thread, nullptr);
-  return result;
-}
-
-class StartUpTest : public StartUpSandbox {
- protected:
-  /// Runs one start; the messages of its error lines are then in `errors_`.
-  int Run(const std::string& configuration = "") {
-    const std::string log = Sandbox().Root() + "/var/daemon.log";
-    WriteFile(log, "");
-    Configure("LOG_FILE=" + log + "\n" + configuration);
-    calls.clear();
-    errors_.clear();
-    listenersStarted = 0;
-    settings_ = ServiceSettings();
-    state_ = SubscriptionsState();
-    const int status = RunStartUp(steps_, settings_, state_);
-    std::istringstream lines(ReadFile(log));
-    for (std::string line; std::getline(lines, line);) {
-      if (const size_t at = line.find("[Error]: "); at != std::string::npos) errors_ += line.substr(at + 9) + '\n';
-    }
-    return status;
-  }
-
-  StartUpSteps steps_{RestoreProperties, Listen, Listen, CreateDestinations};
-  std::string errors_;
-};
-
-TEST_F(StartUpTest, AStartRunsItsStepsAndEndsWithItsListeners) {
+TEST_F(StartUpTest, AStartFillsSettingsStateAndQueues) {
   TripCounter proxy(Server().SocketPath());
   SetProcessPaths(Sandbox().PathsThrough(proxy.SocketPath()));
+  HashWrite(redis(), kEventServiceUri, "SubordinateResourcesSupported", "true");
+  HashWrite(redis(), kEventServiceUri, "IncludeOriginOfConditionSupported", "True");
+  for (const char* name : {"known.pem", "unknown.pem"}) WriteFile(ProcessPaths().syslogCertificates + name, "");
+  WriteFile(ProcessPaths().systemCertificates + "known.pem", "");
+  AddRegistry("A.1.0.0.jSoN", "Bare");
+  AddRegistry("NotJson.xml", "\"NotJson\"");
+  for (int i = 10; i < 42; ++i) AddRegistry(std::to_string(i) + ".json", ("\"P" + std::to_string(i) + '"').c_str());
+  for (const char* queue : {"EventService/POSTACTIONQ", "EventDestination/PATCHQ"}) {
+    SendCommand(redis(), "RPUSH &&/redfish/v1/%s %s waiting", queue, kSubscriptionsChannel.data());
+  }
   for (const size_t trips : {13U, 9U}) {
     proxy.Reset();
     SendCommand(redis(), "SADD &&AccessBlockList EventService");
-    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(Start(), 0);
+    EXPECT_EQ(errors_, "");
+    EXPECT_EQ(calls, "restore, listen, listen, generate unblocked");
     EXPECT_EQ(proxy.trips(), trips) << "the last is the stand-in's";
-    EXPECT_EQ(calls, "restore, generate unblocked");
-    EXPECT_EQ(listenersStarted, 2);
+    EXPECT_TRUE(settings_.subordinateResourcesSupported);
+    EXPECT_FALSE(settings_.includeOriginOfConditionSupported) << "only exactly \"true\" counts";
+    EXPECT_EQ(settings_.syslogCertificateNames, Texts{"known.pem"});
+    EXPECT_EQ(settings_.allowedValues.at("ResourceTypes"), (Texts{"\"Event\"", "\"Task\""}));
+    EXPECT_EQ(settings_.allowedValues.at("RegistryPrefixes").size(), 34U);
+    EXPECT_EQ(settings_.allowedValues.at("MessageIds"), (Texts{"\"Base.1.2.Success\"", "\"Base.1.8.Success\""}));
+    EXPECT_EQ(state_.registryPrefixBits.at("Base"), 1);
+    EXPECT_EQ(state_.registryPrefixBits.at("P39"), 1 << 30);
+    EXPECT_EQ(state_.registryPrefixBits.at("P40"), std::numeric_limits<int32_t>::max());
+    EXPECT_EQ(state_.registryPrefixBits.at("Bare"), std::numeric_limits<int32_t>::max());
+    DatabaseDump dump = Dump();
+    EXPECT_EQ(dump["&&/redfish/v1/EventService/PATCHQ"], "[&&/redfish/v1/EventService/CHANNEL]");
+    EXPECT_EQ(dump["&&/redfish/v1/EventService/POSTACTIONQ"], "[" + std::string(kSubscriptionsChannel) + ", waiting]");
+    EXPECT_EQ(dump["&&/redfish/v1/EventDestination/PATCHQ"], "[waiting, " + std::string(kSubscriptionsChannel) + "]");
+    EXPECT_EQ(dump["&&/redfish/v1/EventService/SMTP"], "{&&Password=null}");
+    EXPECT_EQ(HashRead(redis(), kEventServiceUri, "&&SensitiveData"), "SMTP/Password");
+    EXPECT_EQ(dump["map script runs"], trips == 13 ? "1" : "2");
+    ListAppend(redis(), "&&/redfish/v1/JsonSchemas/Members", "/New");
+    AddRegistry("New.json", "\"New\"");
   }
-  EXPECT_EQ(errors_, "");
-  EXPECT_EQ(Dump()["&&AccessBlockList"], "(Other)");
-  EXPECT_FALSE(FileExists(ProcessPaths().plainDatabaseFile));
+  CannedConnection gone("");
+  EXPECT_EQ(MaxEventGroupId(gone.redis()), 99) << "known from the start, without a round trip";
 }
 
-TEST_F(StartUpTest, OnlyExactlyTrueServesRedfishOnly) {
-  for (const std::string value : {"true", "True", "1", "yes"}) {
-    EXPECT_EQ(Run("SupportRedfishProtocolOnly=" + value + "\n"), 0) << value;
-    EXPECT_EQ(calls.starts_with("restore for Redfish only"), value == "true") << value;
+TEST_F(StartUpTest, TheConfigurationIsTakenWhereItMakesSense) {
+  const struct {
+    const char *configuration, *settings;
+  } cases[] = {
+      {"", "all ''  TerminateAfterRetries 100 prefixes"},
+      {"SSLSoftware=openssl\nSSLOption=-tls1_2\nDefaultRetryPolicy=RetryForever\nMaxCountOfEventSubscriptions=200\n",
+       "all 'openssl' '-tls1_2' RetryForever 200 prefixes"},
+      {"SupportRedfishProtocolOnly=True\nEnableFilterRegistryPrefixes=False\nMaxCountOfEventSubscriptions=201\n",
+       "all ''  TerminateAfterRetries 100 prefixes"},
+      {"SupportRedfishProtocolOnly=true\nEnableFilterRegistryPrefixes=false\nMaxCountOfEventSubscriptions=1\n",
+       "only ''  TerminateAfterRetries 1 "},
+      {"DefaultRetryPolicy=retryforever\nMaxCountOfEventSubscriptions=050\n",
+       "all ''  TerminateAfterRetries 100 prefixes"},
+      {"DefaultRetryPolicy=\"RetryForever\"\nMaxCountOfEventSubscriptions=12x\n", "all ''  RetryForever 100 prefixes"},
+  };
+  for (const auto& row : cases) {
+    SetUp();
+    EXPECT_EQ(Start(row.configuration), 0) << row.configuration;
+    EXPECT_EQ((settings_.protocolOnly ? "only " : "all ") + settings_.sslSoftwareArg + " " + settings_.sslOptionArg +
+                  " " + settings_.defaultRetryPolicy + " " + std::to_string(settings_.maxSubscriptionCount) + " " +
+                  (SupportsRegistryPrefixes(settings_) ? "prefixes" : ""),
+              row.settings)
+        << row.configuration;
+    EXPECT_EQ(KeyExists(redis(), kSmtpKey), !settings_.protocolOnly);
+    EXPECT_EQ(KeyExists(redis(), kRegistryPrefixesKey), SupportsRegistryPrefixes(settings_));
   }
-}
-
-TEST_F(StartUpTest, AnExistingDatabaseFileIsNotReplaced) {
-  ASSERT_EQ(Run(), 0);
-  WriteFile(ProcessPaths().defaultDatabaseFile, R"({"Members": [{"@odata.id": "/x"}]})");
-  EXPECT_EQ(Run(), 0);
-  EXPECT_EQ(DecryptedFile()["Members"].size(), 0U);
-}
-
-TEST_F(StartUpTest, WithoutDatabaseAndDefaultDataItEndsBeforeRedisIsAsked) {
-  Server().Kill();
-  EXPECT_EQ(Run(), -1);
-  EXPECT_EQ(errors_, "Failed to connect to Redis.\n");
-  RemoveFile(ProcessPaths().defaultDatabaseFile);
-  EXPECT_EQ(Run(), -1);
-  EXPECT_EQ(errors_, "Failed to initialize db file by copying static data file.\n");
 }
 
 TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
-  const std::string lists = "Failed to init ResourceTypes and RegistryPrefixes.\n";
-  const std::string chain = "Failed to load subscription db file.\n";
-  const std::string channel = "Failed to add channel of event destination to CRUD queue.\n";
   const struct {
-    const char* failing;
-    std::string errors;
-    const char *last, *notReached;  // parts of commands
+    std::string failing, error;
   } cases[] = {
-      {"LLEN &&/redfish/v1/EventService/POSTACTIONQ",
-       "Failed to get &&/redfish/v1/EventService/POSTACTIONQ queue length.\n", "EventService/PATCHQ &&", "HSET"},
-      {"RPUSH &&/redfish/v1/EventService/PATCHQ", "Failed to push queue.\n", "RPUSH", "HSET"},
-      {"HSET &&/redfish/v1/EventService/SMTP", "Failed to set SMTP/Password default setting.\n", "HSET",
-       "RPUSH &&/redfish/v1/EventService/R"},
-      {"LRANGE &&/redfish/v1/JsonSchemas/Members", "Cannot get the list of schema.\n" + lists, "LRANGE", "HGET"},
-      {"KEYS /redfish/v1/schemas", "Cannot find any defined RegistryPrefix.\n" + lists, "ResourceTypes", "HMGET"},
-      {"LRANGE &&/redfish/v1/EventService/Subscriptions/Members", chain, "LRANGE", "HMGET"},
-      {"&&CRUDprefix &&", chain, "HMGET", "Members@odata.count"},
-      {"LLEN &&/redfish/v1/EventService/Subscriptions/Members", chain, "LLEN", "Members@odata.count"},
-      {"HSET /redfish/v1/EventService/Subscriptions Members@odata.count", chain, "Members@odata.count", "EVAL"},
-      {"LLEN &&/redfish/v1/EventDestination/GETQ", "Failed to get &&/redfish/v1/EventDestination/GETQ queue length.\n",
-       "EventDestination/DELETEQ &&", "GETQ 0"},
-      {"RPUSH &&/redfish/v1/EventDestination/GETQ", channel, "LREM", "SREM"},
-      {"LREM &&/redfish/v1/EventDestination/DELETEQ", channel, "RPUSH", "SREM"},
+      {"LLEN &&/redfish/v1/EventService/PATCHQ", "Failed to get &&/redfish/v1/EventService/PATCHQ queue length.\n"},
+      {"RPUSH &&/redfish/v1/EventService/PATCHQ", "Failed to push queue.\n"},
+      {"HSET &&/redfish/v1/EventService/SMTP", "Failed to set SMTP/Password default setting.\n"},
+      {"LRANGE &&/redfish/v1/JsonSchemas/Members", "Cannot get the list of schema.\nFailed to init ResourceTypes and"},
+      {"KEYS /redfish/v1/schemas", "Cannot find any defined RegistryPrefix.\nFailed to init ResourceTypes and"},
+      {"LRANGE &&/redfish/v1/EventService/Subscriptions/Members", "Failed to load subscription db file.\n"},
+      {"LLEN &&/redfish/v1/EventService/Subscriptions/Members", "Failed to load subscription db file.\n"},
+      {"HSET /redfish/v1/EventService/Subscriptions Members@", "Failed to load subscription db file.\n"},
+      {"LLEN &&/redfish/v1/EventDestination/GETQ", "Failed to get &&/redfish/v1/EventDestination/GETQ queue length.\n"},
+      {"RPUSH &&/redfish/v1/EventDestination/GETQ", "Failed to add channel of event destination to CRUD queue.\n"},
   };
   TripCounter proxy(Server().SocketPath());
   for (const auto& row : cases) {
-    StartUpSandbox::SetUp();
+    SetUp();
     SetProcessPaths(Sandbox().PathsThrough(proxy.SocketPath()));
-    StoreMember("A", "Redfish", "RedfishEvent");
-    ListMember("A");
     proxy.Reset();
     proxy.FailCommandsWith(row.failing);
-    EXPECT_EQ(Run(), -1) << row.failing;
-    EXPECT_TRUE(errors_.ends_with(row.errors + "Failed to initialize Event Service.\n")) << errors_;
+    EXPECT_EQ(Start(), -1) << row.failing;
+    EXPECT_TRUE(errors_.starts_with(row.error) && errors_.ends_with("Failed to initialize Event Service.\n"))
+        << errors_;
     EXPECT_EQ(calls, "") << row.failing;
-    std::string commands;
-    for (const std::string& command : proxy.CommandTexts()) commands += command + '\n';
-    EXPECT_NE(commands.find(row.last), std::string::npos) << row.failing;
-    EXPECT_EQ(commands.find(row.notReached), std::string::npos) << row.failing;
+    EXPECT_EQ(KeyExists(redis(), "map script runs"), row.failing.find("EventDestination") != std::string::npos);
   }
 }
 
 TEST_F(StartUpTest, ExceptionsAndMissingThreadsEndItWithTheirLine) {
   const struct {
-    decltype(StartUpSteps::restorePersistentProperties) restore;
-    decltype(StartUpSteps::createThread) createThread;
+    std::exception_ptr thrown;
+    size_t listeners;
     const char *errors, *calls;
   } cases[] = {
-      {ThrowLogicError, pthread_create, "Error stoi occurs while initializing data.\n", ""},
-      {ThrowRegexError, pthread_create,
-       "Error Mismatched '(' and ')' in regular expression occurs while initializing data.\n", ""},
-      {ThrowBadCast, pthread_create, "Error occurs while initialize data: std::bad_cast\n", ""},
-      {RestoreProperties, CreateNoThread, "Failed to create thread for subscribing PATCH channel.\n", "restore, "},
-      {RestoreProperties, CreateOneThread, "Create thread for subscribe failed.\n", "restore, "},
+      {std::make_exception_ptr(std::out_of_range("stoi")), 2, "Error stoi occurs while initializing data.\n", ""},
+      {std::make_exception_ptr(std::bad_cast()), 2, "Error occurs while initialize data: std::bad_cast\n", ""},
+      {nullptr, 0, "Failed to create thread for subscribing PATCH channel.\n", "restore, "},
+      {nullptr, 1, "Create thread for subscribe failed.\n", "restore, listen, "},
   };
-  ASSERT_EQ(Run(), 0);
   for (const auto& row : cases) {
-    steps_ = {row.restore, Listen, Listen, CreateDestinations, row.createThread};
-    EXPECT_EQ(Run(), -1) << row.errors;
+    thrown = row.thrown;
+    listeners = row.listeners;
+    EXPECT_EQ(Start(), -1) << row.errors;
     EXPECT_EQ(errors_, row.errors);
     EXPECT_EQ(calls, row.calls) << row.errors;
   }
-  steps_.restorePersistentProperties = [](redisContext*, const ServiceSettings&) -> bool {
-    throw std::runtime_error("any other");
-  };
-  EXPECT_THROW(Run(), std::runtime_error) << "no exception but these is caught";
-}
-
-TEST_F(StartUpTest, ABlockListThatCannotBeChangedIsLoggedAndTheServiceRuns) {
-  ASSERT_EQ(Run(), 0);
-  SendCommand(redis(), "SET &&AccessBlockList no-set");
-  EXPECT_EQ(Run(), 0);
-  EXPECT_EQ(errors_, "EventService is ready, but fail to remove it from the block list.\n");
-  EXPECT_EQ(listenersStarted, 2);
+  thrown = std::make_exception_ptr(std::bad_alloc());
+  EXPECT_THROW(Start(), std::bad_alloc) << "no exception but these is caught";
+  thrown = nullptr;
+  listeners = 2;
 }
 
 }  // namespace
