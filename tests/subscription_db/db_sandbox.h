@@ -3,56 +3,156 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "subscription_db/subscription_db.h"
 
-#include "tests/subscription_db/db_documents.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox_root.h"
 
 namespace event_service {
 
-/// Empties the folder of the files and lays out those that the words name, in their order. The first letter is the
-/// file: the (D)atabase file, the (P)lain file, the (L)egacy file's second name, the password file (K). Then:
-/// "D=AB" encrypted with members A and B, "D!" encrypted without being a document, "D:AB" as plain JSON, "L>P" another
-/// name of P, "D/" cut short, "D0" emptied, "K-" removed, "K+" generated.
-void LayOutFiles(const FilePaths& paths, const std::string& words);
+inline const std::string kUris = "/redfish/v1/EventService/Subscriptions/";
+inline const std::string kEtagText = R"("\"ABC\"")";
+inline const std::string kPrivileges = "Login";
+
+/// A subscription; a small letter is the Id of its capital with another Context.
+inline Json MemberOf(char id) {
+  const std::string name(1, static_cast<char>(std::toupper(id)));
+  return {{"@odata.id", kUris + name},
+          {"Id", name},
+          {"Context", std::islower(id) != 0 ? "changed" : "here"},
+          {"&&Privileges", kPrivileges},
+          {"SNMP", {{"AuthenticationKey", "AB12"}, {"AuthenticationKeySet", true}, {"TrapCommunity", "CD34"}}},
+          {"HttpHeaders", {{{"X-Token", "abc"}}}}};
+}
+
+/// A whole document with these members.
+inline Json DocumentOf(std::string_view ids, const std::string& etag = "\"0\"") {
+  Json document = {{"@odata.etag", etag}, {"Name", "Subscriptions"}, {"Members", Json::array()}};
+  for (const char id : ids) document["Members"].push_back(MemberOf(id));
+  return document;
+}
 
 /// Stores a text as an earlier run would have left it: encrypted, with a password file.
-void StoreText(const FilePaths& paths, const std::string& plainText);
+inline void StoreText(const FilePaths& paths, const std::string& plainText) {
+  SubscriptionDb db({.paths = paths});
+  WriteFile(paths.plainDatabaseFile, plainText);
+  ASSERT_TRUE(db.EnsureDbPassword() && db.EncodeDbFile());
+}
+
+/// Empties the folder of the files and lays out those that the words name, in their order. The first letter is the
+/// file: the (D)atabase file, the (P)lain file, the password file (K), the (L)egacy file's second name, an older file
+/// that was kept (A)side. Then: "D=AB" encrypted with members A and B, "D!" encrypted without being a document, "D:AB"
+/// as plain JSON, "D/" cut short, "D-" removed.
+inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
+  const std::map<char, std::string> files = {{'D', paths.databaseFile},
+                                             {'P', paths.plainDatabaseFile},
+                                             {'K', paths.passwordFile},
+                                             {'L', paths.databaseFile + ".legacy"},
+                                             {'A', paths.databaseFile + ".unreadable"}};
+  const std::filesystem::path folder = std::filesystem::path(paths.databaseFile).parent_path();
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  std::istringstream text(words);
+  for (std::string word; text >> word;) {
+    const std::string& path = files.at(word[0]);
+    const std::string document = DocumentOf(word.substr(2)).dump();
+    if (word[1] == '=' || word[1] == '!') StoreText(paths, word[1] == '=' ? document : "cut {");
+    if (word[1] == ':' || word[1] == '/') WriteFile(path, word[1] == ':' ? document : ReadFile(path).substr(0, 40));
+    if (word[1] == '-') RemoveFile(path);
+    if (word[0] == 'A') std::filesystem::permissions(path, std::filesystem::perms(0600));
+  }
+}
+
+/// What start-up does with the files, in its order.
+inline bool StartDb(SubscriptionDb& db, const FilePaths& paths) {
+  db.PutBackLegacyFile();
+  const bool isThere = FileExists(paths.databaseFile);
+  if (!isThere && RunShell("cp " + paths.defaultDatabaseFile + " " + paths.plainDatabaseFile) != 0) return false;
+  return db.InitSubscriptionDb();
+}
+
+/// The text with the files' letters for their paths, and "N" for the numbers of descriptors and of older files.
+inline std::string InShort(const FilePaths& paths, std::string text) {
+  const std::pair<std::string, const char*> names[] = {{paths.databaseFile, "D"}, {paths.plainDatabaseFile, "P"},
+                                                       {paths.passwordFile, "K"}, {"/[^ ]*/var/nginx", "FOLDER"},
+                                                       {"fd:[0-9]+", "fd:N"},     {"unreadable[0-9]+", "unreadableN"}};
+  for (const auto& [pattern, name] : names) text = std::regex_replace(text, std::regex(pattern), name);
+  return text;
+}
 
 class DbSandboxTest : public testing::Test {
  protected:
-  DbSandboxTest();
+  DbSandboxTest() {
+    WriteFile(Paths().defaultDatabaseFile, DocumentOf("").dump());
+    // Stands for the platform's loader: it takes what is a collection.
+    WriteFile(Paths().resourceLoader, "#!/bin/sh\nexec grep -q '^{.*\"Members\".*}$' \"$2\"\n");
+    std::filesystem::permissions(Paths().resourceLoader, std::filesystem::perms::owner_all);
+  }
 
-  /// A new process's view of the files; shell commands go through Run.
-  SubscriptionDb NewDb();
+  /// A new process's view of the files.
+  SubscriptionDb NewDb() {
+    return SubscriptionDb(
+        {.paths = Paths(),
+         .runShell =
+             [this](const std::string& command) { return ++commands_, fails_(command) ? -1 : RunShell(command); },
+         .sleep = [this](std::chrono::microseconds time) { waits_.push_back(time); }});
+  }
   /// LayOutFiles, and forgets what was logged and run.
-  void LayOut(const std::string& words);
+  void LayOut(const std::string& words) {
+    LayOutFiles(Paths(), words);
+    log_.Clear();
+    commands_ = 0;
+    waits_.clear();
+  }
   /// The database file, decrypted by the documented command line; discarded when that fails.
-  Json Stored() const;
-  /// The Ids of the stored members, in order.
-  std::string StoredIds() const;
-
+  Json Stored() const {
+    const std::string output = sandbox_.Root() + "/stored";
+    RunShell("openssl enc -d -aes-256-cbc -in " + Paths().databaseFile + " -k \"$(head -n 1 " + Paths().passwordFile +
+             ")\" 2>/dev/null >" + output);
+    return Json::parse(ReadFile(output), nullptr, false);
+  }
+  /// The files' short names, with "!" where others may read them, and what they hold.
+  std::map<std::string, std::string> Files() const {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(sandbox_.Root() + "/var/nginx")) {
+      const bool isPrivate = (entry.status().permissions() & std::filesystem::perms(077)) == std::filesystem::perms();
+      files[InShort(Paths(), entry.path()) + (isPrivate ? "" : "!")] = ReadFile(entry.path());
+    }
+    return files;
+  }
+  /// The names alone, such as "D K P.unreadable ".
+  std::string FileNames() const {
+    std::string names;
+    for (const auto& [name, content] : Files()) names += name + ' ';
+    return names;
+  }
+  /// The error lines, in short, each with its line end.
+  std::string Errors() const {
+    std::string all;
+    for (const std::string& line : log_.Errors()) all += line + '\n';
+    return InShort(Paths(), all);
+  }
   const FilePaths& Paths() const { return sandbox_.Paths(); }
-  static unsigned ModeOf(const std::string& path);
-  /// Takes the sandbox's name out of a text, and the number out of "fd:7".
-  std::string Neutral(std::string text) const;
-  std::vector<std::string> FileNames() const;
 
   SandboxRoot sandbox_;
   LogCapture log_;
-  std::vector<std::string> commands_;  // run so far, neutral
+  size_t commands_ = 0;  // run so far
   std::vector<std::chrono::microseconds> waits_;
-  /// Called before each command; what it returns instead of nothing is the command's status.
-  std::function<std::optional<int>(const std::string& command)> beforeCommand_;
-
- private:
-  int Run(const std::string& command);
+  /// True when a command, which is not run then, is to fail.
+  std::function<bool(const std::string& command)> fails_ = [](const std::string&) { return false; };
 };
 
 }  // namespace event_service

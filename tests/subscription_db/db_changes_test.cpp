@@ -1,0 +1,148 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "tests/subscription_db/db_sandbox.h"
+
+namespace event_service {
+namespace {
+
+using Change = std::function<bool(SubscriptionDb&)>;
+
+class DbChangesTest : public DbSandboxTest {};
+
+/// The descriptors that a child of this process would be given, without the standard streams.
+std::set<int> Inheritable() {
+  std::set<int> result;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int descriptor = std::stoi(entry.path().filename());
+    if (descriptor > 2 && fcntl(descriptor, F_GETFD) == 0) result.insert(descriptor);
+  }
+  return result;
+}
+
+TEST_F(DbChangesTest, OnlyTheCipherToolIsGivenThePassPhraseAndEveryFileIsPrivate) {
+  LayOut("D=A");
+  const mode_t umaskBefore = umask(022);
+  const std::set<int> givenToThisProcess = Inheritable();
+  fails_ = [&](const std::string& command) {
+    EXPECT_EQ(FileNames(), "D K P ") << command;
+    std::set<int> expected = givenToThisProcess;
+    std::smatch pipe;
+    if (std::regex_search(command, pipe, std::regex("enc .* -pass fd:([0-9]+) "))) expected.insert(std::stoi(pipe[1]));
+    EXPECT_EQ(Inheritable(), expected) << command;
+    EXPECT_EQ(command.find(ReadFile(Paths().passwordFile)), std::string::npos);
+    return false;
+  };
+  EXPECT_TRUE(NewDb().RefreshDbEtag(kEtagText));
+  umask(umaskBefore);
+  EXPECT_EQ(FileNames(), "D K ");
+  EXPECT_EQ(Inheritable(), givenToThisProcess);
+}
+
+TEST_F(DbChangesTest, AChangeRunsFourCommandsAndTouchesWhatItNamesOnlyOrNothing) {
+  const auto insert = [](const std::string& text) -> Change {
+    return [text](SubscriptionDb& db) { return db.InsertDbSubscription("B", text, kPrivileges, kEtagText); };
+  };
+  const auto remove = [](const char* id) -> Change {
+    return [id](SubscriptionDb& db) { return db.DeleteDbSubscription(kUris + id, kEtagText); };
+  };
+  const Change refresh = [](SubscriptionDb& db) { return db.RefreshDbEtag(kEtagText); };
+  const Change update = [](SubscriptionDb& db) { return db.UpdateDbSubscription(kUris + "C", Json::object(), {}, ""); };
+  const Change writeBack = [](SubscriptionDb& db) {
+    Json outside = MemberOf('C');
+    outside["@odata.id"] = kUris + "C/D";
+    return !db.WriteBackDbSubscriptions(std::vector{MemberOf('D'), outside, MemberOf('a'), MemberOf(' ')}, kEtagText);
+  };
+  Json memberB = MemberOf('B');
+  memberB.erase("&&Privileges");
+  const std::string inUse = DocumentOf("A").dump();
+  const struct {
+    std::string before;
+    Change change;
+    const char* after;  // null: refused
+    std::string refusal = "";
+  } cases[] = {
+      {DocumentOf("A").dump(), insert(memberB.dump()), "AB"},
+      {DocumentOf("AB").dump(), insert(MemberOf('a').dump()), "Ba"},
+      {DocumentOf("ABB").dump(), remove("B"), "AB"},
+      {inUse, remove("C"), "A"},
+      {inUse, refresh, "A"},
+      {DocumentOf("AB").dump(), writeBack, "BDa"},
+      {"cut {", refresh, nullptr, "Cannot load database from file.\n"},  // decrypts, but is no document
+      {"[]", insert("{}"), nullptr, "DB root object is empty.\n"},
+      {"{}", insert("{}"), nullptr, "Subscription DB file lack of \"Members\" field.\n"},
+      {R"({"Members": 1})", update, nullptr, "Failed to get \"Members\" array from DB file\n"},
+      {inUse, update, nullptr, "Failed to update the subscription " + kUris + "C in the DB file.\n"},
+      {inUse, insert(R"({"@odata.id": "\u0000"})"), nullptr, "Subscription B is empty.\n"},
+      {inUse, insert("{}"), nullptr, "The DB file cannot hold a subscription with the URI \"\".\n"},
+  };
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const auto& row = cases[i];
+    SCOPED_TRACE("row " + std::to_string(i));
+    LayOut("");
+    StoreText(Paths(), row.before);
+    log_.Clear();
+    const auto filesBefore = Files();
+    SubscriptionDb db = NewDb();
+    EXPECT_EQ(row.change(db), row.after != nullptr);
+    if (row.after != nullptr) {
+      EXPECT_EQ(commands_, 4U);
+      EXPECT_EQ(Stored(), DocumentOf(row.after, "\"ABC\""));
+    } else {
+      EXPECT_EQ(Errors(), row.refusal);
+      EXPECT_EQ(Files(), filesBefore);
+    }
+  }
+  WriteFile(Paths().databaseFile, "Salted__");
+  EXPECT_FALSE(refresh(*std::make_unique<SubscriptionDb>(NewDb())));
+  EXPECT_TRUE(waits_.empty()) << "a change does not wait";
+}
+
+TEST_F(DbChangesTest, AnUpdateMergesObjectsReplacesTheRestAndTakesOutWhatIsNamed) {
+  LayOut("D=AB");
+  const Json changes = Json::parse(R"({
+    "Context": null, "Status": {"State": "Disabled"}, "SNMP": {"TrapCommunity": "EF56"}, "HttpHeaders": []})");
+  EXPECT_TRUE(NewDb().UpdateDbSubscription(kUris + "B", changes, {"SNMP/AuthenticationKey", "No/Such"}, "W/raw"));
+  Json expected = DocumentOf("AB", "W/raw");
+  expected["Members"][1].update(changes);
+  expected["Members"][1]["SNMP"] = {{"AuthenticationKeySet", true}, {"TrapCommunity", "EF56"}};
+  EXPECT_EQ(Stored(), expected);
+}
+
+TEST_F(DbChangesTest, APasswordIsTheFirstLineOfItsFileOrGeneratedOnce) {
+  const struct {
+    std::string content;
+    bool isUsed;
+    const char* files = "D K ";
+  } cases[] = {{"two words\nmore", true},
+               {std::string(1022, 'a') + "\n", true},
+               {std::string(1023, 'a'), false, "D K K.unreadable "},
+               {"", false},
+               {"\nsecret", false}};
+  for (const auto& row : cases) {
+    LayOut("");
+    WriteFile(Paths().passwordFile, row.content);
+    std::filesystem::permissions(Paths().passwordFile, std::filesystem::perms(0600));
+    EXPECT_TRUE(NewDb().EnsureDbPassword()) << row.content;
+    const std::string password = ReadFile(Paths().passwordFile);
+    EXPECT_EQ(password == row.content, row.isUsed) << row.content;
+    EXPECT_TRUE(row.isUsed || std::regex_match(password, std::regex("[0-9A-Za-z]{16}"))) << password;
+    StoreText(Paths(), DocumentOf("A").dump());
+    EXPECT_EQ(Stored(), DocumentOf("A")) << row.content;
+    EXPECT_EQ(ReadFile(Paths().passwordFile), password) << "not once: " << row.content;
+    EXPECT_EQ(FileNames(), row.files) << row.content;
+  }
+}
+
+TEST_F(DbChangesTest, APasswordFileThatIsLostIsWrittenAgainBeforeTheNextEncryption) {
+  LayOut("D=A");
+  SubscriptionDb db = NewDb();
+  ASSERT_TRUE(db.RefreshDbEtag(kEtagText));
+  WriteFile(Paths().passwordFile, "another");
+  EXPECT_TRUE(db.RefreshDbEtag(kEtagText));
+  EXPECT_EQ(Errors(), "The password file was missing or changed and has been written again.\n");
+  EXPECT_EQ(Stored(), DocumentOf("A", "\"ABC\""));
+}
+
+}  // namespace
+}  // namespace event_service
