@@ -113,7 +113,11 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
   if (!IsInteger(SendArguments(redis.get(), {"SREM", "&&AccessBlockList", "EventService"}))) {
     LogError("EventService is ready, but fail to remove it from the block list.");
   }
-  steps.createGeneratedDestinations(redis.get(), settings);
+  try {
+    steps.createGeneratedDestinations(redis.get(), settings);
+  } catch (const std::exception& error) {
+    LogError("The generated event destinations were given up: %s", error.what());
+  }
 
   redis.reset();
   pthread_join(eventServiceListener, nullptr);

@@ -23,7 +23,8 @@ struct StartUpSteps {
 /// runs: the process must then end without destroying what a listener uses.
 ///
 /// A std::logic_error, std::regex_error or std::bad_cast that a step throws before the listeners run ends start-up
-/// with its logged line; any other exception passes through.
+/// with its logged line; any other exception passes through. What the generated
+/// destinations throw, with both listeners running, is logged, and start-up goes on.
 int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, SubscriptionsState& state);
 
 }  // namespace event_service

@@ -62,8 +62,8 @@ class StartUpSandbox : public RedisTest {
     return status;
   }
 
-  // What the stand-ins do: the first step throws, and threads can be created for this many listeners.
-  inline static std::exception_ptr thrown;
+  // What the stand-ins do: the first step or the last throws, and threads can be created for this many listeners.
+  inline static std::exception_ptr thrown, thrownLast;
   inline static size_t listeners = 2;
   inline static std::string calls;
   static bool Restore(redisContext*, const ServiceSettings&) {
@@ -76,6 +76,7 @@ class StartUpSandbox : public RedisTest {
     return nullptr;
   }
   static void Generate(redisContext* redis, const ServiceSettings&) {
+    if (thrownLast) std::rethrow_exception(thrownLast);
     const RedisReply blocked = SendCommand(redis, "SISMEMBER &&AccessBlockList EventService");
     calls += blocked->integer == 0 ? "generate unblocked" : "generate blocked";
   }

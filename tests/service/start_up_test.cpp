@@ -138,6 +138,10 @@ TEST_F(StartUpTest, ExceptionsAndMissingThreadsEndItWithTheirLine) {
   EXPECT_THROW(Start(), std::bad_alloc) << "no exception but these is caught";
   thrown = nullptr;
   listeners = 2;
+  thrownLast = std::make_exception_ptr(std::bad_alloc());
+  EXPECT_EQ(Start(), 0) << "with both listeners running";
+  EXPECT_EQ(errors_, "The generated event destinations were given up: std::bad_alloc\n");
+  thrownLast = nullptr;
 }
 
 }  // namespace
