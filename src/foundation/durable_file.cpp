@@ -66,6 +66,22 @@ bool ReplaceFile(const std::string& path, std::string_view content) {
   return false;
 }
 
+std::optional<std::string> ReadWholeFile(const std::string& path) {
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.IsOpen()) return std::nullopt;
+  std::string content;
+  char part[4096];
+  for (;;) {
+    const ssize_t count = read(file.Get(), part, sizeof part);
+    if (count == 0) return content;
+    if (count > 0) {
+      content.append(part, static_cast<size_t>(count));
+    } else if (errno != EINTR) {
+      return std::nullopt;
+    }
+  }
+}
+
 std::string FirstLineOf(const std::string& path) {
   struct FileCloser {
     void operator()(std::FILE* file) const { std::fclose(file); }

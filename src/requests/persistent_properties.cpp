@@ -1,7 +1,6 @@
 #include "requests/persistent_properties.h"
 
 #include <cerrno>
-#include <fstream>
 #include <optional>
 
 #include "foundation/durable_file.h"
@@ -11,14 +10,10 @@ namespace event_service {
 namespace {
 
 /// The whole file, empty when there is none; nothing when it cannot be read.
-std::optional<std::string> ReadWholeFile(const std::string& path) {
-  errno = 0;
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return errno == ENOENT ? std::optional<std::string>("") : std::nullopt;
-  std::string text;
-  char part[1024];
-  while (file.read(part, sizeof part), file.gcount() > 0) text.append(part, static_cast<size_t>(file.gcount()));
-  return file.bad() ? std::nullopt : std::optional(std::move(text));
+std::optional<std::string> ReadKeptText(const std::string& path) {
+  std::optional<std::string> text = ReadWholeFile(path);
+  if (!text && errno == ENOENT) return "";
+  return text;
 }
 
 bool TakeLine(std::string_view line, ServiceValues& values) {
@@ -50,7 +45,7 @@ std::string FormatPersistentProperties(const ServiceValues& values) {
 }
 
 void SavePersistentProperties(const std::string& file, const ServiceValues& changed) {
-  const std::optional<std::string> text = ReadWholeFile(file);
+  const std::optional<std::string> text = ReadKeptText(file);
   if (!text) {
     LogError("Failed to read the persistent properties; the change is not kept.");
     return;
@@ -63,7 +58,7 @@ void SavePersistentProperties(const std::string& file, const ServiceValues& chan
 }
 
 bool RestorePersistentProperties(redisContext* redis, const ServiceSettings& settings) {
-  const std::optional<std::string> text = ReadWholeFile(settings.paths.persistentProperties);
+  const std::optional<std::string> text = ReadKeptText(settings.paths.persistentProperties);
   if (!text) {
     LogError("Failed to read the persistent properties.");
     return false;

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
+#include <optional>
 #include <span>
 #include <system_error>
 #include <utility>
 
+#include "foundation/durable_file.h"
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
 #include "foundation/text_numbers.h"
@@ -122,13 +122,12 @@ bool EventServiceInit(redisContext* redis, ServiceSettings& settings, Subscripti
 }
 
 bool RunUriSubscriptionMapScript(redisContext* redis, const std::string& scriptPath) {
-  std::ifstream file(scriptPath, std::ios::binary);
-  if (!file) {
+  const std::optional<std::string> script = ReadWholeFile(scriptPath);
+  if (!script) {
     LogError("The script that initiates the mapping table of subscribed URI and event type doesn't exist.");
     return false;
   }
-  const std::string script{std::istreambuf_iterator<char>(file), {}};
-  SendArguments(redis, {"EVAL", script, "0"});
+  SendArguments(redis, {"EVAL", *script, "0"});
   return true;
 }
 

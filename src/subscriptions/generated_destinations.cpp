@@ -3,18 +3,17 @@
 #include <sys/time.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
+#include <cerrno>
 #include <iterator>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "foundation/durable_file.h"
 #include "foundation/logging.h"
 #include "foundation/random.h"
 #include "foundation/redis_pipeline.h"
@@ -36,11 +35,11 @@ constexpr std::string_view kIdentity[] = {"Destination", "Protocol", "Context"};
 
 /// The creation bodies of the file: an array, or an object whose "Members" is one.
 std::vector<Json> ReadBodies(const std::string& path) {
-  std::error_code error;
-  if (!std::filesystem::exists(path, error) && !error) return {};
-  std::ifstream file(path, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
-  Json document = Json::parse(text, nullptr, false);
+  const std::optional<std::string> text = ReadWholeFile(path);
+  if (!text && errno == ENOENT) return {};
+  // The parser would take a NUL for the end.
+  const bool isText = text && text->find('\0') == std::string::npos;
+  Json document = isText ? Json::parse(*text, nullptr, false) : Json();
   if (document.is_object() && document.contains("Members")) document = Json(std::move(document["Members"]));
   if (!document.is_array() || !NestsWithin(document)) {
     LogError("The file of generated event destinations %s cannot be read.", path.c_str());

@@ -114,6 +114,10 @@ TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
     EXPECT_EQ(calls, "") << row.failing;
     EXPECT_EQ(KeyExists(redis(), "map script runs"), row.failing.find("EventDestination") != std::string::npos);
   }
+  RemoveFile(ProcessPaths().startUpMapScript);
+  WriteFile(ProcessPaths().startUpMapScript + "/file", "");
+  EXPECT_EQ(Start(), -1);
+  EXPECT_TRUE(errors_.starts_with("The script that initiates the mapping table of subscribed URI and event type"));
 }
 
 TEST_F(StartUpTest, ExceptionsAndMissingThreadsEndItWithTheirLine) {

@@ -224,13 +224,14 @@ TEST_F(GenerationTest, FilesOfEveryForm) {
   const std::string& path = settings_.paths.generatedDestinations;
   const std::string deep = R"([{"Context": )" + std::string(100'000, '[') + std::string(100'000, ']') + "}]";
   const Names unreadable = {"The file of generated event destinations " + path + " cannot be read."};
-  for (const std::string& file : {std::string(), std::string("5"), std::string(R"({"Members": 5})"), deep}) {
+  for (const std::string& file :
+       {std::string(), std::string("5"), std::string(R"({"Members": 5})"), std::string("[]\0", 3), deep}) {
     LogCapture oneLine;
     Generate(file);
     EXPECT_EQ(oneLine.Errors(), unreadable) << file.substr(0, 40);
   }
   std::filesystem::remove(path);
-  std::filesystem::create_symlink(path, path);
+  std::filesystem::create_directory(path);
   LogCapture last;
   CreateGeneratedDestinations(redis(), settings_);
   EXPECT_EQ(last.Errors(), unreadable);

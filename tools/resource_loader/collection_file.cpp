@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <system_error>
 #include <utility>
+
+#include "foundation/durable_file.h"
 
 namespace event_service {
 namespace {
@@ -85,13 +85,12 @@ std::optional<CollectionFile> ParseCollectionFile(std::string_view text, std::st
 
 std::optional<CollectionFile> ReadCollectionFile(const std::string& path, std::string_view collectionUri,
                                                  std::string& fault) {
-  std::ifstream stream(path, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-  if (!stream.is_open() || stream.bad()) {
+  const std::optional<std::string> text = ReadWholeFile(path);
+  if (!text) {
     fault = std::generic_category().message(errno);
     return std::nullopt;
   }
-  return ParseCollectionFile(text, collectionUri, fault);
+  return ParseCollectionFile(*text, collectionUri, fault);
 }
 
 }  // namespace event_service
