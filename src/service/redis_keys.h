@@ -20,6 +20,9 @@ inline constexpr std::string_view kRegistryPrefixesKey = "&&/redfish/v1/EventSer
 inline constexpr std::string_view kEventServiceChannel = "&&/redfish/v1/EventService/CHANNEL";
 inline constexpr std::string_view kSubscriptionsChannel = "&&/redfish/v1/EventService/Subscriptions/CHANNEL";
 
+/// What start-up's own requests for creations begin with.
+inline constexpr std::string_view kGenerationPrefix = "&&/redfish/v1/EventService/Subscriptions/GENERATE/";
+
 /// The hash of script digests that other services have registered.
 inline constexpr std::string_view kScriptDigests = "redisSHAScripts";
 inline constexpr std::string_view kLifeCycleScript = "resourceChange";

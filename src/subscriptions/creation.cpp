@@ -69,7 +69,7 @@ class Creation {
   bool TakeExistence(const RedisReply& exists);
   bool TakeGivenId(const Json& body);
   std::optional<Answer> Judge();
-  bool DrawFreeId();
+  std::optional<Answer> DrawFreeId();
   std::optional<Answer> Build();
   std::optional<Answer> SetUpSyslog();
   std::optional<Answer> Write();
@@ -156,19 +156,18 @@ std::optional<Answer> Creation::Judge() {
                                            .numbers = numbers_})) {
     return refusal;
   }
-  if (!idExists_ || (!isIdGiven_ && DrawFreeId())) return std::nullopt;
-  if (!isIdGiven_) {
-    return Refuse(kException, kOperationFailedMessage, {}, "OperationFailed: Failed to generate an unused Id.");
-  }
+  if (!idExists_) return std::nullopt;
+  if (!isIdGiven_) return DrawFreeId();
   return Answer{kFailure, {{"Base.1.12.ResourceAlreadyExists", {"EventDestination", "Id", about_.id}, {"Id"}}}, {}, {}};
 }
 
-bool Creation::DrawFreeId() {
+std::optional<Answer> Creation::DrawFreeId() {
   for (int draw = 0; draw < kMostIdRedraws; ++draw) {
     about_.id = GenerateId(random_);
-    if (!KeyExists(redis_, MemberUri(about_.id))) return true;
+    if (!TakeExistence(SendArguments(redis_, {"EXISTS", MemberUri(about_.id)}))) return BodyUnreadable();
+    if (!idExists_) return std::nullopt;
   }
-  return false;
+  return Refuse(kException, kOperationFailedMessage, {}, "OperationFailed: Failed to generate an unused Id.");
 }
 
 std::optional<Answer> Creation::Build() {
@@ -279,16 +278,19 @@ Answer Creation::Announce() {
     }
   }
   events.Check(replies);
-  LogSubscriptionChange(uri_, "added", "client");
+  const bool isGenerated = request_.announcement.requestKey.starts_with(kGenerationPrefix);
+  LogSubscriptionChange(uri_, "added", isGenerated ? "start-up" : "client");
   if (!isCountSent || !SettleMembersCount(state_, membersLength_.get(), replies.back().get(), 1)) {
     return DatabaseError("DatabaseOperationError: Failed to update Members count.");
   }
   return Answer{kOkRes, {{"Base.1.12.Created", {}, {}}}, {}, {}};
 }
 
+/// The log tells what failed before it tells what failed because of it.
 Answer Creation::WriteFailed() {
+  LogError("DatabaseOperationError: Failed to create event destination object.");
   TakeBack();
-  return DatabaseError("DatabaseOperationError: Failed to create event destination object.");
+  return DatabaseError({});
 }
 
 /// Removes what the creation may have written, however far it got. The syslog forwarder is not told, and counters that

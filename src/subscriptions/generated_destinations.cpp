@@ -27,7 +27,6 @@
 namespace event_service {
 namespace {
 
-constexpr std::string_view kRequestPrefix = "&&/redfish/v1/EventService/Subscriptions/GENERATE/";
 constexpr std::string_view kAdministrator = "ConfigureManager";
 constexpr std::chrono::milliseconds kPauseBetweenAnnouncements{20};
 // By these a body without an Id is recognised.
@@ -88,7 +87,7 @@ class GenerationRequest {
   enum class Outcome { kAnswered, kNotStored, kNotHeard, kNotAnswered };
 
   explicit GenerationRequest(redisContext* redis)
-      : redis_(redis), key_(std::string(kRequestPrefix) + std::to_string(RandomNumber())) {}
+      : redis_(redis), key_(std::string(kGenerationPrefix) + std::to_string(RandomNumber())) {}
   GenerationRequest(const GenerationRequest&) = delete;
   GenerationRequest& operator=(const GenerationRequest&) = delete;
   ~GenerationRequest();

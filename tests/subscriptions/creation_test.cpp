@@ -102,6 +102,16 @@ TEST_F(CreationTest, AnIdIsGeneratedUntilItIsFree) {
   const DatabaseDump before = Dump();
   EXPECT_EQ(InShort(CreateEventDestination(request, [] { return 0xABCDu; })), "EXCEPTION OperationFailed()");
   EXPECT_EQ(Dump(), before);
+
+  TripCounter proxy(Server().SocketPath());
+  const RedisContext connection = proxy.Connect();
+  request.redis = connection.get();
+  draws = 10;
+  proxy.Reset();
+  proxy.FailCommandsWith("EXISTS " + kCollection + "/FEDCBA98");
+  EXPECT_EQ(CreateEventDestination(request, [] { return draws++ < 11 ? 0xABCDu : 0xFEDCBA98u; }).logText,
+            "DatabaseOperationError: Failed to get request data from database.");
+  EXPECT_EQ(Dump(), before);
 }
 
 TEST_F(CreationTest, RefusalsLeaveRedisAsItWas) {
@@ -185,11 +195,17 @@ TEST_F(CreationTest, NothingIsReplacedOrKeptByHalvesWhenRedisDoesNotTell) {
   TripCounter proxy(Server().SocketPath());
   const struct {
     const char* kind;
-    const char* failed;  // the commands with this
+    std::string failed;  // the commands with this
     const char* logText;
+    Names errors = {};
   } cases[] = {
       {"Redfish", "EXISTS", "DatabaseOperationError: Failed to get request data from database."},
       {"trap", "State \"Disabled\"", "DatabaseOperationError: Failed to set State."},
+      {"messages",
+       kMembers + ' ',
+       "",
+       {"DatabaseOperationError: Failed to create event destination object.",
+        "Failed to delete data of event destination whencreate failed."}},
   };
   Create(kBodies["Redfish"]);
   const DatabaseDump before = WithoutCounters();
@@ -199,7 +215,7 @@ TEST_F(CreationTest, NothingIsReplacedOrKeptByHalvesWhenRedisDoesNotTell) {
     proxy.Reset();
     proxy.FailCommandsWith(row.failed);
     EXPECT_EQ(Post(kBodies[row.kind], connection.get()).logText, row.logText);
-    EXPECT_EQ(log.Errors(), Names{});
+    EXPECT_EQ(log.Errors(), row.errors);
     EXPECT_EQ(WithoutCounters(), before);
   }
 }

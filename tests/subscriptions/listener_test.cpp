@@ -209,6 +209,8 @@ TEST_F(GenerationTest, AnyNumberOfStartsYieldsOneMemberEach) {
     const LogCapture log;
     Generate(file);
     EXPECT_EQ(state_->subscriptionCount, 3u);
+    for (const std::string& line : log.DebugLines())
+      EXPECT_TRUE(!line.starts_with("Subscription ") || line.ends_with("added by start-up.")) << line;
     EXPECT_EQ(log.Errors(), (Names{"Generated event destination 5 is no JSON object.",
                                    "Generated event destination 6 was refused: IGNORE",
                                    "Generated event destination 7 was refused: Base.1.12.PropertyValueTypeError"}));
