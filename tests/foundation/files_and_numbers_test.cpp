@@ -30,7 +30,6 @@ TEST(DurableFile, ReplacesTheWholeFileOrLeavesIt) {
 }
 
 TEST(FilePathsTest, ARootMovesEveryPathUnlessAShellWouldHaveToQuoteIt) {
-  EXPECT_EQ(MakeFilePaths("/")->configuration, "/usr/local/etc/nginx/eventingMode.conf");
   EXPECT_EQ(MakeFilePaths("/a-b_c.d+e/")->databaseFile, "/a-b_c.d+e/var/nginx/EventSubscriptionInfo.json");
   for (const char* root :
        {"/a b", "/a'b", "/a\"b", "/$HOME", "/a;b", "/a\nb", "~", "/a*", "/(a)", "-rf", "/\xC3\xA4"}) {

@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <stdexcept>
 
+#include "foundation/redis_pipeline.h"
 #include "tests/support/canned_replies.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
+#include "tests/support/trip_counter.h"
 
 namespace event_service {
 namespace {
@@ -38,20 +40,16 @@ TEST_F(RedisCommandsTest, TextsOfAnyBytesAreStoredWhole) {
 }
 
 TEST(RedisCommandHelpers, OnlyAnIntegerIsASuccess) {
-  const std::pair<const char*, std::function<bool(redisContext*)>> helpers[] = {
-      {"HashWrite", [](redisContext* redis) { return HashWrite(redis, "k", "f", "v"); }},
-      {"HashFieldDelete", [](redisContext* redis) { return HashFieldDelete(redis, "k", "f"); }},
-      {"ListAppend", [](redisContext* redis) { return ListAppend(redis, "k", "v"); }},
-      {"ListLength", [](redisContext* redis) { return ListLength(redis, "k") != -1; }},
-      {"ListRemove", [](redisContext* redis) { return ListRemove(redis, "k", "v"); }},
-      {"KeyExists", [](redisContext* redis) { return KeyExists(redis, "k"); }},
-      {"KeyDelete", [](redisContext* redis) { return KeyDelete(redis, "k"); }},
-  };
-  for (const auto& [name, succeeds] : helpers) {
-    for (const std::string reply : {":1\r\n", "+OK\r\n", "-ERR no\r\n", "$-1\r\n", "$1\r\na\r\n", ""}) {
-      CannedConnection server(reply);
-      EXPECT_EQ(succeeds(server.redis()), reply == ":1\r\n") << name << " answered by " << reply;
-    }
+  for (const std::string reply : {":1\r\n", "+OK\r\n", "-ERR no\r\n", "$-1\r\n", "$1\r\na\r\n", ""}) {
+    const bool isInteger = reply == ":1\r\n";
+    CannedConnection server(reply + reply + reply + reply + reply + reply + reply);
+    EXPECT_EQ(HashWrite(server.redis(), "k", "f", "v"), isInteger) << reply;
+    EXPECT_EQ(HashFieldDelete(server.redis(), "k", "f"), isInteger) << reply;
+    EXPECT_EQ(ListAppend(server.redis(), "k", "v"), isInteger) << reply;
+    EXPECT_EQ(ListLength(server.redis(), "k"), isInteger ? 1 : -1) << reply;
+    EXPECT_EQ(ListRemove(server.redis(), "k", "v"), isInteger) << reply;
+    EXPECT_EQ(KeyExists(server.redis(), "k"), isInteger) << reply;
+    EXPECT_EQ(KeyDelete(server.redis(), "k"), isInteger) << reply;
   }
 }
 
@@ -72,6 +70,38 @@ TEST_F(RedisCommandsTest, AnEscapedNameMatchesItselfOnly) {
     EXPECT_EQ(KeyListing(redis(), EscapeGlob(name)), std::vector<std::string>{name});
     ASSERT_TRUE(KeyDelete(redis(), name));
   }
+}
+
+TEST_F(RedisCommandsTest, APipelineTakesOneRoundTripAndALostConnectionGivesNullRepliesFromThereOn) {
+  TripCounter proxy(Server().SocketPath());
+  const RedisContext redis = proxy.Connect();
+  RedisPipeline pipeline(redis.get());
+  for (size_t i = 0; i < 5000; ++i) EXPECT_EQ(pipeline.Append({"RPUSH", "list", std::to_string(i)}), i);
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  EXPECT_TRUE(replies.size() == 5000 && AllIntegers(replies));
+  EXPECT_EQ(proxy.trips(), 1U);
+  EXPECT_EQ(ListLength(this->redis(), "list"), 5000);
+
+  proxy.Reset();
+  proxy.CutAfter(1);
+  for (const char* value : {"a", "b"}) pipeline.Append({"RPUSH", "other", value});
+  const std::vector<RedisReply> cut = pipeline.Execute();
+  EXPECT_TRUE(IsInteger(cut[0]) && !cut[1]);
+  EXPECT_FALSE(AllIntegers(cut));
+}
+
+TEST_F(RedisCommandsTest, NeitherAnErrorNorAThrowingTakerLeavesTheConnectionOutOfStep) {
+  RedisPipeline pipeline(redis());
+  for (const char* command : {"ECHO", "no-such-command", "ECHO"}) pipeline.Append({command, "text"});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  EXPECT_EQ(TextOf(replies[0]), "text");
+  EXPECT_EQ(replies[1]->type, REDIS_REPLY_ERROR);
+  EXPECT_EQ(TextOf(replies[2]), "text");
+  EXPECT_TRUE(pipeline.Execute().empty()) << "nothing is sent twice";
+
+  for (int i = 0; i < 3; ++i) pipeline.Append({"ECHO", "text"});
+  EXPECT_THROW(pipeline.Execute([](const RedisReply&) { throw std::runtime_error("thrown"); }), std::runtime_error);
+  EXPECT_EQ(TextOf(SendCommand(redis(), "PING")), "PONG");
 }
 
 }  // namespace

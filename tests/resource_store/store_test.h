@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "resource_store/resource_editor.h"
 #include "resource_store/resource_reader.h"
-#include "resource_store/resource_writer.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
 #include "tests/support/trip_counter.h"
