@@ -16,24 +16,13 @@
 namespace event_service {
 namespace {
 
-/// The process's paths are those of this folder while it lives.
-class Settings {
- public:
-  /// Null: no such file.
-  Settings(const char* port, const char* socket, const char* password) {
-    const std::pair<const char*, const char*> settings[] = {
-        {"port", port}, {"unixsocket", socket}, {"requirepass", password}};
-    for (const auto& [name, value] : settings) {
-      if (value != nullptr) folder_.WriteRedisSetting(name, value);
-    }
-    SetProcessPaths(folder_.Paths());
-  }
-  ~Settings() { SetProcessPaths({}); }
-  const SandboxRoot& Folder() const { return folder_; }
-
- private:
-  SandboxRoot folder_;
-};
+/// Writes the settings, without a file where one is null, and makes the folder's paths those of the process.
+void Use(const SandboxRoot& folder, const char* port, const char* socket, const char* password) {
+  if (port != nullptr) folder.WriteRedisSetting("port", port);
+  if (socket != nullptr) folder.WriteRedisSetting("unixsocket", socket);
+  if (password != nullptr) folder.WriteRedisSetting("requirepass", password);
+  SetProcessPaths(folder.Paths());
+}
 
 TEST(ConnectionLookup, DecidesByPortAndSocket) {
   const struct {
@@ -58,9 +47,9 @@ TEST(ConnectionLookup, DecidesByPortAndSocket) {
       {"0", "/s", "two words\nsecond\n", "1 0 /s two words\n"},
   };
   for (const auto& row : cases) {
-    const Settings settings(row.port, row.socket, row.password);
-    // Not the line that is looked for.
-    const std::string& server = settings.Folder().Paths().redisConfiguration;
+    const SandboxRoot folder;
+    Use(folder, row.port, row.socket, row.password);
+    const std::string& server = folder.Paths().redisConfiguration;
     WriteFile(server, "# unixsocket /a/b\nunixsocketperm 700\n" + ReadFile(server) + "unixsocket /c/d\n");
     const StreamCapture error(STDERR_FILENO);
     const std::unique_ptr<RedisConnectionInfo, void (*)(void*)> info(getRedisConnectionInfo(), std::free);
@@ -81,10 +70,9 @@ TEST(RedisAuthentication, SucceedsOnlyWithTheStatusOk) {
 
 TEST(RedisConnection, IsAuthenticatedAndLeftToNoChild) {
   for (const std::string password : {"pass word", "wrong"}) {
-    const Settings settings("0", nullptr, password.c_str());
-    const std::string socket = settings.Folder().RedisSocket();
-    settings.Folder().WriteRedisSetting("unixsocket", socket);
-    const RedisServer server(socket, {"--requirepass", "pass word"});
+    const SandboxRoot folder;
+    Use(folder, "0", folder.RedisSocket().c_str(), password.c_str());
+    const RedisServer server(folder.RedisSocket(), {"--requirepass", "pass word"});
     const RedisContext redis(redisConnectContext());
     ASSERT_EQ(redis != nullptr, password == "pass word");
     EXPECT_TRUE(!redis || TextOf(SendCommand(redis.get(), "PING")) == "PONG");

@@ -61,8 +61,8 @@ Function* Real(Function*, const char* name) {
 /// The file that a command writes; empty for one that writes none.
 std::string OutputOf(const std::string& command) {
   std::smatch match;
-  return std::regex_search(command, match, std::regex("^cp .* (.*)$|^.* -out ([^ ]*)")) ? match.str(1) + match.str(2)
-                                                                                        : "";
+  std::regex_search(command, match, std::regex("^cp .* (.*)$|^.* -out ([^ ]*)"));
+  return match.str(1) + match.str(2);
 }
 
 }  // namespace

@@ -72,7 +72,6 @@ inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
     if (word[1] == '=' || word[1] == '!') StoreText(paths, word[1] == '=' ? document : "cut {");
     if (word[1] == ':' || word[1] == '/') WriteFile(path, word[1] == ':' ? document : ReadFile(path).substr(0, 40));
     if (word[1] == '-') RemoveFile(path);
-    if (word[0] == 'A') std::filesystem::permissions(path, std::filesystem::perms(0600));
   }
 }
 
@@ -104,11 +103,10 @@ class DbSandboxTest : public testing::Test {
 
   /// A new process's view of the files.
   SubscriptionDb NewDb() {
-    return SubscriptionDb(
-        {.paths = Paths(),
-         .runShell =
-             [this](const std::string& command) { return ++commands_, fails_(command) ? -1 : RunShell(command); },
-         .sleep = [this](std::chrono::microseconds time) { waits_.push_back(time); }});
+    const auto run = [this](const std::string& command) {
+      return ++commands_, fails_(command) ? -1 : RunShell(command);
+    };
+    return SubscriptionDb({Paths(), run, [this](std::chrono::microseconds time) { waits_.push_back(time); }});
   }
   /// LayOutFiles, and forgets what was logged and run.
   void LayOut(const std::string& words) {

@@ -5,19 +5,7 @@ namespace {
 
 const std::string kFallback = "Failed to decode db file. Uses default DB file instead.\n";
 
-class DbStartUpTest : public DbSandboxTest {
- protected:
-  bool Start() {
-    SubscriptionDb db = NewDb();
-    const bool started = StartDb(db, Paths());
-    restoredUris_ = db.RestoredUris();
-    return started;
-  }
-
-  std::vector<std::string> restoredUris_;
-};
-
-TEST_F(DbStartUpTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
+TEST_F(DbSandboxTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
   const struct {
     const char* files;
     std::string ids = "";
@@ -31,7 +19,7 @@ TEST_F(DbStartUpTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
       {"D=A D/ P:AB", "AB"},
       {"D=A P:B P/", "A"},
       {"D=A D/", "", "D D.unreadable K "},
-      {"D=A D/ A:B", "", "D D.unreadable D.unreadableN K "},
+      {"D=A D/ A:B", "", "D D.unreadable D.unreadableN! K "},
       {"D!", "", "D D.unreadable K "},
       {"D=A D/ P:A P/", "", "D D.unreadable K P.unreadable "},
       {"D=A K-", "", "D K P.unreadable "},
@@ -48,11 +36,12 @@ TEST_F(DbStartUpTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
     fails_ = [&](const std::string& command) {
       return command.starts_with(Paths().resourceLoader) && ++loads <= row.failingLoads;
     };
-    EXPECT_TRUE(Start());
+    SubscriptionDb db = NewDb();
+    EXPECT_TRUE(StartDb(db, Paths()));
     EXPECT_EQ(Stored(), DocumentOf(row.ids));
     std::vector<std::string> uris;
     for (const char id : row.ids) uris.push_back(kUris + id);
-    EXPECT_EQ(restoredUris_, uris);
+    EXPECT_EQ(db.RestoredUris(), uris);
     EXPECT_EQ(FileNames(), row.filesAfter);
     for (const auto& [name, content] : Files()) {
       const bool isKeptAside = name.find(".unreadable") != std::string::npos;
@@ -63,12 +52,13 @@ TEST_F(DbStartUpTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
   }
 }
 
-TEST_F(DbStartUpTest, DecodingIsTriedThreeTimesASecondApart) {
+TEST_F(DbSandboxTest, DecodingIsTriedThreeTimesASecondApart) {
   for (const size_t failures : {2U, 3U}) {
     LayOut("D=A");
     size_t left = failures;
     fails_ = [&](const std::string& command) { return command.find(" -d ") != std::string::npos && left-- > 0; };
-    EXPECT_TRUE(Start());
+    SubscriptionDb db = NewDb();
+    EXPECT_TRUE(StartDb(db, Paths()));
     EXPECT_EQ(Stored(), DocumentOf(failures == 2 ? "A" : ""));
     EXPECT_EQ(waits_, std::vector<std::chrono::microseconds>(2, std::chrono::seconds(1)));
     EXPECT_EQ(log_.DebugLines().back(), "Retry to decode the DB file.");
@@ -77,11 +67,12 @@ TEST_F(DbStartUpTest, DecodingIsTriedThreeTimesASecondApart) {
                           "The file D could not be read and is kept as D.unreadable.\n");
 }
 
-TEST_F(DbStartUpTest, AStartThatCannotEncryptLeavesTheDatabaseFileForTheNext) {
+TEST_F(DbSandboxTest, AStartThatCannotEncryptLeavesTheDatabaseFileForTheNext) {
   LayOut("D=A");
   const std::string before = ReadFile(Paths().databaseFile);
   fails_ = [](const std::string& command) { return command.find(" enc ") != std::string::npos; };
-  EXPECT_FALSE(Start());
+  SubscriptionDb db = NewDb();
+  EXPECT_FALSE(StartDb(db, Paths()));
   EXPECT_TRUE(Errors().ends_with("The file D is tried again at the next start.\n")) << Errors();
   EXPECT_EQ(ReadFile(Paths().databaseFile), before);
   EXPECT_EQ(FileNames(), "D K ");
