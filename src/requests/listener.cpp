@@ -48,7 +48,7 @@ void ServeOne(const ListenerResources& resources, const ServiceRoutes& service, 
     return;
   }
   RedisPipeline pipeline(redis);
-  writer.Append(pipeline, announcement.responseKey, answer);
+  if (announcement.responseKey != kFromEventing) writer.Append(pipeline, announcement.responseKey, answer);
   if (!PublishAnswer(redis, pipeline, announcement.requestKey, announcement.responseKey,
                      request.record.returnChannel)) {
     LogError("Failed to publish data.");

@@ -215,7 +215,8 @@ Json BuildTestEvent(const Json& parameters, const TestEventDefaults& defaults) {
 Answer SubmitTestEvent(const Request& request) {
   TestEventInput input{.body = RequestBody(request.record.requestData)};
   if (auto refusal = TrySubmit(request.redis, input)) return *std::move(refusal);
-  if (!HashWrite(request.redis, request.announcement.responseKey, kReturnStatus, kOkRes)) {
+  const std::string& responseKey = request.announcement.responseKey;
+  if (responseKey != kFromEventing && !HashWrite(request.redis, responseKey, kReturnStatus, kOkRes)) {
     LogError("Failed to set data.");
   }
   return NoAnswer();
