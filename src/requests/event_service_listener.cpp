@@ -46,7 +46,9 @@ void Listen() {
   if (!redis) return Say("Failed to connect to Redis");
   const RedisReply reply = SendArguments(subscriber.get(), {"SUBSCRIBE", kEventServiceChannel});
   if (!IsArray(reply)) return Say("Failed to subscribe channel.");
-  ServeRequests(subscriber.get(), {.redis = std::move(redis), .settings = ProcessSettings()}, kEventServiceRoutes);
+  UnsettledProperties unsettled;
+  ServeRequests(subscriber.get(), {.redis = std::move(redis), .settings = ProcessSettings(), .unsettled = &unsettled},
+                kEventServiceRoutes);
 }
 
 }  // namespace

@@ -38,8 +38,12 @@ void DeleteRequest(redisContext* redis, const std::string& requestKey, bool with
 void ServeOne(const ListenerResources& resources, const ServiceRoutes& service, ResponseWriter& writer,
               const Announcement& announcement) {
   redisContext* const redis = resources.redis.get();
-  Request request{redis, announcement, ReadRequestRecord(redis, announcement.requestKey), resources.settings,
-                  resources.subscriptions};
+  Request request{redis,
+                  announcement,
+                  ReadRequestRecord(redis, announcement.requestKey),
+                  resources.settings,
+                  resources.subscriptions,
+                  resources.unsettled};
   const MethodRoute* const route = FindRoute(service, request.record.method);
   const Answer answer = Handle(service, route, request);
   if (!answer.logText.empty()) LogError("%s", answer.logText.c_str());

@@ -37,6 +37,7 @@ struct ListenerResources {
   RedisContext redis;  // for commands; one that breaks stays broken
   const ServiceSettings& settings;
   SubscriptionsState* subscriptions = nullptr;  // null on the EventService side
+  UnsettledProperties* unsettled = nullptr;     // null on the Subscriptions side
 };
 
 /// Serves the announcements that arrive on `subscriber`, one after the other, until its connection fails. Lets no

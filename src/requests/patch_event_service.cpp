@@ -78,25 +78,46 @@ class SseDeletion {
   }
 
  private:
-  std::string key_ = "&&/redfish/v1/EventService/SSE-ALL/" + std::to_string(RandomNumber());
+  std::string key_ = std::string(kEndOfStreamsRequests) + std::to_string(RandomNumber());
   size_t publishAt_ = 0;
 };
 
-std::optional<Answer> WriteChanges(redisContext* redis, const ServiceValues& changed, uint32_t& eventGroupId) {
+/// What Redis took of a change.
+struct WriteOutcome {
+  bool isComplete = false;
+  bool isSwitchWritten = false;  // ServiceEnabled, whatever became of the others
+  uint32_t eventGroupId = 0;     // of a complete one
+};
+
+WriteOutcome WriteChanges(redisContext* redis, const ServiceValues& changed) {
   RedisPipeline pipeline(redis);
-  AppendServiceWrites(pipeline, changed);
+  const std::optional<size_t> switchAt = AppendServiceWrites(pipeline, changed);
   const size_t etagAt = AppendServiceEtag(pipeline);
   const size_t drawAt = AppendEventGroupIdDraw(pipeline);
   const std::vector<RedisReply> replies = pipeline.Execute();
-  if (!AllIntegers(std::span(replies).first(etagAt))) {
-    return DatabaseError("DatabaseOperationError: Failed to update the EventService.");
-  }
+  WriteOutcome outcome{.isComplete = AllIntegers(std::span(replies).first(etagAt)),
+                       .isSwitchWritten = switchAt && IsInteger(replies[*switchAt])};
+  if (!outcome.isComplete) return outcome;
   if (!IsInteger(replies[etagAt])) LogError("Failed to set the etag of the EventService.");
-  eventGroupId = SettleEventGroupId(redis, replies[drawAt].get());
-  return std::nullopt;
+  outcome.eventGroupId = SettleEventGroupId(redis, replies[drawAt].get());
+  return outcome;
 }
 
-void Announce(const Request& request, uint32_t eventGroupId, bool turnedOff) {
+/// Brings the changes into the file, and with them what earlier ones left undone.
+void KeepChanges(const Request& request, const StoredService& former, const ServiceValues& changed) {
+  ServiceValues kept = changed;
+  for (const std::string& path : *request.unsettled) {
+    std::optional<Json> value = StoredValue(path, former);
+    if (value && AcceptKeptValue(path, *value)) kept.emplace(path, *std::move(value));
+  }
+  if (SavePersistentProperties(request.settings.paths.persistentProperties, kept)) {
+    request.unsettled->clear();
+  } else {
+    for (const auto& [path, value] : changed) request.unsettled->insert(path);
+  }
+}
+
+void Announce(const Request& request, uint32_t eventGroupId, bool turnsOff) {
   RedisPipeline pipeline(request.redis);
   const bool raises = AppendLifeCycleEvent(pipeline, request.record.lifeCycleDigest,
                                            {.change = "change",
@@ -105,15 +126,34 @@ void Announce(const Request& request, uint32_t eventGroupId, bool turnedOff) {
                                             .extraText = {},
                                             .eventGroupId = eventGroupId});
   SseDeletion sseDeletion;
-  if (turnedOff) sseDeletion.Append(pipeline);
+  if (turnsOff) sseDeletion.Append(pipeline);
   const std::vector<RedisReply> replies = pipeline.Execute();
   if (raises) CheckLifeCycleReply(replies.front().get(), kEventServiceUri);
-  if (turnedOff) sseDeletion.Settle(request.redis, replies);
+  if (turnsOff) sseDeletion.Settle(request.redis, replies);
 }
 
-bool IsTurnedOff(const ServiceValues& changed, const StoredService& stored) {
-  const auto before = stored.service.find("ServiceEnabled");
-  return changed.contains("ServiceEnabled") && before != stored.service.end() && before->second == "true";
+bool TurnsOff(const Request& request, const ServiceValues& changed, const StoredService& stored) {
+  const auto value = changed.find(kServiceEnabled);
+  if (value == changed.end() || value->second == true) return false;
+  return StoredValue(kServiceEnabled, stored) == Json(true) || request.unsettled->contains(kServiceEnabled);
+}
+
+std::optional<Answer> ApplyChanges(const Request& request, const StoredService& stored, const ServiceValues& changed) {
+  const bool turnsOff = TurnsOff(request, changed, stored);
+  const WriteOutcome outcome = WriteChanges(request.redis, changed);
+  if (outcome.isComplete) {
+    KeepChanges(request, stored, changed);
+    Announce(request, outcome.eventGroupId, turnsOff);
+    return std::nullopt;
+  }
+  for (const auto& [path, value] : changed) request.unsettled->insert(path);
+  if (turnsOff && outcome.isSwitchWritten) {
+    RedisPipeline pipeline(request.redis);
+    SseDeletion sseDeletion;
+    sseDeletion.Append(pipeline);
+    sseDeletion.Settle(request.redis, pipeline.Execute());
+  }
+  return DatabaseError("DatabaseOperationError: Failed to update the EventService.");
 }
 
 }  // namespace
@@ -127,13 +167,13 @@ Answer PatchEventService(const Request& request) {
   if (judgement.isUnacceptable || nothingToUpdate) return Answer{kFailure, std::move(judgement.messages), {}, {}};
 
   ServiceValues changed = ChangedValues(judgement.accepted, input.stored);
+  for (const auto& accepted : judgement.accepted) {
+    if (request.unsettled->contains(accepted.first)) changed.insert(accepted);
+  }
   if (auto refusal = AddPassword(judgement.accepted, request.settings, changed)) return *std::move(refusal);
   if (changed.empty() && judgement.messages.empty()) return NoOperationAnswer();
   if (!changed.empty()) {
-    uint32_t eventGroupId = 0;
-    if (auto refusal = WriteChanges(request.redis, changed, eventGroupId)) return *std::move(refusal);
-    SavePersistentProperties(request.settings.paths.persistentProperties, changed);
-    Announce(request, eventGroupId, IsTurnedOff(changed, input.stored));
+    if (auto refusal = ApplyChanges(request, input.stored, changed)) return *std::move(refusal);
   }
   if (judgement.messages.empty()) return Refuse(kOkRes, kSuccessMessage);
   return Answer{kOkRes, std::move(judgement.messages), {}, {}};

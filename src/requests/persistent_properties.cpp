@@ -44,17 +44,17 @@ std::string FormatPersistentProperties(const ServiceValues& values) {
   return text;
 }
 
-void SavePersistentProperties(const std::string& file, const ServiceValues& changed) {
+bool SavePersistentProperties(const std::string& file, const ServiceValues& changed) {
   const std::optional<std::string> text = ReadKeptText(file);
   if (!text) {
     LogError("Failed to read the persistent properties; the change is not kept.");
-    return;
+    return false;
   }
   ServiceValues values = ParsePersistentProperties(*text).values;
   for (const auto& [path, value] : changed) values.insert_or_assign(path, value);
-  if (!ReplaceFile(file, FormatPersistentProperties(values))) {
-    LogError("Failed to write the persistent properties; the change is not kept.");
-  }
+  if (ReplaceFile(file, FormatPersistentProperties(values))) return true;
+  LogError("Failed to write the persistent properties; the change is not kept.");
+  return false;
 }
 
 bool RestorePersistentProperties(redisContext* redis, const ServiceSettings& settings) {

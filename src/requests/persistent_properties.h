@@ -20,8 +20,8 @@ struct PersistentProperties {
 PersistentProperties ParsePersistentProperties(std::string_view text);
 std::string FormatPersistentProperties(const ServiceValues& values);
 
-/// Adds the changed values to the file. A failure is logged; the file then stays as it was.
-void SavePersistentProperties(const std::string& file, const ServiceValues& changed);
+/// Adds the changed values to the file. False after a logged line; the file then stays as it was.
+[[nodiscard]] bool SavePersistentProperties(const std::string& file, const ServiceValues& changed);
 
 /// Start-up: writes the file's values into Redis where they differ. True also without a file; lines that cannot be used
 /// are logged and passed over. False after one logged line.

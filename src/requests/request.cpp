@@ -40,4 +40,9 @@ bool Request::IsFromEventing() const {
   return announcement.responseKey == kFromEventing && (record.method == "DELETE" || record.method == "PATCH");
 }
 
+const char* Request::AskedBy() const {
+  if (announcement.requestKey.starts_with(kEndOfStreamsRequests)) return "client";
+  return IsFromEventing() ? "delivery side" : "client";
+}
+
 }  // namespace event_service

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -19,8 +20,11 @@ inline constexpr std::string_view kReturnChannel = "&&ReturnChannel";
 inline constexpr std::string_view kIsSse = "&&IsSSE";
 
 /// The second word of the announcement of a request that the event-delivery side sends: it expects no answer. It means
-/// something for DELETE and PATCH only.
+/// something for DELETE and PATCH only, but no key of that name is ever written.
 inline constexpr std::string_view kFromEventing = "FROM_EVENTING";
+
+/// The keys of the requests by which the service ends all streams when a client turns it off begin with this.
+inline constexpr std::string_view kEndOfStreamsRequests = "&&/redfish/v1/EventService/SSE-ALL/";
 
 struct Announcement {
   std::string requestKey;
@@ -46,15 +50,20 @@ struct RequestRecord {
 /// A field that cannot be read is empty, as they all are without a connection.
 RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey);
 
+/// Properties of the EventService whose last change failed half-way: Redis or the file may lack the value.
+using UnsettledProperties = std::set<std::string, std::less<>>;
+
 /// What a handler works with. Connection and references outlive the request.
 struct Request {
   redisContext* redis;
   Announcement announcement;
   RequestRecord record;
   const ServiceSettings& settings;
-  SubscriptionsState* subscriptions;  // null on the EventService side, which does not own them
+  SubscriptionsState* subscriptions;         // null on the EventService side, which does not own them
+  UnsettledProperties* unsettled = nullptr;  // the EventService side's
 
   bool IsFromEventing() const;  // DELETE or PATCH of the delivery side: nothing is answered
+  const char* AskedBy() const;  // for the line about a changed subscription
 };
 
 }  // namespace event_service

@@ -37,7 +37,7 @@ constexpr ServiceProperty kProperties[] = {
     {"SMTP/ServerAddress", true, kCheckText},
     {"SMTP/ServiceEnabled", true, CheckBoolean},
     {"SMTP/Username", true, kCheckText},
-    {"ServiceEnabled", true, CheckBoolean},
+    {kServiceEnabled, true, CheckBoolean},
 };
 
 /// What the resource has besides.
@@ -188,26 +188,38 @@ std::optional<StoredService> TakeStoredService(std::span<const RedisReply> repli
   return StoredService{FieldsOf(*service), FieldsOf(*smtp)};
 }
 
+std::optional<Json> StoredValue(std::string_view path, const StoredService& stored) {
+  const Place place = PlaceOf(path);
+  const StoredService::Fields& fields = place.key == kSmtpKey ? stored.smtp : stored.service;
+  const auto field = fields.find(place.field);
+  if (field == fields.end()) return nullptr;
+  if (path == kSmtpPassword && field->second != "null") return field->second;
+  Json value = Json::parse(field->second, nullptr, false);
+  if (value.is_discarded()) return std::nullopt;
+  return value;
+}
+
 ServiceValues ChangedValues(const ServiceValues& values, const StoredService& stored) {
   ServiceValues changed;
   for (const auto& [path, value] : values) {
-    const Place place = PlaceOf(path);
-    const StoredService::Fields& fields = place.key == kSmtpKey ? stored.smtp : stored.service;
-    const auto field = fields.find(place.field);
-    if (field == fields.end() || field->second != StoredText(path, value)) changed.emplace(path, value);
+    const std::optional<Json> former = StoredValue(path, stored);
+    if (!former || *former != value) changed.emplace(path, value);
   }
   return changed;
 }
 
-void AppendServiceWrites(RedisPipeline& pipeline, const ServiceValues& values) {
+std::optional<size_t> AppendServiceWrites(RedisPipeline& pipeline, const ServiceValues& values) {
+  std::optional<size_t> switchAt;
   for (const auto& [path, value] : values) {
     const Place place = PlaceOf(path);
-    pipeline.Append({"HSET", place.key, place.field, StoredText(path, value)});
+    const size_t at = pipeline.Append({"HSET", place.key, place.field, StoredText(path, value)});
+    if (path == kServiceEnabled) switchAt = at;
     if (path == kSmtpPassword) pipeline.Append({"HSET", kSmtpKey, "Password", "null"});  // what clients see
   }
   // A resource that was loaded without the object gets it now.
   const bool writesSmtp = std::ranges::any_of(values, [](const auto& value) { return IsSmtpPath(value.first); });
   if (writesSmtp) pipeline.Append({"HSET", kEventServiceUri, kSmtp, "&&Object SMTP " + std::string(kSmtpKey)});
+  return switchAt;
 }
 
 size_t AppendServiceEtag(RedisPipeline& pipeline) {

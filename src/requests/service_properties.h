@@ -19,6 +19,7 @@ namespace event_service {
 /// in the clear while a PATCH is judged, and encrypted (or null) everywhere else.
 using ServiceValues = std::map<std::string, Json, std::less<>>;
 
+inline constexpr std::string_view kServiceEnabled = "ServiceEnabled";
 inline constexpr std::string_view kSmtpPassword = "SMTP/Password";
 
 inline bool IsSmtpPath(std::string_view path) { return path.starts_with("SMTP/"); }
@@ -47,11 +48,16 @@ struct StoredService {
 size_t AppendServiceRead(RedisPipeline& pipeline);
 std::optional<StoredService> TakeStoredService(std::span<const RedisReply> replies, size_t first);
 
+/// The value of a property as it is stored, the password encrypted; null for a missing one, nothing for what is no
+/// JSON.
+std::optional<Json> StoredValue(std::string_view path, const StoredService& stored);
+
 /// Those of the values that differ from what is stored.
 ServiceValues ChangedValues(const ServiceValues& values, const StoredService& stored);
 
-/// Appends the writes of the values; every reply is an integer.
-void AppendServiceWrites(RedisPipeline& pipeline, const ServiceValues& values);
+/// Appends the writes of the values; every reply is an integer. Gives the position of that of ServiceEnabled, if it is
+/// among them.
+std::optional<size_t> AppendServiceWrites(RedisPipeline& pipeline, const ServiceValues& values);
 
 /// Appends the write of a new entity tag of the EventService and returns its position.
 size_t AppendServiceEtag(RedisPipeline& pipeline);

@@ -171,8 +171,6 @@ void MemberDeletion::RemoveFromFile() {
   if (!state_.db.DeleteDbSubscription(uri_, collectionEtag_)) hasFailed_ = true;
 }
 
-const char* AskedBy(const Request& request) { return request.IsFromEventing() ? "delivery side" : "client"; }
-
 /// Takes the reply to the published count and moves the count in memory. False, after a line, when it was not taken.
 bool SettleCount(SubscriptionsState& state, const redisReply* length, const redisReply* published, int32_t removed) {
   if (published != nullptr && SettleMembersCount(state, length, published, -removed)) return true;
@@ -233,7 +231,7 @@ Answer DeleteEventDestination(Request& request) {
   if (isStatusDue) last.Append({"HSET", request.announcement.responseKey, kReturnStatus, kOkEmpty});
   const std::vector<RedisReply> replies = last.Execute();
   events.Check(replies);
-  LogSubscriptionChange(deletion.Uri(), "deleted", AskedBy(request));
+  LogSubscriptionChange(deletion.Uri(), "deleted", request.AskedBy());
   bool hasFailed = deletion.HasFailed();
   if (length != nullptr && !SettleCount(*request.subscriptions, length, isCountSent ? replies[count].get() : nullptr,
                                         deletion.HasLeftCollection() ? 1 : 0)) {
@@ -256,7 +254,7 @@ Answer DeleteAllSseSubscriptions(Request& request) {
     deletion.Remove(*eventGroupId);
     deleted.push_back(deletion.Uri());
     if (deletion.HasLeftCollection()) ++removed;
-    LogSubscriptionChange(deletion.Uri(), "deleted", AskedBy(request));
+    LogSubscriptionChange(deletion.Uri(), "deleted", request.AskedBy());
   }
   RedisPipeline last(request.redis);
   if (!deleted.empty()) {

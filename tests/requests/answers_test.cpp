@@ -24,7 +24,7 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
       {"PATCH", R"({"Name": "n", "a@b.org": {}})", "FAILURE PropertyNotWritable(Name) PropertyUnknown(a@b.org)"},
       {"PATCH", R"({"Name": "n", "DeliveryRetryAttempts": 3})", "OK_RES PropertyNotWritable(Name)"},
       {"PATCH", R"({"@odata.etag": "x", "A@Redfish.B": 1, "&&SMTP": 1, "SMTP": {"@Message.A": 1}})", "OK_RES"},
-      {"PATCH", R"({"ServiceEnabled": true, "SMTP": {"Port": 2.50e1}})", "OK_RES"},
+      {"PATCH", R"({"ServiceEnabled": true, "SMTP": {"Port": 2.50e1, "FromAddress": null}})", "OK_RES"},
       {"PATCH", R"({"DeliveryRetryAttempts": null})", "FAILURE PropertyValueTypeError(null, DeliveryRetryAttempts)"},
       {"PATCH", R"({"DeliveryRetryAttempts": 2.5})", "FAILURE PropertyValueTypeError(2.5, DeliveryRetryAttempts)"},
       {"PATCH", R"({"DeliveryRetryAttempts": -1})", "FAILURE PropertyValueOutOfRange(-1, DeliveryRetryAttempts)"},
@@ -48,6 +48,7 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
       {"Submit", R"({"OriginOfCondition": "/ "})", "FAILURE ActionParameterValueFormatError(/ , OriginOfCondition, #)"},
       {"Submit", R"({"OriginOfCondition": "/redfish/v1/No"})", "FAILURE ResourceMissingAtURI(/redfish/v1/No)"},
   };
+  HashWrite(redis(), kSmtpKey, "Port", "25.0");
   const DatabaseDump before = State();
   for (const auto& row : cases) {
     const Answer answer = row.request == "PATCH" ? Patch(row.body) : Submit(row.body);

@@ -62,7 +62,8 @@ class EventServiceTest : public RedisTest {
     EXPECT_TRUE(body.empty() || WriteResource(redis(), "req/RequestData", body));
     SendArguments(redis(),
                   {"HSET", "req", kRequestMethod, method, kTargetUri, target, kRequestData, "req/RequestData"});
-    Request request{proxied_.get(), {"req", "resp"}, ReadRequestRecord(redis(), "req"), settings_, nullptr};
+    Request request{proxied_.get(), {"req", responseKey_}, ReadRequestRecord(redis(), "req"), settings_, nullptr,
+                    &unsettled_};
     for (const MethodRoute& route : kEventServiceRoutes.routes) {
       if (route.method == method) return route.handle(request);
     }
@@ -95,7 +96,9 @@ class EventServiceTest : public RedisTest {
 
   TripCounter proxy_{Server().SocketPath()};
   const RedisContext proxied_ = proxy_.Connect();
+  std::string responseKey_ = "resp";
   ServiceSettings settings_;
+  UnsettledProperties unsettled_;
   const std::string& file_ = settings_.paths.persistentProperties;
   LogCapture log_;
 };

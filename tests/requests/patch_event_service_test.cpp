@@ -73,6 +73,24 @@ TEST_F(PatchTest, TurningTheServiceOffAsksForTheEndOfTheStreams) {
   EXPECT_EQ(Dump()[announcement.requestKey], "{&&RequestMethod=DELETE, &&TargetURI=SSE-ALL}");
 }
 
+TEST_F(PatchTest, WhatDidNotGetIntoRedisOrTheFileIsSettledByTheNextChange) {
+  const RedisContext listener = Connect();
+  ASSERT_TRUE(SendArguments(listener.get(), {"SUBSCRIBE", kSubscriptionsChannel}));
+  const char* const body = R"({"DeliveryRetryAttempts": 4, "ServiceEnabled": false, "SMTP": {"Port": 26}})";
+  proxy_.FailCommandsWith("&&Object SMTP");  // the last write
+  EXPECT_EQ(Patch(body).status, "EXCEPTION");
+  EXPECT_FALSE(KeyListing(redis(), "*SSE-ALL*").empty()) << "the service is off";
+  proxy_.Reset();
+  EXPECT_EQ(Summary(Patch(body)), "OK_RES Success()");
+  EXPECT_EQ(ReadFile(file_), "DeliveryRetryAttempts=4\nSMTP/Port=26\nServiceEnabled=false\n");
+
+  const std::string file = std::exchange(settings_.paths.persistentProperties, Sandbox().Root());
+  EXPECT_EQ(Patch(R"({"SMTP": {"Username": "me"}})").status, "OK_RES");
+  settings_.paths.persistentProperties = file;
+  Patch(R"({"DeliveryRetryAttempts": 5})");
+  EXPECT_EQ(ReadFile(file_), "DeliveryRetryAttempts=5\nSMTP/Port=26\nSMTP/Username=\"me\"\nServiceEnabled=false\n");
+}
+
 TEST_F(PatchTest, ARestorationTakesOnlyKnownPropertiesWithValidValues) {
   EXPECT_TRUE(Restore()) << "there is no file";
   WriteFile(file_,

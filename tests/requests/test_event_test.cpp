@@ -32,6 +32,10 @@ TEST_F(EventServiceTest, TheScriptsReplyDecidesAnswerAndTheObjectsFate) {
     EXPECT_EQ(EventKeys().size(), row.kept ? 3U : 0U) << row.script;
     for (const std::string& key : EventKeys()) KeyDelete(redis(), key);
   }
+  RegisterScript("enqueueEvent", "return 1");
+  responseKey_ = kFromEventing;
+  Submit();
+  EXPECT_FALSE(KeyExists(redis(), kFromEventing));
 }
 
 TEST_F(EventServiceTest, ATestEventIsStoredAsAValidRedfishEventWithItsDefaults) {

@@ -136,6 +136,12 @@ TEST_F(DeletionTest, AllStreamsEndAndNothingElse) {
     EXPECT_EQ(Elements("queued").size(), 2u);
     EXPECT_EQ(Field("/redfish/v1/EventService", "&&EVENT_GROUP_ID_COUNTER"), "4") << "a draw without an event";
   }
+  Create(stream);
+  const LogCapture log;
+  Request turnedOff = MakeRequest("DELETE", "SSE-ALL");
+  turnedOff.announcement = {std::string(kEndOfStreamsRequests) + "1", std::string(kFromEventing)};
+  DeleteAllSseSubscriptions(turnedOff);
+  EXPECT_EQ(log.DebugLines(), Names{"Subscription " + kCollection + "/Stream-02 deleted by client."});
 }
 
 }  // namespace
