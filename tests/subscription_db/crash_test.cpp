@@ -32,7 +32,7 @@ struct ChildReport {
   int steps = 0;
   bool isStopped = true;
   char results[8] = "";   // of its operations: 'y' or 'n' each
-  char trace[2048] = "";  // a line for each flush and each command
+  char trace[2048] = "";  // a line for each flush, command and file that children inherit
 };
 
 Fault fault;
@@ -74,6 +74,7 @@ int open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
+  if ((flags & O_CLOEXEC) == 0) Trace("left to children: " + std::string(path));
   if ((flags & (O_CREAT | O_TRUNC)) != 0 && IsRefused()) return -1;
   return Real(open, "open64")(path, flags, mode);
 }

@@ -107,6 +107,18 @@ TEST_F(DbSandboxTest, AnUpdateMergesObjectsReplacesTheRestAndTakesOutWhatIsNamed
   EXPECT_EQ(Stored(), expected);
 }
 
+TEST_F(DbSandboxTest, AChangeThatFailedIsMadeWithTheNextAndNotAgain) {
+  LayOut("D=A");
+  SubscriptionDb db = NewDb();
+  fails_ = [](const std::string& command) { return command.find(" -d ") != std::string::npos; };
+  EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
+  fails_ = [](const std::string&) { return false; };
+  for (const auto& [removed, after] : {std::pair("C", "AB"), {"B", "A"}, {"C", "A"}}) {
+    EXPECT_TRUE(db.DeleteDbSubscription(kUris + removed, kEtagText));
+    EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << "without " << removed;
+  }
+}
+
 TEST_F(DbSandboxTest, APasswordIsTheFirstLineOfItsFileOrGeneratedOnce) {
   const struct {
     std::string content;
