@@ -214,12 +214,15 @@ TEST_F(CrashTest, StartsAndChangesThatAreStoppedOrRefusedAtAnyStep) {
       {"D=AB", {"start", "~B", "-A", "+C"}, {"AB", "AB", "Ab", "b", "bC"}, {"stop"}},
       {"D=AB", {"~B", "-A"}, {"AB", "Ab", "b"}, {"stop", "fail"}},
   };
+  const FilePaths& paths = Sandbox().Paths();
   for (const auto& row : scenarios) {
+    const bool fallsBack = row.sets[0].empty() && row.files[0] != '\0';
     for (const char* kind : row.faults) {
       ChildReport child;
       // Until the fault lies behind the last step.
       for (int step = 1; child.isStopped || child.steps >= step - 1; ++step) {
-        LayOutFiles(Sandbox().Paths(), row.files);
+        LayOutFiles(paths, row.files);
+        const std::string laidOut = ReadFile(paths.databaseFile);
         child = Run(row.operations, {kind, step});
         if (step % 3 == 0) Run({"start"}, {"stop", 1 + step * 7 % 24});
         // What was acknowledged is there with what came before it; what failed or was cut short after it may be there.
@@ -227,8 +230,9 @@ TEST_F(CrashTest, StartsAndChangesThatAreStoppedOrRefusedAtAnyStep) {
         const size_t oldest = results.rfind('y') + 1;
         const size_t newest = std::min(results.size() + (child.isStopped ? 1 : 0), row.operations.size());
         const std::string found = Restart();
-        EXPECT_GT(std::count(&row.sets[oldest], &row.sets[newest] + 1, found), 0)
-            << row.files << ", " << row.operations.back() << ", " << kind << " " << step << ": " << found;
+        const std::string what = row.files + (", " + row.operations.back()) + ", " + kind + std::to_string(step);
+        EXPECT_GT(std::count(&row.sets[oldest], &row.sets[newest] + 1, found), 0) << what << ": " << found;
+        EXPECT_TRUE(!fallsBack || ReadFile(paths.databaseFile + ".unreadable") == laidOut) << what << ": not kept";
       }
     }
   }

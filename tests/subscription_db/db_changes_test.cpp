@@ -62,7 +62,7 @@ TEST_F(DbSandboxTest, AChangeRunsFourCommandsAndTouchesWhatItNamesOnlyOrNothing)
       {"A", insert(memberB.dump()), "AB"},
       {"AB", insert(MemberOf('a').dump()), "Ba"},
       {"ABB", remove("B"), "AB"},
-      {"A", remove("C"), "A"},
+      {"A", remove(""), "A"},
       {"A", refresh, "A"},
       {"AB", writeBack, "BDa"},
       {"cut {", refresh, nullptr, "Cannot load database from file.\n"},
