@@ -107,10 +107,8 @@ bool RegisterAndDiscover(redisContext* redis, std::span<const RedisReply> queueL
   return true;
 }
 
-}  // namespace
-
-bool EventServiceInit(redisContext* redis, ServiceSettings& settings, SubscriptionsState& state) {
-  ReadTlsSettings(settings);
+/// From the database file to the settings, in its order.
+bool LoadAndDiscover(redisContext* redis, ServiceSettings& settings, SubscriptionsState& state) {
   const bool restored = state.db.InitSubscriptionDb() && ReconcileMembers(redis, settings, state);
   const std::vector<RedisReply> lengths = restored ? ReadLengths(redis) : std::vector<RedisReply>();
   if (!restored || !PublishMembersCount(redis, state, lengths.front().get()) ||
@@ -119,6 +117,17 @@ bool EventServiceInit(redisContext* redis, ServiceSettings& settings, Subscripti
     return false;
   }
   return RegisterAndDiscover(redis, std::span(lengths).subspan(1), settings, state);
+}
+
+}  // namespace
+
+bool EventServiceInit(redisContext* redis, ServiceSettings& settings, SubscriptionsState& state) {
+  ReadTlsSettings(settings);
+  if (LoadAndDiscover(redis, settings, state) && state.db.SettleStart()) return true;
+  // A file may have been passed over only because Redis went away under the loader. What fails here is logged, and the
+  // next start begins with it.
+  [[maybe_unused]] const bool putBack = state.db.PutBackFiles();
+  return false;
 }
 
 bool RunUriSubscriptionMapScript(redisContext* redis, const std::string& scriptPath) {

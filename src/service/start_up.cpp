@@ -72,8 +72,7 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
   ForgetLifeCycleSetting();
 
   ProcessLog log(settings.paths.configuration);
-  state.db.PutBackLegacyFile();
-  if (!ProvideDatabaseFile(settings.paths)) return kFailed;
+  if (!state.db.PutBackFiles() || !ProvideDatabaseFile(settings.paths)) return kFailed;
 
   RedisContext redis(redisConnectContext());
   if (!redis) {

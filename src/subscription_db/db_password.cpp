@@ -46,9 +46,12 @@ int ReadFirstLine(const std::string& path, std::string& result) {
 bool SubscriptionDb::ReadDbPassword() {
   if (!password_.empty()) return true;
   const int error = ReadFirstLine(environment_.paths.passwordFile, password_);
-  if (error == 0) return true;
-  LogError("Failed to read password: %s.", std::generic_category().message(error).c_str());
-  return false;
+  // A start asks twice.
+  if (error != 0 && error != passwordError_) {
+    LogError("Failed to read password: %s.", std::generic_category().message(error).c_str());
+  }
+  passwordError_ = error;
+  return error == 0;
 }
 
 bool SubscriptionDb::EnsureDbPassword() {
@@ -56,7 +59,7 @@ bool SubscriptionDb::EnsureDbPassword() {
   if (read && !password_.empty()) return true;
   // What cannot be read now may still be the only key to a file that is kept aside.
   const std::string& path = environment_.paths.passwordFile;
-  if (!read && FileIsThere(path) && !KeepAside(path)) return false;
+  if (!read && FileIsThere(path) && !KeepAside(path, path)) return false;
   return GeneratePassword();
 }
 

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <optional>
 #include <system_error>
 
 #include "foundation/durable_file.h"
@@ -22,18 +21,36 @@ std::string LegacyName(const FilePaths& paths) { return paths.databaseFile + ".l
 
 }  // namespace
 
-void SubscriptionDb::PutBackLegacyFile() {
+bool SubscriptionDb::PutBackFiles() {
+  const std::string& databaseFile = environment_.paths.databaseFile;
+  const std::string& plainFile = environment_.paths.plainDatabaseFile;
+  const bool isUndone = FileIsThere(AsideName(databaseFile)) || FileIsThere(AsideName(plainFile));
+  if (isUndone) {
+    // While anything is aside, the plain file holds default data or the database file's, which is whole. It has to be
+    // gone first: a start would take it before the database file.
+    const bool done = (unlink(plainFile.c_str()) == 0 || errno == ENOENT) && SyncFolderOf(plainFile) &&
+                      PutBack(databaseFile) && PutBack(plainFile) && SyncFolderOf(plainFile);
+    if (!done) {
+      LogError("The files that a start without success has set aside cannot be put back.");
+      return false;
+    }
+    LogError("A start did not come to its end: the files that it set aside are put back.");
+  }
+  return PutBackLegacyFile();
+}
+
+bool SubscriptionDb::PutBackLegacyFile() const {
   const std::string& databaseFile = environment_.paths.databaseFile;
   const std::string legacyFile = LegacyName(environment_.paths);
-  if (!FileIsThere(legacyFile) || FileIsFilled(databaseFile)) return;
+  if (!FileIsThere(legacyFile) || FileIsFilled(databaseFile)) return true;
   // Once moved, the same file is the plain file, which goes first; an empty database file keeps default data from being
   // copied over it. Were it put back, the plain file would be encrypted over itself.
   const bool moved = IsSameFile(environment_.paths.plainDatabaseFile, legacyFile);
   const bool putBack =
       moved ? MakePrivateFile(databaseFile, false) : std::rename(legacyFile.c_str(), databaseFile.c_str()) == 0;
-  if (!putBack || !SyncFolderOf(databaseFile)) {
-    LogError("Failed to put the file %s back as the subscription DB file.", legacyFile.c_str());
-  }
+  if (putBack && SyncFolderOf(databaseFile)) return true;
+  LogError("Failed to put the file %s back as the subscription DB file.", legacyFile.c_str());
+  return false;
 }
 
 bool SubscriptionDb::InitSubscriptionDb() {
@@ -42,38 +59,61 @@ bool SubscriptionDb::InitSubscriptionDb() {
   LogDebug("The subscription plain DB file path is %s.", paths.plainDatabaseFile.c_str());
   LogDebug("The subscription password file path is %s.", paths.passwordFile.c_str());
 
-  std::optional<std::string> plainAside;
+  const std::string plainAside = AsideName(paths.plainDatabaseFile);
   if (CheckDbFile(paths.plainDatabaseFile) == DbFileState::kFilled) {
     chmod(paths.plainDatabaseFile.c_str(), S_IRUSR | S_IWUSR);
     if (RestoreDbToRedis(paths.plainDatabaseFile)) return FinishStart();
     // Out of the way of the decryption: it may be a whole document that the loader could not load today.
-    plainAside = MoveAside(paths.plainDatabaseFile);
-    if (!plainAside) return false;
+    if (!SetAside(paths.plainDatabaseFile, plainAside)) return false;
   }
 
-  bool restored = false;
+  databaseFileLoaded_ = false;
   if (CheckDbFile(paths.databaseFile) == DbFileState::kFilled) {
-    const bool isEncrypted = ReadDbPassword() && !password_.empty();
+    const bool isEncrypted = ReadDbPassword() && !password_.empty() && !IsLegacyFile();
     if (!isEncrypted && !NameLegacyFile()) return false;
-    restored = (isEncrypted ? DecodeDbFile(true) : MoveLegacyFile()) && RestoreDbToRedis(paths.plainDatabaseFile);
+    databaseFileLoaded_ =
+        (isEncrypted ? DecodeDbFile(true) : MoveLegacyFile()) && RestoreDbToRedis(paths.plainDatabaseFile);
   }
-  if (restored && plainAside && !ReadDbDocument(*plainAside)) {
-    unlink(plainAside->c_str());  // what a dump or decryption left that was cut short; the database file was whole
-  } else if (plainAside) {
-    LogKeptAside(paths.plainDatabaseFile, *plainAside);
+  if (!databaseFileLoaded_) return FallBackToDefaultData() && FinishStart();
+  if (!ReadDbDocument(plainAside)) unlink(plainAside.c_str());  // what a dump or decryption left that was cut short
+  if (FileIsThere(plainAside)) {
+    // Whoever puts the plain file back needs a whole database file, also while this one is being encrypted.
+    const bool safe = FileIsFilled(paths.databaseFile) ? SetAside(paths.databaseFile, AsideName(paths.databaseFile))
+                                                       : KeepAside(paths.plainDatabaseFile, plainAside);
+    if (!safe) return false;
   }
-  std::optional<std::string> databaseAside;
-  if (!restored && !FallBackToDefaultData(databaseAside)) return false;
-  if (FinishStart()) return true;
-  if (databaseAside) UndoFallback(*databaseAside);
-  return false;
+  return FinishStart();
+}
+
+bool SubscriptionDb::SettleStart() {
+  const FilePaths& paths = environment_.paths;
+  const std::string plainAside = AsideName(paths.plainDatabaseFile);
+  const std::string databaseAside = AsideName(paths.databaseFile);
+  const std::string legacyFile = LegacyName(paths);
+  if (FileIsThere(plainAside) && !KeepAside(paths.plainDatabaseFile, plainAside)) return false;
+  if (FileIsThere(databaseAside) && databaseFileLoaded_) {
+    if (unlink(databaseAside.c_str()) != 0 || !SyncFolderOf(databaseAside)) {
+      LogError("Failed to remove the file %s.", databaseAside.c_str());
+      return false;
+    }
+  } else if (FileIsThere(databaseAside)) {
+    // An unencrypted one was found unreadable as the plain file.
+    const bool wasMoved = IsSameFile(databaseAside, legacyFile);
+    if (!KeepAside(wasMoved ? paths.plainDatabaseFile : paths.databaseFile, databaseAside)) return false;
+  }
+  unlink(legacyFile.c_str());
+  return true;
 }
 
 bool SubscriptionDb::FinishStart() {
   GatherRestoredUris();
-  if (!EnsureDbPassword() || !EncodeDbFile()) return false;
-  unlink(LegacyName(environment_.paths).c_str());
-  return true;
+  return EnsureDbPassword() && EncodeDbFile();
+}
+
+bool SubscriptionDb::IsLegacyFile() const {
+  // A start that failed may have generated a password after the move.
+  const std::string& databaseFile = environment_.paths.databaseFile;
+  return IsSameFile(databaseFile, LegacyName(environment_.paths)) && ReadDbDocument(databaseFile);
 }
 
 bool SubscriptionDb::NameLegacyFile() {
@@ -81,7 +121,7 @@ bool SubscriptionDb::NameLegacyFile() {
   const std::string legacyFile = LegacyName(environment_.paths);
   chmod(databaseFile.c_str(), S_IRUSR | S_IWUSR);
   if (IsSameFile(databaseFile, legacyFile)) return true;
-  if (FileIsThere(legacyFile) && !KeepAside(legacyFile)) return false;
+  if (FileIsThere(legacyFile) && !KeepAside(legacyFile, legacyFile)) return false;
   if (link(databaseFile.c_str(), legacyFile.c_str()) == 0 && SyncFolderOf(databaseFile)) return true;
   // Once it is moved, the next start would copy default data over it.
   LogError("Failed to give the file %s a second name before it is moved.", databaseFile.c_str());
@@ -95,17 +135,15 @@ bool SubscriptionDb::MoveLegacyFile() {
   return false;
 }
 
-bool SubscriptionDb::FallBackToDefaultData(std::optional<std::string>& databaseAside) {
+bool SubscriptionDb::FallBackToDefaultData() {
   const std::string& databaseFile = environment_.paths.databaseFile;
   const std::string& plainFile = environment_.paths.plainDatabaseFile;
+  const std::string databaseAside = AsideName(databaseFile);
   LogError("Failed to decode db file. Uses default DB file instead.");
   if (FileIsFilled(databaseFile)) {
-    if (!CanWritePlainFile()) return false;
-    databaseAside = MoveAside(databaseFile);
-    if (!databaseAside) return false;
-    LogKeptAside(databaseFile, *databaseAside);
+    if (!CanWritePlainFile() || !SetAside(databaseFile, databaseAside)) return false;
   } else if (FileIsFilled(plainFile)) {
-    if (!KeepAside(plainFile)) return false;  // the database file was moved here
+    if (!SetAside(plainFile, databaseAside)) return false;  // the database file was moved here
   }
   const bool copied = MakePrivateFile(plainFile, true) &&
                       environment_.runShell("cp " + environment_.paths.defaultDatabaseFile + " " + plainFile) == 0;
@@ -127,19 +165,6 @@ bool SubscriptionDb::CanWritePlainFile() const {
   unlink(plainFile.c_str());
   if (!written) LogError("The file %s cannot be written; the start is given up.", plainFile.c_str());
   return written;
-}
-
-void SubscriptionDb::UndoFallback(const std::string& databaseAside) {
-  // What kept the default data from being encrypted, such as a missing tool, may have kept the file from being read.
-  // The plain file goes first: it holds default data, and a start would take it before the database file.
-  const FilePaths& paths = environment_.paths;
-  const bool undone = (unlink(paths.plainDatabaseFile.c_str()) == 0 || errno == ENOENT) &&
-                      std::rename(databaseAside.c_str(), paths.databaseFile.c_str()) == 0;
-  if (undone && SyncFolderOf(paths.databaseFile)) {
-    LogError("The file %s is tried again at the next start.", paths.databaseFile.c_str());
-  } else {
-    LogError("The file %s could not be put back.", databaseAside.c_str());
-  }
 }
 
 bool SubscriptionDb::RestoreDbToRedis(const std::string& plainFile) {

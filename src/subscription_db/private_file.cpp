@@ -80,24 +80,27 @@ bool IsSameFile(const std::string& path, const std::string& other) {
          first.st_ino == second.st_ino;
 }
 
-std::optional<std::string> MoveAside(const std::string& path) {
-  const std::string aside = path + ".unreadable";
-  const bool hasRoom = !FileIsThere(aside) || std::rename(aside.c_str(), NameOfOlder(aside).c_str()) == 0;
-  if (!hasRoom || std::rename(path.c_str(), aside.c_str()) != 0 || !SyncFolderOf(path)) {
+std::string AsideName(const std::string& path) { return path + ".aside"; }
+
+bool SetAside(const std::string& path, const std::string& aside) {
+  if (!FileIsThere(aside) && std::rename(path.c_str(), aside.c_str()) == 0 && SyncFolderOf(path)) return true;
+  LogError("Failed to set the file %s aside.", path.c_str());
+  return false;
+}
+
+bool PutBack(const std::string& path) {
+  return std::rename(AsideName(path).c_str(), path.c_str()) == 0 || errno == ENOENT;
+}
+
+bool KeepAside(const std::string& path, const std::string& from) {
+  const std::string keptAs = path + ".unreadable";
+  const bool hasRoom = !FileIsThere(keptAs) || std::rename(keptAs.c_str(), NameOfOlder(keptAs).c_str()) == 0;
+  if (!hasRoom || std::rename(from.c_str(), keptAs.c_str()) != 0 || !SyncFolderOf(path)) {
     LogError("Failed to keep the file %s aside: %s.", path.c_str(), std::generic_category().message(errno).c_str());
-    return std::nullopt;
+    return false;
   }
-  return aside;
-}
-
-bool KeepAside(const std::string& path) {
-  const std::optional<std::string> keptAs = MoveAside(path);
-  if (keptAs) LogKeptAside(path, *keptAs);
-  return keptAs.has_value();
-}
-
-void LogKeptAside(const std::string& path, const std::string& keptAs) {
   LogError("The file %s could not be read and is kept as %s.", path.c_str(), keptAs.c_str());
+  return true;
 }
 
 }  // namespace event_service

@@ -1,7 +1,6 @@
 /// Files that only their owner may read, from their first byte on, and the names that they are kept under.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,12 +19,19 @@ bool FileIsFilled(const std::string& path);
 /// True when both names stand for one and the same file.
 bool IsSameFile(const std::string& path, const std::string& other);
 
-/// Renames a file to its own name with ".unreadable" at the end and returns that name; an older one of that name gets
-/// the epoch seconds appended. Nothing, after a logged line, when that fails.
-std::optional<std::string> MoveAside(const std::string& path);
+/// The name of a file that a start has set aside and that is put back unless the start comes to its end.
+std::string AsideName(const std::string& path);
 
-/// The same, and says in the log where the file is.
-[[nodiscard]] bool KeepAside(const std::string& path);
-void LogKeptAside(const std::string& path, const std::string& keptAs);
+/// Renames a file to a name that no file has, on the disk as well. False after a logged line.
+[[nodiscard]] bool SetAside(const std::string& path, const std::string& aside);
+
+/// Gives a file that was set aside its name back, in the place of what has the name now. True also when there is none.
+/// Not flushed to the disk. Logs nothing.
+[[nodiscard]] bool PutBack(const std::string& path);
+
+/// Keeps a file that could not be read for good: renames it (`from` is its present name) to its own name with
+/// ".unreadable" at the end, says so in the log, and flushes the folder. An older one of that name gets the epoch
+/// seconds appended. False after a logged line.
+[[nodiscard]] bool KeepAside(const std::string& path, const std::string& from);
 
 }  // namespace event_service

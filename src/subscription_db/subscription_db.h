@@ -9,7 +9,6 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -55,13 +54,20 @@ class SubscriptionDb {
 
   // --- Start-up -----------------------------------------------------------------------------------------------------
 
-  /// Undoes a move of an old unencrypted database file that was cut short. Start-up calls it before it looks whether
-  /// there is a database file; default data would otherwise be copied over the moved one.
-  void PutBackLegacyFile();
+  /// Puts the files back that a start which failed or was cut short has set aside or moved, so that the next one finds
+  /// what that one found. Start-up calls it when a step after InitSubscriptionDb fails, and before it looks whether
+  /// there is a database file: default data would otherwise be copied over a moved one. False, after a logged line,
+  /// when a file cannot be put back; the start must not go on then.
+  [[nodiscard]] bool PutBackFiles();
 
   /// The start-up procedure: takes the plain file when there is one, else decrypts the database file, else falls back
   /// to the default data; has what it found loaded into Redis; leaves an encrypted file. False after a logged line.
+  /// Files that were passed over are set aside until SettleStart or PutBackFiles.
   [[nodiscard]] bool InitSubscriptionDb();
+
+  /// Keeps for good what InitSubscriptionDb has set aside: the start has come to its end, and changes may follow.
+  /// False, after a logged line, when that fails; a later start would undo those changes, so this one must fail.
+  [[nodiscard]] bool SettleStart();
 
   /// The URIs of the members of the file as InitSubscriptionDb left it, in the file's order.
   const std::vector<std::string>& RestoredUris() const { return restoredUris_; }
@@ -120,10 +126,11 @@ class SubscriptionDb {
   /// Changes the "Members" array; false, after a logged line, when there is nothing to write.
   using Edit = std::function<bool(json_t* members)>;
 
+  bool PutBackLegacyFile() const;
   bool NameLegacyFile();
   bool MoveLegacyFile();
-  bool FallBackToDefaultData(std::optional<std::string>& databaseAside);
-  void UndoFallback(const std::string& databaseAside);
+  bool IsLegacyFile() const;
+  bool FallBackToDefaultData();
   bool CanWritePlainFile() const;
   bool FinishStart();
   void GatherRestoredUris();
@@ -137,6 +144,8 @@ class SubscriptionDb {
 
   DbEnvironment environment_;
   std::string password_;
+  int passwordError_ = 0;  // the last that was logged
+  bool databaseFileLoaded_ = false;
   bool plainFileIsAhead_ = false;  // an encryption failed: the plain file holds what the database file lacks
   std::vector<Edit> unwritten_;    // changes that failed before they were in either file, oldest first
   std::vector<std::string> restoredUris_;

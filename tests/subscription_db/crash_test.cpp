@@ -36,6 +36,7 @@ struct ChildReport {
 };
 
 Fault fault;
+int failingLoads = 0;
 ChildReport* report = nullptr;  // null outside of a child
 
 /// Counts one step; true when it is to be refused. Does not return when the process is to stop there.
@@ -110,8 +111,9 @@ int system(const char* command) {
   Trace(command);
   const std::string_view text = command;
   // A load or a legacy move that fails leads to the default data by rule, with every file kept: these are only stopped.
-  const bool mayFail = text.find(" UPDATE ") == std::string_view::npos && !text.starts_with("mv ");
-  if (IsRefused() && mayFail) return kFailed;
+  const bool loads = text.find(" UPDATE ") != std::string_view::npos;
+  const bool mayFail = !loads && !text.starts_with("mv ");
+  if ((IsRefused() && mayFail) || (loads && failingLoads-- > 0)) return kFailed;
   const int status = Real(system, "system")(command);
   const std::string output = OutputOf(command);
   if (report == nullptr || output.empty() || status != 0) return status;
@@ -126,8 +128,9 @@ int system(const char* command) {
 namespace event_service {
 namespace {
 
-// Operations are "start" and changes of one subscription: "+A" inserts it, "~A" updates it, "-A" deletes it. A set of
-// subscriptions is the text of their letters; a small letter is one that was updated.
+// Operations are "start", "lost" and "back" (a start under whose loader Redis goes away, in "back" for a moment) and
+// changes of one subscription: "+A" inserts it, "~A" updates it, "-A" deletes it. A set of subscriptions is the text of
+// their letters; a small letter is one that was updated.
 using Operations = std::vector<std::string>;
 
 class CrashTest : public RedisTest {
@@ -144,7 +147,8 @@ class CrashTest : public RedisTest {
     if (operation[0] == '+') return db.InsertDbSubscription(id, MemberOf(id[0]).dump(), kPrivileges, kEtagText);
     if (operation[0] == '~') return db.UpdateDbSubscription(kUris + id, {{"Context", "changed"}}, {}, kEtagText);
     if (operation[0] == '-') return db.DeleteDbSubscription(kUris + id, kEtagText);
-    return StartDb(db, Sandbox().Paths());
+    failingLoads = operation == "lost" ? 3 : (operation == "back" ? 1 : 0);
+    return StartDb(db, Sandbox().Paths(), operation == "start");
   }
 
   /// Does the operations in a child process, up to a start that fails.
@@ -210,6 +214,10 @@ TEST_F(CrashTest, StartsAndChangesThatAreStoppedOrRefusedAtAnyStep) {
       {"D=AB P:C P/", {"start"}, {"AB", "AB"}, {"stop", "full"}},  // the plain file was cut short
       {"D=A D/", {"start"}, {"", ""}, {"stop", "full"}},           // falls back
       {"D:AB", {"start"}, {"AB", "AB"}, {"stop", "full"}},         // an unencrypted file
+      {"D=AB", {"lost"}, {"AB", "AB"}, {"stop", "fail"}},
+      {"D=A P:AB", {"lost"}, {"AB", "AB"}, {"stop", "fail"}},
+      {"D=A P:AB", {"back"}, {"AB", "AB"}, {"stop"}},
+      {"D:AB", {"lost"}, {"AB", "AB"}, {"stop"}},
       {"D=AB", {"+C"}, {"AB", "ABC"}, {"stop", "full"}},
       {"D=AB", {"start", "~B", "-A", "+C"}, {"AB", "AB", "Ab", "b", "bC"}, {"stop"}},
       {"D=AB", {"~B", "-A"}, {"AB", "Ab", "b"}, {"stop", "fail"}},

@@ -75,12 +75,13 @@ inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
   }
 }
 
-/// What start-up does with the files, in its order.
-inline bool StartDb(SubscriptionDb& db, const FilePaths& paths) {
-  db.PutBackLegacyFile();
+/// What start-up does with the files, in its order; without `succeeds` a later step fails.
+inline bool StartDb(SubscriptionDb& db, const FilePaths& paths, bool succeeds = true) {
+  if (!db.PutBackFiles()) return false;
   const bool isThere = FileExists(paths.databaseFile);
   if (!isThere && RunShell("cp " + paths.defaultDatabaseFile + " " + paths.plainDatabaseFile) != 0) return false;
-  return db.InitSubscriptionDb();
+  if (db.InitSubscriptionDb() && succeeds && db.SettleStart()) return true;
+  return db.PutBackFiles() && false;
 }
 
 /// The text with the files' letters for their paths, and "N" for the numbers of descriptors and of older files.

@@ -47,6 +47,7 @@ TEST_F(DbSandboxTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
       const bool isKeptAside = name.find(".unreadable") != std::string::npos;
       EXPECT_TRUE(!isKeptAside || before.find(content) != std::string::npos) << name;
     }
+    EXPECT_EQ(Errors().find("Failed to read p"), Errors().rfind("Failed to read p")) << "said once";
     const bool fallsBack = row.ids.empty() && row.files[0] != '\0';
     EXPECT_EQ(Errors().find(kFallback) != std::string::npos, fallsBack) << Errors();
   }
@@ -73,7 +74,8 @@ TEST_F(DbSandboxTest, AStartThatCannotEncryptLeavesTheDatabaseFileForTheNext) {
   fails_ = [](const std::string& command) { return command.find(" enc ") != std::string::npos; };
   SubscriptionDb db = NewDb();
   EXPECT_FALSE(StartDb(db, Paths()));
-  EXPECT_TRUE(Errors().ends_with("The file D is tried again at the next start.\n")) << Errors();
+  EXPECT_TRUE(Errors().ends_with("A start did not come to its end: the files that it set aside are put back.\n"))
+      << Errors();
   EXPECT_EQ(ReadFile(Paths().databaseFile), before);
   EXPECT_EQ(FileNames(), "D K ");
 }

@@ -74,6 +74,12 @@ void RedisTest::SetUp() {
   ASSERT_TRUE(SendCommand(redis(), "FLUSHALL"));
 }
 
+void RedisTest::RestartServer() {
+  Server().Kill();
+  Server().Start();
+  redis_ = Connect();
+}
+
 RedisContext RedisTest::Connect() { return RedisContext(redisConnectContext()); }
 
 }  // namespace event_service

@@ -28,6 +28,8 @@ class RedisTest : public testing::Test {
   redisContext* redis() { return redis_.get(); }
   static const SandboxRoot& Sandbox() { return *sandbox_; }
   static RedisServer& Server() { return *server_; }
+  /// Ends the server, which may have ended already, and goes on with an empty one.
+  void RestartServer();
   /// One more connection to the server.
   static RedisContext Connect();
   DatabaseDump Dump() { return DumpDatabase(redis()); }

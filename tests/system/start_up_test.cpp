@@ -47,6 +47,22 @@ TEST_F(StartUp, AFailedStartExitsWith255AndSaysWhy) {
   }
 }
 
+TEST_F(StartUp, ARedisThatGoesAwayUnderTheLoaderCostsNoSubscription) {
+  StartDaemon();
+  AskShort("POST", kCollection, R"({"Id": "A", "Destination": "https://collector/", "Protocol": "Redfish"})");
+  daemon().Kill();
+  const std::string loader = Sandbox().Paths().resourceLoader;
+  std::filesystem::rename(loader, loader + ".real");
+  WriteFile(loader, "#!/bin/sh\nkill -9 " + std::to_string(Server().Pid()) + "\nexit 1\n");
+  std::filesystem::permissions(loader, std::filesystem::perms::owner_all);
+  EXPECT_EQ(FailedStart(), 255);
+  std::filesystem::rename(loader + ".real", loader);
+  RestartServer();
+  LoadPlatform();
+  StartDaemon();
+  EXPECT_EQ(Value(kCollection, "/Members/0/@odata.id"), std::string(kCollection) + "/A") << Log();
+}
+
 TEST(Program, RefusesARootThatAShellWouldHaveToQuote) {
   const SandboxRoot folder;
   Daemon daemon;
