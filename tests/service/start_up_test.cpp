@@ -76,6 +76,7 @@ TEST_F(StartUpTest, TheConfigurationIsTakenWhereItMakesSense) {
   };
   for (const auto& row : cases) {
     SetUp();
+    ListAppend(redis(), kRegistryPrefixesKey, "\"Base\"");
     EXPECT_EQ(Start(row.configuration), 0) << row.configuration;
     EXPECT_EQ((settings_.protocolOnly ? "only " : "all ") + settings_.sslSoftwareArg + " " + settings_.sslOptionArg +
                   " " + settings_.defaultRetryPolicy + " " + std::to_string(settings_.maxSubscriptionCount) + " " +
@@ -92,12 +93,11 @@ TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
     std::string failing, error;
   } cases[] = {
       {"LLEN &&/redfish/v1/EventService/PATCHQ", "Failed to get &&/redfish/v1/EventService/PATCHQ queue length.\n"},
-      {"RPUSH &&/redfish/v1/EventService/PATCHQ", "Failed to push queue.\n"},
       {"HSET &&/redfish/v1/EventService/SMTP", "Failed to set SMTP/Password default setting.\n"},
       {"LRANGE &&/redfish/v1/JsonSchemas/Members", "Cannot get the list of schema.\nFailed to init ResourceTypes and"},
       {"KEYS /redfish/v1/schemas", "Cannot find any defined RegistryPrefix.\nFailed to init ResourceTypes and"},
       {"LRANGE &&/redfish/v1/EventService/Subscriptions/Members", "Failed to load subscription db file.\n"},
-      {"LLEN &&/redfish/v1/EventService/Subscriptions/Members", "Failed to load subscription db file.\n"},
+      {"HSET /redfish/v1/EventService/Subscriptions/A", "Failed to load subscription db file.\n"},
       {"HSET /redfish/v1/EventService/Subscriptions Members@", "Failed to load subscription db file.\n"},
       {"LLEN &&/redfish/v1/EventDestination/GETQ", "Failed to get &&/redfish/v1/EventDestination/GETQ queue length.\n"},
       {"RPUSH &&/redfish/v1/EventDestination/GETQ", "Failed to add channel of event destination to CRUD queue.\n"},
@@ -108,6 +108,7 @@ TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
     SetProcessPaths(Sandbox().PathsThrough(proxy.SocketPath()));
     proxy.Reset();
     proxy.FailCommandsWith(row.failing);
+    ListAppend(redis(), kSubscriptionsMembersKey, "/redfish/v1/EventService/Subscriptions/A");
     EXPECT_EQ(Start(), -1) << row.failing;
     EXPECT_TRUE(errors_.starts_with(row.error) && errors_.ends_with("Failed to initialize Event Service.\n"))
         << errors_;

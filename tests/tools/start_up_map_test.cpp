@@ -25,22 +25,19 @@ const std::string kUri = "/redfish/v1/EventService/Subscriptions/";
 const std::string kEntry = "&&ObjectRef &&" + kUri;
 
 TEST_F(StartUpMap, MasksJoinTheBitsOfPrefixesOrOfMessageIds) {
-  const std::pair<const char*, std::string> cases[] = {
-      {R"({"RegistryPrefixes": [], "MessageIds": []})", "-1"},
-      {R"({"RegistryPrefixes": ["R1", "R3", "R1"]})", "5"},
-      {R"({"RegistryPrefixes": ["R2"], "MessageIds": ["R1.1.0.A"]})", "2"},
-      {R"({"RegistryPrefixes": ["Unknown"]})", "0"},
-      {R"({"RegistryPrefixes": ["R31"]})", "1073741824"},
-      {R"({"RegistryPrefixes": ["R32", "R40", "R1"]})", "2147483647"},
-      {R"({"MessageIds": ["R1.1.0.A", "R1.1.0.B", "R4.1.0.A", "R9", null]})", "265"},
-  };
-  for (const auto& [resource, mask] : cases) {
-    SendCommand(redis(), "FLUSHALL");
-    for (int i = 1; i <= 40; ++i) {
-      ListAppend(redis(), "&&/redfish/v1/EventService/RegistryPrefixes", "\"R" + std::to_string(i) + "\"");
-    }
-    EXPECT_EQ(Run({{kEntry + "A", resource}}), (DatabaseDump{{"&&subs:*", "{A=" + mask + "}"}})) << resource;
+  for (int i = 1; i <= 40; ++i) {
+    ListAppend(redis(), "&&/redfish/v1/EventService/RegistryPrefixes", "\"R" + std::to_string(i) + "\"");
   }
+  const DatabaseDump index = Run({
+      {kEntry + "A", R"({"RegistryPrefixes": [], "MessageIds": []})"},
+      {kEntry + "B", R"({"RegistryPrefixes": ["R1", "R3", "R1"]})"},
+      {kEntry + "C", R"({"RegistryPrefixes": ["R2"], "MessageIds": ["R1.1.0.A"]})"},
+      {kEntry + "D", R"({"RegistryPrefixes": ["Unknown"]})"},
+      {kEntry + "E", R"({"RegistryPrefixes": ["R31"]})"},
+      {kEntry + "F", R"({"RegistryPrefixes": ["R32", "R40", "R1"]})"},
+      {kEntry + "G", R"({"MessageIds": ["R1.1.0.A", "R1.1.0.B", "R4.1.0.A", "R9", null]})"},
+  });
+  EXPECT_EQ(index.at("&&subs:*"), "{A=-1, B=5, C=2, D=0, E=1073741824, F=2147483647, G=265}");
 }
 
 TEST_F(StartUpMap, WhatIsStaleOrNoSoundMemberCountsForNothing) {
