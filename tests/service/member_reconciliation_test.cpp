@@ -1,5 +1,6 @@
 #include "service/member_reconciliation.h"
 
+#include "service/members_count.h"
 #include "tests/service/start_up_sandbox.h"
 
 namespace event_service {
@@ -38,6 +39,9 @@ TEST_F(MemberReconciliationTest, EveryNamedMemberIsTakenInWhateverFormItIsNamed)
   EXPECT_FALSE(KeyExists(redis(), UriOf("B/C")));
   EXPECT_EQ(state_.syslogTlsDestinationIds, (Texts{"A", "B"}));
   EXPECT_EQ(state_.subscriptionCount, 5U) << "the list's length";
+  state_.subscriptionCount = 9;
+  EXPECT_TRUE(UpdateMembersCount(redis(), state_, -3));
+  EXPECT_EQ(state_.subscriptionCount, 6U) << "in memory it moves by the change alone";
   EXPECT_EQ(HashRead(redis(), kSubscriptionsUri, "Members@odata.count"), "5");
 }
 
