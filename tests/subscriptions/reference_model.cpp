@@ -1,371 +1,306 @@
 #include "tests/subscriptions/reference_model.h"
 
 #include <arpa/inet.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <optional>
 #include <regex>
 
 namespace event_service::reference_model {
 namespace {
 
-using Texts = std::vector<std::string>;
+/// What each property is; "?" behind it where null is a value, "service" where clients write none.
+const Json kKinds = Json::parse(R"({
+    "Actions": "service", "Certificates": "service", "ClientCertificates": "service", "Context": "text?",
+    "DeliveryRetryPolicy": "choice?", "Description": "text?", "Destination": "destination",
+    "EventFormatType": "choice?", "EventTypes": "choices", "HeartbeatIntervalMinutes": "minutes?",
+    "HttpHeaders": "headers", "Id": "id", "IncludeOriginOfCondition": "boolean?", "MessageIds": "discovered",
+    "MetricReportDefinitions": "references", "Name": "text", "OEMProtocol": "service",
+    "OEMSubscriptionType": "service", "Oem": "service", "OriginResources": "references", "Protocol": "choice",
+    "RegistryPrefixes": "discovered", "ResourceTypes": "discovered", "SNMP": "object", "SNMP/AuthenticationKey": "key",
+    "SNMP/AuthenticationKeySet": "service", "SNMP/AuthenticationProtocol": "choice?", "SNMP/EncryptionKey": "key",
+    "SNMP/EncryptionKeySet": "service", "SNMP/EncryptionProtocol": "choice?", "SNMP/TrapCommunity": "community?",
+    "SendHeartbeat": "boolean?", "Status": "service", "SubordinateResources": "boolean?", "SubscriptionType": "type?",
+    "SyslogFilters": "objects", "SyslogFilters/LogFacilities": "choices or null",
+    "SyslogFilters/LowestSeverity": "choice?", "VerifyCertificate": "boolean?"})");
 
-bool Contains(const Texts& texts, const std::string& text) {
-  return std::find(texts.begin(), texts.end(), text) != texts.end();
-}
+const Json kChoices = Json::parse(R"({
+    "DeliveryRetryPolicy": ["TerminateAfterRetries", "SuspendRetries", "RetryForever", "RetryForeverWithBackoff"],
+    "EventFormatType": ["Event", "MetricReport"], "EventTypes": ["StatusChange", "ResourceUpdated", "ResourceAdded",
+    "ResourceRemoved", "Alert", "MetricReport", "Other"], "Protocol": ["Redfish", "SNMPv1", "SNMPv2c", "SNMPv3",
+    "SMTP", "SyslogTCP", "SyslogTLS"], "SNMP/AuthenticationProtocol": ["None", "CommunityString", "HMAC_MD5",
+    "HMAC_SHA96", "HMAC128_SHA224", "HMAC192_SHA256", "HMAC256_SHA384", "HMAC384_SHA512"],
+    "SNMP/EncryptionProtocol": ["None", "CBC_DES", "CFB128_AES128"], "SyslogFilters/LogFacilities": ["Kern", "User",
+    "Mail", "Daemon", "Auth", "Syslog", "LPR", "News", "UUCP", "Cron", "Authpriv", "FTP", "NTP", "Security", "Console",
+    "SolarisCron", "Local0", "Local1", "Local2", "Local3", "Local4", "Local5", "Local6", "Local7"],
+    "SyslogFilters/LowestSeverity": ["Emergency", "Alert", "Critical", "Error", "Warning", "Notice", "Informational",
+    "Debug", "All"]})");
 
-bool PassedOver(const std::string& name) {
-  return name.rfind("&&", 0) == 0 || name.find("@odata.") != std::string::npos ||
-         name.find("@Redfish.") != std::string::npos || name.find("@Message.") != std::string::npos;
+bool In(const Json& value, const Json& values) {
+  return std::find(values.begin(), values.end(), value) != values.end();
 }
 
 bool Matches(const std::string& text, const char* pattern) {
   static std::map<std::string, std::regex> compiled;
-  auto& regex = compiled.try_emplace(pattern, pattern).first->second;
-  return std::regex_match(text, regex);
+  return std::regex_match(text, compiled.try_emplace(pattern, pattern).first->second);
 }
 
-/// RFC 3986, with the hosts and ports that the service takes. `matched` gets user information, host, port, path.
-bool MatchUri(const std::string& text, const std::string& scheme, std::smatch& matched) {
-  static const std::string kUser = "(?:([-A-Za-z0-9._~!$&'()*+,;=:]|%[0-9A-Fa-f]{2})*@)?";
-  static const std::string kTail =
-      "((?:/(?:[-A-Za-z0-9._~!$&'()*+,;=:@]|%[0-9A-Fa-f]{2})*)*)"
-      "(?:\\?(?:[-A-Za-z0-9._~!$&'()*+,;=:@/?]|%[0-9A-Fa-f]{2})*)?"
-      "(?:#(?:[-A-Za-z0-9._~!$&'()*+,;=:@/?]|%[0-9A-Fa-f]{2})*)?";
-  static const std::regex kUri("([A-Za-z-]+)://(" + kUser + ")([-A-Za-z0-9._]+|\\[[0-9A-Fa-f:.]*\\])(?::([0-9]*))?" +
+bool PassedOver(const std::string& name) {
+  return name.starts_with("&&") || Matches(name, "[\\s\\S]*@(odata|Redfish|Message)[.][\\s\\S]*");
+}
+
+const std::string kCharacter = "(?:[-A-Za-z0-9._~!$&'()*+,;=:@]|%[0-9A-Fa-f]{2})";
+const std::string kTail = "(?:[?](?:" + kCharacter + "|[/?])*)?(?:#(?:" + kCharacter + "|[/?])*)?";
+
+struct Uri {
+  bool hasUser;
+  std::string path;
+};
+
+/// RFC 3986, with the hosts and ports that the service takes.
+std::optional<Uri> ParseUri(const std::string& text, const std::string& scheme) {
+  static const std::regex kUri("([A-Za-z-]+)://((?:(?:(?!@)" + kCharacter +
+                               ")*@)?)([-A-Za-z0-9._]+|\\[[0-9A-Fa-f:.]*\\])(?::([0-9]*))?((?:/" + kCharacter + "*)*)" +
                                kTail);
-  if (!std::regex_match(text, matched, kUri)) return false;
-  std::string actual = matched[1];
-  std::transform(actual.begin(), actual.end(), actual.begin(), [](char c) { return char(std::tolower(c)); });
-  if (actual != scheme) return false;
-  const std::string host = matched[4];
+  std::smatch parts;
+  if (!std::regex_match(text, parts, kUri) || strcasecmp(parts[1].str().c_str(), scheme.c_str()) != 0) return {};
+  const std::string host = parts[3];
+  const std::string port = parts[4];
   in6_addr address{};
-  if (host[0] == '[' && inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &address) != 1) return false;
-  std::string port = matched[5];
-  if (port.empty()) return true;
-  port.erase(0, port.find_first_not_of('0'));
-  return !port.empty() && port.size() <= 5 && std::stoi(port) <= 65535;
+  if (host[0] == '[' && inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &address) != 1) return {};
+  if (!port.empty() && (!Matches(port, "0*[1-9][0-9]{0,4}") || std::stoi(port) > 65535)) return {};
+  return Uri{parts[2].length() > 0, parts[5]};
 }
 
-bool MatchMail(const std::string& text) {
-  static const std::string kAddress = "(?:[-A-Za-z0-9._~!$&'()*+;=:@]|%(?!0|1|7[fF])[0-9A-Fa-f]{2})+@[-A-Za-z0-9._]+";
-  static const std::regex kMail("[mM][aA][iI][lL][tT][oO]:" + kAddress + "(?:," + kAddress +
-                                ")*(?:[?](?:[-A-Za-z0-9._~!$&'()*+,;=:@/?]|%[0-9A-Fa-f]{2})*)?"
-                                "(?:#(?:[-A-Za-z0-9._~!$&'()*+,;=:@/?]|%[0-9A-Fa-f]{2})*)?");
+bool IsMail(const std::string& text) {
+  static const std::string kAddress = "(?:(?!,|%[01]|%7f)" + kCharacter + ")+@[-A-Za-z0-9._]+";
+  static const std::regex kMail("mailto:" + kAddress + "(?:," + kAddress + ")*" + kTail, std::regex::icase);
   return std::regex_match(text, kMail);
 }
 
 bool DestinationFits(const std::string& text, const std::string& protocol, bool isSse) {
-  std::smatch parts;
-  if (protocol == "Redfish" && isSse) return MatchUri(text, "redfish-sse", parts);
+  if (protocol == "SMTP") return IsMail(text);
+  if (protocol.starts_with("SNMP")) return ParseUri(text, "snmp").has_value();
+  if (protocol == "Redfish" && isSse) return ParseUri(text, "redfish-sse").has_value();
   if (protocol == "Redfish") {
-    return (MatchUri(text, "http", parts) || MatchUri(text, "https", parts)) && parts[2].length() == 0;
+    const std::optional<Uri> uri = ParseUri(text, text.size() > 4 && (text[4] | 32) == 's' ? "https" : "http");
+    return uri && !uri->hasUser;
   }
-  if (protocol == "SMTP") return MatchMail(text);
-  if (protocol.rfind("SNMP", 0) == 0) return MatchUri(text, "snmp", parts);
-  if (text.find("://") != std::string::npos) return MatchUri(text, "syslog", parts) && parts[2].length() == 0;
-  const std::string uri = "syslog://" + text;
-  return MatchUri(uri, "syslog", parts) && parts[2].length() == 0 && text.back() != ':' &&
-         text.find_first_of("/?#") == std::string::npos;
+  const bool isUri = text.find("://") != std::string::npos;
+  if (!isUri && (text.ends_with(':') || text.find_first_of("/?#") != std::string::npos)) return false;
+  const std::optional<Uri> uri = ParseUri(isUri ? text : "syslog://" + text, "syslog");
+  return uri && !uri->hasUser;
 }
 
 bool ReferenceFits(const std::string& text) {
-  std::smatch parts;
-  const std::string uri = "http://h" + text;
-  if (text.rfind("/redfish/v1/", 0) != 0 || !MatchUri(uri, "http", parts)) return false;
-  return !Matches(parts[6], ".*/[.][.]?(/.*)?");
+  const std::optional<Uri> uri = ParseUri("http://h" + text, "http");
+  return uri && text.starts_with("/redfish/v1/") && !Matches(uri->path, ".*/[.][.]?(/.*)?");
 }
 
-bool KeyFits(const std::string& text, size_t fewest, size_t most) {
-  if (text.rfind("Hex:", 0) == 0) {
-    return text.size() - 4 >= fewest && text.size() - 4 <= most && Matches(text.substr(4), "[0-9A-Fa-f]+");
+Json WithoutSecrets(Json value) {
+  for (auto member = value.begin(); value.is_structured() && member != value.end(); ++member) {
+    const bool isSecret = value.is_object() && In(member.key(), {"TrapCommunity", "AuthenticationKey", "EncryptionKey",
+                                                                 "HttpHeaders", "Password"});
+    *member = isSecret ? Json() : WithoutSecrets(*member);
   }
-  return Matches(text, "[ -~]+") && text != "Passphrase:";
+  return value;
 }
 
 /// One body on its way through the rules.
 class Model {
  public:
-  Model(const Json& body, const World& world) : body_(body), world_(world) {}
+  Model(const Json& body, const CreationCircumstances& world) : body_(body), world_(world) {}
 
-  Texts Verdict() {
-    Texts lacking;
-    if (!world_.subordinateResources && body_.contains("SubordinateResources"))
-      lacking.push_back("SubordinateResources");
-    if (!world_.includeOriginOfCondition && body_.contains("IncludeOriginOfCondition")) {
-      lacking.push_back("IncludeOriginOfCondition");
-    }
-    if (lacking.size() == 1) return {"NOT_SUPPORTED", "ExtendedError.1.2.NotImplemented(" + lacking[0] + ")"};
-    if (lacking.size() == 2) {
-      return {"NOT_SUPPORTED", "ExtendedError.1.2.NotImplemented(" + lacking[0] + ", " + lacking[1] + ")"};
-    }
+  std::string Verdict() {
+    std::string lacking;
+    const auto lacks = [&](bool isThere, const char* name) {
+      if (!isThere && body_.contains(name)) lacking.append(lacking.empty() ? "" : ", ").append(name);
+    };
+    lacks(world_.settings.subordinateResourcesSupported, "SubordinateResources");
+    lacks(world_.settings.includeOriginOfConditionSupported, "IncludeOriginOfCondition");
+    const std::string notImplemented = "NOT_SUPPORTED ExtendedError.1.2.NotImplemented(";
+    if (!lacking.empty()) return notImplemented + lacking + ")";
     if (world_.syslogTlsDestinations > 2 && Is("Protocol", "SyslogTLS")) {
-      return {"FAILURE", "CreateLimitReachedForResource()"};
+      return "FAILURE CreateLimitReachedForResource()Cannot create the new event destination for syslog because the "
+             "maximum number of remote server destination entries has been reached.";
     }
     for (const auto& [name, value] : body_.items()) {
-      const bool isContainer = value.is_array() || value.is_object();
-      if (name == "RegistryPrefixes" && isContainer && world_.registryPrefixes.empty() && faults_.empty()) {
-        return {"NOT_SUPPORTED", "ExtendedError.1.2.NotImplemented(RegistryPrefixes)"};
+      if (name == "RegistryPrefixes" && value.is_structured() && world_.settings.allowedValues.at(name).empty() &&
+          faults_.empty()) {
+        return notImplemented + name + ")";
       }
-      if (!PassedOver(name)) Property(name, value);
+      if (!PassedOver(name)) Judge(name, value, name);
     }
-    if (!faults_.empty()) {
-      faults_.insert(faults_.begin(), "FAILURE");
-      return faults_;
-    }
-    return AcrossProperties();
+    return faults_.empty() ? AcrossProperties() : "FAILURE " + faults_;
   }
 
  private:
   bool Is(const char* name, const std::string& text) const { return body_.contains(name) && body_[name] == text; }
   bool Given(const char* name) const { return body_.contains(name) && !body_[name].is_null(); }
-  static Json WithoutSecrets(Json value) {
-    const Json leaves = value.flatten();
-    for (const auto& [pointer, leaf] : leaves.items()) {
-      for (const char* name : {"TrapCommunity", "AuthenticationKey", "EncryptionKey", "HttpHeaders", "Password"}) {
-        const size_t at = (pointer + "/").find(std::string("/") + name + "/");
-        if (at != std::string::npos)
-          value[Json::json_pointer(pointer.substr(0, at + 1 + std::string(name).size()))] = nullptr;
-      }
-    }
-    return value;
-  }
-  static std::string Shown(const Json& value) {
-    return (value.is_string() ? value.get<std::string>() : WithoutSecrets(value).dump()).substr(0, 256);
-  }
 
   void Fault(const std::string& message, const std::string& args, const std::string& path) {
-    faults_.push_back(message + "(" + args + ") @" + path);
+    faults_ += (faults_.empty() ? "" : ", ") + message + "(" + args + ") @" + path;
   }
   void BadValue(const std::string& message, const Json& value, const std::string& path) {
-    Fault(message, Shown(value) + ", " + path, path);
+    const std::string shown = value.is_string() ? value.get<std::string>() : WithoutSecrets(value).dump();
+    Fault(message, shown.substr(0, 256) + ", " + path, path);
   }
+  void BadSecret(const std::string& path) { Fault("PropertyValueError", path, path); }
+
   bool Text(const Json& value, const std::string& path, size_t limit = 1024) {
     if (!value.is_string()) return BadValue("PropertyValueTypeError", value, path), false;
     const std::string text = value;
-    if (text.size() > limit) {
-      return Fault("StringValueTooLong", text.substr(0, 64) + ", " + std::to_string(limit), path), false;
+    const bool isTooLong = text.size() > limit;
+    if (isTooLong) Fault("StringValueTooLong", text.substr(0, 64) + ", " + std::to_string(limit), path);
+    const bool hasNul = !isTooLong && text.find('\0') != std::string::npos;
+    if (hasNul) BadValue("PropertyValueFormatError", value, path);
+    return !isTooLong && !hasNul;
+  }
+  void Choice(const Json& value, const std::string& path, const Json& choices) {
+    if (Text(value, path) && !In(value, choices)) BadValue("PropertyValueNotInList", value, path);
+  }
+  /// A text in an array; no choices allow any.
+  void Word(const Json& value, const std::string& at, const Json& choices) {
+    const bool isMarker = value.is_string() && value.get<std::string>().starts_with("&&");
+    if (isMarker) return BadValue("PropertyValueTypeError", value, at);
+    if (!choices.empty()) return Choice(value, at, choices);
+    Text(value, at);
+  }
+  void Discovered(const std::string& property, const Json& value, const std::string& at) {
+    Json choices = Json::array();
+    for (const std::string& text : world_.settings.allowedValues.at(property)) choices.push_back(Json::parse(text));
+    if (!value.is_null()) return Word(value, at, choices);
+    if (!choices.empty()) BadValue("PropertyValueNotInList", value, at);
+  }
+  void Reference(const Json& value, const std::string& at) {
+    const bool isReference = value.is_object() && value.size() == 1 && value.contains("@odata.id");
+    if (!isReference || !value["@odata.id"].is_string()) return BadValue("PropertyValueTypeError", value, at);
+    const Json& uri = value["@odata.id"];
+    if (Text(uri, at) && !ReferenceFits(uri)) BadValue("PropertyValueFormatError", uri, at);
+  }
+  void Headers(const Json& element, const std::string& at) {
+    if (!element.is_object()) return BadSecret(at);
+    for (const auto& [name, value] : element.items()) {
+      if (PassedOver(name)) continue;
+      const std::string text = value.is_string() ? value.get<std::string>() : "\n";
+      const bool isText = std::none_of(text.begin(), text.end(), [](char c) { return (c >= 0 && c < 32) || c == 127; });
+      const bool isName = Matches(name, "[-!#$%&'*+.^_`|~0-9A-Za-z]+");
+      if (!isName) BadValue("PropertyValueFormatError", name, at);
+      if (isName && (!isText || name.size() + text.size() > 8192)) BadSecret(at + "/" + name);
     }
-    if (text.find('\0') != std::string::npos) return BadValue("PropertyValueFormatError", value, path), false;
-    return true;
   }
-  void Choice(const Json& value, const std::string& path, const Texts& choices) {
-    if (Text(value, path) && !Contains(choices, value)) BadValue("PropertyValueNotInList", value, path);
+  void Key(const Json& value, const std::string& path) {
+    const char* const hex = path == "SNMP/EncryptionKey" ? "Hex:[0-9A-Fa-f]{16,64}" : "Hex:[0-9A-Fa-f]{24,96}";
+    const std::string text = value.is_string() ? value.get<std::string>() : "";
+    const bool isPassphrase = text.size() <= 1024 && Matches(text, "(?!Hex:|Passphrase:$)[ -~]+");
+    if (!isPassphrase && (text.size() > 1024 || !Matches(text, hex))) BadSecret(path);
   }
-  void Boolean(const Json& value, const std::string& path) {
-    if (!value.is_boolean() && !value.is_null()) BadValue("PropertyValueTypeError", value, path);
+  void Minutes(const Json& value, const std::string& path) {
+    const double minutes = value.is_number() ? value.get<double>() : 0.5;
+    if (std::floor(minutes) != minutes) return BadValue("PropertyValueTypeError", value, path);
+    if (minutes < 1 || minutes > 65535) BadValue("PropertyValueOutOfRange", value, path);
   }
-  template <typename Each>
-  void Elements(const Json& value, const std::string& path, const Each& each) {
-    if (!value.is_array()) return BadValue("PropertyValueTypeError", value, path);
-    if (value.size() > 256) return Fault("PropertyValueError", path, path);
-    for (size_t i = 0; i < value.size(); ++i) each(value[i], path + "/" + std::to_string(i));
+  void Type(const Json& value, const std::string& path) {
+    Json choices = {"RedfishEvent", "SNMPTrap", "SNMPInform"};
+    if (Is("Protocol", "SyslogTCP") || Is("Protocol", "SyslogTLS")) choices.push_back("Syslog");
+    if (world_.isSse) choices.push_back("SSE");
+    Choice(value, path, choices);
   }
-  void Filter(const Json& value, const std::string& path, const Texts& choices) {
-    Elements(value, path, [&](const Json& element, const std::string& at) {
-      if (element.is_null() && choices.empty()) return;
-      if (element.is_null()) return BadValue("PropertyValueNotInList", element, at);
-      if (element.is_string() && element.get<std::string>().size() <= 1024 &&
-          element.get<std::string>().rfind("&&", 0) == 0) {
-        return BadValue("PropertyValueTypeError", element, at);
-      }
-      if (Text(element, at) && !choices.empty() && !Contains(choices, element)) {
-        BadValue("PropertyValueNotInList", element, at);
-      }
-    });
+  void Destination(const Json& value, const std::string& path) {
+    const bool isServed = Given("Protocol") && In(body_["Protocol"], kChoices["Protocol"]);
+    if ((!isServed && body_.contains("Protocol")) || !Text(value, path, 2048) || !isServed) return;
+    if (!DestinationFits(value, body_["Protocol"], world_.isSse)) BadValue("PropertyValueFormatError", value, path);
   }
-  void References(const Json& value, const std::string& path) {
-    Elements(value, path, [&](const Json& element, const std::string& at) {
-      if (!element.is_object() || element.size() != 1 || !element.contains("@odata.id") ||
-          !element["@odata.id"].is_string()) {
-        return BadValue("PropertyValueTypeError", element, at);
-      }
-      const Json& uri = element["@odata.id"];
-      if (Text(uri, at) && !ReferenceFits(uri)) BadValue("PropertyValueFormatError", uri, at);
-    });
-  }
-  void Headers(const Json& value) {
-    if (!value.is_array() || value.size() > 256) return Fault("PropertyValueError", "HttpHeaders", "HttpHeaders");
-    Elements(value, "HttpHeaders", [&](const Json& element, const std::string& at) {
-      if (!element.is_object()) return Fault("PropertyValueError", at, at);
-      for (const auto& [name, text] : element.items()) {
-        if (PassedOver(name)) continue;
-        const std::string path = at + "/" + name;
-        if (!Matches(name, "[-!#$%&'*+.^_`|~0-9A-Za-z]+")) {
-          BadValue("PropertyValueFormatError", name, at);
-        } else if (!text.is_string() || name.size() + text.get<std::string>().size() > 8192 ||
-                   !Matches(text, "[^\\x01-\\x1f\\x7f]*") || text.get<std::string>().find('\0') != std::string::npos) {
-          Fault("PropertyValueError", path, path);
-        }
-      }
-    });
-  }
-  void Snmp(const Json& value) {
-    if (!value.is_object()) return BadValue("PropertyValueTypeError", value, "SNMP");
+  void Object(const std::string& property, const Json& value, const std::string& path) {
+    if (!value.is_object()) return BadValue("PropertyValueTypeError", value, path);
     for (const auto& [name, member] : value.items()) {
-      const std::string path = "SNMP/" + name;
-      const std::string text = member.is_string() ? member.get<std::string>() : "";
-      if (PassedOver(name)) continue;
-      if (name == "AuthenticationKeySet" || name == "EncryptionKeySet") {
-        Fault("PropertyNotWritable", path, path);
-      } else if (name == "AuthenticationProtocol" && !member.is_null()) {
-        Choice(member, path,
-               {"None", "CommunityString", "HMAC_MD5", "HMAC_SHA96", "HMAC128_SHA224", "HMAC192_SHA256",
-                "HMAC256_SHA384", "HMAC384_SHA512"});
-      } else if (name == "EncryptionProtocol" && !member.is_null()) {
-        Choice(member, path, {"None", "CBC_DES", "CFB128_AES128"});
-      } else if (name == "AuthenticationKey") {
-        if (text.size() > 1024 || !KeyFits(text, 24, 96)) Fault("PropertyValueError", path, path);
-      } else if (name == "EncryptionKey") {
-        if (text.size() > 1024 || !KeyFits(text, 16, 64)) Fault("PropertyValueError", path, path);
-      } else if (name == "TrapCommunity") {
-        if ((!member.is_null() && !member.is_string()) || text.size() > 1024 || text.find('\0') != std::string::npos) {
-          Fault("PropertyValueError", path, path);
-        }
-      } else if (name != "AuthenticationProtocol" && name != "EncryptionProtocol") {
-        Fault("PropertyUnknown", path, path);
-      }
-    }
-  }
-  void SyslogFilter(const Json& element, const std::string& at) {
-    if (element.is_null()) return;
-    if (!element.is_object()) return BadValue("PropertyValueTypeError", element, at);
-    for (const auto& [name, member] : element.items()) {
-      const std::string path = at + "/" + name;
-      if (PassedOver(name)) continue;
-      if (name == "LogFacilities") {
-        Texts facilities = {"Kern", "User", "Mail",     "Daemon", "Auth", "Syslog",   "LPR",     "News",
-                            "UUCP", "Cron", "Authpriv", "FTP",    "NTP",  "Security", "Console", "SolarisCron"};
-        for (char digit = '0'; digit <= '7'; ++digit) facilities.push_back(std::string("Local") + digit);
-        Elements(member, path, [&](const Json& facility, const std::string& where) {
-          if (facility.is_string() && facility.get<std::string>().rfind("&&", 0) == 0) {
-            BadValue("PropertyValueTypeError", facility, where);
-          } else if (!facility.is_null()) {
-            Choice(facility, where, facilities);
-          }
-        });
-      } else if (name == "LowestSeverity") {
-        if (!member.is_null()) {
-          Choice(member, path,
-                 {"Emergency", "Alert", "Critical", "Error", "Warning", "Notice", "Informational", "Debug", "All"});
-        }
-      } else {
-        Fault("PropertyUnknown", path, path);
-      }
+      if (!PassedOver(name)) Judge(property + "/" + name, member, path + "/" + name);
     }
   }
 
-  void Property(const std::string& name, const Json& value) {
-    static const Texts kProtocols = {"Redfish", "SNMPv1", "SNMPv2c", "SNMPv3", "SMTP", "SyslogTCP", "SyslogTLS"};
-    const std::string protocol = Given("Protocol") && body_["Protocol"].is_string() ? body_["Protocol"] : Json("");
-    const bool isServed = Contains(kProtocols, protocol);
-    if (name == "Actions" || name == "Status" || name == "Certificates" || name == "ClientCertificates" ||
-        name == "Oem" || name == "OEMProtocol" || name == "OEMSubscriptionType") {
-      Fault("PropertyNotWritable", name, name);
-    } else if (name == "Context" || name == "Description") {
-      if (!value.is_null()) Text(value, name);
-    } else if (name == "Name") {
-      Text(value, name);
-    } else if (name == "Id") {
-      const bool isText = Text(value, name);
-      if (isText && (!Matches(value, "[-A-Za-z0-9_.]{1,64}") || value == "." || value == "..")) {
-        BadValue("PropertyValueFormatError", value, name);
-      }
-    } else if (name == "Destination") {
-      if (body_.contains("Protocol") && !isServed) return;
-      if (Text(value, name, 2048) && isServed && !DestinationFits(value, protocol, world_.isSse)) {
-        BadValue("PropertyValueFormatError", value, name);
-      }
-    } else if (name == "Protocol") {
-      Choice(value, name, kProtocols);
-    } else if (name == "SubscriptionType") {
-      Texts choices = {"RedfishEvent", "SNMPTrap", "SNMPInform"};
-      if (protocol == "SyslogTCP" || protocol == "SyslogTLS") choices.push_back("Syslog");
-      if (world_.isSse) choices.push_back("SSE");
-      if (!value.is_null()) Choice(value, name, choices);
-    } else if (name == "EventFormatType") {
-      if (!value.is_null()) Choice(value, name, {"Event", "MetricReport"});
-    } else if (name == "DeliveryRetryPolicy") {
-      if (!value.is_null()) {
-        Choice(value, name, {"TerminateAfterRetries", "SuspendRetries", "RetryForever", "RetryForeverWithBackoff"});
-      }
-    } else if (name == "VerifyCertificate" || name == "SubordinateResources" || name == "IncludeOriginOfCondition" ||
-               name == "SendHeartbeat") {
-      Boolean(value, name);
-    } else if (name == "HeartbeatIntervalMinutes") {
-      if (value.is_null()) return;
-      if (!value.is_number() || std::floor(value.get<double>()) != value.get<double>()) {
-        BadValue("PropertyValueTypeError", value, name);
-      } else if (value.get<double>() < 1 || value.get<double>() > 65535) {
-        BadValue("PropertyValueOutOfRange", value, name);
-      }
-    } else if (name == "EventTypes") {
-      Elements(value, name, [&](const Json& element, const std::string& at) {
-        if (element.is_string() && element.get<std::string>().rfind("&&", 0) == 0) {
-          BadValue("PropertyValueTypeError", element, at);
-        } else {
-          Choice(element, at,
-                 {"StatusChange", "ResourceUpdated", "ResourceAdded", "ResourceRemoved", "Alert", "MetricReport",
-                  "Other"});
-        }
-      });
-    } else if (name == "MessageIds") {
-      Filter(value, name, world_.messageIds);
-    } else if (name == "ResourceTypes") {
-      Filter(value, name, world_.resourceTypes);
-    } else if (name == "RegistryPrefixes") {
-      Filter(value, name, world_.registryPrefixes);
-    } else if (name == "OriginResources" || name == "MetricReportDefinitions") {
-      References(value, name);
-    } else if (name == "HttpHeaders") {
-      Headers(value);
-    } else if (name == "SNMP") {
-      Snmp(value);
-    } else if (name == "SyslogFilters") {
-      Elements(value, name, [&](const Json& element, const std::string& at) { SyslogFilter(element, at); });
+  void Judge(const std::string& property, const Json& value, const std::string& path) {
+    const std::string kind = kKinds.value(property, "unknown");
+    if (kind.ends_with('?') && value.is_null()) return;
+    if (kind == "unknown") return Fault("PropertyUnknown", path, path);
+    if (kind == "service") return Fault("PropertyNotWritable", path, path);
+    if (kind == "text" || kind == "text?") return static_cast<void>(Text(value, path));
+    if (kind == "choice" || kind == "choice?") return Choice(value, path, kChoices[property]);
+    if (kind == "minutes?") return Minutes(value, path);
+    if (kind == "type?") return Type(value, path);
+    if (kind == "destination") return Destination(value, path);
+    if (kind == "object") return Object(property, value, path);
+    if (kind == "key") return Key(value, path);
+    if (kind == "boolean?") {
+      if (!value.is_boolean()) BadValue("PropertyValueTypeError", value, path);
+    } else if (kind == "id") {
+      const bool fits = !Text(value, path) || Matches(value, "(?![.][.]?$)[-A-Za-z0-9_.]{1,64}");
+      if (!fits) BadValue("PropertyValueFormatError", value, path);
+    } else if (kind == "community?") {
+      const std::string text = value.is_string() ? value.get<std::string>() : std::string(1, '\0');
+      if (text.size() > 1024 || text.find('\0') != std::string::npos) BadSecret(path);
+    } else if (!value.is_array()) {
+      kind == "headers" ? BadSecret(path) : BadValue("PropertyValueTypeError", value, path);
+    } else if (value.size() > 256) {
+      BadSecret(path);
     } else {
-      Fault("PropertyUnknown", name, name);
+      for (size_t i = 0; i < value.size(); ++i) Element(kind, property, value[i], path + "/" + std::to_string(i));
     }
   }
+  void Element(const std::string& kind, const std::string& property, const Json& value, const std::string& at) {
+    if (kind == "headers") return Headers(value, at);
+    if (kind == "references") return Reference(value, at);
+    if (kind == "discovered") return Discovered(property, value, at);
+    if (kind == "choices") return Word(value, at, kChoices[property]);
+    if (value.is_null()) return;
+    kind == "objects" ? Object(property, value, at) : Word(value, at, kChoices[property]);
+  }
 
-  Texts AcrossProperties() const {
-    const auto unprocessable = [](const std::string& first, const std::string& second) {
-      return Texts{"FAILURE", "ExtendedError.1.2.UnprocessableEntity(" + first + ", " + second + ")"};
-    };
-    const char* filter = nullptr;
+  std::string AcrossProperties() const {
+    std::string filter;
     for (const char* name : {"IncludeOriginOfCondition", "SubordinateResources", "OriginResources", "RegistryPrefixes",
                              "MessageIds", "ResourceTypes"}) {
       if (Given(name)) filter = name;
     }
     const bool metric = Given("MetricReportDefinitions");
-    if (filter != nullptr && metric) return unprocessable(filter, "MetricReportDefinitions");
-    if (metric && Is("EventFormatType", "Event")) return unprocessable("MetricReportDefinitions", "EventFormatType");
-    if (filter != nullptr && Is("EventFormatType", "MetricReport")) return unprocessable(filter, "EventFormatType");
-    if (Given("MessageIds") && Given("RegistryPrefixes")) return unprocessable("RegistryPrefixes", "MessageIds");
-    if (!Given("Protocol")) return {"EXCEPTION", "ExtendedError.1.2.DatabaseOperationError()"};
-    const bool isCommunityBased = Is("Protocol", "SNMPv1") || Is("Protocol", "SNMPv2c");
-    if ((isCommunityBased || Is("Protocol", "SNMPv3")) && !Given("SubscriptionType")) {
-      return unprocessable("SubscriptionType", "Protocol");
+    const bool conflict = Is("EventFormatType", metric ? "Event" : "MetricReport") && (metric || !filter.empty());
+    const std::string first = metric ? "MetricReportDefinitions" : filter;
+    const bool community = Is("Protocol", "SNMPv1") || Is("Protocol", "SNMPv2c");
+    const Json text = Given("SNMP") ? body_["SNMP"].value("TrapCommunity", Json()) : Json();
+    const struct {
+      bool isBroken;
+      std::string args;
+      const char* logText;
+    } rules[] = {{!filter.empty() && metric, filter + ", MetricReportDefinitions",
+                  "Filter parameter for events and metric reports should not be supplied at the same request."},
+                 {conflict, first + ", EventFormatType", "Filter parameter and event format type is conflict."},
+                 {Given("MessageIds") && Given("RegistryPrefixes"), "RegistryPrefixes, MessageIds",
+                  "MessageIds and RegistryPrefix should not be supplied at the same request."},
+                 {(community || Is("Protocol", "SNMPv3")) && !Given("SubscriptionType"), "SubscriptionType, Protocol",
+                  "SubscriptionType is required for SNMP."},
+                 {community && (text.is_null() || text == ""), "Protocol, SNMP/TrapCommunity",
+                  "SNMP/TrapCommunity is required for SNMPv1 or SNMPv2c."}};
+    for (const auto& rule : rules) {
+      if (!rule.isBroken) continue;
+      return "FAILURE ExtendedError.1.2.UnprocessableEntity(" + rule.args + ")" + rule.logText;
     }
-    if (isCommunityBased && (!Given("SNMP") || body_["SNMP"].value("TrapCommunity", Json()) == Json() ||
-                             body_["SNMP"]["TrapCommunity"] == "")) {
-      return unprocessable("Protocol", "SNMP/TrapCommunity");
+    // Without a protocol the last two cannot be broken.
+    if (!Given("Protocol")) {
+      return "EXCEPTION ExtendedError.1.2.DatabaseOperationError()Failed to get the protocol value from the request.";
     }
-    if (!body_.contains("Destination") && !world_.isSse) {
-      return {"FAILURE", "CreateFailedMissingReqProperties(Destination) @Destination"};
-    }
-    return {};
+    if (body_.contains("Destination") || world_.isSse) return "";
+    return "FAILURE CreateFailedMissingReqProperties(Destination) @Destination";
   }
 
   const Json& body_;
-  const World& world_;
-  Texts faults_;
+  const CreationCircumstances& world_;
+  std::string faults_;
 };
 
 }  // namespace
 
-std::vector<std::string> Verdict(const Json& body, const World& world) { return Model(body, world).Verdict(); }
+std::string Verdict(const Json& body, const CreationCircumstances& world) { return Model(body, world).Verdict(); }
 
 }  // namespace event_service::reference_model

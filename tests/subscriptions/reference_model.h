@@ -1,26 +1,15 @@
 /// The rules for creations once more, written down property by property and sharing nothing with the code that is
-/// tested: no table, no URI library, no message builder.
+/// tested: no table of rules, no URI library, no message builder.
 #pragma once
 
 #include <string>
-#include <vector>
 
-#include "resource_store/store_encoding.h"
+#include "subscriptions/creation_check.h"
 
 namespace event_service::reference_model {
 
-/// What a creation meets. Values as clients write them; an empty list allows any.
-struct World {
-  bool subordinateResources = true;
-  bool includeOriginOfCondition = true;
-  bool isSse = false;
-  size_t syslogTlsDestinations = 0;
-  std::vector<std::string> messageIds = {};
-  std::vector<std::string> resourceTypes = {};
-  std::vector<std::string> registryPrefixes = {};  // empty: none are supported
-};
-
-/// The status and a line for each message ("PropertyUnknown(Foo) @Foo"); empty when the creation may go on.
-std::vector<std::string> Verdict(const Json& body, const World& world);
+/// The refusal as one line with its text for the log ("FAILURE PropertyUnknown(Foo) @Foo"); empty when the creation may
+/// go on.
+std::string Verdict(const Json& body, const CreationCircumstances& world);
 
 }  // namespace event_service::reference_model

@@ -10,34 +10,54 @@
 #include "service/event_group_id.h"
 #include "service/life_cycle_event.h"
 #include "subscriptions/creation.h"
+#include "subscriptions/deletion.h"
+#include "subscriptions/patch.h"
+#include "subscriptions/state.h"
 #include "subscriptions/syslog_exchange.h"
-#include "tests/subscriptions/message_text.h"
+#include "tests/support/trip_counter.h"
 
 namespace event_service {
 
 const Json kBodies = Json::parse(R"({
-    "Redfish": {"Id": "Redfish-1", "Protocol": "Redfish", "Destination": "https://client.example/events", "Context": "c",
-        "RegistryPrefixes": ["Base", "ResourceEvent"], "HttpHeaders": [{"X-Token": "secret"}, {"X-Other": "1"}],
+    "Redfish": {"Id": "Redfish-1", "Protocol": "Redfish", "Destination": "https://[2001:db8::1]:443/a?b=c#d",
+        "Context": "c", "RegistryPrefixes": ["Base", "ResourceEvent"],
+        "HttpHeaders": [{"X-Token": "secret"}, {"X-Other": "1"}],
         "OriginResources": [{"@odata.id": "/redfish/v1/Systems/1"}], "SubordinateResources": true},
-    "messages": {"Id": "Messages-1", "Protocol": "Redfish", "Destination": "http://c", "ResourceTypes": ["Task"],
-        "MessageIds": ["Base.1.12.Success"], "EventTypes": ["Alert"], "EventFormatType": "Event"},
-    "metrics": {"Id": "Metrics-1", "Protocol": "Redfish", "Destination": "https://c/m",
+    "messages": {"Id": "Messages-1", "Protocol": "Redfish", "Destination": "http://host_1.example:8080",
+        "MessageIds": ["Base.1.12.Success"], "ResourceTypes": ["Task"], "EventTypes": ["Alert"],
+        "EventFormatType": "Event", "HeartbeatIntervalMinutes": 5, "IncludeOriginOfCondition": true,
+        "SendHeartbeat": true, "SubscriptionType": "RedfishEvent", "VerifyCertificate": true},
+    "metrics": {"Id": "Metrics-1", "Protocol": "Redfish", "Destination": "https://c/m", "Description": "d",
         "MetricReportDefinitions": [{"@odata.id": "/redfish/v1/TelemetryService/MetricReportDefinitions/1"}]},
-    "trap": {"Id": "trap1", "Protocol": "SNMPv1", "Destination": "snmp://10.0.0.1", "SubscriptionType": "SNMPTrap",
-        "SNMP": {"TrapCommunity": "public"}},
+    "trap": {"Id": "trap1", "Protocol": "SNMPv2c", "Destination": "snmp://10.0.0.1:162", "SubscriptionType": "SNMPTrap",
+        "SNMP": {"TrapCommunity": "public", "AuthenticationProtocol": "CommunityString"}},
     "SNMPv3": {"Id": "SNMPv3-1", "Protocol": "SNMPv3", "Destination": "snmp://user@10.0.0.1",
         "SubscriptionType": "SNMPTrap",
-        "SNMP": {"AuthenticationProtocol": "HMAC_SHA96", "AuthenticationKey": "Passphrase:secret words",
-                 "EncryptionProtocol": "CFB128_AES128", "EncryptionKey": "othersecret"}},
-    "SMTP": {"Id": "SMTP-mail", "Protocol": "SMTP", "Destination": "mailto:admin@example.org"},
+        "SNMP": {"AuthenticationProtocol": "HMAC_SHA96", "AuthenticationKey": "Passphrase:a b",
+                 "EncryptionProtocol": "CFB128_AES128", "EncryptionKey": "Hex:0123456789abcdef"}},
+    "inform": {"Id": "inform1", "Protocol": "SNMPv3", "Destination": "snmp://[fe80::1]/",
+        "SubscriptionType": "SNMPInform"},
+    "SMTP": {"Id": "SMTP-mail", "Protocol": "SMTP", "Destination": "mailto:a%2Bb@example.org,c@d?subject=x"},
     "TCP": {"Id": "SyslogTCP-1", "Protocol": "SyslogTCP", "Destination": "10.0.0.2:514", "SubscriptionType": "Syslog",
-        "SyslogFilters": [{"LogFacilities": ["Kern", "Auth"], "LowestSeverity": "Error"}, {}]},
-    "TLS": {"Id": "SyslogTLS-1", "Protocol": "SyslogTLS", "Destination": "syslog://[::1]:6514"},
+        "SyslogFilters": [{"LogFacilities": ["Kern", "Local7"], "LowestSeverity": "Error"}, {}]},
+    "TLS": {"Id": "SyslogTLS-1", "Protocol": "SyslogTLS", "Destination": "syslog://[::1]:6514",
+        "SyslogFilters": [null]},
     "stream": {"Id": "Stream-01", "Protocol": "Redfish", "Destination": "redfish-sse://10.0.0.1:99", "Context": "s"}
 })");
 
 std::string InShort(const Answer& answer) {
-  return std::string(answer.status) + (answer.messages.empty() ? "" : " ") + Joined(MessageTexts(answer.messages));
+  std::string text(answer.status);
+  const auto append = [&text](const char* before, const Names& texts) {
+    for (const std::string& part : texts) text.append(&part == &texts[0] ? before : ", ").append(part);
+  };
+  for (const Message& message : answer.messages) {
+    append(&message == &answer.messages[0] ? " " : ", ",
+           {message.id.substr(message.id.starts_with("Base.1.12.") ? std::size("Base.1.12.") - 1 : 0)});
+    append("(", message.args);
+    text += message.args.empty() ? "()" : ")";
+    append(" @", message.relatedProperties);
+  }
+  return text;
 }
 
 void SubscriptionsTest::SetUp() {
@@ -47,9 +67,9 @@ void SubscriptionsTest::SetUp() {
   settings_ = ServiceSettings();
   settings_.subordinateResourcesSupported = true;
   settings_.includeOriginOfConditionSupported = true;
-  settings_.allowedValues["RegistryPrefixes"] = {"\"Base\"", "\"ResourceEvent\""};
+  settings_.allowedValues["RegistryPrefixes"] = {"\"Base\"", "\"ResourceEvent\"", "\"Y\"", "\"Z\""};
   state_.emplace();
-  state_->registryPrefixBits = {{"Base", 1}, {"ResourceEvent", 2}};
+  state_->registryPrefixBits = {{"Base", 1}, {"ResourceEvent", 2}, {"Y", 2147483647}, {"Z", 2147483647}};
   SetProcessState(&settings_, &*state_);
 
   WriteFile(settings_.paths.passwordFile, "secret");
@@ -63,61 +83,84 @@ void SubscriptionsTest::FillRedis() {
   ASSERT_TRUE(WriteResource(redis(), kCollection, {{"@odata.id", kCollection}, {"@odata.etag", "\"0\""}}));
   HashWrite(redis(), "/redfish/v1/EventService", "ServiceEnabled", "true");
   HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", "1000000");
-  const std::pair<const char*, const char*> scripts[] = {
-      {"resourceChange", "return redis.call('RPUSH', 'events', table.concat(KEYS, ' ', 1, 3) .. ' ' .. KEYS[5])"},
-      {"enqueueEvent", "redis.call('RPUSH', 'queued', KEYS[1]) return 1"},
-  };
-  for (const auto& [name, script] : scripts) {
-    HashWrite(redis(), "redisSHAScripts", name, TextOf(SendArguments(redis(), {"SCRIPT", "LOAD", script})));
+  for (const auto& [name, script] :
+       {std::pair("resourceChange", "RPUSH', 'events', table.concat(KEYS, ' ', 1, 3) .. ' ' .. KEYS[5]"),
+        std::pair("enqueueEvent", "RPUSH', 'queued', KEYS[1]")}) {
+    const std::string text = std::string("redis.call('") + script + ") return 1";
+    HashWrite(redis(), "redisSHAScripts", name, TextOf(SendArguments(redis(), {"SCRIPT", "LOAD", text})));
   }
 }
 
 Request SubscriptionsTest::MakeRequest(const std::string& method, const std::string& uri, const Json& body,
                                        redisContext* connection) {
   for (const std::string& key : KeyListing(redis(), "*request*")) KeyDelete(redis(), key);
-  HashBatch record = {{"request",
-                       {{"&&RequestMethod", method},
-                        {"&&TargetURI", uri},
-                        {"&&Privileges", "ConfigureManager"},
-                        {"&&SSE-CHANNEL", "stream 1"},
-                        {"&&RequestData", "request/RequestData"}}}};
-  EXPECT_TRUE(HashBatchWrite(redis(), record));
+  EXPECT_TRUE(IsInteger(SendArguments(
+      redis(), {"HSET", "request", "&&RequestMethod", method, "&&TargetURI", uri, "&&Privileges", "ConfigureManager",
+                "&&SSE-CHANNEL", "stream 1", "&&RequestData", "request/RequestData"})));
   EXPECT_TRUE(body.is_null() || WriteResource(redis(), "request/RequestData", body));
-  Request request{connection != nullptr ? connection : redis(),
-                  {"request", "response"},
-                  ReadRequestRecord(redis(), "request"),
-                  settings_,
-                  &*state_};
+  const RequestRecord record = ReadRequestRecord(redis(), "request");
+  Request request{connection ? connection : redis(), {"request", "response"}, record, settings_, &*state_};
   if (body.dump().find("redfish-sse:") != std::string::npos) request.record.isSse = "true";
   return request;
 }
 
+Answer SubscriptionsTest::Handle(const std::string& method, const std::string& uri, const Json& body,
+                                 redisContext* connection) {
+  Request request = MakeRequest(method, uri, body, connection);
+  if (method == "POSTCREATE") return CreateEventDestination(request);
+  if (method == "POSTACTION") return ResumeSubscription(request, uri);
+  if (method == "PATCH") return PatchEventDestination(request);
+  if (method == "DELETE") return DeleteEventDestination(request);
+  request.announcement.responseKey = kFromEventing;
+  return ApplyDeliveryState(request);
+}
+
 std::string SubscriptionsTest::Create(const Json& body) {
-  if (body.value("Protocol", "").starts_with("Syslog")) AnswerSyslog(body.value("Id", ""));
-  Request request = MakeRequest("POSTCREATE", kCollection, body);
-  EXPECT_EQ(InShort(CreateEventDestination(request)), "OK_RES Created()") << body;
+  const std::string answerList = std::string(kSyslogQueue) + "/" + body.value("Id", "");
+  if (body["Protocol"].get<std::string>().starts_with("Syslog")) ListAppend(redis(), answerList, "OK");
+  EXPECT_EQ(InShort(Handle("POSTCREATE", kCollection, body)), "OK_RES Created()") << body;
   return Field("request", "&&Location");
 }
 
-void SubscriptionsTest::AnswerSyslog(const std::string& id, const std::string& answer) {
-  ListAppend(redis(), std::string(kSyslogQueue) + "/" + id, answer);
+void SubscriptionsTest::FailEachCommand(const std::function<void()>& prepare,
+                                        const std::function<void(redisContext*, bool)>& run) {
+  TripCounter proxy(Server().SocketPath());
+  size_t commands = 0;  // known after the first round, in which nothing fails
+  for (size_t n = 0; n <= commands; ++n) {
+    for (const bool isCut : {false, true}) {
+      SCOPED_TRACE((isCut ? "connection cut before command " : "failed command ") + std::to_string(n));
+      FillRedis();
+      *state_ = SubscriptionsState();
+      prepare();
+      const RedisContext connection = proxy.Connect();
+      proxy.Reset();
+      if (n > 0) isCut ? proxy.CutAfter(n - 1) : proxy.FailCommand(n);
+      const StreamCapture store(STDERR_FILENO);
+      run(connection.get(), isCut);
+      commands = std::max(commands, proxy.commands());
+    }
+  }
 }
 
 Json SubscriptionsTest::Stored(const std::string& uri) {
   Json document;
   EXPECT_TRUE(ReadResource(redis(), uri, document, {.withControlFields = true}));
+  if (uri.starts_with(kCollection + "/") && document["SubscriptionType"] != "SSE") {
+    Json file = InFile();
+    EXPECT_EQ(Json::diff(file["Members"][uri], document), Json::array()) << uri;
+    EXPECT_EQ(file["@odata.etag"].dump(), Field(kCollection, "@odata.etag"));
+  }
   return document;
 }
 
-std::map<std::string, Json> SubscriptionsTest::InFile() {
-  std::map<std::string, Json> members;
+Json SubscriptionsTest::InFile() {
   const DbValue root = state_->db.LoadDb();
   const std::unique_ptr<char, decltype(&std::free)> text(json_dumps(root.get(), 0), std::free);
-  if (!text) return members;
-  const Json document = Json::parse(text.get());
-  for (const Json& member : document["Members"]) members[member["@odata.id"]] = member;
-  EXPECT_EQ(document["@odata.etag"].dump(), Field(kCollection, "@odata.etag"));
-  return members;
+  Json file = Json::parse(text ? text.get() : "{}");
+  Json members;
+  for (const Json& member : file["Members"]) members[member["@odata.id"].get<std::string>()] = member;
+  file["Members"] = members;
+  return file;
 }
 
 Names SubscriptionsTest::Elements(const std::string& list) {
@@ -127,12 +170,26 @@ Names SubscriptionsTest::Elements(const std::string& list) {
   return elements;
 }
 
+void SubscriptionsTest::ExpectCount(size_t count) {
+  EXPECT_EQ(Elements(kMembers).size(), count);
+  EXPECT_EQ(state_->subscriptionCount, count);
+  EXPECT_EQ(Field(kCollection, "Members@odata.count"), std::to_string(count));
+}
+
+void SubscriptionsTest::ExpectEvents(const std::string& change, const std::string& uri) {
+  const std::string group = Field("/redfish/v1/EventService", "&&EVENT_GROUP_ID_COUNTER");
+  const Names events = Elements("events");
+  ASSERT_GE(events.size(), 2u);
+  EXPECT_EQ(events[events.size() - 2], change + " " + uri + " EventDestination " + group);
+  EXPECT_EQ(events.back(), "change " + kCollection + " EventDestinationCollection " + group);
+}
+
 DatabaseDump SubscriptionsTest::Resources() {
   DatabaseDump dump = Dump();
   std::erase_if(dump, [](const auto& entry) {
     const std::string& key = entry.first;
     return key.find("request") != std::string::npos || key.starts_with(kSyslogQueue) ||
-           key == "Array-Member-Sequence-ID";
+           key == "Array-Member-Sequence-ID" || key == "/redfish/v1/EventService";
   });
   return dump;
 }

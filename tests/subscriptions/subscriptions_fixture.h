@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,7 +25,7 @@ inline const std::string kMembers = "&&" + kCollection + "/Members";
 /// The bodies of creations by their kind, one of each that the service knows, with Ids.
 extern const Json kBodies;
 
-/// "FAILURE PropertyValueTypeError(5, Id) @Id"
+/// "FAILURE PropertyValueTypeError(5, Id) @Id, PropertyUnknown(Foo) @Foo"; the Base registry's name is left out.
 std::string InShort(const Answer& answer);
 
 class SubscriptionsTest : public RedisTest {
@@ -38,21 +39,29 @@ class SubscriptionsTest : public RedisTest {
   /// under "request", the answer goes under "response".
   Request MakeRequest(const std::string& method, const std::string& uri, const Json& body = Json(),
                       redisContext* connection = nullptr);
+  /// Hands it to the method's handler: POSTCREATE, POSTACTION (to resume), PATCH, DELETE, and STATE from delivery.
+  Answer Handle(const std::string& method, const std::string& uri, const Json& body = Json(),
+                redisContext* connection = nullptr);
 
   /// Creates a subscription, which must succeed, and gives its URI.
   std::string Create(const Json& body);
-  /// Lets the syslog forwarder say `answer` about this Id.
-  void AnswerSyslog(const std::string& id, const std::string& answer = "OK");
+  /// For every n: `prepare` an empty service, then `run` a request through a connection whose n-th command fails, or,
+  /// the second time, which ends there. 0 is for none.
+  void FailEachCommand(const std::function<void()>& prepare,
+                       const std::function<void(redisContext* connection, bool isCut)>& run);
 
-  /// The stored resource with its control fields.
+  /// What is stored there, with control fields. The test fails when the database file holds something else, unless it
+  /// is a stream, which no file knows, or no subscription.
   Json Stored(const std::string& uri);
-  /// The members in the database file, by URI.
-  std::map<std::string, Json> InFile();
+  /// The database file, with an object of the members by URI.
+  Json InFile();
   std::string Field(const std::string& key, const std::string& field) { return HashRead(redis(), key, field); }
   Names Elements(const std::string& list);
-  /// What life-cycle events said: "add <uri> EventDestination <group id>".
-  Names Events() { return Elements("events"); }
-  /// Redis without requests, the sequence ids that they take and what they say to the syslog forwarder.
+  /// The members are so many, and every place that counts them says so.
+  void ExpectCount(size_t count);
+  /// The last two life-cycle events, in one group, say this about the member and that the collection changed.
+  void ExpectEvents(const std::string& change, const std::string& uri);
+  /// Redis without requests, the counters and sequence ids that they take and what they say to the syslog forwarder.
   DatabaseDump Resources();
 
   ServiceSettings settings_;

@@ -1,0 +1,128 @@
+/// Subscriptions of every kind from their creation to their end, and ends that go wrong.
+#include "subscriptions/deletion.h"
+
+#include <algorithm>
+
+#include "platform/data_encrypt/data_encrypt.h"
+#include "subscriptions/get_preparation.h"
+#include "subscriptions/syslog_exchange.h"
+#include "tests/subscriptions/subscriptions_fixture.h"
+
+namespace event_service {
+namespace {
+
+class LifeTest : public SubscriptionsTest {
+ protected:
+  /// What is there beside the subscriptions' counters and what was said about them.
+  DatabaseDump WithoutNews() {
+    HashWrite(redis(), kCollection, "@odata.etag", "\"0\"");
+    DatabaseDump dump = Resources();
+    std::erase_if(dump, [](const auto& entry) {
+      const std::string& key = entry.first;
+      return key == "events" || key == "queued" || key == "&&subs:MetricReport" || key == "response" ||
+             key.starts_with("&&/redfish/v1/EventService/Actions/");
+    });
+    return dump;
+  }
+  /// What GET shows as sensitive, and whether it says that there is a key.
+  void ExpectPreparedForGet(const std::string& uri, const Json& body) {
+    for (int round = 0; round < 2; ++round) PrepareGet(MakeRequest("GET", uri));
+    std::string sensitive = "SNMP/TrapCommunity,SNMP/AuthenticationKey,SNMP/EncryptionKey";
+    if (body.contains("HttpHeaders")) sensitive += ",HttpHeaders";
+    EXPECT_EQ(Field(uri, "&&SensitiveData"), uri.ends_with("Stream-01") ? "" : sensitive);
+    const bool hasKey = body.contains("/SNMP/EncryptionKey"_json_pointer);
+    EXPECT_EQ(Field("&&" + uri + "/SNMP", "EncryptionKeySet"), !body.contains("SNMP") ? "" : hasKey ? "true" : "false");
+  }
+};
+
+TEST_F(LifeTest, EveryKindIsStoredAlikeInRedisAndFileAndLeavesNothing) {
+  Create({{"Id", "Bystander"}, {"Protocol", "Redfish"}, {"Destination", "https://c"}});
+  for (const auto& [kind, body] : kBodies.items()) {
+    SCOPED_TRACE(kind);
+    const DatabaseDump before = WithoutNews();
+    const std::string uri = Create(body);
+    Json stored = Stored(uri);
+    EXPECT_EQ(uri, kCollection + "/" + body["Id"].get<std::string>());
+    EXPECT_EQ(InFile()["Members"].size(), kind == "stream" ? 1u : 2u);
+    ExpectCount(2);
+    ExpectEvents("add", uri);
+    EXPECT_EQ(Elements(kMembers).back(), "&&ObjectRef &&" + uri);
+    if (kind == "SNMPv3") {
+      EXPECT_EQ(decryptHexString(stored["SNMP"]["AuthenticationKey"].get<std::string>(), "secret"), "Passphrase:a b");
+    }
+    for (const auto& [name, value] : body.items()) EXPECT_TRUE(name == "SNMP" || stored[name] == value) << name;
+    EXPECT_TRUE(kind == "stream" || stored["Status"]["State"] == (kind == "trap" ? "Disabled" : "Enabled"));
+    EXPECT_EQ(state_->syslogTlsDestinationIds.size(), kind == "TLS" ? 1u : 0u);
+    EXPECT_EQ(Field("&&subs:MetricReport", "Total_Num_Subscriber") == "1", kind == "metrics");
+    ExpectPreparedForGet(uri, body);
+
+    const bool isBroken = kind == "messages";  // it cannot be read, and is deleted all the same
+    if (isBroken) HashWrite(redis(), uri, "Broken", "no JSON");
+    if (kind == "Redfish") ListAppend(redis(), kMembers, uri);  // once more, in the form of another loader
+    EXPECT_EQ(Handle("DELETE", uri).status, isBroken ? kException : "");
+    EXPECT_TRUE(isBroken || Field("response", "&&ReturnStatus") == "OK_EMPTY");
+    EXPECT_EQ(InFile()["Members"].size(), 1u);
+    ExpectCount(1);
+    ExpectEvents("remove", uri);
+    EXPECT_TRUE(state_->syslogTlsDestinationIds.empty());
+    EXPECT_NE(Field("&&subs:MetricReport", "Total_Num_Subscriber"), "1");
+    Json terminated = Stored(Elements("queued").back());
+    EXPECT_EQ(terminated["&&EventDestination"], uri);
+    EXPECT_EQ(terminated["Context"], body.value("Context", Json()));
+    EXPECT_EQ(terminated["Events"][0]["MessageId"], "Base.1.12.SubscriptionTerminated");
+    EXPECT_EQ(terminated["Events"][0]["OriginOfCondition"]["@odata.id"], uri);
+    EXPECT_EQ(WithoutNews(), before);
+  }
+  EXPECT_EQ(Elements(std::string(kSyslogQueue)),
+            (Names{R"({"Action":"CREATE","Destination":"10.0.0.2:514","Facilities":["Kern","Local7"],)"
+                   R"("Id":"SyslogTCP-1","Severity":"Error","Type":"TCP"})",
+                   R"({"Action":"DELETE","Id":"SyslogTCP-1"})",
+                   R"({"Action":"CREATE","Destination":"syslog://[::1]:6514","Id":"SyslogTLS-1","Type":"TLS"})",
+                   R"({"Action":"DELETE","Id":"SyslogTLS-1"})"}));
+}
+
+TEST_F(LifeTest, AFailedStepOfADeletionDoesNotStopTheOthers) {
+  std::string uri;
+  FailEachCommand([&] { uri = Create(kBodies["stream"]); },
+                  [&](redisContext* connection, bool isCut) {
+                    const LogCapture log;
+                    const Answer answer = Handle("DELETE", uri, Json(), connection);
+                    const bool left[] = {KeyExists(redis(), uri), KeyExists(redis(), "&&subs:*"),
+                                         !Elements(kMembers).empty(), Elements("queued").empty()};
+                    const auto undone = std::ranges::count(left, true);
+                    const bool isDone = answer.status.empty() && Field("response", "&&ReturnStatus") == "OK_EMPTY";
+                    EXPECT_TRUE(isDone ? undone == 0 : answer.status == kException);
+                    EXPECT_TRUE(isDone || !log.Errors().empty() || !answer.logText.empty());
+                    if (isCut) return;  // nothing can follow
+                    EXPECT_LE(undone, 1);
+                    EXPECT_EQ(state_->subscriptionCount, Elements(kMembers).size());
+                  });
+}
+
+TEST_F(LifeTest, AllStreamsEndAndNothingElse) {
+  Create(kBodies["Redfish"]);
+  const DatabaseDump before = WithoutNews();
+  Json second = kBodies["stream"];
+  second["Id"] = "Stream-02";
+  for (const Json& body : {kBodies["stream"], second}) Create(body);
+  for (int round = 0; round < 2; ++round) {  // the second one finds none
+    Request request = MakeRequest("DELETE", "SSE-ALL");
+    EXPECT_EQ(InShort(DeleteAllSseSubscriptions(request)), "");
+    EXPECT_EQ(Field("response", "&&ReturnStatus"), "OK_EMPTY");
+    ExpectCount(1);
+    ExpectEvents("remove", kCollection + "/Stream-02");  // in the group of the last draw
+    const Names events = Elements("events");
+    EXPECT_EQ(events[events.size() - 3], "remove " + kCollection + "/Stream-01 EventDestination 4");
+    EXPECT_EQ(Elements("queued").size(), 2u);
+    EXPECT_EQ(WithoutNews(), before);
+  }
+  Create(second);
+  const LogCapture log;
+  Request turnedOff = MakeRequest("DELETE", "SSE-ALL");
+  turnedOff.announcement = {std::string(kEndOfStreamsRequests) + "1", std::string(kFromEventing)};
+  DeleteAllSseSubscriptions(turnedOff);
+  EXPECT_EQ(log.DebugLines(), Names{"Subscription " + kCollection + "/Stream-02 deleted by client."});
+}
+
+}  // namespace
+}  // namespace event_service
