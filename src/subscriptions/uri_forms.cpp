@@ -48,7 +48,11 @@ bool IsHostCharacter(char c) {
 /// configuration of other services.
 bool IsHostName(std::string_view text) { return !text.empty() && std::ranges::all_of(text, IsHostCharacter); }
 
-bool HasHost(const UriUriA& uri) { return uri.hostData.ip6 != nullptr || IsHostName(TextOf(uri.hostText)); }
+/// The parser gives the text of a future kind of address ("[v1.a]") without its brackets, as if it were a name.
+bool HasHost(const UriUriA& uri) {
+  if (uri.hostData.ipFuture.first != nullptr) return false;
+  return uri.hostData.ip6 != nullptr || IsHostName(TextOf(uri.hostText));
+}
 
 /// An empty port ("http://host:/") means the scheme's own, as no port does.
 bool HasValidPort(const UriUriA& uri) {
