@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "service/static_tables.h"
+#include "subscriptions/origin_index.h"
 #include "subscriptions/snmp_keys.h"
 #include "subscriptions/uri_forms.h"
 
@@ -18,11 +19,12 @@ bool IsIdCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.';
 }
 
-/// The Id becomes a segment of URIs and keys.
+/// The Id becomes a segment of URIs and keys, and a field of the origin index: there it must not be the counter that an
+/// origin "/redfish/v1/MetricReport" would put it beside.
 std::optional<Fault> CheckId(std::string_view text, const BodyCircumstances& /*circumstances*/) {
   constexpr size_t kMaxIdCharacters = 64;
   return FaultUnless(!text.empty() && text.size() <= kMaxIdCharacters && std::ranges::all_of(text, IsIdCharacter) &&
-                         text != "." && text != "..",
+                         text != "." && text != ".." && text != kMetricReportField,
                      FaultKind::kFormat);
 }
 
@@ -31,9 +33,12 @@ std::optional<Fault> CheckDestination(std::string_view text, const BodyCircumsta
   return FaultUnless(IsDestinationFor(circumstances.protocol, circumstances.isSse, text), FaultKind::kFormat);
 }
 
+/// A protocol that is missing or refused, which is said elsewhere, may have been meant as one.
+bool MayBeSyslog(std::string_view protocol) { return protocol.empty() || protocol.starts_with("Syslog"); }
+
 std::optional<Fault> CheckSubscriptionType(std::string_view text, const BodyCircumstances& circumstances) {
   const bool isFine = text == "RedfishEvent" || text == "SNMPTrap" || text == "SNMPInform" ||
-                      (text == "Syslog" && circumstances.protocol.starts_with("Syslog")) ||
+                      (text == "Syslog" && MayBeSyslog(circumstances.protocol)) ||
                       (text == "SSE" && circumstances.isSse);
   return FaultUnless(isFine, FaultKind::kNotInList);
 }

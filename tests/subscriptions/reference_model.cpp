@@ -139,6 +139,7 @@ class Model {
 
  private:
   bool Is(const char* name, const std::string& text) const { return body_.contains(name) && body_[name] == text; }
+  bool IsServed() const { return Given("Protocol") && In(body_["Protocol"], kChoices["Protocol"]); }
   bool Given(const char* name) const { return body_.contains(name) && !body_[name].is_null(); }
 
   void Fault(const std::string& message, const std::string& args, const std::string& path) {
@@ -205,13 +206,12 @@ class Model {
   }
   void Type(const Json& value, const std::string& path) {
     Json choices = {"RedfishEvent", "SNMPTrap", "SNMPInform"};
-    if (Is("Protocol", "SyslogTCP") || Is("Protocol", "SyslogTLS")) choices.push_back("Syslog");
+    if (!IsServed() || Is("Protocol", "SyslogTCP") || Is("Protocol", "SyslogTLS")) choices.push_back("Syslog");
     if (world_.isSse) choices.push_back("SSE");
     Choice(value, path, choices);
   }
   void Destination(const Json& value, const std::string& path) {
-    const bool isServed = Given("Protocol") && In(body_["Protocol"], kChoices["Protocol"]);
-    if ((!isServed && body_.contains("Protocol")) || !Text(value, path, 2048) || !isServed) return;
+    if ((!IsServed() && body_.contains("Protocol")) || !Text(value, path, 2048) || !IsServed()) return;
     if (!DestinationFits(value, body_["Protocol"], world_.isSse)) BadValue("PropertyValueFormatError", value, path);
   }
   void Object(const std::string& property, const Json& value, const std::string& path) {
@@ -236,7 +236,7 @@ class Model {
     if (kind == "boolean?") {
       if (!value.is_boolean()) BadValue("PropertyValueTypeError", value, path);
     } else if (kind == "id") {
-      const bool fits = !Text(value, path) || Matches(value, "(?![.][.]?$)[-A-Za-z0-9_.]{1,64}");
+      const bool fits = !Text(value, path) || Matches(value, "(?![.][.]?$|Total_Num_Subscriber$)[-A-Za-z0-9_.]{1,64}");
       if (!fits) BadValue("PropertyValueFormatError", value, path);
     } else if (kind == "community?") {
       const std::string text = value.is_string() ? value.get<std::string>() : std::string(1, '\0');

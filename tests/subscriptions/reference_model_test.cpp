@@ -16,8 +16,8 @@ const Json kValues = Json::parse(R"([
     "Base.1.12.Created"], [{"@odata.id": "/redfish/v1/a/../b"}, {"@odata.id": "/other"},
     {"@odata.id": "/redfish/v1/a#/b/0"}, {"@odata.id": 1}], "host", "host:", "host/", "[fe80::1]:514", "fe80::1",
     "user@host", "https://user@host/", "https://@h/", "//host/x", "HTTP://host:/", "https://host:0/", "https:host",
-    "https://*/", "http://[::1", "https://[v1.a]/", "redfish-sse://h", "syslog://h@h", "MAILTO:a@b", "mailto:@b", "mailto:a@b,",
-    "mailto:a%0dRcpt@b", "snmp://", "snmp://[::1]:162"])");
+    "https://*/", "http://[::1", "https://[v1.a]/", "redfish-sse://h", "syslog://h@h", "MAILTO:a@b", "mailto:@b",
+    "mailto:a@b,", "mailto:a%0dRcpt@b", "Total_Num_Subscriber", "snmp://", "snmp://[::1]:162"])");
 
 const Json kNames = Json::parse(R"([
     "Actions", "Context", "Description", "Destination", "EventFormatType", "EventTypes", "HeartbeatIntervalMinutes",
