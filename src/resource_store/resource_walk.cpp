@@ -125,7 +125,7 @@ bool ResourceWalk::TakeHash(const Node& node, std::span<redisReply* const> items
       if (options_.withControlFields && node.value != nullptr) *slot() = std::string(stored);
     } else if (!LooksLikeMarker(stored)) {
       complete &= TakeText(node, name, stored, slot());
-    } else if (const std::optional<Marker> marker = ParseFieldMarker(stored)) {
+    } else if (const std::optional<Marker> marker = MarkerOfField(name, stored)) {
       complete &= TakeMarker(node, name, *marker, slot());
     } else if (!options_.followForeignMarkers && node.value != nullptr) {
       *slot() = StringOfMarkerText(stored);
@@ -145,13 +145,21 @@ bool ResourceWalk::TakeList(const Node& node, std::span<redisReply* const> items
     const std::string_view stored = TextOf(items[i]);
     if (!LooksLikeMarker(stored)) {
       complete &= TakeText(node, index, stored, slot());
-    } else if (const std::optional<Marker> marker = ParseElementMarker(stored); marker && IsFollowed(node, *marker)) {
+    } else if (const std::optional<Marker> marker = MarkerOfElement(stored); marker && IsFollowed(node, *marker)) {
       complete &= TakeMarker(node, index, *marker, slot());
     } else if (!options_.followForeignMarkers && node.value != nullptr) {
       *slot() = StringOfMarkerText(stored);
     }
   }
   return complete;
+}
+
+std::optional<Marker> ResourceWalk::MarkerOfField(std::string_view name, std::string_view stored) const {
+  return options_.followForeignMarkers ? ParseFieldMarker(stored) : ParseBodyFieldMarker(stored, name);
+}
+
+std::optional<Marker> ResourceWalk::MarkerOfElement(std::string_view stored) const {
+  return options_.followForeignMarkers ? ParseElementMarker(stored) : ParseBodyElementMarker(stored);
 }
 
 bool ResourceWalk::IsFollowed(const Node& list, const Marker& marker) const {

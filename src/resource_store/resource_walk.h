@@ -39,8 +39,8 @@ struct ReadOptions {
   bool withControlFields = false;
   /// Whether an element's marker is followed whose target is none of the keys that the writer gives to elements of that
   /// list. A request body is read without: such a marker can only be a client's string, which it then comes back as. (A
-  /// member's marker never is: strings keep their quotes there.) Texts that are no whole marker come as strings then as
-  /// well, so that nothing a client sent is passed over.
+  /// member's marker never is: strings keep their quotes there.) Targets may hold blanks then, and texts that are no
+  /// whole marker come as strings, so that nothing a client sent is passed over.
   bool followForeignMarkers = true;
   /// Containers under keys that do not lie under the document's own key are left empty, neither listed nor walked.
   bool ownKeysOnly = false;
@@ -108,6 +108,8 @@ class ResourceWalk {
   bool TakeHash(const Node& node, std::span<redisReply* const> items);
   bool TakeList(const Node& node, std::span<redisReply* const> items);
   bool TakeMarker(const Node& node, std::string_view name, const Marker& marker, Json* slot);
+  std::optional<Marker> MarkerOfField(std::string_view name, std::string_view stored) const;
+  std::optional<Marker> MarkerOfElement(std::string_view stored) const;
   bool IsFollowed(const Node& list, const Marker& marker) const;
   bool TakeText(const Node& node, std::string_view name, std::string_view stored, Json* slot);
   bool Fail(std::string_view message, const Node& node, std::string_view name = {});

@@ -36,16 +36,31 @@ std::optional<std::string_view> TakeToken(std::string_view& text) {
 bool LooksLikeMarker(std::string_view stored) { return stored.starts_with(kPrefix); }
 
 std::optional<Marker> ParseElementMarker(std::string_view stored) {
-  const std::optional<std::string_view> word = TakeToken(stored);
-  if (!word || stored.find(' ') != std::string_view::npos) return std::nullopt;
-  const std::optional<Marker::Kind> kind = KindOfWord(*word);
-  if (!kind) return std::nullopt;
-  return Marker{*kind, stored};
+  const std::optional<Marker> marker = ParseBodyElementMarker(stored);
+  if (marker && marker->target.find(' ') != std::string_view::npos) return std::nullopt;
+  return marker;
 }
 
 std::optional<Marker> ParseFieldMarker(std::string_view stored) {
   const std::optional<std::string_view> word = TakeToken(stored);
   if (!word || !TakeToken(stored) || stored.find(' ') != std::string_view::npos) return std::nullopt;
+  const std::optional<Marker::Kind> kind = KindOfWord(*word);
+  if (!kind) return std::nullopt;
+  return Marker{*kind, stored};
+}
+
+std::optional<Marker> ParseBodyFieldMarker(std::string_view stored, std::string_view name) {
+  std::optional<Marker> marker = ParseBodyElementMarker(stored);
+  if (!marker) return std::nullopt;
+  std::string_view& target = marker->target;
+  if (!target.starts_with(name) || !target.substr(name.size()).starts_with(' ')) return ParseFieldMarker(stored);
+  target.remove_prefix(name.size() + 1);
+  return marker;
+}
+
+std::optional<Marker> ParseBodyElementMarker(std::string_view stored) {
+  const std::optional<std::string_view> word = TakeToken(stored);
+  if (!word) return std::nullopt;
   const std::optional<Marker::Kind> kind = KindOfWord(*word);
   if (!kind) return std::nullopt;
   return Marker{*kind, stored};
