@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <span>
 
 #include "service/static_tables.h"
 
@@ -103,25 +104,38 @@ std::vector<std::string> CommonArguments(const FaultMessage& message, const Faul
   return {std::string(CutToCharacters(ValueAsArgument(value), kMaxTooLongCharacters)), std::to_string(fault.limit)};
 }
 
-bool HoldsReferences(std::string_view property) {
-  return std::ranges::find(kReferenceArrayProperties, property) != std::end(kReferenceArrayProperties);
+/// What the "@odata.id" of an object is.
+enum class Link {
+  kValue,       // where a reference is expected
+  kAnnotation,  // where another object is
+  kShown,       // elsewhere: the object is refused, and shown by it when it has nothing else
+};
+
+bool Contains(std::span<const std::string_view> names, std::string_view name) {
+  return std::ranges::find(names, name) != names.end();
 }
 
-/// A link's "@odata.id" is its value, not an annotation: it stays where a link is expected (`isLink`) and where nothing
-/// stands beside it.
-void CleanNested(Json& value, bool isLink) {
+Link LinkIn(std::string_view property, bool isElement) {
+  if (isElement && Contains(kReferenceArrayProperties, property)) return Link::kValue;
+  const bool isObject = isElement ? Contains(kObjectArrayProperties, property) : Contains(kObjectProperties, property);
+  return isObject ? Link::kAnnotation : Link::kShown;
+}
+
+/// `property` is the member that the value is, or, through arrays, an element of.
+void CleanNested(Json& value, std::string_view property, bool isElement) {
   if (!value.is_structured()) return;
+  const bool isObject = value.is_object();
   for (auto item = value.begin(); item != value.end();) {
-    const bool isMember = value.is_object();
-    if (isMember && item.key() != kLinkMember && IsPassedOver(item.key())) {
+    if (isObject && item.key() != kLinkMember && IsPassedOver(item.key())) {
       item = value.erase(item);
       continue;
     }
-    // The elements of a list of links, and the list itself, which has no members.
-    CleanNested(*item, isMember ? HoldsReferences(item.key()) : isLink);
+    CleanNested(*item, isObject ? std::string_view(item.key()) : property, !isObject);
     ++item;
   }
-  if (value.is_object() && value.size() > 1 && !isLink) value.erase(kLinkMember);
+  if (!isObject) return;
+  const Link link = LinkIn(property, isElement);
+  if (link == Link::kAnnotation || (link == Link::kShown && value.size() > 1)) value.erase(kLinkMember);
 }
 
 }  // namespace
@@ -162,7 +176,7 @@ bool IsPassedOver(std::string_view memberName) {
 }
 
 void RemovePassedOver(Json& body) {
-  CleanNested(body, false);
+  CleanNested(body, {}, false);
   if (body.is_object()) body.erase(kLinkMember);
 }
 

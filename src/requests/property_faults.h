@@ -58,7 +58,9 @@ std::string ElementPath(std::string_view property, size_t index);
 bool IsPassedOver(std::string_view memberName);
 
 /// Takes those members out of a body, at every level. The "@odata.id" of a link is no annotation: it stays in the
-/// elements of OriginResources and MetricReportDefinitions, and in nested objects that hold nothing else.
+/// elements of OriginResources and MetricReportDefinitions, and, to be shown, in objects that hold nothing else where
+/// no object is accepted. It stays so in an element of HttpHeaders, too: that may have been the string "&&ObjectRef
+/// ...".
 void RemovePassedOver(Json& body);
 
 /// The checks of single values, null excluded: each gives the first fault, or nothing. Text: type, length, no NUL.

@@ -17,6 +17,11 @@ inline constexpr std::string_view kMetricFilterProperties[] = {"MetricReportDefi
 /// Arrays whose elements are {"@odata.id": uri}.
 inline constexpr std::string_view kReferenceArrayProperties[] = {"OriginResources", "MetricReportDefinitions"};
 
+/// Objects, and arrays of objects, that clients write member by member: an "@odata.id" among the members is an
+/// annotation.
+inline constexpr std::string_view kObjectProperties[] = {"SMTP", "SNMP"};
+inline constexpr std::string_view kObjectArrayProperties[] = {"SyslogFilters"};
+
 /// Arrays that have a "...@odata.count" beside them.
 inline constexpr std::string_view kCountedArrays[] = {"MessageIds",    "OriginResources",  "HttpHeaders",
                                                       "ResourceTypes", "RegistryPrefixes", "MetricReportDefinitions"};

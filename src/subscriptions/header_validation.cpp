@@ -29,7 +29,8 @@ Message NameFault(const Header& header) {
 /// Collects the headers of one element, or what is wrong with them.
 void JudgeElement(const Json& element, size_t index, std::vector<Header>& headers, std::vector<Message>& faults) {
   const std::string path = ElementPath(kProperty, index);
-  if (!element.is_object()) {
+  // A lone reference may have been a string that reads like its marker.
+  if (!element.is_object() || element.contains("@odata.id")) {
     faults.push_back(SecretFault(path));
     return;
   }

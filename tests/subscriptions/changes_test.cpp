@@ -51,7 +51,8 @@ TEST_F(ChangesTest, APatchChangesRedisAndFileAlikeOrNothingAtAll) {
        "FAILURE PropertyNotWritable(Id) @Id, PropertyUnknown(SNMP/Foo) @SNMP/Foo"},
       {R"({"Context": "f", "Foo": 1, "VerifyCertificate": 1})", nullptr,
        "FAILURE PropertyUnknown(Foo) @Foo, PropertyValueTypeError(1, VerifyCertificate) @VerifyCertificate"},
-      {R"({"HttpHeaders": [null, {}, "x"]})", nullptr, "FAILURE PropertyValueError(HttpHeaders/2) @HttpHeaders/2"},
+      {R"({"HttpHeaders": [null, {}, "x", {"@odata.id": "/x y"}]})", nullptr,
+       "FAILURE PropertyValueError(HttpHeaders/2) @HttpHeaders/2, PropertyValueError(HttpHeaders/3) @HttpHeaders/3"},
   };
   for (const auto& row : cases) {
     Json expected = Stored(uri);

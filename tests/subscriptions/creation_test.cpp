@@ -53,6 +53,9 @@ TEST_F(CreationTest, TheRestFollowsFromTheRequest) {
        R"({"SNMP/AuthenticationKeySet": true, "SNMP/TrapCommunity": null, "SubscriptionType": "RedfishEvent",
            "DeliveryRetryPolicy": "TerminateAfterRetries", "&&AllowMethod": "GET,HEAD,PATCH,DELETE",
            "SNMP/EncryptionProtocol@Redfish.AllowableValues": ["None", "CBC_DES", "CFB128_AES128"]})"},
+      {R"({"SNMP": {"@odata.id": "x\u0000y"}, "HttpHeaders": [{"@odata.id": "/x", "A": "b"}],
+           "SyslogFilters": [{"@odata.id": "/x"}, {"@odata.id": "/x", "LowestSeverity": "All"}]})",
+       R"({"SNMP/@odata.id": "absent", "HttpHeaders": [{"A": "b"}], "SyslogFilters": [{}, {"LowestSeverity": "All"}]})"},
       {R"({"Protocol": "SyslogTCP", "Destination": "h", "SubscriptionType": "RedfishEvent"})",
        R"({"SubscriptionType": "Syslog", "DeliveryRetryPolicy": "RetryForever"})"},
       {R"({"Destination": "redfish-sse://h", "&&SSE-CHANNEL": "mine"})",
@@ -123,6 +126,12 @@ TEST_F(CreationTest, RefusalsLeaveRedisAsItWas) {
       {kBodies["TLS"], withdrawn},
       {kBodies["TLS"], withdrawn},
       {kBodies["TLS"], withdrawn},  // silent for 5 seconds
+      {Json::parse(R"({"Context": {"a b": {}}, "OriginResources": [{"@odata.id": "/redfish/v1/a b"}],
+                       "SNMP": [{"@odata.id": "c"}], "VerifyCertificate": {"@odata.id": "a b"}})"),
+       R"(FAILURE PropertyValueTypeError({"a b":{}}, Context) @Context, )"
+       "PropertyValueFormatError(/redfish/v1/a b, OriginResources/0) @OriginResources/0, "
+       R"(PropertyValueTypeError([{"@odata.id":"c"}], SNMP) @SNMP, )"
+       R"(PropertyValueTypeError({"@odata.id":"a b"}, VerifyCertificate) @VerifyCertificate)"},
       {{{"Id", "a/../b c*"}}, "FAILURE PropertyValueFormatError(a/../b c*, Id) @Id"},
       {{{"Id", "Secret-01"}, {"SNMP", {{"EncryptionKey", "no password"}}}},
        "EXCEPTION OperationFailed()Failed to encrypt SNMP/EncryptionKey."},

@@ -183,7 +183,7 @@ class Model {
     if (Text(uri, at) && !ReferenceFits(uri)) BadValue("PropertyValueFormatError", uri, at);
   }
   void Headers(const Json& element, const std::string& at) {
-    if (!element.is_object()) return BadSecret(at);
+    if (!element.is_object() || element.contains("@odata.id")) return BadSecret(at);
     for (const auto& [name, value] : element.items()) {
       if (PassedOver(name)) continue;
       const std::string text = value.is_string() ? value.get<std::string>() : "\n";
