@@ -31,7 +31,8 @@ TEST_F(CreationTest, TheRestFollowsFromTheRequest) {
     const char* index = "*{Id-1=-1} ";  // the origins with what stands there
   } cases[] = {
       {R"({"Context": "&&Array Context redisSHAScripts", "Name": "Mine", "Description": null, "EventFormatType": null,
-           "DeliveryRetryPolicy": null, "SubscriptionType": null, "&&CRUDprefix": "mine", "Context@odata.x": "x"})",
+           "DeliveryRetryPolicy": null, "SubscriptionType": null, "&&CRUDprefix": "mine", "Context@odata.x": "x",
+           "RegistryPrefixes": []})",
        R"({"Context": "&&Array Context redisSHAScripts", "Name": "Destination", "DeliveryRetryPolicy": null,
            "EventFormatType": null, "SubscriptionType": null, "&&CRUDprefix": "&&/redfish/v1/EventDestination",
            "Context@odata.x": "absent"})"},

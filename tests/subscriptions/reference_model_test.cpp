@@ -46,9 +46,7 @@ class Mutator {
   /// Long texts are about as long as some limit.
   Json Value() {
     constexpr size_t kLimits[] = {1024, 2048, 8192 - 17};
-    constexpr size_t kDigits[] = {16, 24, 64, 96};
     if (Below(30) != 0) return Pick(kValues);
-    if (Below(2) != 0) return "Hex:" + std::string(Pick(kDigits) - 1 + Below(3), 'a');
     return std::string(Pick(kLimits) - 1 + Below(3), 'x');
   }
 
@@ -62,7 +60,11 @@ class Mutator {
     } else if (value.is_string() && Below(3) != 0) {
       constexpr std::string_view kCharacters = "aZ0:/@[]%?#. -_,&\"\\*\x01";
       std::string& text = value.get_ref<std::string&>();
-      text.replace(Below(text.size() + 1), Below(2), 1 + Below(2), Pick(kCharacters));
+      if (text.starts_with("Hex:") && Below(2) == 0) {
+        text.resize(4 + 14 + Below(84), 'a');
+      } else {
+        text.replace(Below(text.size() + 1), Below(2), 1 + Below(2), Pick(kCharacters));
+      }
     } else if (value.is_array() && Below(3) == 0) {
       if (Below(9) == 0) value = Json(255 + Below(4), value.empty() ? Json("Base") : value[0]);
       value.push_back(Value());

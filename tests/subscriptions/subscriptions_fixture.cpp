@@ -36,7 +36,7 @@ const Json kBodies = Json::parse(R"({
         "SNMP": {"AuthenticationProtocol": "HMAC_SHA96", "AuthenticationKey": "Passphrase:a b",
                  "EncryptionProtocol": "CFB128_AES128", "EncryptionKey": "Hex:0123456789abcdef"}},
     "inform": {"Id": "inform1", "Protocol": "SNMPv3", "Destination": "snmp://[fe80::1]/",
-        "SubscriptionType": "SNMPInform"},
+        "SubscriptionType": "SNMPInform", "SNMP": {"AuthenticationKey": "Hex:0123456789abcdef01234567"}},
     "SMTP": {"Id": "SMTP-mail", "Protocol": "SMTP", "Destination": "mailto:a%2Bb@example.org,c@d?subject=x"},
     "TCP": {"Id": "SyslogTCP-1", "Protocol": "SyslogTCP", "Destination": "10.0.0.2:514", "SubscriptionType": "Syslog",
         "SyslogFilters": [{"LogFacilities": ["Kern", "Local7"], "LowestSeverity": "Error"}, {}]},
