@@ -1,6 +1,7 @@
 #include "foundation/random.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cinttypes>
@@ -24,9 +25,14 @@ uint32_t RandomNumber(const char* device) {
   return 0;
 }
 
+// Every change writes two of them: without opening a device.
 std::string NewEtag() {
+  uint64_t number = 0;
+  if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number)) {
+    LogError("Failed to generate random number.");
+  }
   char text[sizeof "\"0123456789ABCDEF\""];
-  std::snprintf(text, sizeof text, "\"%08" PRIX32 "%08" PRIX32 "\"", RandomNumber(), RandomNumber());
+  std::snprintf(text, sizeof text, "\"%016" PRIX64 "\"", number);
   return text;
 }
 

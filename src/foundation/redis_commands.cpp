@@ -1,11 +1,30 @@
 #include "foundation/redis_commands.h"
 
+#include <charconv>
 #include <cstdarg>
+#include <cstring>
 
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
 
 namespace event_service {
+namespace {
+
+constexpr std::string_view kLineEnd = "\r\n";
+constexpr size_t kLongestSizeLine = sizeof "$18446744073709551615\r\n";
+
+char* Put(char* out, std::string_view text) {
+  std::memcpy(out, text.data(), text.size());
+  return out + text.size();
+}
+
+/// "$5\r\n"
+char* PutSizeLine(char* out, char mark, size_t size) {
+  *out++ = mark;
+  return Put(std::to_chars(out, out + kLongestSizeLine, size).ptr, kLineEnd);
+}
+
+}  // namespace
 
 RedisReply SendCommand(redisContext* redis, const char* format, ...) {
   if (redis->err != 0) return nullptr;
@@ -16,11 +35,16 @@ RedisReply SendCommand(redisContext* redis, const char* format, ...) {
   return reply;
 }
 
+// Every word of every request goes through here: into room that is made once.
 void AppendCommand(std::string& commands, std::span<const std::string_view> arguments) {
-  commands.append("*").append(std::to_string(arguments.size())).append("\r\n");
-  for (const std::string_view argument : arguments) {
-    commands.append("$").append(std::to_string(argument.size())).append("\r\n").append(argument).append("\r\n");
-  }
+  size_t room = kLongestSizeLine;
+  for (const std::string_view argument : arguments) room += kLongestSizeLine + argument.size() + kLineEnd.size();
+  const size_t begin = commands.size();
+  commands.resize(begin + room);
+  char* out = PutSizeLine(commands.data() + begin, '*', arguments.size());
+  for (const std::string_view argument : arguments)
+    out = Put(Put(PutSizeLine(out, '$', argument.size()), argument), kLineEnd);
+  commands.resize(static_cast<size_t>(out - commands.data()));
 }
 
 RedisReply ReadReply(redisContext* redis) {
