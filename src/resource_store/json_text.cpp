@@ -20,11 +20,13 @@ bool TakeOne(std::string_view& text, std::string_view characters) {
   return true;
 }
 
-/// True for a string of printable ASCII characters without escapes: what stands between its quotes is what it means.
+/// True for printable ASCII characters without escapes: such a string stands between its quotes as it is.
+bool IsPlain(std::string_view text) {
+  return std::ranges::all_of(text, [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
+}
+
 bool IsPlainString(std::string_view text) {
-  if (text.size() < 2 || text.front() != '"' || text.back() != '"') return false;
-  return std::ranges::all_of(text.substr(1, text.size() - 2),
-                             [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
+  return text.size() >= 2 && text.front() == '"' && text.back() == '"' && IsPlain(text.substr(1, text.size() - 2));
 }
 
 /// True for whole numbers of 0 and more that fit into 64 bits for sure.
@@ -77,6 +79,15 @@ bool ParseJsonText(std::string_view text, Json& value, bool& exact) {
   }
   exact = value.is_number_float() ? value.dump() == text : text != "-0";
   return true;
+}
+
+// Most values by far are plain strings; the serializer takes many times as long to be set up for them.
+std::string JsonText(const Json& value) {
+  const auto* const text = value.get_ptr<const Json::string_t*>();
+  if (text == nullptr || !IsPlain(*text)) return value.dump();
+  std::string quoted;
+  quoted.reserve(text->size() + 2);
+  return quoted.append("\"").append(*text).append("\"");
 }
 
 }  // namespace event_service

@@ -1,6 +1,7 @@
 /// The JSON texts that the store holds, one by one: mostly short strings and numbers.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "resource_store/store_encoding.h"
@@ -13,5 +14,8 @@ bool IsJsonNumber(std::string_view text);
 /// Parses one whole JSON text. False when it is none. `exact` is cleared for a number that the result does not write
 /// the same way again; one beyond the range of a double becomes the largest with its sign.
 bool ParseJsonText(std::string_view text, Json& value, bool& exact);
+
+/// The compact JSON text of a value; throws Json::type_error for a string that is not UTF-8, as Json::dump does.
+std::string JsonText(const Json& value);
 
 }  // namespace event_service

@@ -38,14 +38,15 @@ void AppendMember(RedisPipeline& pipeline, std::string_view key, std::string_vie
     if (value.is_string()) pipeline.Append({"HSET", key, name, value.get_ref<const std::string&>()});
     return;
   }
+  if (!value.is_structured()) {
+    const std::string text = DumpPrimitive(value);
+    if (!text.empty()) pipeline.Append({"HSET", key, name, text});
+    return;
+  }
   int64_t noSequence = kNoSequence;
   DumpedItem item = DumpItem(key, &noSequence, std::string(name), value);
-  if (!item.valueText.empty()) {
-    pipeline.Append({"HSET", key, name, item.valueText});
-  } else if (!item.childKey.empty()) {
-    pipeline.Append({"HSET", key, name, BuildMarker(false, value, item.childKey, item.name)});
-    if (!IsReference(value)) AppendContainer(pipeline, item.childKey, value, sequence);
-  }
+  pipeline.Append({"HSET", key, name, BuildMarker(false, value, item.childKey, item.name)});
+  if (!IsReference(value)) AppendContainer(pipeline, item.childKey, value, sequence);
 }
 
 void AppendElement(RedisPipeline& pipeline, std::string_view key, size_t index, const Json& value, int64_t& sequence) {

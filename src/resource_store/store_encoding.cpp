@@ -4,6 +4,7 @@
 #include <limits>
 #include <utility>
 
+#include "resource_store/json_text.h"
 #include "resource_store/store_log.h"
 
 namespace event_service {
@@ -100,15 +101,18 @@ bool NestsWithin(const Json& value, size_t levels) {
   return levels > 0 && std::ranges::all_of(value, [levels](const Json& item) { return NestsWithin(item, levels - 1); });
 }
 
+std::string DumpPrimitive(const Json& value) try {
+  return JsonText(value);
+} catch (const Json::type_error& error) {
+  LogStoreError(std::string("Dump JSON object error. EXCEPTION=") + error.what());
+  return {};
+}
+
 DumpedItem DumpItem(std::string_view parentKey, int64_t* sequence, std::string name, const Json& value) {
   DumpedItem item;
   if (!value.is_structured()) {
-    try {
-      item.valueText = value.dump();
-    } catch (const Json::type_error& error) {
-      LogStoreError(std::string("Dump JSON object error. EXCEPTION=") + error.what());
-      return {};
-    }
+    item.valueText = DumpPrimitive(value);
+    if (item.valueText.empty()) return {};
   } else if (*sequence == kNoSequence) {
     item.childKey = ChildKey(parentKey, name);
   } else {

@@ -64,6 +64,10 @@ bool NestsWithin(const Json& value, size_t levels = kMaxNesting);
 /// The sequence counter that object members pass: they consume no id.
 inline constexpr int64_t kNoSequence = -1;
 
+/// The compact JSON text of a primitive, as it is stored; empty for text that is not UTF-8, which is logged on standard
+/// error as "[ERROR] Dump JSON object error. EXCEPTION=..." and which writers skip.
+std::string DumpPrimitive(const Json& value);
+
 /// What a writer needs of one member or element; all empty for an item that cannot be dumped (logged).
 struct DumpedItem {
   std::string valueText;  // compact JSON of a primitive
@@ -73,9 +77,7 @@ struct DumpedItem {
 
 /// Takes apart one member (name: its name) or element (name: its index in decimal) of the container at `parentKey`. An
 /// object or array, a reference included, forms its child key; as an element it consumes an id for it: `*sequence` then
-/// moves on by one, from the largest value to 1. Object members pass a counter that holds kNoSequence. Text that is not
-/// UTF-8 is logged on standard error as "[ERROR] Dump JSON object error. EXCEPTION=..." and gives an item whose texts
-/// are all empty, which writers skip.
+/// moves on by one, from the largest value to 1. Object members pass a counter that holds kNoSequence.
 DumpedItem DumpItem(std::string_view parentKey, int64_t* sequence, std::string name, const Json& value);
 
 /// The marker for an object or array; puts "&&" in front of `childKey` when it lacks it. A reference gives the
