@@ -3,6 +3,7 @@
 
 #include <span>
 #include <string_view>
+#include <utility>
 
 #include "foundation/redis_pipeline.h"
 #include "resource_store/resource_walk.h"
@@ -35,6 +36,7 @@ class RequestBody {
 
   /// What the client sent, without control fields and annotations; valid once the body is complete.
   const Json& Document() const { return document_; }
+  Json TakeDocument() && { return std::move(document_); }
   /// The numbers in it that Json cannot give back as they were written.
   const NumberTexts& Numbers() const { return numbers_; }
 

@@ -121,7 +121,7 @@ bool SubscriptionDb::ChangeMembers(Edit edit, std::string_view collectionEtag, c
 }
 
 void SubscriptionDb::KeepUnwritten(Edit edit) {
-  if (unwritten_.size() == kUnwrittenLimit) unwritten_.erase(unwritten_.begin());
+  if (unwritten_.size() == kUnwrittenLimit) unwritten_.pop_front();
   unwritten_.push_back(std::move(edit));
 }
 

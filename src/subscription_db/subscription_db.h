@@ -7,6 +7,7 @@
 #pragma once
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <span>
@@ -147,7 +148,7 @@ class SubscriptionDb {
   int passwordError_ = 0;  // the last that was logged
   bool databaseFileLoaded_ = false;
   bool plainFileIsAhead_ = false;  // an encryption failed: the plain file holds what the database file lacks
-  std::vector<Edit> unwritten_;    // changes that failed before they were in either file, oldest first
+  std::deque<Edit> unwritten_;     // changes that failed before they were in either file, oldest first
   std::vector<std::string> restoredUris_;
 };
 

@@ -92,7 +92,7 @@ class Creation {
   bool idExists_ = false;
   std::string uri_;
   Json destination_;
-  std::vector<std::string> keys_;     // every key of the resource
+  int64_t sequence_ = kNoSequence;    // the first id of the resource's arrays
   std::string collectionEtag_;        // as stored: the former one until the creation has set its own
   std::string formerCollectionEtag_;  // for taking back
   RedisReply membersLength_;
@@ -112,8 +112,8 @@ std::optional<Answer> Creation::ReadBody() {
     isIdOpen = false;
     if (!body.TakeLevel(replies)) return BodyUnreadable();
   }
-  body_ = body.Document();
   numbers_ = body.Numbers();
+  body_ = std::move(body).TakeDocument();
   return std::nullopt;
 }
 
@@ -192,19 +192,17 @@ std::optional<Answer> Creation::SetUpSyslog() {
 
 /// The whole resource in one batch.
 std::optional<Answer> Creation::Write() {
-  int64_t sequence = kNoSequence;
   if (NeedsSequenceIds(destination_)) {
-    sequence = NextSequenceId(redis_);
-    if (sequence < 0) return WriteFailed();
+    sequence_ = NextSequenceId(redis_);
+    if (sequence_ < 0) return WriteFailed();
   }
-  keys_ = DocumentKeys(uri_, destination_, sequence);
   RedisPipeline pipeline(redis_);
   // What an incomplete deletion may have left under an Id that is used again must not be added to.
-  if (isIdGiven_) AppendUnlink(pipeline, keys_);
-  int64_t next = sequence;
+  if (isIdGiven_) AppendUnlink(pipeline, DocumentKeys(uri_, destination_, sequence_));
+  int64_t next = sequence_;
   if (!AppendDocument(pipeline, uri_, destination_, next)) return WriteFailed();
   const size_t writes = pipeline.Size();
-  if (next != sequence) AppendSequenceStore(pipeline, next);
+  if (next != sequence_) AppendSequenceStore(pipeline, next);
   const std::vector<RedisReply> replies = pipeline.Execute();
   const bool isSequenceStored = writes == replies.size() || TextOf(replies.back()).starts_with("OK");
   if (!AllIntegers(std::span(replies).first(writes)) || !isSequenceStored) return WriteFailed();
@@ -298,7 +296,7 @@ Answer Creation::WriteFailed() {
 void Creation::TakeBack() {
   std::erase(state_.syslogTlsDestinationIds, about_.id);
   RedisPipeline pipeline(redis_);
-  AppendUnlink(pipeline, keys_);
+  AppendUnlink(pipeline, DocumentKeys(uri_, destination_, sequence_));
   AppendMemberRemoval(pipeline, kSubscriptionsUri, uri_);
   pipeline.Append({"HDEL", request_.announcement.requestKey, kLocationField});
   const size_t removals = pipeline.Size();

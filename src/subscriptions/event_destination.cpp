@@ -6,6 +6,7 @@
 #include "foundation/logging.h"
 #include "platform/data_encrypt/data_encrypt.h"
 #include "requests/property_faults.h"
+#include "resource_store/json_text.h"
 #include "service/static_tables.h"
 #include "subscriptions/member_uri.h"
 #include "subscriptions/syslog_exchange.h"
@@ -32,7 +33,8 @@ void AddAllowableValues(Json& object, std::string_view property, const ServiceSe
   Json values = Json::array();
   const auto allowed = settings.allowedValues.find(property);
   if (allowed != settings.allowedValues.end()) {
-    for (const std::string& text : allowed->second) values.push_back(Json::parse(text, nullptr, false));
+    bool exact = true;
+    for (const std::string& text : allowed->second) ParseJsonText(text, values.emplace_back(nullptr), exact);
   }
   object[Joined(property, kAllowableValues)] = std::move(values);
 }
@@ -108,7 +110,7 @@ void CollectKeys(std::string key, const Json& value, int64_t& sequence, std::vec
 }  // namespace
 
 Json BuildDefaultEventDestination(std::string_view privileges) {
-  return {
+  static const Json kDefaults = {
       {"&&PATCHValidation", "v_EventDestination.json"},
       {"Context", nullptr},
       {"SubordinateResources", nullptr},
@@ -117,7 +119,6 @@ Json BuildDefaultEventDestination(std::string_view privileges) {
        "This resource represents the target of an event subscription, including the types of events subscribed and "
        "context to provide to the target in the Event payload."},
       {"IncludeOriginOfCondition", false},
-      {"&&Privileges", privileges},
       {"ResourceTypes", Json::array()},
       {"RegistryPrefixes", Json::array()},
       {"OriginResources", Json::array()},
@@ -127,6 +128,9 @@ Json BuildDefaultEventDestination(std::string_view privileges) {
       {"OriginResources@odata.count", 0},
       {"MetricReportDefinitions@odata.count", 0},
   };
+  Json destination = kDefaults;
+  destination["&&Privileges"] = privileges;
+  return destination;
 }
 
 std::optional<Json> BuildEventDestination(const Json& body, const NewDestination& about,
