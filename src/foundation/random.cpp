@@ -25,14 +25,18 @@ uint32_t RandomNumber(const char* device) {
   return 0;
 }
 
-// Every change writes two of them: without opening a device.
-std::string NewEtag() {
+uint64_t KernelNumber() {
   uint64_t number = 0;
   if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number)) {
     LogError("Failed to generate random number.");
+    return 0;
   }
+  return number;
+}
+
+std::string NewEtag() {
   char text[sizeof "\"0123456789ABCDEF\""];
-  std::snprintf(text, sizeof text, "\"%016" PRIX64 "\"", number);
+  std::snprintf(text, sizeof text, "\"%016" PRIX64 "\"", KernelNumber());
   return text;
 }
 

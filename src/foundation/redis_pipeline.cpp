@@ -9,6 +9,10 @@ namespace {
 // Small enough for the server to start working while the rest is still being handed over.
 constexpr size_t kChunkSize = 16 * 1024;
 
+// The room that the thread's last pipeline has grown, for its next one; more than a usual request needs is given back.
+constexpr size_t kMostRoomKept = 16 * 1024;
+thread_local std::string room;
+
 /// Sends the text chunk by chunk. The replies wait in the server's buffers meanwhile, so this cannot dead-lock.
 bool Send(redisContext* redis, std::string_view commands) {
   while (!commands.empty()) {
@@ -23,6 +27,12 @@ bool Send(redisContext* redis, std::string_view commands) {
 }
 
 }  // namespace
+
+RedisPipeline::RedisPipeline(redisContext* redis) : redis_(redis), commands_(std::move(room)) { commands_.clear(); }
+
+RedisPipeline::~RedisPipeline() {
+  if (commands_.capacity() <= kMostRoomKept && commands_.capacity() > room.capacity()) room = std::move(commands_);
+}
 
 size_t RedisPipeline::Append(std::initializer_list<std::string_view> arguments) {
   return Append(std::span(arguments.begin(), arguments.size()));
@@ -41,10 +51,9 @@ std::vector<RedisReply> RedisPipeline::Execute() {
 }
 
 void RedisPipeline::Execute(const std::function<void(RedisReply)>& take) {
-  const std::string commands = std::move(commands_);
-  commands_.clear();
   // A connection that has failed stays failed: nothing is sent to it and nothing is expected from it.
-  const bool isSent = redis_->err == 0 && Send(redis_, commands);
+  const bool isSent = redis_->err == 0 && Send(redis_, commands_);
+  commands_.clear();
   size_t left = std::exchange(count_, 0);
   const auto next = [&] {
     --left;

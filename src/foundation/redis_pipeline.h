@@ -16,7 +16,10 @@ namespace event_service {
 /// sent. Belongs to the thread of its connection, which must outlive it.
 class RedisPipeline {
  public:
-  explicit RedisPipeline(redisContext* redis) : redis_(redis) {}
+  explicit RedisPipeline(redisContext* redis);
+  ~RedisPipeline();
+  RedisPipeline(const RedisPipeline&) = delete;
+  RedisPipeline& operator=(const RedisPipeline&) = delete;
 
   /// Adds one command, word by word, and returns its position among the replies.
   size_t Append(std::initializer_list<std::string_view> arguments);

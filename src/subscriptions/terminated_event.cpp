@@ -1,5 +1,7 @@
 #include "subscriptions/terminated_event.h"
 
+#include <utility>
+
 #include "foundation/random.h"
 #include "foundation/time_stamp.h"
 #include "requests/event_submission.h"
@@ -7,21 +9,28 @@
 
 namespace event_service {
 
-std::string NewEventObjectKey() { return "&&/redfish/v1/EventService/Actions/" + std::to_string(RandomNumber()); }
+namespace {
+
+std::string RandomDecimal() { return std::to_string(static_cast<uint32_t>(KernelNumber())); }
+
+}  // namespace
+
+std::string NewEventObjectKey() { return "&&/redfish/v1/EventService/Actions/" + RandomDecimal(); }
 
 bool AppendTerminatedEvent(RedisPipeline& pipeline, std::string_view key, std::string_view uri, const Json& destination,
                            uint32_t eventGroupId) {
-  const std::string eventId = std::to_string(RandomNumber());
-  const Json event = {{"EventGroupId", eventGroupId},
-                      {"EventId", eventId},
-                      {"EventTimestamp", TimeStamp()},
-                      {"EventType", "Other"},
-                      {"Message", "The event subscription has been terminated."},
-                      {"MessageId", "Base.1.12.SubscriptionTerminated"},
-                      {"MessageSeverity", "OK"},
-                      {"OriginOfCondition", {{"@odata.id", uri}}},
-                      {"Severity", "OK"}};
-  if (!AppendEventObject(pipeline, key, "SubscriptionTerminated-" + eventId, "SubscriptionTerminated", event)) {
+  const std::string eventId = RandomDecimal();
+  Json event = {{"EventGroupId", eventGroupId},
+                {"EventId", eventId},
+                {"EventTimestamp", TimeStamp()},
+                {"EventType", "Other"},
+                {"Message", "The event subscription has been terminated."},
+                {"MessageId", "Base.1.12.SubscriptionTerminated"},
+                {"MessageSeverity", "OK"},
+                {"OriginOfCondition", {{"@odata.id", uri}}},
+                {"Severity", "OK"}};
+  if (!AppendEventObject(pipeline, key, "SubscriptionTerminated-" + eventId, "SubscriptionTerminated",
+                         std::move(event))) {
     return false;
   }
   pipeline.Append({"HSET", key, "&&EventDestination", uri});
