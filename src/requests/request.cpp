@@ -1,9 +1,17 @@
 #include "requests/request.h"
 
+#include <iterator>
+#include <utility>
+
 #include "foundation/redis_pipeline.h"
 #include "service/redis_keys.h"
 
 namespace event_service {
+namespace {
+
+std::string UsualBodyKey(std::string_view requestKey) { return std::string(requestKey) + "/RequestData"; }
+
+}  // namespace
 
 std::optional<Announcement> ParseAnnouncement(std::string_view text) {
   const size_t blank = text.find(' ');
@@ -28,12 +36,18 @@ RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey
   };
   RedisPipeline pipeline(redis);
   for (const auto& field : fields) pipeline.Append({"HGET", field.key, field.field});
-  const std::vector<RedisReply> replies = pipeline.Execute();
+  pipeline.Append({"HGETALL", UsualBodyKey(requestKey)});
+  std::vector<RedisReply> replies = pipeline.Execute();
   RequestRecord record;
-  for (size_t i = 0; i < replies.size(); ++i) {
+  for (size_t i = 0; i < std::size(fields); ++i) {
     if (IsString(replies[i])) record.*fields[i].member = TextOf(replies[i]);
   }
+  record.usualBody = std::move(replies.back());
   return record;
+}
+
+const redisReply* Request::PrefetchedBody() const {
+  return record.requestData == UsualBodyKey(announcement.requestKey) ? record.usualBody.get() : nullptr;
 }
 
 bool Request::IsFromEventing() const {

@@ -45,6 +45,7 @@ struct RequestRecord {
   std::string isSse;
   std::string serviceEnabled;   // field "ServiceEnabled" of the EventService
   std::string lifeCycleDigest;  // of the script that raises life-cycle events
+  RedisReply usualBody;         // the hash where front ends keep bodies, under "<request key>/RequestData"
 };
 
 /// A field that cannot be read is empty, as they all are without a connection.
@@ -61,6 +62,9 @@ struct Request {
   const ServiceSettings& settings;
   SubscriptionsState* subscriptions;         // null on the EventService side, which does not own them
   UnsettledProperties* unsettled = nullptr;  // the EventService side's
+
+  /// The body's first level, when it has come with the record: null when the record names another key for it.
+  const redisReply* PrefetchedBody() const;
 
   bool IsFromEventing() const;  // DELETE or PATCH of the delivery side: nothing is answered
   const char* AskedBy() const;  // for the line about a changed subscription

@@ -25,6 +25,9 @@ class RequestBody {
  public:
   explicit RequestBody(std::string_view key);
 
+  /// Takes the first level from an HGETALL reply of the body's key that the caller has fetched. False as for TakeLevel.
+  bool TakeRoot(const redisReply* hashReply);
+
   bool IsComplete() const { return walk_.Done(); }
 
   /// Appends the commands that read the next level; nothing when the body is complete.

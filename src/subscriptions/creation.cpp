@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -65,9 +66,11 @@ class Creation {
 
  private:
   std::optional<Answer> ReadBody();
-  bool ReadFirstLevel(RequestBody& body);
+  bool ReadRoot(RequestBody& body);
+  bool ChooseId(const Json& body);
+  void AppendQuestions(RedisPipeline& pipeline, bool asksForId) const;
+  bool TakeAnswers(std::span<const RedisReply> replies, bool asksForId);
   bool TakeExistence(const RedisReply& exists);
-  bool TakeGivenId(const Json& body);
   std::optional<Answer> Judge();
   std::optional<Answer> DrawFreeId();
   std::optional<Answer> Build();
@@ -101,52 +104,63 @@ class Creation {
 
 std::optional<Answer> Creation::ReadBody() {
   RequestBody body(request_.record.requestData);
-  if (!ReadFirstLevel(body)) return BodyUnreadable();
-  bool isIdOpen = TakeGivenId(body.Document());
-  while (isIdOpen || !body.IsComplete()) {
+  if (!ReadRoot(body)) return BodyUnreadable();
+  const bool asksForId = ChooseId(body.Document());
+  for (bool isFirst = true; isFirst || !body.IsComplete(); isFirst = false) {
     RedisPipeline pipeline(redis_);
-    if (isIdOpen) pipeline.Append({"EXISTS", MemberUri(about_.id)});
     body.AppendLevel(pipeline);
+    const size_t questions = pipeline.Size();
+    if (isFirst) AppendQuestions(pipeline, asksForId);
     const std::vector<RedisReply> replies = pipeline.Execute();
-    if (isIdOpen && !TakeExistence(replies.front())) return BodyUnreadable();
-    isIdOpen = false;
-    if (!body.TakeLevel(replies)) return BodyUnreadable();
+    const bool isTold = !isFirst || TakeAnswers(std::span(replies).subspan(questions), asksForId);
+    if (!isTold || !body.TakeLevel(replies)) return BodyUnreadable();
   }
   numbers_ = body.Numbers();
   body_ = std::move(body).TakeDocument();
   return std::nullopt;
 }
 
-/// The first level travels with all that can be asked before the body is known.
-bool Creation::ReadFirstLevel(RequestBody& body) {
-  about_.id = GenerateId(random_);
-  RedisPipeline pipeline(redis_);
-  body.AppendLevel(pipeline);
-  const size_t exists = pipeline.Append({"EXISTS", MemberUri(about_.id)});
-  const size_t etag = pipeline.Append({"HGET", kSubscriptionsUri, kEtagField});
-  if (about_.isSse) pipeline.Append({"HGET", request_.announcement.requestKey, "&&SSE-CHANNEL"});
-  const std::vector<RedisReply> replies = pipeline.Execute();
+bool Creation::ReadRoot(RequestBody& body) {
+  RedisReply fetched;
+  const redisReply* root = request_.PrefetchedBody();
+  if (root == nullptr) {
+    fetched = SendArguments(redis_, {"HGETALL", request_.record.requestData});
+    root = fetched.get();
+  }
   // Redis keeps no empty hash: a body without a field is a body that is not there.
-  if (!IsArray(replies.front()) || replies.front()->elements == 0 || !body.TakeLevel(replies)) return false;
-  if (!TakeExistence(replies[exists])) return false;
-  formerCollectionEtag_ = collectionEtag_ = TextOf(replies[etag]);
-  if (about_.isSse) about_.sseChannel = TextOf(replies.back());
+  return IsArray(root) && root->elements > 0 && body.TakeRoot(root);
+}
+
+/// Takes the client's Id or draws one. False for an Id that is refused whether or not it exists.
+bool Creation::ChooseId(const Json& body) {
+  const auto id = body.find("Id");
+  isIdGiven_ = id != body.end();
+  if (!isIdGiven_) {
+    about_.id = GenerateId(random_);
+    return true;
+  }
+  if (!id->is_string() || id->get_ref<const std::string&>().size() > kLongestId) return false;
+  about_.id = id->get<std::string>();
   return true;
+}
+
+/// What else has to be known travels with the body's second level.
+void Creation::AppendQuestions(RedisPipeline& pipeline, bool asksForId) const {
+  pipeline.Append({"HGET", kSubscriptionsUri, kEtagField});
+  if (asksForId) pipeline.Append({"EXISTS", MemberUri(about_.id)});
+  if (about_.isSse) pipeline.Append({"HGET", request_.announcement.requestKey, "&&SSE-CHANNEL"});
+}
+
+bool Creation::TakeAnswers(std::span<const RedisReply> replies, bool asksForId) {
+  formerCollectionEtag_ = collectionEtag_ = TextOf(replies.front());
+  if (about_.isSse) about_.sseChannel = TextOf(replies.back());
+  return !asksForId || TakeExistence(replies[1]);
 }
 
 /// Without a reply nobody knows whether there is a resource that the creation would replace.
 bool Creation::TakeExistence(const RedisReply& exists) {
   idExists_ = IsInteger(exists) && exists->integer == 1;
   return IsInteger(exists);
-}
-
-/// Puts the client's Id in the place of the generated one. False when there is none whose existence could matter.
-bool Creation::TakeGivenId(const Json& body) {
-  const auto id = body.find("Id");
-  isIdGiven_ = id != body.end();
-  if (!isIdGiven_ || !id->is_string() || id->get_ref<const std::string&>().size() > kLongestId) return false;
-  about_.id = id->get<std::string>();
-  return true;
 }
 
 std::optional<Answer> Creation::Judge() {

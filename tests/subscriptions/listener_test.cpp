@@ -143,9 +143,9 @@ TEST_F(ListenerTest, RoundTripsStayWithinTheirBudgets) {
   body["HttpHeaders"] = Json::array({{{"X-Token", "secret"}}});
   Send("POSTCREATE", kCollection, body);  // which also asks for what start-up knows
   body.erase("Id");
-  expectWithin(9, "POSTCREATE", kCollection, body);
+  expectWithin(8, "POSTCREATE", kCollection, body);
   body.erase("HttpHeaders");
-  expectWithin(7, "POSTCREATE", kCollection, body);
+  expectWithin(6, "POSTCREATE", kCollection, body);
   expectWithin(5, "PATCH", kMember, kChange);
   expectWithin(7, "DELETE", kMember, Json());
 }
