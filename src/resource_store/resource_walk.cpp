@@ -120,18 +120,23 @@ bool ResourceWalk::TakeHash(const Node& node, std::span<redisReply* const> items
   for (size_t i = 0; i < items.size(); i += 2) {
     const std::string_view name = TextOf(items[i]);
     const std::string_view stored = TextOf(items[i + 1]);
-    const auto slot = [&] { return node.value == nullptr ? nullptr : &(*node.value)[std::string(name)]; };
+    const bool isBuilt = node.value != nullptr && (node.depth > 1 || IsMemberBuilt(name));
+    const auto slot = [&] { return isBuilt ? &(*node.value)[std::string(name)] : nullptr; };
     if (LooksLikeMarker(name)) {
-      if (options_.withControlFields && node.value != nullptr) *slot() = std::string(stored);
+      if (options_.withControlFields && isBuilt) *slot() = std::string(stored);
     } else if (!LooksLikeMarker(stored)) {
       complete &= TakeText(node, name, stored, slot());
     } else if (const std::optional<Marker> marker = MarkerOfField(name, stored)) {
       complete &= TakeMarker(node, name, *marker, slot());
-    } else if (!options_.followForeignMarkers && node.value != nullptr) {
+    } else if (!options_.followForeignMarkers && isBuilt) {
       *slot() = StringOfMarkerText(stored);
     }
   }
   return complete;
+}
+
+bool ResourceWalk::IsMemberBuilt(std::string_view name) const {
+  return options_.membersBuilt.empty() || std::ranges::find(options_.membersBuilt, name) != options_.membersBuilt.end();
 }
 
 bool ResourceWalk::TakeList(const Node& node, std::span<redisReply* const> items) {

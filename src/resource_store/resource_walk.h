@@ -48,6 +48,9 @@ struct ReadOptions {
   /// walk, has a member of that name; the others are left empty and none of their keys is found. It is looked at when
   /// the first level is taken.
   const Json* onlyMembersOf = nullptr;
+  /// When not empty: of the document's own members only these are built. Nobody looks at the values of the others, but
+  /// the keys that they lead to are found.
+  std::span<const std::string_view> membersBuilt{};
   /// Receives the numbers that Json cannot give back as they are written ("1.50", "-0", more than 64 bits); in the
   /// document stands the nearest number that it can hold.
   NumberTexts* numberTexts = nullptr;
@@ -106,6 +109,7 @@ class ResourceWalk {
   bool TakeType(const redisReply* reply);
   bool TakeReply(const Node& node, const redisReply* reply);
   bool TakeHash(const Node& node, std::span<redisReply* const> items);
+  bool IsMemberBuilt(std::string_view name) const;
   bool TakeList(const Node& node, std::span<redisReply* const> items);
   bool TakeMarker(const Node& node, std::string_view name, const Marker& marker, Json* slot);
   std::optional<Marker> MarkerOfField(std::string_view name, std::string_view stored) const;

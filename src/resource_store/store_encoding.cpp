@@ -101,11 +101,13 @@ bool NestsWithin(const Json& value, size_t levels) {
   return levels > 0 && std::ranges::all_of(value, [levels](const Json& item) { return NestsWithin(item, levels - 1); });
 }
 
-std::string DumpPrimitive(const Json& value) try {
-  return JsonText(value);
-} catch (const Json::type_error& error) {
-  LogStoreError(std::string("Dump JSON object error. EXCEPTION=") + error.what());
-  return {};
+std::string DumpPrimitive(const Json& value) {
+  try {
+    return JsonText(value);
+  } catch (const Json::type_error& error) {
+    LogStoreError(std::string("Dump JSON object error. EXCEPTION=") + error.what());
+    return {};
+  }
 }
 
 DumpedItem DumpItem(std::string_view parentKey, int64_t* sequence, std::string name, const Json& value) {

@@ -31,6 +31,10 @@ namespace {
 
 constexpr int kMostEventKeyDraws = 10;
 
+// What the steps of a deletion ask of the member.
+constexpr std::string_view kMembersNeeded[] = {"Context",  "EventFormatType",      "OriginResources",
+                                               "Protocol", "SubordinateResources", "SubscriptionType"};
+
 /// The deletion of one member, all but the events about it, which the members of one request share.
 class MemberDeletion {
  public:
@@ -72,7 +76,8 @@ class MemberDeletion {
 };
 
 std::optional<Answer> MemberDeletion::Read(std::optional<uint32_t>& eventGroupId) {
-  ResourceWalk walk(uri_, {.knownKind = ContainerKind::kObject, .ownKeysOnly = true}, &destination_);
+  ResourceWalk walk(uri_, {.knownKind = ContainerKind::kObject, .ownKeysOnly = true, .membersBuilt = kMembersNeeded},
+                    &destination_);
   RedisPipeline first(redis_);
   walk.AppendLevel(first);
   const size_t digest = first.Append({"HGET", kScriptDigests, kEnqueueScript});
