@@ -57,7 +57,7 @@ TEST_F(LifeTest, EveryKindIsStoredAlikeInRedisAndFileAndLeavesNothing) {
     ExpectPreparedForGet(uri, body);
 
     const bool isBroken = kind == "messages";  // it cannot be read, and is deleted all the same
-    if (isBroken) HashWrite(redis(), uri, "Broken", "no JSON");
+    if (isBroken) HashWrite(redis(), uri, "Protocol", "no JSON");
     if (kind == "Redfish") ListAppend(redis(), kMembers, uri);  // once more, in the form of another loader
     EXPECT_EQ(Handle("DELETE", uri).status, isBroken ? kException : "");
     EXPECT_TRUE(isBroken || Field("response", "&&ReturnStatus") == "OK_EMPTY");

@@ -98,8 +98,8 @@ Request SubscriptionsTest::MakeRequest(const std::string& method, const std::str
       redis(), {"HSET", "request", "&&RequestMethod", method, "&&TargetURI", uri, "&&Privileges", "ConfigureManager",
                 "&&SSE-CHANNEL", "stream 1", "&&RequestData", "request/RequestData"})));
   EXPECT_TRUE(body.is_null() || WriteResource(redis(), "request/RequestData", body));
-  const RequestRecord record = ReadRequestRecord(redis(), "request");
-  Request request{connection ? connection : redis(), {"request", "response"}, record, settings_, &*state_};
+  RequestRecord record = ReadRequestRecord(redis(), "request");
+  Request request{connection ? connection : redis(), {"request", "response"}, std::move(record), settings_, &*state_};
   if (body.dump().find("redfish-sse:") != std::string::npos) request.record.isSse = "true";
   return request;
 }
