@@ -3,6 +3,7 @@
 #include <span>
 
 #include "foundation/logging.h"
+#include "resource_store/json_text.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_writer.h"
 #include "service/redis_keys.h"
@@ -15,7 +16,7 @@ std::string ArgumentText(const redisReply* element) {
   if (IsInteger(element)) return std::to_string(element->integer);
   const std::string_view text = TextOf(element);
   if (!text.starts_with('"')) return std::string(text);
-  const Json value = Json::parse(text, nullptr, false);
+  const Json value = ParseOutsideText(text);
   return value.is_string() ? value.get<std::string>() : std::string(text);
 }
 

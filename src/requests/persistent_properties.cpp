@@ -5,6 +5,7 @@
 
 #include "foundation/durable_file.h"
 #include "foundation/logging.h"
+#include "resource_store/json_text.h"
 
 namespace event_service {
 namespace {
@@ -20,7 +21,7 @@ bool TakeLine(std::string_view line, ServiceValues& values) {
   const size_t equals = line.find('=');
   if (equals == std::string_view::npos) return false;
   const std::string_view path = line.substr(0, equals);
-  Json value = Json::parse(line.substr(equals + 1), nullptr, false);
+  Json value = ParseOutsideText(line.substr(equals + 1));
   if (value.is_discarded() || !AcceptKeptValue(path, value)) return false;
   values.insert_or_assign(std::string(path), std::move(value));
   return true;

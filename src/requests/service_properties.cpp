@@ -4,6 +4,7 @@
 #include <span>
 
 #include "foundation/random.h"
+#include "resource_store/json_text.h"
 #include "resource_store/store_encoding.h"
 #include "service/redis_keys.h"
 
@@ -169,7 +170,7 @@ ServicePatchJudgement JudgeServicePatch(const Json& body, const NumberTexts& num
 
 bool AcceptKeptValue(std::string_view path, Json& value) {
   const ServiceProperty* const property = FindProperty(path);
-  if (property == nullptr) return false;
+  if (property == nullptr || value.is_structured()) return false;
   value = Plain(value);
   if (path == kSmtpPassword && !value.is_null()) return IsHexText(value);
   return !CheckValue(*property, value);
@@ -194,7 +195,7 @@ std::optional<Json> StoredValue(std::string_view path, const StoredService& stor
   const auto field = fields.find(place.field);
   if (field == fields.end()) return nullptr;
   if (path == kSmtpPassword && field->second != "null") return field->second;
-  Json value = Json::parse(field->second, nullptr, false);
+  Json value = ParseOutsideText(field->second);
   if (value.is_discarded()) return std::nullopt;
   return value;
 }

@@ -67,6 +67,13 @@ bool IsJsonNumber(std::string_view text) {
   return text.empty();
 }
 
+Json ParseOutsideText(std::string_view text) {
+  Json value(Json::value_t::discarded);
+  if (text.find('\0') == std::string_view::npos) value = Json::parse(text, nullptr, false);
+  if (!NestsWithin(value)) value = Json(Json::value_t::discarded);
+  return value;
+}
+
 bool ParseJsonText(std::string_view text, Json& value, bool& exact) {
   exact = true;
   if (ParsePlainText(text, value)) return true;

@@ -1,4 +1,4 @@
-/// The JSON texts that the store holds, one by one: mostly short strings and numbers.
+/// JSON texts: those that the store holds, one by one, mostly short strings and numbers, and whole ones from outside.
 #pragma once
 
 #include <string>
@@ -17,5 +17,10 @@ bool ParseJsonText(std::string_view text, Json& value, bool& exact);
 
 /// The compact JSON text of a value; throws Json::type_error for a string that is not UTF-8, as Json::dump does.
 std::string JsonText(const Json& value);
+
+/// Parses a JSON text that others have written. A discarded value for what is not one whole text: anything with a NUL,
+/// which the parser takes for the end; and for one that nests deeper than kMaxNesting. The parser and the destructor of
+/// values do not recurse, but copying, comparing and dumping them does.
+Json ParseOutsideText(std::string_view text);
 
 }  // namespace event_service

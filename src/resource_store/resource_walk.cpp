@@ -23,7 +23,7 @@ bool IsElementKey(std::string_view listKey, std::string_view target) {
 
 /// The string that a text was before it lost its quotes; the text itself when it never had any.
 Json StringOfMarkerText(std::string_view stored) {
-  Json text = Json::parse('"' + std::string(stored) + '"', nullptr, false);
+  Json text = ParseOutsideText('"' + std::string(stored) + '"');
   if (!text.is_string()) text = std::string(stored);
   return text;
 }

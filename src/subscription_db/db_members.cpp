@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "foundation/logging.h"
+#include "resource_store/json_text.h"
 #include "subscription_db/db_document.h"
 #include "subscription_db/subscription_db.h"
 
@@ -93,9 +94,11 @@ constexpr DbLoadFailureLines kInsertFailureLines = {"DB root object is empty.",
 }  // namespace
 
 bool SubscriptionDb::SetDbEtag(json_t* root, std::string_view collectionEtag) {
-  const Json stored = Json::parse(collectionEtag, nullptr, false);
+  const Json stored = ParseOutsideText(collectionEtag);
   const std::string etag = stored.is_string() ? stored.get<std::string>() : std::string(collectionEtag);
-  if (json_object_set_new(root, "@odata.etag", json_string(etag.c_str())) == 0) return true;
+  // A NUL would make the whole file unreadable.
+  const bool isText = etag.find('\0') == std::string::npos;
+  if (isText && json_object_set_new(root, "@odata.etag", json_string(etag.c_str())) == 0) return true;
   LogError("Failed to set etag into db file.");
   return false;
 }
@@ -133,7 +136,9 @@ bool SubscriptionDb::InsertDbSubscription(std::string_view id, const std::string
       LogError("Subscription %s is empty.", id.c_str());
       return false;
     }
-    json_object_set_new(member.get(), "&&Privileges", json_string(privileges.c_str()));
+    if (json_object_set_new(member.get(), "&&Privileges", json_string(privileges.c_str())) != 0) {
+      LogError("Subscription %s goes into the DB file without its privileges: they are no text.", id.c_str());
+    }
     return CanHold(member.get()) && PutMember(members, std::move(member));
   };
   return ChangeMembers(std::move(edit), collectionEtag, kInsertFailureLines);

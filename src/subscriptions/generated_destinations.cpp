@@ -19,6 +19,7 @@
 #include "foundation/redis_pipeline.h"
 #include "requests/answer.h"
 #include "requests/request.h"
+#include "resource_store/json_text.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_writer.h"
 #include "service/redis_keys.h"
@@ -36,11 +37,9 @@ constexpr std::string_view kIdentity[] = {"Destination", "Protocol", "Context"};
 std::vector<Json> ReadBodies(const std::string& path) {
   const std::optional<std::string> text = ReadWholeFile(path);
   if (!text && errno == ENOENT) return {};
-  // The parser would take a NUL for the end.
-  const bool isText = text && text->find('\0') == std::string::npos;
-  Json document = isText ? Json::parse(*text, nullptr, false) : Json();
+  Json document = text ? ParseOutsideText(*text) : Json();
   if (document.is_object() && document.contains("Members")) document = Json(std::move(document["Members"]));
-  if (!document.is_array() || !NestsWithin(document)) {
+  if (!document.is_array()) {
     LogError("The file of generated event destinations %s cannot be read.", path.c_str());
     return {};
   }
@@ -67,7 +66,7 @@ std::vector<Identity> IdentitiesOfMembers(redisContext* redis) {
   for (size_t i = 0; i < replies.size(); i += std::size(kIdentity)) {
     Identity identity;
     for (size_t j = 0; j < std::size(kIdentity); ++j) {
-      Json value = Json::parse(TextOf(replies[i + j]), nullptr, false);
+      Json value = ParseOutsideText(TextOf(replies[i + j]));
       identity.push_back(value.is_discarded() ? Json() : std::move(value));
     }
     identities.push_back(std::move(identity));

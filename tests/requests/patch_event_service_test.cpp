@@ -88,10 +88,12 @@ TEST_F(PatchTest, ARestorationTakesOnlyKnownPropertiesWithValidValues) {
   EXPECT_TRUE(Restore()) << "there is no file";
   WriteFile(file_,
             "DeliveryRetryIntervalSeconds=8.0\n\nSMTP/Port=70000\nBogus=\"s3cret\"\nSMTP/Password=\"no hex\"\n"
-            "SMTP/Password=\"0AF\"\nServiceEnabled=x\nno equals sign\n=\nSMTP/Username=\"a=b\"");
+            "SMTP/Password=\"0AF\"\nServiceEnabled=x\nno equals sign\n=\nSMTP/Username=\"a=b\"\n"
+            "DeliveryRetryAttempts=3" +
+                std::string(1, '\0') + "\nSMTP/Port=" + std::string(100000, '[') + std::string(100000, ']'));
   settings_.protocolOnly = true;
   EXPECT_TRUE(Restore());
-  EXPECT_EQ(log_.Errors().size(), 6U);
+  EXPECT_EQ(log_.Errors().size(), 8U);
   EXPECT_EQ(log_.Errors().front(),
             "Line 3 of the persistent properties is passed over: not a known property with a valid value.");
   EXPECT_EQ(Stored("DeliveryRetryIntervalSeconds"), "8");

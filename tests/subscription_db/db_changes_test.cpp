@@ -105,6 +105,11 @@ TEST_F(DbSandboxTest, AnUpdateMergesObjectsReplacesTheRestAndTakesOutWhatIsNamed
   expected["Members"][1].update(changes);
   expected["Members"][1]["SNMP"] = {{"AuthenticationKeySet", true}, {"TrapCommunity", "EF56"}};
   EXPECT_EQ(Stored(), expected);
+  EXPECT_TRUE(NewDb().InsertDbSubscription("C", MemberOf('C').dump(), "\xff", std::string_view("\"a\"\0b", 5)));
+  EXPECT_EQ(Errors(),
+            "Subscription C goes into the DB file without its privileges: they are no text.\n"
+            "Failed to set etag into db file.\n");
+  EXPECT_EQ(Stored()["@odata.etag"], "W/raw");
 }
 
 TEST_F(DbSandboxTest, AChangeThatFailedIsMadeWithTheNextAndNotAgain) {

@@ -11,6 +11,7 @@
 #include <set>
 
 #include "foundation/file_paths.h"
+#include "resource_store/json_text.h"
 #include "tools/front_end/front_end.h"
 
 namespace event_service {
@@ -85,7 +86,7 @@ int Run(const std::string& method, const std::string& uri, const char* bodyFile)
   if (!kMethods.contains(method)) return Complain("METHOD is one of GET, HEAD, POST, PATCH, DELETE.");
   FrontEndRequest request{.method = RecordMethod(method, uri), .targetUri = uri, .body = {}};
   if (bodyFile != nullptr) {
-    request.body = Json::parse(ReadAll(bodyFile), nullptr, false);
+    request.body = ParseOutsideText(ReadAll(bodyFile));
     if (!request.body->is_object()) return Complain("The body must be a JSON object.");
   }
   const RedisContext redis(redisConnectContext());
