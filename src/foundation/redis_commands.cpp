@@ -1,5 +1,8 @@
 #include "foundation/redis_commands.h"
 
+#include <sys/socket.h>
+#include <sys/time.h>
+
 #include <charconv>
 #include <cstdarg>
 #include <cstring>
@@ -51,6 +54,15 @@ RedisReply ReadReply(redisContext* redis) {
   void* reply = nullptr;
   if (redisGetReply(redis, &reply) != REDIS_OK) return nullptr;
   return RedisReply(static_cast<redisReply*>(reply));
+}
+
+bool LimitWaiting(redisContext* redis, std::chrono::milliseconds patience) {
+  // Not redisSetTimeout: it takes the struct by value, and on a 32-bit board the library may have been built with
+  // another size of it.
+  timeval limit{};
+  limit.tv_sec = static_cast<decltype(limit.tv_sec)>(patience.count() / 1000);
+  limit.tv_usec = static_cast<decltype(limit.tv_usec)>(patience.count() % 1000 * 1000);
+  return setsockopt(redis->fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0;
 }
 
 RedisReply SendArguments(redisContext* redis, std::span<const std::string_view> arguments) {

@@ -6,6 +6,7 @@
 
 #include <hiredis/hiredis.h>
 
+#include <chrono>
 #include <initializer_list>
 #include <map>
 #include <memory>
@@ -40,6 +41,9 @@ void AppendCommand(std::string& commands, std::span<const std::string_view> argu
 
 /// The next reply, null when it cannot be read.
 RedisReply ReadReply(redisContext* redis);
+
+/// Makes reading from this connection fail when nothing comes for so long (0: never). False when that cannot be set.
+[[nodiscard]] bool LimitWaiting(redisContext* redis, std::chrono::milliseconds patience);
 
 /// What a reply is; false for a null one.
 bool IsInteger(const redisReply* reply);

@@ -1,7 +1,5 @@
 #include "subscriptions/generated_destinations.h"
 
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
@@ -143,11 +141,7 @@ bool GenerationRequest::Store(const Json& body) {
 /// A connection that waits for the answer; reading from it fails after `patience`.
 RedisContext GenerationRequest::Listen(std::chrono::milliseconds patience) const {
   RedisContext subscriber(redisConnectContext());
-  if (!subscriber) return nullptr;
-  timeval limit{};
-  limit.tv_sec = static_cast<time_t>(patience.count() / 1000);
-  limit.tv_usec = static_cast<suseconds_t>(patience.count() % 1000 * 1000);
-  redisSetTimeout(subscriber.get(), limit);
+  if (!subscriber || !LimitWaiting(subscriber.get(), patience)) return nullptr;
   if (!IsArray(SendArguments(subscriber.get(), {"SUBSCRIBE", ReturnChannel()}))) return nullptr;
   return subscriber;
 }

@@ -1,7 +1,5 @@
 #include "tools/front_end/front_end.h"
 
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -45,11 +43,7 @@ FrontEndMessage ReadMessage(redisContext* redis, const std::string& entryKey) {
 // A connection that listens on `channel`; reading from it fails after `patience`.
 RedisContext Listen(const std::string& channel, std::chrono::milliseconds patience) {
   RedisContext subscriber(redisConnectContext());
-  if (!subscriber) return nullptr;
-  timeval limit{};
-  limit.tv_sec = static_cast<time_t>(patience.count() / 1000);
-  limit.tv_usec = static_cast<suseconds_t>(patience.count() % 1000 * 1000);
-  redisSetTimeout(subscriber.get(), limit);
+  if (!subscriber || !LimitWaiting(subscriber.get(), patience)) return nullptr;
   if (!IsArray(SendArguments(subscriber.get(), {"SUBSCRIBE", channel}))) return nullptr;
   return subscriber;
 }
