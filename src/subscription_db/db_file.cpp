@@ -54,6 +54,24 @@ struct Freer {
   void operator()(char* text) const { std::free(text); }
 };
 
+/// Deeper than any document of ours; the parser recurses for each level, and the listeners' stacks are small.
+constexpr size_t kMaxLevels = 64;
+
+/// True when the brackets of a JSON text lie no deeper inside each other than that. Leaves the file at its beginning.
+bool IsShallow(std::FILE* file) {
+  size_t levels = 0;
+  bool inString = false;
+  for (int c; levels <= kMaxLevels && (c = std::getc(file)) != EOF;) {
+    if (c == '"') inString = !inString;
+    if (inString && c == '\\') std::getc(file);
+    if (inString) continue;
+    if (c == '{' || c == '[') ++levels;
+    if ((c == '}' || c == ']') && levels > 0) --levels;
+  }
+  std::rewind(file);
+  return levels <= kMaxLevels;
+}
+
 void Sleep(const DbEnvironment& environment, std::chrono::microseconds time) {
   if (environment.sleep) {
     environment.sleep(time);
@@ -68,7 +86,7 @@ void DbValueDeleter::operator()(json_t* value) const { json_decref(value); }
 
 DbValue ReadDbDocument(const std::string& path) {
   const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
-  DbValue root(file ? json_loadf(file.get(), 0, nullptr) : nullptr);
+  DbValue root(file && IsShallow(file.get()) ? json_loadf(file.get(), 0, nullptr) : nullptr);
   if (!json_is_object(root.get())) root.reset();
   return root;
 }
