@@ -99,8 +99,9 @@ bool WriteShaped(redisContext* redis, std::string_view key, const Json& document
   int64_t next = first;
   RedisPipeline pipeline(redis);
   AppendContainer(pipeline, key, document, next);
-  if (!CheckWriteReplies(pipeline.Execute(), key)) return false;
-  if (next == first || StoreSequenceId(redis, next)) return true;
+  const bool written = CheckWriteReplies(pipeline.Execute(), key);
+  // Also after a failed write: part of it may stand under the ids.
+  if (next == first || StoreSequenceId(redis, next) || !written) return written;
   LogStoreError("Updates Array Sequence Id from " + std::to_string(first) + " to " + std::to_string(next) + " failed!");
   return false;
 }
@@ -109,7 +110,7 @@ bool WriteShaped(redisContext* redis, std::string_view key, const Json& document
 
 int64_t NextSequenceId(redisContext* redis) {
   const RedisReply reply = SendArguments(redis, {"INCR", kSequenceKey});
-  if (IsInteger(reply)) return reply->integer;
+  if (IsInteger(reply) && reply->integer >= 1) return reply->integer;
   return StoreSequenceId(redis, 1) ? 1 : kNoSequence;
 }
 

@@ -13,8 +13,8 @@
 
 namespace event_service {
 
-/// Takes the next array sequence id from Redis; restarts the counter at 1 when it cannot be incremented. -1 when that
-/// fails as well.
+/// Takes the next array sequence id from Redis; restarts the counter at 1 when it cannot be incremented or is below 1.
+/// -1 when that fails as well.
 int64_t NextSequenceId(redisContext* redis);
 
 /// Stores `next` - 1 as the last id handed out, or 1 when `next` lies outside 2 ... 2^63 - 2. True when Redis said

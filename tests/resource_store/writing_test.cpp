@@ -39,6 +39,7 @@ TEST_F(StoreTest, TheCounterIsTakenOnceAndStoredBackWhenItMoved) {
       {"9223372036854775805", R"({"a":[{},{}]})", "1"},  // 2^63 - 1 is handed out, the counter wraps
       {"9223372036854775807", R"({"a":[{}]})", "1"},     // cannot be incremented
       {"garbage", R"({"a":[{}]})", "1"},
+      {"-2", R"({"a":[{}]})", "1"},
   };
   for (const auto& row : cases) {
     SendArguments(redis(), {"SET", kCounter, row.before});
@@ -194,8 +195,9 @@ TEST_F(StoreTest, AFailedCommandFailsTheWholeAndIsLoggedOnce) {
     }
   }
   const StreamCapture capture(STDERR_FILENO);
-  SendCommand(redis(), "SET &&/k/a text");
-  EXPECT_FALSE(WriteResource(redis(), "/k", Json::parse(R"({"a":{"x":1,"y":2},"b":3})")));
+  SendCommand(redis(), "MSET &&/k/a text %s 7", kCounter);
+  EXPECT_FALSE(WriteResource(redis(), "/k", Json::parse(R"({"a":{"x":1,"y":2},"b":[{},{}]})")));
+  EXPECT_EQ(Dump()[kCounter], "9") << "ids are taken by a failed write as well";
   EXPECT_EQ(capture.Text(), "[ERROR] Updates property reply type is incorrect. RESOURCE=/k, RESULT_CODE=6\n");
 }
 
