@@ -58,7 +58,9 @@ size_t AppendMaxEventGroupIdRead(RedisPipeline& pipeline) {
 }
 
 void SettleMaxEventGroupId(const redisReply* reply) {
-  knownMaximum.store(ParseMaximum(IsString(reply) ? TextOf(reply) : std::string_view()));
+  // The other listener may have found it meanwhile.
+  int32_t notReadYet = kNotReadYet;
+  knownMaximum.compare_exchange_strong(notReadYet, ParseMaximum(IsString(reply) ? TextOf(reply) : std::string_view()));
 }
 
 void ForgetMaxEventGroupId() { knownMaximum.store(kNotReadYet); }

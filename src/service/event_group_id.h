@@ -14,7 +14,7 @@ int32_t MaxEventGroupId(redisContext* redis);
 
 /// The first reading in two halves, so that start-up's can travel with other commands.
 size_t AppendMaxEventGroupIdRead(RedisPipeline& pipeline);
-void SettleMaxEventGroupId(const redisReply* reply);
+void SettleMaxEventGroupId(const redisReply* reply);  // a maximum that is known already stays
 
 /// Forgets the maximum, as a new process knows none. Start-up calls it before the listeners run.
 void ForgetMaxEventGroupId();

@@ -24,7 +24,12 @@ TEST_F(EventGroupIdTest, IdentifiersRunToTheMaximumAndStartAgain) {
     EXPECT_EQ(NextEventGroupId(redis()), row.id) << row.maximum << " " << row.counter;
     EXPECT_EQ(HashRead(redis(), "/redfish/v1/EventService", "&&EVENT_GROUP_ID_COUNTER"), row.counterAfter);
   }
+  HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", "5");
+  EXPECT_EQ(MaxEventGroupId(redis()), 5);
+  SettleMaxEventGroupId(nullptr);
   CannedConnection gone("");
+  EXPECT_EQ(MaxEventGroupId(gone.redis()), 5) << "after a late reading without result";
+  ForgetMaxEventGroupId();
   EXPECT_EQ(NextEventGroupId(gone.redis()), 1U) << "without Redis";
 }
 
