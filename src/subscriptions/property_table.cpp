@@ -28,6 +28,11 @@ std::optional<Fault> CheckId(std::string_view text, const BodyCircumstances& /*c
                      FaultKind::kFormat);
 }
 
+/// A stream is a Redfish subscription.
+std::optional<Fault> CheckProtocol(std::string_view text, const BodyCircumstances& circumstances) {
+  return FaultUnless(!circumstances.isSse || text == "Redfish", FaultKind::kNotInList);
+}
+
 std::optional<Fault> CheckDestination(std::string_view text, const BodyCircumstances& circumstances) {
   if (circumstances.protocol.empty()) return std::nullopt;  // that it is missing is said elsewhere
   return FaultUnless(IsDestinationFor(circumstances.protocol, circumstances.isSse, text), FaultKind::kFormat);
@@ -127,7 +132,7 @@ constexpr PropertyRule kProperties[] = {
     {.name = "OEMSubscriptionType"},
     {.name = "Oem"},
     {.name = "OriginResources", .kind = kArray, .writableBy = kCreation, .element = &kAReference},
-    {.name = "Protocol", .writableBy = kCreation, .listName = "Protocol"},
+    {.name = "Protocol", .writableBy = kCreation, .listName = "Protocol", .checkText = CheckProtocol},
     {.name = "RegistryPrefixes", .kind = kArray, .writableBy = kCreation, .element = &kARegistryPrefix},
     {.name = "ResourceTypes", .kind = kArray, .writableBy = kCreation, .element = &kAResourceType},
     {.name = "SNMP", .kind = kObject, .writableBy = kClient, .members = kSnmpMembers},

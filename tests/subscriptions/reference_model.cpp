@@ -139,7 +139,7 @@ class Model {
 
  private:
   bool Is(const char* name, const std::string& text) const { return body_.contains(name) && body_[name] == text; }
-  bool IsServed() const { return Given("Protocol") && In(body_["Protocol"], kChoices["Protocol"]); }
+  bool IsServed() const { return Given("Protocol") && In(body_["Protocol"], Choices("Protocol")); }
   bool Given(const char* name) const { return body_.contains(name) && !body_[name].is_null(); }
 
   void Fault(const std::string& message, const std::string& args, const std::string& path) {
@@ -204,6 +204,9 @@ class Model {
     if (std::floor(minutes) != minutes) return BadValue("PropertyValueTypeError", value, path);
     if (minutes < 1 || minutes > 65535) BadValue("PropertyValueOutOfRange", value, path);
   }
+  Json Choices(const std::string& property) const {
+    return property == "Protocol" && world_.isSse ? Json::array({"Redfish"}) : kChoices[property];
+  }
   void Type(const Json& value, const std::string& path) {
     Json choices = {"RedfishEvent", "SNMPTrap", "SNMPInform"};
     if (!IsServed() || Is("Protocol", "SyslogTCP") || Is("Protocol", "SyslogTLS")) choices.push_back("Syslog");
@@ -227,7 +230,7 @@ class Model {
     if (kind == "unknown") return Fault("PropertyUnknown", path, path);
     if (kind == "service") return Fault("PropertyNotWritable", path, path);
     if (kind == "text" || kind == "text?") return static_cast<void>(Text(value, path));
-    if (kind == "choice" || kind == "choice?") return Choice(value, path, kChoices[property]);
+    if (kind == "choice" || kind == "choice?") return Choice(value, path, Choices(property));
     if (kind == "minutes?") return Minutes(value, path);
     if (kind == "type?") return Type(value, path);
     if (kind == "destination") return Destination(value, path);
