@@ -78,7 +78,7 @@ class SseDeletion {
   }
 
  private:
-  std::string key_ = std::string(kEndOfStreamsRequests) + std::to_string(RandomNumber());
+  std::string key_ = std::string(kEndOfStreamsPrefix) + std::to_string(RandomNumber());
   size_t publishAt_ = 0;
 };
 

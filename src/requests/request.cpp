@@ -55,7 +55,8 @@ bool Request::IsFromEventing() const {
 }
 
 const char* Request::AskedBy() const {
-  if (announcement.requestKey.starts_with(kEndOfStreamsRequests)) return "client";
+  if (announcement.requestKey.starts_with(kGenerationPrefix)) return "start-up";
+  if (announcement.requestKey.starts_with(kEndOfStreamsPrefix)) return "client";
   return IsFromEventing() ? "delivery side" : "client";
 }
 

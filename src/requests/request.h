@@ -23,9 +23,6 @@ inline constexpr std::string_view kIsSse = "&&IsSSE";
 /// something for DELETE and PATCH only, but no key of that name is ever written.
 inline constexpr std::string_view kFromEventing = "FROM_EVENTING";
 
-/// The keys of the requests by which the service ends all streams when a client turns it off begin with this.
-inline constexpr std::string_view kEndOfStreamsRequests = "&&/redfish/v1/EventService/SSE-ALL/";
-
 struct Announcement {
   std::string requestKey;
   std::string responseKey;  // or kFromEventing

@@ -290,8 +290,7 @@ Answer Creation::Announce() {
     }
   }
   events.Check(replies);
-  const bool isGenerated = request_.announcement.requestKey.starts_with(kGenerationPrefix);
-  LogSubscriptionChange(uri_, "added", isGenerated ? "start-up" : "client");
+  LogSubscriptionChange(uri_, "added", request_.AskedBy());
   if (!isCountSent || !SettleMembersCount(state_, membersLength_.get(), replies.back().get(), 1)) {
     return DatabaseError("DatabaseOperationError: Failed to update Members count.");
   }
@@ -323,6 +322,7 @@ void Creation::TakeBack() {
   if (!AllIntegers(std::span(replies).first(removals))) {
     LogError("Failed to delete data of event destination whencreate failed.");
   }
+  if (!IsInteger(replies.back())) LogEtagFailure(kSubscriptionsUri);
 }
 
 }  // namespace

@@ -57,8 +57,10 @@ bool CreateAtSyslogForwarder(redisContext* redis, const Json& destination) {
   const size_t answer = exchange.Append({"BLPOP", answerKey, kAnswerTimeout});
   const std::vector<RedisReply> replies = exchange.Execute();
   if (PoppedText(replies[answer]) == "OK") return true;
-  ListAppend(redis, kSyslogQueue, SyslogDeleteMessage(id));
   LogError("Failed to create syslog subscription.");
+  if (!ListAppend(redis, kSyslogQueue, SyslogDeleteMessage(id))) {
+    LogError("Failed to withdraw the order of syslog subscription %s.", std::string(id).c_str());
+  }
   return false;
 }
 
