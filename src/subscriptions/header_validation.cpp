@@ -49,6 +49,13 @@ void JudgeElement(const Json& element, size_t index, std::vector<Header>& header
   }
 }
 
+/// How many headers the element of a resource's stored array has.
+size_t StoredHeaders(const Json& resource, size_t index) {
+  const auto headers = resource.find(kProperty);
+  if (headers == resource.end() || !headers->is_array() || index >= headers->size()) return 0;
+  return (*headers)[index].is_object() ? (*headers)[index].size() : 0;
+}
+
 /// The module judges the whole array; which header it refused shows when it is asked about each alone. When it takes
 /// them all singly, their combination is at fault.
 HeaderFindings AskModule(const std::string& modulePath, std::span<const Header> headers) {
@@ -70,16 +77,20 @@ HeaderFindings AskModule(const std::string& modulePath, std::span<const Header> 
 
 bool IsHeaderName(std::string_view text) { return !text.empty() && std::ranges::all_of(text, IsTokenCharacter); }
 
-HeaderFindings JudgeHeaders(const Json& headers, bool asPatch, const std::string& modulePath) {
+HeaderFindings JudgeHeaders(const Json& headers, const Json* patched, const std::string& modulePath) {
   if (CheckArray(headers)) return {.faults = {SecretFault(kProperty)}};
   std::vector<Header> wellFormed;
+  size_t staying = 0;
   HeaderFindings findings;
   for (size_t i = 0; i < headers.size(); ++i) {
-    if (asPatch && (headers[i].is_null() || LeavesElement(headers[i]))) continue;
-    JudgeElement(headers[i], i, wellFormed, findings.faults);
+    if (patched != nullptr && LeavesElement(headers[i])) {
+      staying += StoredHeaders(*patched, i);
+    } else if (patched == nullptr || !headers[i].is_null()) {
+      JudgeElement(headers[i], i, wellFormed, findings.faults);
+    }
   }
   if (!findings.faults.empty()) return findings;
-  if (wellFormed.size() > kMaxArrayElements) return {.faults = {SecretFault(kProperty)}};
+  if (wellFormed.size() + staying > kMaxArrayElements) return {.faults = {SecretFault(kProperty)}};
   return AskModule(modulePath, wellFormed);
 }
 

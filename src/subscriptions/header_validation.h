@@ -23,9 +23,10 @@ struct HeaderFindings {
 };
 
 /// Judges the value of a property "HttpHeaders": an array of objects, each with any number of names and string values.
-/// `asPatch` takes the elements null and {} as well, which say something about the stored array. The module is asked
-/// only when our own check finds nothing. Each thread loads it once, from `modulePath` and ".lua", when it first needs
+/// With `patched`, the resource that a PATCH changes, the elements null and {} are taken as well, which say something
+/// about the stored array, and headers that stay count too. The module is asked only when our own check finds nothing.
+/// Each thread loads it once, from `modulePath` and ".lua", when it first needs
 /// it; a machine without the file has no module to ask.
-HeaderFindings JudgeHeaders(const Json& headers, bool asPatch, const std::string& modulePath);
+HeaderFindings JudgeHeaders(const Json& headers, const Json* patched, const std::string& modulePath);
 
 }  // namespace event_service

@@ -24,9 +24,9 @@ struct PatchJudgement {
 
 /// Judges a PATCH body, control fields and annotations already left out, against the property table. `stored` is the
 /// resource as it stands, with the whole content of the nested properties that the body names. A secret, header values
-/// included, always counts as a change. `numbers` are those of the body that Json cannot give back as they were
-/// written.
+/// included, always counts as a change; with `everythingCounts` every wanted value does. `numbers` are those of the
+/// body that Json cannot give back as they were written.
 PatchJudgement JudgePatch(const Json& body, const Json& stored, const ServiceSettings& settings,
-                          const NumberTexts& numbers = {});
+                          const NumberTexts& numbers = {}, bool everythingCounts = false);
 
 }  // namespace event_service

@@ -38,6 +38,7 @@ struct BodyCircumstances {
   bool isSse = false;              // the front end marked the request
   std::string_view protocol = {};  // the body's, when it is one that is served
   bool protocolRefused = false;
+  const Json* stored = nullptr;  // the resource that a PATCH changes
 };
 
 struct PropertyRule {

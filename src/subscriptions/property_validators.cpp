@@ -112,7 +112,7 @@ void PropertyJudge::JudgeReference(const Json& value, const std::string& path) {
 
 void PropertyJudge::JudgeHeaderArray(const Json& value) {
   HeaderFindings findings =
-      JudgeHeaders(value, !circumstances_.isCreation, circumstances_.settings.paths.headerValidatorModule);
+      JudgeHeaders(value, circumstances_.stored, circumstances_.settings.paths.headerValidatorModule);
   hasUnacceptableValue_ |= !findings.faults.empty();
   moduleFailed_ |= findings.moduleFailed;
   std::ranges::move(findings.faults, std::back_inserter(faults_));
