@@ -81,6 +81,12 @@ bool IsInteger(const redisReply* reply) { return reply != nullptr && reply->type
 bool IsString(const redisReply* reply) { return reply != nullptr && reply->type == REDIS_REPLY_STRING; }
 bool IsArray(const redisReply* reply) { return reply != nullptr && reply->type == REDIS_REPLY_ARRAY; }
 
+bool IsFailure(const RedisReply& reply) { return !reply || reply->type == REDIS_REPLY_ERROR; }
+
+bool IsWrongType(const RedisReply& reply) {
+  return reply && reply->type == REDIS_REPLY_ERROR && std::string_view(reply->str, reply->len).starts_with("WRONGTYPE");
+}
+
 std::string_view TextOf(const redisReply* reply) {
   const bool hasText = IsString(reply) || (reply != nullptr && reply->type == REDIS_REPLY_STATUS);
   return hasText ? std::string_view(reply->str, reply->len) : std::string_view();

@@ -53,6 +53,11 @@ inline bool IsInteger(const RedisReply& reply) { return IsInteger(reply.get()); 
 inline bool IsString(const RedisReply& reply) { return IsString(reply.get()); }
 inline bool IsArray(const RedisReply& reply) { return IsArray(reply.get()); }
 
+/// True for a missing reply and for an error.
+bool IsFailure(const RedisReply& reply);
+/// True for the error that answers a command for another type than the key holds.
+bool IsWrongType(const RedisReply& reply);
+
 /// The text of a string or status reply, with its length; empty for any other and for a null one. Lives as long as the
 /// reply.
 std::string_view TextOf(const redisReply* reply);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,6 +49,8 @@ struct SubscriptionsState {
   uint32_t subscriptionCount = 0;
   RegistryPrefixBits registryPrefixBits;
   std::vector<std::string> syslogTlsDestinationIds;  // no further one is created while there are 3
+  /// Members whose last change failed half-way: Redis may hold what the file lacks.
+  std::set<std::string, std::less<>> halfChangedUris;
   SubscriptionDb db;
 };
 

@@ -35,6 +35,11 @@ constexpr int kMostEventKeyDraws = 10;
 constexpr std::string_view kMembersNeeded[] = {"Context",  "EventFormatType",      "OriginResources",
                                                "Protocol", "SubordinateResources", "SubscriptionType"};
 
+/// True when one of the removals from a list found something.
+bool HaveRemoved(std::span<const RedisReply> removals) {
+  return std::ranges::any_of(removals, [](const RedisReply& reply) { return IsInteger(reply) && reply->integer > 0; });
+}
+
 /// The deletion of one member, all but the events about it, which the members of one request share.
 class MemberDeletion {
  public:
@@ -84,7 +89,7 @@ std::optional<Answer> MemberDeletion::Read(std::optional<uint32_t>& eventGroupId
   const size_t exists = first.Append({"EXISTS", eventKey_});
   const std::vector<RedisReply> firstReplies = first.Execute();
   if (!firstReplies.front()) return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
-  if (IsArray(firstReplies.front()) && firstReplies.front()->elements == 0) return MemberMissing(uri_);
+  if (SaysMissing(firstReplies.front())) return MemberMissing(uri_);
   TakeLevel(walk, firstReplies);
   enqueueDigest_ = TextOf(firstReplies[digest]);
   ChooseEventKey(firstReplies[exists]);
@@ -155,16 +160,17 @@ void MemberDeletion::Remove(uint32_t eventGroupId) {
   std::vector<std::string> messages;
   if (!SettleEnqueueEvent(redis_, replies[enqueue].get(), eventKey_, messages)) {
     hasFailed_ = true;
-    LogError("Failed to notify the termination of %s.", uri_.c_str());
+    // A missing reply has its line.
+    if (replies[enqueue]) LogError("Failed to notify the termination of %s.", uri_.c_str());
   }
   if (!HaveSucceeded(range(syslog, index))) LogError("Failed to tell syslog about the end of %s.", uri_.c_str());
   if (transport == "TLS") std::erase(state_.syslogTlsDestinationIds, id);
+  state_.halfChangedUris.erase(uri_);
   if (!HaveSucceeded(range(index, entry))) LogError("Failed to remove the origin index of %s.", uri_.c_str());
   const std::span<const RedisReply> removals = range(entry, keys);
   const bool areRemoved = HaveSucceeded(removals);
   if (!areRemoved) LogError("Failed to remove %s from the collection.", uri_.c_str());
-  hasLeftCollection_ =
-      std::ranges::any_of(removals, [](const RedisReply& reply) { return IsInteger(reply) && reply->integer > 0; });
+  hasLeftCollection_ = HaveRemoved(removals);
   if (areRemoved || hasLeftCollection_) membersLength_ = std::move(replies.back());
   if (!HaveSucceeded(range(keys, etag))) LogError("Failed to delete the keys of %s.", uri_.c_str());
   if (!IsInteger(replies[etag])) LogEtagFailure(kSubscriptionsUri);
@@ -192,6 +198,25 @@ bool IsStatusSet(const RedisReply& reply) {
   return false;
 }
 
+/// A member that is gone leaves the collection as well.
+void RemoveStrayEntry(Request& request, const std::string& uri) {
+  SubscriptionsState& state = *request.subscriptions;
+  RedisPipeline pipeline(request.redis);
+  AppendMemberRemoval(pipeline, kSubscriptionsUri, uri);
+  const std::vector<RedisReply> removals = pipeline.Execute();
+  if (!AllIntegers(removals)) LogError("Failed to remove %s from the collection.", uri.c_str());
+  if (!HaveRemoved(removals)) return;
+  std::erase(state.syslogTlsDestinationIds, MemberIdOf(uri));
+  state.halfChangedUris.erase(uri);
+  const size_t etag = pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, Json(NewEtag()).dump()});
+  const size_t storedEtag = pipeline.Append({"HGET", kSubscriptionsUri, kEtagField});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (!IsInteger(replies[etag])) LogEtagFailure(kSubscriptionsUri);
+  static_cast<void>(state.db.DeleteDbSubscription(uri, TextOf(replies[storedEtag])));
+  if (!UpdateMembersCount(request.redis, state, -1)) SettleCount(state, nullptr, nullptr, 1);
+  LogSubscriptionChange(uri, "deleted", request.AskedBy());
+}
+
 /// The URIs of the members that belong to streams.
 std::vector<std::string> StreamMembers(redisContext* redis) {
   std::vector<std::string> streams;
@@ -209,6 +234,8 @@ std::vector<std::string> StreamMembers(redisContext* redis) {
     types.Append({"HGET", uri, "SubscriptionType"});
   }
   const std::vector<RedisReply> replies = types.Execute();
+  const auto isUnread = [](const RedisReply& type) { return IsFailure(type) && !IsWrongType(type); };
+  if (std::ranges::any_of(replies, isUnread)) LogError("Failed to read which members are streams.");
   for (size_t i = 0; i < uris.size(); ++i) {
     if (TextOf(replies[i]) == "\"SSE\"") streams.emplace_back(uris[i]);
   }
@@ -221,7 +248,10 @@ Answer DeleteEventDestination(Request& request) {
   MemberDeletion deletion(request, request.record.targetUri);
   if (MemberIdOf(deletion.Uri()).empty()) return MemberMissing(deletion.Uri());
   std::optional<uint32_t> eventGroupId;
-  if (auto refusal = deletion.Read(eventGroupId)) return *std::move(refusal);
+  if (auto refusal = deletion.Read(eventGroupId)) {
+    if (refusal->status == kNotFound) RemoveStrayEntry(request, deletion.Uri());
+    return *std::move(refusal);
+  }
   deletion.Remove(*eventGroupId);
   deletion.RemoveFromFile();
 

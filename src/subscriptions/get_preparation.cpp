@@ -1,5 +1,6 @@
 #include "subscriptions/get_preparation.h"
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "foundation/redis_pipeline.h"
 #include "resource_store/store_encoding.h"
 #include "subscriptions/event_destination.h"
+#include "subscriptions/member_change.h"
 #include "subscriptions/member_uri.h"
 
 namespace event_service {
@@ -49,6 +51,7 @@ void PrepareGet(const Request& request) {
   if (MemberIdOf(uri).empty()) return;
   const std::string snmpKey = ChildKey(uri, "SNMP");
   RedisPipeline reads(request.redis);
+  const size_t length = reads.Append({"HLEN", uri});
   const size_t type = reads.Append({"HGET", uri, "SubscriptionType"});
   const size_t sensitive = reads.Append({"HGET", uri, kSensitiveDataField});
   const size_t headers = reads.Append({"LLEN", ChildKey(uri, kHeaders)});
@@ -59,13 +62,17 @@ void PrepareGet(const Request& request) {
     reads.Append({"HGET", snmpKey, std::string(key) + "Set"});
   }
   const std::vector<RedisReply> replies = reads.Execute();
-  if (!IsString(replies[type])) return;
+  if (SaysMissing(replies[length])) return;
+  if (std::ranges::any_of(replies, IsFailure)) {
+    LogError("Failed to read the event destination %s for GET.", uri.c_str());
+    return;
+  }
   const bool isSse = TextOf(replies[type]) == "\"SSE\"";
 
   RedisPipeline writes(request.redis);
   const std::string_view storedPaths = TextOf(replies[sensitive]);
   std::string paths(storedPaths);
-  const bool hasHeaders = IsInteger(replies[headers]) && replies[headers]->integer > 0;
+  const bool hasHeaders = replies[headers]->integer > 0;
   if (hasHeaders && !isSse) paths = JoinPaths(std::move(paths), kHeaders);
   if (ParseFieldMarker(TextOf(replies[snmp]))) {
     paths = JoinPaths(std::move(paths), kSnmpSensitivePaths);

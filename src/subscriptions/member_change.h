@@ -13,6 +13,10 @@
 
 namespace event_service {
 
+/// Whether a reply to HLEN or HGETALL of a member's URI says that there is no such member: a key that holds anything
+/// but a hash is none, and stays.
+bool SaysMissing(const RedisReply& reply);
+
 /// "NOT_FOUND" for a target that does not exist.
 Answer MemberMissing(std::string_view uri);
 
@@ -30,8 +34,13 @@ struct MemberChange {
   int64_t nextSequence = kNoSequence;  // the first sequence id that the writes left free, when they took any
 };
 
+/// Whether the last change of this member failed half-way. Then nothing is known to be in the file, and a wanted value
+/// that stands in Redis already counts as a change.
+bool IsHalfChanged(const Request& request, std::string_view uri);
+
 /// Sends `writes`, which change the resource, and all that follows from them: new etags, the file, the event. False
-/// when a write failed, with nothing done after it; what fails later is logged and the change stands.
+/// when a write failed, with nothing done after it; the next change that succeeds brings the whole member into the
+/// file. What fails later is logged and the change stands.
 [[nodiscard]] bool ApplyMemberChange(Request& request, RedisPipeline& writes, MemberChange change);
 
 }  // namespace event_service

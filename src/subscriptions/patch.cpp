@@ -46,8 +46,7 @@ std::optional<Answer> PatchInput::Read(const Request& request) {
     if (isBodyOpen && !body.TakeLevel(replies)) {
       return DatabaseError("DatabaseOperationError: Failed to get request data from database.");
     }
-    const bool isMissing = isFirst && IsArray(replies.front()) && replies.front()->elements == 0;
-    if (isMissing) return MemberMissing(request.record.targetUri);
+    if (isFirst && SaysMissing(replies.front())) return MemberMissing(request.record.targetUri);
     if (isWalkOpen && !walk.TakeLevel(replies)) {
       return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
     }
@@ -100,30 +99,33 @@ bool PatchWrites::Append(const std::string& name, const Json& value) {
 
 bool PatchWrites::Replace(const std::string& name, const Json& value) {
   changes_[name] = value;
-  return AppendPropertyWrites(pipeline_, uri_, name, value, sequence_, input_.walk.KeysOfMember(name));
+  std::vector<std::string> keys = input_.walk.KeysOfMember(name);
+  // A marker may lead to what belongs to another resource.
+  std::erase_if(keys, [this](const std::string& key) { return !IsUnderKey(uri_, key); });
+  return AppendPropertyWrites(pipeline_, uri_, name, value, sequence_, keys);
 }
 
 bool PatchWrites::AppendSnmp(const Json& given) {
-  const Json old = input_.stored.value("SNMP", Json());
-  Json snmp = old.is_object() ? old : Json::object();
+  Json old = input_.stored.value("SNMP", Json());
+  if (!old.is_object()) old = Json::object();
+  Json snmp = old;
   if (!MergeSnmp(given, FirstLineOf(request_.settings.paths.passwordFile), snmp)) return false;
   const std::string snmpKey = ChildKey(uri_, "SNMP");
   const std::vector<std::string> oldKeys = input_.walk.KeysOfMember("SNMP");
-  const bool standsInPlace = old.is_object() && !oldKeys.empty() && oldKeys.front() == snmpKey;
+  const bool standsInPlace = !oldKeys.empty() && oldKeys.front() == snmpKey;
+  for (const auto& member : old.items()) {
+    if (!snmp.contains(member.key())) removed_.push_back("SNMP/" + member.key());
+  }
   if (!standsInPlace) {
     AddSnmpAllowableValues(snmp, request_.settings);
     return Replace("SNMP", snmp);
   }
   // Member by member: the delivery side may be reading the others.
+  for (const std::string& path : removed_) AppendPropertyRemoval(pipeline_, snmpKey, path.substr(path.find('/') + 1));
   for (const auto& [member, value] : snmp.items()) {
     if (const auto before = old.find(member); before != old.end() && *before == value) continue;
     changes_["SNMP"][member] = value;
     if (!AppendPropertyWrites(pipeline_, snmpKey, member, value, sequence_)) return false;
-  }
-  for (const auto& [member, value] : old.items()) {
-    if (snmp.contains(member)) continue;
-    removed_.push_back("SNMP/" + member);
-    AppendPropertyRemoval(pipeline_, snmpKey, member);
   }
   return true;
 }
@@ -138,7 +140,8 @@ Answer PatchEventDestination(Request& request) {
   }
   PatchInput input(request);
   if (auto refusal = input.Read(request)) return *std::move(refusal);
-  PatchJudgement judgement = JudgePatch(input.body.Document(), input.stored, request.settings, input.body.Numbers());
+  PatchJudgement judgement = JudgePatch(input.body.Document(), input.stored, request.settings, input.body.Numbers(),
+                                        IsHalfChanged(request, uri));
   if (judgement.answer) return *std::move(judgement.answer);
 
   int64_t firstSequence = kNoSequence;

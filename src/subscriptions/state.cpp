@@ -1,6 +1,8 @@
 #include "subscriptions/state.h"
 
 #include <algorithm>
+#include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,22 +27,29 @@ std::string Quoted(std::string_view text) { return '"' + std::string(text) + '"'
 
 /// What a change of State depends on.
 struct StoredState {
-  bool exists = false;
   bool isSse = false;
-  std::string state;  // as stored; empty: the member has no Status, as streams have none
+  bool hasStatus = false;  // a marker that leads to it
+  std::string state;       // as stored; empty: the member has none, as streams have none
 };
 
-/// Appends three commands and takes their replies from `first` on.
+/// Appends the commands whose replies TakeStateReads takes, as the first of their batch.
 void AppendStateReads(RedisPipeline& pipeline, std::string_view uri) {
-  pipeline.Append({"EXISTS", uri});
+  pipeline.Append({"HLEN", uri});
   pipeline.Append({"HGET", uri, "SubscriptionType"});
+  pipeline.Append({"HGET", uri, "Status"});
   pipeline.Append({"HGET", ChildKey(uri, "Status"), "State"});
 }
 
-StoredState TakeStateReads(std::span<const RedisReply> replies) {
-  return {.exists = IsInteger(replies[0]) && replies[0]->integer == 1,
-          .isSse = TextOf(replies[1]) == "\"SSE\"",
-          .state = std::string(TextOf(replies[2]))};
+/// A refusal when there is no such member or Redis does not tell.
+std::optional<Answer> TakeStateReads(std::span<const RedisReply> replies, std::string_view uri, StoredState& stored) {
+  if (SaysMissing(replies[0])) return MemberMissing(uri);
+  if (std::ranges::any_of(replies.first(4), IsFailure)) {
+    return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
+  }
+  stored = {.isSse = TextOf(replies[1]) == "\"SSE\"",
+            .hasStatus = ParseFieldMarker(TextOf(replies[2])).has_value(),
+            .state = std::string(TextOf(replies[3]))};
+  return std::nullopt;
 }
 
 /// False when a write failed.
@@ -49,10 +58,10 @@ bool ChangeState(Request& request, std::string_view uri, const StoredState& stor
   const Json status = {{"State", state}};
   RedisPipeline writes(request.redis);
   int64_t noSequence = kNoSequence;
-  if (stored.state.empty()) {
-    if (!AppendPropertyWrites(writes, uri, "Status", status, noSequence)) return false;
-  } else {
-    writes.Append({"HSET", ChildKey(uri, "Status"), "State", Quoted(state)});
+  if (stored.hasStatus) {
+    writes.Append({"HSET", ChildKey(uri, "Status"), "State", Quoted(state)});  // it may have other members
+  } else if (!AppendPropertyWrites(writes, uri, "Status", status, noSequence)) {
+    return false;
   }
   return ApplyMemberChange(request, writes,
                            {.uri = uri,
@@ -73,9 +82,10 @@ Answer ResumeSubscription(Request& request, std::string_view uri) {
   if (MemberIdOf(uri).empty()) return MemberMissing(uri);
   RedisPipeline reads(request.redis);
   AppendStateReads(reads, uri);
-  const StoredState stored = TakeStateReads(reads.Execute());
-  if (!stored.exists) return MemberMissing(uri);
-  if (stored.state.empty() || stored.state == Quoted(kStateEnabled)) return NoOperationAnswer();
+  StoredState stored;
+  if (auto refusal = TakeStateReads(reads.Execute(), uri, stored)) return *std::move(refusal);
+  const bool isEnabled = stored.state == Quoted(kStateEnabled) && !IsHalfChanged(request, uri);
+  if (isEnabled || stored.state.empty()) return NoOperationAnswer();
   if (!ChangeState(request, uri, stored, kStateEnabled, "client")) {
     return DatabaseError("DatabaseOperationError: Failed to set State.");
   }
@@ -92,12 +102,12 @@ Answer ApplyDeliveryState(Request& request) {
     if (isFirst) AppendStateReads(reads, uri);
     body.AppendLevel(reads);
     const std::vector<RedisReply> replies = reads.Execute();
-    if (isFirst) stored = TakeStateReads(replies);
     if (!body.TakeLevel(replies)) {
       return DatabaseError("DatabaseOperationError: Failed to get request data from database.");
     }
+    if (!isFirst) continue;
+    if (auto refusal = TakeStateReads(replies, uri, stored)) return *std::move(refusal);
   }
-  if (!stored.exists) return MemberMissing(uri);
   const auto status = body.Document().find("Status");
   const std::string_view state = status == body.Document().end() ? std::string_view() : TextMember(*status, "State");
   const auto known = std::ranges::find(kStates, state);
@@ -105,7 +115,7 @@ Answer ApplyDeliveryState(Request& request) {
     LogError("The event delivery asked for an unknown State of %s.", uri.c_str());
     return NoAnswer();
   }
-  if (stored.state == Quoted(state)) return NoAnswer();
+  if (stored.state == Quoted(state) && !IsHalfChanged(request, uri)) return NoAnswer();
   if (!ChangeState(request, uri, stored, *known, "delivery side")) {
     return DatabaseError("DatabaseOperationError: Failed to set State.");
   }

@@ -1,6 +1,7 @@
 /// What happens to a subscription between its creation and its end: PATCH, suspension, resume.
 #include "platform/data_encrypt/data_encrypt.h"
 #include "tests/subscriptions/subscriptions_fixture.h"
+#include "tests/support/trip_counter.h"
 
 namespace event_service {
 namespace {
@@ -53,6 +54,8 @@ TEST_F(ChangesTest, APatchChangesRedisAndFileAlikeOrNothingAtAll) {
        "FAILURE PropertyUnknown(Foo) @Foo, PropertyValueTypeError(1, VerifyCertificate) @VerifyCertificate"},
       {R"({"HttpHeaders": [null, {}, "x", {"@odata.id": "/x y"}]})", nullptr,
        "FAILURE PropertyValueError(HttpHeaders/2) @HttpHeaders/2, PropertyValueError(HttpHeaders/3) @HttpHeaders/3"},
+      {R"({"SyslogFilters": [{"Foo": 1}, null]})", nullptr,
+       "FAILURE PropertyUnknown(SyslogFilters/0/Foo) @SyslogFilters/0/Foo"},
   };
   for (const auto& row : cases) {
     Json expected = Stored(uri);
@@ -88,6 +91,43 @@ TEST_F(ChangesTest, SnmpMembersChangeOneByOne) {
   const std::string mail = Create(kBodies["SMTP"]);  // has no SNMP object yet
   ASSERT_EQ(Patch(mail, R"({"SNMP": {"AuthenticationProtocol": "None"}})"), "OK_RES Success()");
   EXPECT_EQ(Stored(mail)["SNMP"]["EncryptionProtocol@Redfish.AllowableValues"].size(), 3u);
+}
+
+TEST_F(ChangesTest, TheNextChangeCompletesWhatFailedHalfWay) {
+  const std::string uri = Create(kBodies["Redfish"]);
+  TripCounter proxy(Server().SocketPath());
+  const RedisContext connection = proxy.Connect();
+  Json body = {{"Context", "c"}, {"VerifyCertificate", true}, {"Status", {{"State", "Disabled"}}}};
+  for (const char* method : {"PATCH", "POSTACTION", "STATE", "STATE"}) {
+    body["Context"] = body["Context"].get<std::string>() + "c";
+    proxy.FailCommandsWith("VerifyCertificate");
+    EXPECT_EQ(Handle("PATCH", uri, body, connection.get()).status, kException);
+    proxy.Reset();
+    Json repeated = body;
+    repeated.erase("VerifyCertificate");  // the context stands in Redis already
+    EXPECT_NE(InShort(Handle(method, uri, repeated)), "OK_RES") << method;
+    EXPECT_EQ(Stored(uri)["Context"], body["Context"]) << method;
+  }
+  EXPECT_EQ(InShort(Handle("PATCH", uri, {{"Context", body["Context"]}})), "OK_RES") << "all is in the file";
+}
+
+TEST_F(ChangesTest, KeysOfOthersStay) {
+  const std::string uri = Create(kBodies["SNMPv3"]);
+  const std::string snmp = "&&" + uri + "/SNMP";
+  SendArguments(redis(), {"RENAME", snmp, "&&/other"});
+  HashWrite(redis(), uri, "SNMP", "&&Object SNMP &&/other");
+  ASSERT_EQ(Patch(uri, R"({"SNMP": {"AuthenticationKey": null}})"), "OK_RES Success()");
+  EXPECT_TRUE(KeyExists(redis(), "&&/other"));
+  EXPECT_FALSE(Stored(uri)["SNMP"].contains("AuthenticationKey"));
+}
+
+TEST_F(ChangesTest, HeadersThatStayCount) {
+  const std::string uri = Create(kBodies["Redfish"]);
+  Json many;
+  for (int i = 0; i < 256; ++i) many[std::to_string(i)] = "";
+  EXPECT_EQ(InShort(Handle("PATCH", uri, {{"HttpHeaders", {nullptr, many}}})), "OK_RES Success()");
+  EXPECT_EQ(InShort(Handle("PATCH", uri, {{"HttpHeaders", {Json::object(), {{"A", ""}}}}})),
+            "FAILURE PropertyValueError(HttpHeaders) @HttpHeaders");
 }
 
 TEST_F(ChangesTest, AFailedPatchIsAnExceptionWithoutEvent) {
@@ -128,6 +168,11 @@ TEST_F(ChangesTest, SuspendedSubscriptionsAreResumed) {
     EXPECT_TRUE(!row.isChange || Elements("events").back().starts_with("status " + uri + " ")) << row.state;
     EXPECT_EQ(log.Errors().size(), row.errors) << row.state;
   }
+  const std::string status = "&&" + uri + "/Status";
+  HashFieldDelete(redis(), status, "State");
+  HashWrite(redis(), status, "Health", "\"OK\"");
+  Handle("STATE", uri, {{"Status", {{"State", "Disabled"}}}});
+  EXPECT_EQ(Dump()[status], R"({Health="OK", State="Disabled"})");
 }
 
 }  // namespace

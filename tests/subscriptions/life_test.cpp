@@ -4,9 +4,11 @@
 #include <algorithm>
 
 #include "platform/data_encrypt/data_encrypt.h"
+#include "service/redis_keys.h"
 #include "subscriptions/get_preparation.h"
 #include "subscriptions/syslog_exchange.h"
 #include "tests/subscriptions/subscriptions_fixture.h"
+#include "tests/support/trip_counter.h"
 
 namespace event_service {
 namespace {
@@ -26,6 +28,7 @@ class LifeTest : public SubscriptionsTest {
   }
   /// What GET shows as sensitive, and whether it says that there is a key.
   void ExpectPreparedForGet(const std::string& uri, const Json& body) {
+    HashFieldDelete(redis(), uri, uri.ends_with("Stream-01") ? "" : "SubscriptionType");  // absent means no stream
     for (int round = 0; round < 2; ++round) PrepareGet(MakeRequest("GET", uri));
     std::string sensitive = "SNMP/TrapCommunity,SNMP/AuthenticationKey,SNMP/EncryptionKey";
     if (body.contains("HttpHeaders")) sensitive += ",HttpHeaders";
@@ -99,6 +102,28 @@ TEST_F(LifeTest, AFailedStepOfADeletionDoesNotStopTheOthers) {
                   });
 }
 
+TEST_F(LifeTest, WhatIsNoMemberStaysAndLeavesTheCollection) {
+  const std::string uri = Create(kBodies["Redfish"]);
+  KeyDelete(redis(), uri);
+  ListAppend(redis(), uri, "x");
+  TripCounter proxy(Server().SocketPath());
+  const RedisContext connection = proxy.Connect();
+  const LogCapture log;
+  const Json body = {{"Status", {{"State", "Disabled"}}}};
+  PrepareGet(MakeRequest("GET", uri));
+  for (const char* method : {"PATCH", "POSTACTION", "STATE", "DELETE"}) {
+    EXPECT_EQ(Handle(method, uri, body).status, kNotFound) << method;
+  }
+  EXPECT_EQ(log.Errors(), Names{});
+  EXPECT_EQ(Elements(uri), Names{"x"});
+  EXPECT_TRUE(InFile()["Members"].empty());
+  ExpectCount(0);
+  proxy.FailCommandsWith("HLEN");
+  PrepareGet(MakeRequest("GET", uri, Json(), connection.get()));
+  EXPECT_EQ(log.Errors(), Names{"Failed to read the event destination " + uri + " for GET."});
+  EXPECT_EQ(Handle("POSTACTION", uri, body, connection.get()).status, kException);
+}
+
 TEST_F(LifeTest, AllStreamsEndAndNothingElse) {
   Create(kBodies["Redfish"]);
   const DatabaseDump before = WithoutNews();
@@ -119,7 +144,7 @@ TEST_F(LifeTest, AllStreamsEndAndNothingElse) {
   Create(second);
   const LogCapture log;
   Request turnedOff = MakeRequest("DELETE", "SSE-ALL");
-  turnedOff.announcement = {std::string(kEndOfStreamsRequests) + "1", std::string(kFromEventing)};
+  turnedOff.announcement = {std::string(kEndOfStreamsPrefix) + "1", std::string(kFromEventing)};
   DeleteAllSseSubscriptions(turnedOff);
   EXPECT_EQ(log.DebugLines(), Names{"Subscription " + kCollection + "/Stream-02 deleted by client."});
 }
