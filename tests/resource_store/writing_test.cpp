@@ -130,7 +130,7 @@ TEST_F(StoreTest, ADocumentIsDeletedWithOneUnlinkAsFarAsItCanBeRead) {
   EXPECT_TRUE(DeleteResource(redis(), "/k")) << "deleted already";
 
   Store(R"({"/k":{"a":"&&Object a &&/k/a","b":"&&Object b &&/k/b"},"&&/k/a":"text",
-            "&&/k/b":{"c":"&&Object c &&/k/b/c"},"&&/k/b/c":{"x":"1"}})");
+            "&&/k/b":{"c":"&&Object c &&/k/b/c"},"&&/k/b/c":{"d":"&&Array d &&/k/b/c/d"},"&&/k/b/c/d":["1"]})");
   const StreamCapture capture(STDERR_FILENO);
   EXPECT_FALSE(DeleteResource(redis(), "/k"));
   EXPECT_EQ(capture.Text(), "[ERROR] Gets redis resource failed. RESOURCE=&&/k/a\n");
