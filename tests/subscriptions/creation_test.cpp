@@ -65,6 +65,7 @@ TEST_F(CreationTest, TheRestFollowsFromTheRequest) {
   };
   for (const auto& row : cases) {
     FillRedis();
+    ListAppend(redis(), "&&" + kCollection + "/Id-1/HttpHeaders", "\"of a deletion that was cut off\"");
     Json body = {{"Id", "Id-1"}, {"Protocol", "Redfish"}, {"Destination", "https://c"}};
     body.update(Json::parse(row.body));
     Json stored = Stored(Create(body));
@@ -133,6 +134,8 @@ TEST_F(CreationTest, RefusalsLeaveRedisAsItWas) {
        "PropertyValueFormatError(/redfish/v1/a b, OriginResources/0) @OriginResources/0, "
        R"(PropertyValueTypeError([{"@odata.id":"c"}], SNMP) @SNMP, )"
        R"(PropertyValueTypeError({"@odata.id":"a b"}, VerifyCertificate) @VerifyCertificate)"},
+      {{{"HttpHeaders", {{{"X", std::string(8192, 'x')}}}}},
+       "FAILURE PropertyValueError(HttpHeaders/0/X) @HttpHeaders/0/X"},
       {{{"Id", "a/../b c*"}}, "FAILURE PropertyValueFormatError(a/../b c*, Id) @Id"},
       {{{"Id", "Secret-01"}, {"SNMP", {{"EncryptionKey", "no password"}}}},
        "EXCEPTION OperationFailed()Failed to encrypt SNMP/EncryptionKey."},
