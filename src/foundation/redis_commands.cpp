@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cstdarg>
 #include <cstring>
@@ -38,16 +39,32 @@ RedisReply SendCommand(redisContext* redis, const char* format, ...) {
   return reply;
 }
 
-// Every word of every request goes through here: into room that is made once.
-void AppendCommand(std::string& commands, std::span<const std::string_view> arguments) {
+size_t CommandRoom(std::span<const std::string_view> arguments) {
   size_t room = kLongestSizeLine;
   for (const std::string_view argument : arguments) room += kLongestSizeLine + argument.size() + kLineEnd.size();
-  const size_t begin = commands.size();
-  commands.resize(begin + room);
-  char* out = PutSizeLine(commands.data() + begin, '*', arguments.size());
-  for (const std::string_view argument : arguments)
+  return room;
+}
+
+char* PutCommand(char* out, std::span<const std::string_view> arguments) {
+  out = PutSizeLine(out, '*', arguments.size());
+  for (const std::string_view argument : arguments) {
     out = Put(Put(PutSizeLine(out, '$', argument.size()), argument), kLineEnd);
-  commands.resize(static_cast<size_t>(out - commands.data()));
+  }
+  return out;
+}
+
+// Not through the library's output buffer, which would copy and grow once more.
+bool SendText(redisContext* redis, std::string_view commands) {
+  while (!commands.empty()) {
+    const ssize_t sent = send(redis->fd, commands.data(), commands.size(), MSG_NOSIGNAL);
+    if (sent >= 0) {
+      commands.remove_prefix(static_cast<size_t>(sent));
+    } else if (errno != EINTR) {
+      redis->err = REDIS_ERR_IO;
+      return false;
+    }
+  }
+  return true;
 }
 
 RedisReply ReadReply(redisContext* redis) {
@@ -67,10 +84,9 @@ bool LimitWaiting(redisContext* redis, std::chrono::milliseconds patience) {
 
 RedisReply SendArguments(redisContext* redis, std::span<const std::string_view> arguments) {
   if (redis->err != 0) return nullptr;
-  std::string command;
-  AppendCommand(command, arguments);
-  if (redisAppendFormattedCommand(redis, command.data(), command.size()) != REDIS_OK) return nullptr;
-  return ReadReply(redis);
+  std::string command(CommandRoom(arguments), '\0');
+  command.resize(static_cast<size_t>(PutCommand(command.data(), arguments) - command.data()));
+  return SendText(redis, command) ? ReadReply(redis) : nullptr;
 }
 
 RedisReply SendArguments(redisContext* redis, std::initializer_list<std::string_view> arguments) {

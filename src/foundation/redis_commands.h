@@ -36,8 +36,15 @@ using RedisReply = std::unique_ptr<redisReply, RedisReplyDeleter>;        // nul
 RedisReply SendArguments(redisContext* redis, std::span<const std::string_view> arguments);
 RedisReply SendArguments(redisContext* redis, std::initializer_list<std::string_view> arguments);
 
-/// Adds one command in the wire format to `commands`.
-void AppendCommand(std::string& commands, std::span<const std::string_view> arguments);
+/// The room that one command takes at most in the wire format, in bytes.
+size_t CommandRoom(std::span<const std::string_view> arguments);
+
+/// Puts one command in the wire format where there is as much room, and returns its end.
+char* PutCommand(char* out, std::span<const std::string_view> arguments);
+
+/// Hands commands in the wire format over to the server, whose replies wait in its buffers meanwhile: this cannot
+/// dead-lock. False when the connection fails; it counts as failed from then on.
+bool SendText(redisContext* redis, std::string_view commands);
 
 /// The next reply, null when it cannot be read.
 RedisReply ReadReply(redisContext* redis);

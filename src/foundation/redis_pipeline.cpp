@@ -6,32 +6,16 @@
 namespace event_service {
 namespace {
 
-// Small enough for the server to start working while the rest is still being handed over.
-constexpr size_t kChunkSize = 16 * 1024;
-
 // The room that the thread's last pipeline has grown, for its next one; more than a usual request needs is given back.
 constexpr size_t kMostRoomKept = 16 * 1024;
 thread_local std::string room;
 
-/// Sends the text chunk by chunk. The replies wait in the server's buffers meanwhile, so this cannot dead-lock.
-bool Send(redisContext* redis, std::string_view commands) {
-  while (!commands.empty()) {
-    const std::string_view chunk = commands.substr(0, kChunkSize);
-    if (redisAppendFormattedCommand(redis, chunk.data(), chunk.size()) != REDIS_OK) return false;
-    for (int allSent = 0; allSent == 0;) {
-      if (redisBufferWrite(redis, &allSent) != REDIS_OK) return false;
-    }
-    commands.remove_prefix(chunk.size());
-  }
-  return true;
-}
-
 }  // namespace
 
-RedisPipeline::RedisPipeline(redisContext* redis) : redis_(redis), commands_(std::move(room)) { commands_.clear(); }
+RedisPipeline::RedisPipeline(redisContext* redis) : redis_(redis), commands_(std::move(room)) { room.clear(); }
 
 RedisPipeline::~RedisPipeline() {
-  if (commands_.capacity() <= kMostRoomKept && commands_.capacity() > room.capacity()) room = std::move(commands_);
+  if (commands_.size() <= kMostRoomKept && commands_.size() > room.size()) room = std::move(commands_);
 }
 
 size_t RedisPipeline::Append(std::initializer_list<std::string_view> arguments) {
@@ -39,7 +23,9 @@ size_t RedisPipeline::Append(std::initializer_list<std::string_view> arguments) 
 }
 
 size_t RedisPipeline::Append(std::span<const std::string_view> arguments) {
-  AppendCommand(commands_, arguments);
+  const size_t end = used_ + CommandRoom(arguments);
+  if (commands_.size() < end) commands_.resize(std::max(end, 2 * commands_.size()));
+  used_ = static_cast<size_t>(PutCommand(commands_.data() + used_, arguments) - commands_.data());
   return count_++;
 }
 
@@ -52,8 +38,8 @@ std::vector<RedisReply> RedisPipeline::Execute() {
 
 void RedisPipeline::Execute(const std::function<void(RedisReply)>& take) {
   // A connection that has failed stays failed: nothing is sent to it and nothing is expected from it.
-  const bool isSent = redis_->err == 0 && Send(redis_, commands_);
-  commands_.clear();
+  const bool isSent = redis_->err == 0 && SendText(redis_, std::string_view(commands_).substr(0, used_));
+  used_ = 0;
   size_t left = std::exchange(count_, 0);
   const auto next = [&] {
     --left;

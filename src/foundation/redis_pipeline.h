@@ -37,7 +37,8 @@ class RedisPipeline {
 
  private:
   redisContext* redis_;
-  std::string commands_;  // in the wire format
+  std::string commands_;  // in the wire format, and room for more
+  size_t used_ = 0;       // of it
   size_t count_ = 0;
 };
 
