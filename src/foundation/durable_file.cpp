@@ -70,7 +70,9 @@ std::optional<std::string> ReadWholeFile(const std::string& path) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.IsOpen()) return std::nullopt;
   std::string content;
-  char part[4096];
+  struct stat status;
+  if (fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode)) content.reserve(static_cast<size_t>(status.st_size));
+  char part[16 * 1024];
   for (;;) {
     const ssize_t count = read(file.Get(), part, sizeof part);
     if (count == 0) return content;

@@ -3,9 +3,10 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -47,9 +48,6 @@ class PassPhrasePipe {
   bool filled_ = false;
 };
 
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
 struct Freer {
   void operator()(char* text) const { std::free(text); }
 };
@@ -57,18 +55,25 @@ struct Freer {
 /// Deeper than any document of ours; the parser recurses for each level, and the listeners' stacks are small.
 constexpr size_t kMaxLevels = 64;
 
-/// True when the brackets of a JSON text lie no deeper inside each other than that. Leaves the file at its beginning.
-bool IsShallow(std::FILE* file) {
+/// Where the string ends that begins at `begin`, with its closing quote; the end of the text when it has none.
+size_t EndOfString(std::string_view text, size_t begin) {
+  size_t end = begin;
+  do {
+    end = text.find('"', end + 1);
+    if (end == std::string_view::npos) return text.size();
+  } while ((end - text.find_last_not_of('\\', end - 1)) % 2 == 0);  // an odd number of them escapes the quote
+  return end;
+}
+
+/// True when the brackets of a JSON text lie no deeper inside each other than that.
+bool IsShallow(std::string_view text) {
   size_t levels = 0;
-  bool inString = false;
-  for (int c; levels <= kMaxLevels && (c = std::getc(file)) != EOF;) {
-    if (c == '"') inString = !inString;
-    if (inString && c == '\\') std::getc(file);
-    if (inString) continue;
-    if (c == '{' || c == '[') ++levels;
-    if ((c == '}' || c == ']') && levels > 0) --levels;
+  for (size_t i = 0; i < text.size() && levels <= kMaxLevels; ++i) {
+    if (text[i] == '"') i = EndOfString(text, i);
+    if (i == text.size()) break;
+    if (text[i] == '{' || text[i] == '[') ++levels;
+    if ((text[i] == '}' || text[i] == ']') && levels > 0) --levels;
   }
-  std::rewind(file);
   return levels <= kMaxLevels;
 }
 
@@ -85,8 +90,8 @@ void Sleep(const DbEnvironment& environment, std::chrono::microseconds time) {
 void DbValueDeleter::operator()(json_t* value) const { json_decref(value); }
 
 DbValue ReadDbDocument(const std::string& path) {
-  const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
-  DbValue root(file && IsShallow(file.get()) ? json_loadf(file.get(), 0, nullptr) : nullptr);
+  const std::optional<std::string> text = ReadWholeFile(path);
+  DbValue root(text && IsShallow(*text) ? json_loadb(text->data(), text->size(), 0, nullptr) : nullptr);
   if (!json_is_object(root.get())) root.reset();
   return root;
 }
