@@ -252,8 +252,7 @@ int main(int argc, char** argv) {
   StayOnOneCpu();
   const SandboxRoot sandbox;
   SetProcessPaths(sandbox.Paths());
-  sandbox.WriteRedisSetting("port", "0");
-  sandbox.WriteRedisSetting("unixsocket", sandbox.RedisSocket());
+  sandbox.UseRedis(sandbox.RedisSocket());
   WriteFile(sandbox.Paths().configuration, "LOG_LEVEL=error\n");
   static Logger logger;
   logger.Initialise(sandbox.Paths().configuration);

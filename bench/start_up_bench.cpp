@@ -264,8 +264,7 @@ void StayOnOneCpu() {
 void PrepareSandbox(const SandboxRoot& sandbox) {
   SetProcessPaths(sandbox.Paths());
   setenv("EVENT_SERVICE_ROOT", sandbox.Root().c_str(), 1);
-  sandbox.WriteRedisSetting("port", "0");
-  sandbox.WriteRedisSetting("unixsocket", sandbox.RedisSocket());
+  sandbox.UseRedis(sandbox.RedisSocket());
   const FilePaths& paths = ProcessPaths();
   WriteFile(paths.configuration,
             "LOG_FILE=" + sandbox.Root() + "/var/log\nLOG_LEVEL=error\nLOG_SYSTEM=no-such-logger\n");

@@ -26,7 +26,7 @@ TEST(DurableFile, ReplacesTheWholeFileOrLeavesIt) {
   const std::string taken = sandbox.Root() + "/taken";
   std::filesystem::create_directories(taken + "/inside");
   EXPECT_FALSE(ReplaceFile(taken, "x")) << "a folder stands there";
-  EXPECT_FALSE(FileExists(taken + ".new")) << "nothing is left behind";
+  EXPECT_FALSE(std::filesystem::exists(taken + ".new")) << "nothing is left behind";
 }
 
 TEST(FilePathsTest, ARootMovesEveryPathUnlessAShellWouldHaveToQuoteIt) {

@@ -48,7 +48,7 @@ TEST_F(LoggingTest, WhatCannotBeConfiguredIsSaidOnStandardErrorWhichTakesTheLine
       {useFile_ + "LOG_FILE_SIZE=2147483648", "Error: Numerical result out of range\n"},
   };
   for (const auto& row : cases) {
-    RemoveFile(file_);
+    std::filesystem::remove(file_);
     const StreamCapture output(STDOUT_FILENO);  // pidof writes there
     const StreamCapture error(STDERR_FILENO);
     Configure(row.configuration);
@@ -103,7 +103,7 @@ TEST_F(LoggingTest, AFullLogIsMovedAsideBeforeTheNextLine) {
     for (const auto& entry : std::filesystem::directory_iterator(sandbox_.Root() + "/var")) {
       if (!std::regex_match(entry.path().string(), std::regex(file_ + "[0-9]{10}"))) continue;
       moved += ReadFile(entry.path());
-      RemoveFile(entry.path());
+      std::filesystem::remove(entry.path());
     }
     EXPECT_EQ(moved, row.rotates ? content : "") << row.limit << " " << row.size;
     EXPECT_EQ(ReadFile(file_).find("Error") < 40, row.rotates) << "the first line of a new file";

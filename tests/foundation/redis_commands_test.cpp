@@ -82,8 +82,7 @@ TEST_F(RedisCommandsTest, APipelineTakesOneRoundTripAndALostConnectionGivesNullR
   EXPECT_EQ(proxy.trips(), 1U);
   EXPECT_EQ(ListLength(this->redis(), "list"), 5000);
 
-  proxy.Reset();
-  proxy.CutAfter(1);
+  proxy.Reset({.cutAfter = 1});
   for (const char* value : {"a", "b"}) pipeline.Append({"RPUSH", "other", value});
   const std::vector<RedisReply> cut = pipeline.Execute();
   EXPECT_TRUE(IsInteger(cut[0]) && !cut[1]);

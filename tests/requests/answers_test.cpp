@@ -1,6 +1,8 @@
 /// What the EventService answers to requests that change nothing: refused, without effect, or failed on the way.
 #include "tests/requests/event_service_test.h"
 
+#include <filesystem>
+
 namespace event_service {
 namespace {
 
@@ -57,7 +59,7 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
     EXPECT_EQ(answer.body, row.answer == "OK_RES" ? NoOperationAnswer().body : "") << row.body;
     EXPECT_EQ(Dump(), before) << row.body;
   }
-  EXPECT_FALSE(FileExists(file_));
+  EXPECT_FALSE(std::filesystem::exists(file_));
   EXPECT_EQ(Patch(R"({"SMTP": {"Port": true}})").messages.front().relatedProperties, Lines{"SMTP/Port"});
   settings_.protocolOnly = true;
   EXPECT_EQ(Summary(Patch(R"({"SMTP": {"Port": 1}})")), "FAILURE PropertyNotWritable(SMTP)");
@@ -99,8 +101,7 @@ TEST_F(EventServiceTest, AFailedCommandIsAnExceptionAndLeavesEverythingAsItWas) 
       {"Submit", "EXISTS", "OperationFailed: No key is free for the test event."},
   };
   for (const auto& row : cases) {
-    proxy_.Reset();
-    proxy_.FailCommandsWith(row.failing);
+    proxy_.Reset({.failedText = row.failing});
     const Answer answer = row.request == "PATCH" ? Patch(R"({"DeliveryRetryAttempts": 4})")
                                                  : Submit(R"({"EventGroupId": 1, "MessageArgs": ["a"]})");
     EXPECT_EQ(answer.status, kException) << row.failing;

@@ -42,7 +42,7 @@ TEST_F(PatchTest, ThePasswordIsKeptEncryptedAndReadsAsNull) {
   EXPECT_NE(StoredSmtp("&&Password"), encrypted) << "a secret always counts as a change";
   Patch(R"({"SMTP": {"Password": null}})");
 
-  RemoveFile(settings_.paths.passwordFile);
+  std::filesystem::remove(settings_.paths.passwordFile);
   const DatabaseDump before = Dump();
   const Answer answer = Patch(R"({"DeliveryRetryAttempts": 4, "SMTP": {"Password": "s3cret"}})");
   EXPECT_EQ(Summary(answer), "EXCEPTION OperationFailed()");
@@ -62,15 +62,14 @@ TEST_F(PatchTest, TurningTheServiceOffAsksForTheEndOfTheStreams) {
   Patch(R"({"ServiceEnabled": false})");
   const std::string key = KeyListing(redis(), "*SSE-ALL*").at(0);
   EXPECT_EQ(Dump()[key], "{&&RequestMethod=DELETE, &&TargetURI=SSE-ALL}");
-  EXPECT_EQ(proxy_.CommandTexts().back(),
-            "PUBLISH " + std::string(kSubscriptionsChannel) + " " + key + " FROM_EVENTING");
+  EXPECT_EQ(proxy_.commands().back(), "PUBLISH " + std::string(kSubscriptionsChannel) + " " + key + " FROM_EVENTING");
 }
 
 TEST_F(PatchTest, WhatDidNotGetIntoRedisOrTheFileIsSettledByTheNextChange) {
   const RedisContext listener = Connect();
   ASSERT_TRUE(SendArguments(listener.get(), {"SUBSCRIBE", kSubscriptionsChannel}));
   const char* const body = R"({"DeliveryRetryAttempts": 4, "ServiceEnabled": false, "SMTP": {"Port": 26}})";
-  proxy_.FailCommandsWith("&&Object SMTP");  // the last write
+  proxy_.Reset({.failedText = "&&Object SMTP"});  // the last write
   EXPECT_EQ(Patch(body).status, "EXCEPTION");
   EXPECT_FALSE(KeyListing(redis(), "*SSE-ALL*").empty()) << "the service is off";
   proxy_.Reset();

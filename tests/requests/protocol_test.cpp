@@ -50,7 +50,7 @@ TEST_F(ProtocolTest, ARefusalTakesTwoTripsAndAtMostSixteenCommands) {
   Announce("req resp", "POST");
   Serve();
   EXPECT_EQ(proxy_.trips(), 2U);
-  EXPECT_LE(proxy_.commands(), 16U);
+  EXPECT_LE(proxy_.commands().size(), 16U);
   EXPECT_EQ(Dump()["resp/ExtendedInfo/1/MessageArgs"], "[POST]");
   EXPECT_EQ(log_.Errors(), Lines{"refused"});
 }

@@ -125,7 +125,7 @@ TEST_F(StoreTest, ADocumentIsDeletedWithOneUnlinkAsFarAsItCanBeRead) {
   const RedisContext connection = proxy.Connect();
   EXPECT_TRUE(DeleteResource(connection.get(), "/k"));
   EXPECT_EQ(proxy.trips(), 6U) << "TYPE, four levels, UNLINK";
-  EXPECT_TRUE(proxy.CommandTexts().back().starts_with("UNLINK"));
+  EXPECT_TRUE(proxy.commands().back().starts_with("UNLINK"));
   EXPECT_EQ(Dump(), (DatabaseDump{{"/other", "{x=1}"}, {kCounter, "2"}}));
   EXPECT_TRUE(DeleteResource(redis(), "/k")) << "deleted already";
 
@@ -181,13 +181,12 @@ TEST_F(StoreTest, AFailedCommandFailsTheWholeAndIsLoggedOnce) {
         SendCommand(redis(), "FLUSHALL");
         Write("/k", R"({"a":[{"x":1}]})");
         const RedisContext connection = proxy.Connect();
-        proxy.Reset();
-        isLost ? proxy.CutAfter(position - 1) : proxy.FailCommand(position);
+        proxy.Reset(isLost ? RedisFaults{.cutAfter = position - 1} : RedisFaults{.failedCommand = position});
         const StreamCapture capture(STDERR_FILENO);
         const bool succeeded = actions[action](connection.get());
-        if (position == 0) commands = proxy.commands();
+        if (position == 0) commands = proxy.commands().size();
         // A counter that cannot be incremented is begun anew.
-        const bool succeeds = position == 0 || (!isLost && proxy.CommandTexts()[position - 1].starts_with("INCR"));
+        const bool succeeds = position == 0 || (!isLost && proxy.commands()[position - 1].starts_with("INCR"));
         EXPECT_EQ(succeeded, succeeds) << action << " at " << position;
         EXPECT_EQ(std::ranges::count(capture.Text(), '\n'), succeeds ? 0 : 1) << capture.Text();
         EXPECT_TRUE(isLost || TextOf(SendCommand(connection.get(), "PING")) == "PONG") << "out of step: " << action;

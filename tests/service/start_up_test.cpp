@@ -1,5 +1,6 @@
 #include "service/start_up.h"
 
+#include <filesystem>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -17,7 +18,7 @@ class StartUpTest : public StartUpSandbox {};
 
 TEST_F(StartUpTest, AStartFillsSettingsStateAndQueues) {
   TripCounter proxy(Server().SocketPath());
-  SetProcessPaths(Sandbox().PathsThrough(proxy.SocketPath()));
+  SetProcessPaths(Sandbox().UseRedis(proxy.SocketPath()));
   HashWrite(redis(), kEventServiceUri, "SubordinateResourcesSupported", "true");
   HashWrite(redis(), kEventServiceUri, "IncludeOriginOfConditionSupported", "True");
   for (const char* name : {"known.pem", "unknown.pem"}) WriteFile(ProcessPaths().syslogCertificates + name, "");
@@ -105,9 +106,8 @@ TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
   TripCounter proxy(Server().SocketPath());
   for (const auto& row : cases) {
     SetUp();
-    SetProcessPaths(Sandbox().PathsThrough(proxy.SocketPath()));
-    proxy.Reset();
-    proxy.FailCommandsWith(row.failing);
+    SetProcessPaths(Sandbox().UseRedis(proxy.SocketPath()));
+    proxy.Reset({.failedText = row.failing});
     ListAppend(redis(), kSubscriptionsMembersKey, "/redfish/v1/EventService/Subscriptions/A");
     EXPECT_EQ(Start(), -1) << row.failing;
     EXPECT_TRUE(errors_.starts_with(row.error) && errors_.ends_with("Failed to initialize Event Service.\n"))
@@ -115,7 +115,7 @@ TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
     EXPECT_EQ(calls, "") << row.failing;
     EXPECT_EQ(KeyExists(redis(), "map script runs"), row.failing.find("EventDestination") != std::string::npos);
   }
-  RemoveFile(ProcessPaths().startUpMapScript);
+  std::filesystem::remove(ProcessPaths().startUpMapScript);
   WriteFile(ProcessPaths().startUpMapScript + "/file", "");
   EXPECT_EQ(Start(), -1);
   EXPECT_TRUE(errors_.starts_with("The script that initiates the mapping table of subscribed URI and event type"));

@@ -71,14 +71,14 @@ inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
     const std::string document = DocumentOf(word.substr(2)).dump();
     if (word[1] == '=' || word[1] == '!') StoreText(paths, word[1] == '=' ? document : "cut {");
     if (word[1] == ':' || word[1] == '/') WriteFile(path, word[1] == ':' ? document : ReadFile(path).substr(0, 40));
-    if (word[1] == '-') RemoveFile(path);
+    if (word[1] == '-') std::filesystem::remove(path);
   }
 }
 
 /// What start-up does with the files, in its order; without `succeeds` a later step fails.
 inline bool StartDb(SubscriptionDb& db, const FilePaths& paths, bool succeeds = true) {
   if (!db.PutBackFiles()) return false;
-  const bool isThere = FileExists(paths.databaseFile);
+  const bool isThere = std::filesystem::exists(paths.databaseFile);
   if (!isThere && RunShell("cp " + paths.defaultDatabaseFile + " " + paths.plainDatabaseFile) != 0) return false;
   if (db.InitSubscriptionDb() && succeeds && db.SettleStart()) return true;
   return db.PutBackFiles() && false;

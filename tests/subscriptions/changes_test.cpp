@@ -100,7 +100,7 @@ TEST_F(ChangesTest, TheNextChangeCompletesWhatFailedHalfWay) {
   Json body = {{"Context", "c"}, {"VerifyCertificate", true}, {"Status", {{"State", "Disabled"}}}};
   for (const char* method : {"PATCH", "POSTACTION", "STATE", "STATE"}) {
     body["Context"] = body["Context"].get<std::string>() + "c";
-    proxy.FailCommandsWith("VerifyCertificate");
+    proxy.Reset({.failedText = "VerifyCertificate"});
     EXPECT_EQ(Handle("PATCH", uri, body, connection.get()).status, kException);
     proxy.Reset();
     Json repeated = body;

@@ -1,6 +1,8 @@
 /// Creations against a real Redis and a real database file.
 #include "subscriptions/creation.h"
 
+#include <filesystem>
+
 #include "subscriptions/syslog_exchange.h"
 #include "tests/requests/schema_check.h"
 #include "tests/subscriptions/subscriptions_fixture.h"
@@ -96,7 +98,7 @@ TEST_F(CreationTest, AnIdIsGeneratedUntilItIsFree) {
   taken = 11;
   EXPECT_EQ(InShort(CreateEventDestination(request, draw)), "EXCEPTION OperationFailed()");
   taken = 1;
-  proxy.FailCommandsWith("EXISTS " + kCollection + "/FEDCBA98");
+  proxy.Reset({.failedText = "EXISTS " + kCollection + "/FEDCBA98"});
   EXPECT_EQ(CreateEventDestination(request, draw).status, kException) << "nobody knows whether it is free";
   EXPECT_EQ(Dump(), before);
   taken = 10;
@@ -145,9 +147,8 @@ TEST_F(CreationTest, RefusalsLeaveRedisAsItWas) {
   const RedisContext connection = proxy.Connect();
   const DatabaseDump before = Resources();
   for (const auto& row : cases) {
-    if (row.patch.contains("SNMP") && row.patch.size() == 2) RemoveFile(settings_.paths.passwordFile);
-    proxy.Reset();
-    proxy.FailCommandsWith(row.failed);
+    if (row.patch.contains("SNMP") && row.patch.size() == 2) std::filesystem::remove(settings_.paths.passwordFile);
+    proxy.Reset({.failedText = row.failed});
     const LogCapture log;
     Json body = fine;
     body.merge_patch(row.patch);

@@ -118,7 +118,7 @@ TEST_F(LifeTest, WhatIsNoMemberStaysAndLeavesTheCollection) {
   EXPECT_EQ(Elements(uri), Names{"x"});
   EXPECT_TRUE(InFile()["Members"].empty());
   ExpectCount(0);
-  proxy.FailCommandsWith("HLEN");
+  proxy.Reset({.failedText = "HLEN"});
   PrepareGet(MakeRequest("GET", uri, Json(), connection.get()));
   EXPECT_EQ(log.Errors(), Names{"Failed to read the event destination " + uri + " for GET."});
   EXPECT_EQ(Handle("POSTACTION", uri, body, connection.get()).status, kException);

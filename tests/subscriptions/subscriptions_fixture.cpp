@@ -133,11 +133,10 @@ void SubscriptionsTest::FailEachCommand(const std::function<void()>& prepare,
       *state_ = SubscriptionsState();
       prepare();
       const RedisContext connection = proxy.Connect();
-      proxy.Reset();
-      if (n > 0) isCut ? proxy.CutAfter(n - 1) : proxy.FailCommand(n);
+      proxy.Reset(isCut ? RedisFaults{.cutAfter = n - 1} : RedisFaults{.failedCommand = n});
       const StreamCapture store(STDERR_FILENO);
       run(connection.get(), isCut);
-      commands = std::max(commands, proxy.commands());
+      commands = std::max(commands, proxy.commands().size());
     }
   }
 }

@@ -4,22 +4,10 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <optional>
+#include <regex>
 #include <sstream>
 
 namespace event_service {
-namespace {
-
-/// Splits "Mar  7 04:05:06 1772856306 [Error]: message"; nothing for the further lines of a long message.
-std::optional<LogCapture::Line> ParseLine(const std::string& text) {
-  const size_t open = text.find(" [");
-  const size_t close = text.find("]: ");
-  constexpr size_t kDateSize = sizeof "Mar  7 04:05:06" - 1;
-  if (open == std::string::npos || close == std::string::npos || open > close || open < kDateSize) return std::nullopt;
-  return LogCapture::Line{text.substr(open + 2, close - open - 2), text.substr(close + 3)};
-}
-
-}  // namespace
 
 LogCapture::LogCapture() : path_(folder_.Root() + "/captured.log") {
   WriteFile(folder_.Paths().configuration, "LOG_FILE=" + path_ + "\n");
@@ -27,23 +15,17 @@ LogCapture::LogCapture() : path_(folder_.Root() + "/captured.log") {
   SetLogger(&logger_);
 }
 
-std::vector<LogCapture::Line> LogCapture::Lines() const {
-  std::vector<Line> lines;
+std::vector<std::string> LogCapture::Messages(const std::string& level) const {
+  static const std::regex kFirstLine(R"(\w{3} .\d \d\d:\d\d:\d\d \d+ \[(\w+)\]: (.*))");
+  std::vector<std::string> messages;
+  bool isWanted = false;
   std::istringstream log(ReadFile(path_));
   for (std::string text; std::getline(log, text);) {
-    if (const auto line = ParseLine(text)) {
-      lines.push_back(*line);
-    } else if (!lines.empty()) {
-      lines.back().message += "\n" + text;
-    }
-  }
-  return lines;
-}
-
-std::vector<std::string> LogCapture::Messages(const std::string& level) const {
-  std::vector<std::string> messages;
-  for (const Line& line : Lines()) {
-    if (line.level == level) messages.push_back(line.message);
+    std::smatch parts;
+    const bool isFirst = std::regex_match(text, parts, kFirstLine);
+    if (isFirst) isWanted = parts[1] == level;
+    if (isWanted && isFirst) messages.push_back(parts[2]);
+    if (isWanted && !isFirst) messages.back() += "\n" + text;
   }
   return messages;
 }

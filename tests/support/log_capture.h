@@ -13,20 +13,12 @@ namespace event_service {
 /// Makes the process log a temporary file while it lives.
 class LogCapture {
  public:
-  struct Line {
-    std::string level;  // "Error" or "Debug"
-    std::string message;
-    bool operator==(const Line&) const = default;
-  };
-
   LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
   ~LogCapture() { SetLogger(nullptr); }
 
-  /// Every line so far, in order.
-  std::vector<Line> Lines() const;
-  /// The messages of the error lines alone, of the debug lines alone.
+  /// The messages of the error lines so far, of the debug lines so far; with the further lines of a long one.
   std::vector<std::string> Errors() const { return Messages("Error"); }
   std::vector<std::string> DebugLines() const { return Messages("Debug"); }
   void Clear() { WriteFile(path_, ""); }

@@ -15,7 +15,6 @@ namespace event_service {
 
 /// Every key with what it holds, in one line of text; for comparisons of before and after.
 using DatabaseDump = std::map<std::string, std::string>;
-DatabaseDump DumpDatabase(redisContext* redis);
 
 /// One server and one sandbox root per suite; ProcessPaths() names the root, so redisConnectContext() reaches the
 /// server. Database and root are emptied before each test. A server that a test has killed is started again.
@@ -32,7 +31,7 @@ class RedisTest : public testing::Test {
   void RestartServer();
   /// One more connection to the server.
   static RedisContext Connect();
-  DatabaseDump Dump() { return DumpDatabase(redis()); }
+  DatabaseDump Dump();
 
  private:
   static std::unique_ptr<SandboxRoot> sandbox_;

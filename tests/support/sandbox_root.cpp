@@ -11,16 +11,13 @@
 namespace fs = std::filesystem;
 
 namespace event_service {
-namespace {
 
-std::string NewTemporaryFolder() {
-  // A socket's path has about a hundred characters at most, so the folder's name is short.
+/// A socket's path has about a hundred characters at most, so the folder's name is short.
+static std::string NewTemporaryFolder() {
   std::string path = (fs::temp_directory_path() / "es-XXXXXX").string();
   if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder at " + path);
   return path;
 }
-
-}  // namespace
 
 SandboxRoot::SandboxRoot() : root_(NewTemporaryFolder()), paths_(MakeFilePaths(root_).value()) {
   LayOut();
@@ -32,17 +29,13 @@ SandboxRoot::~SandboxRoot() {
   fs::remove_all(root_, ignored);
 }
 
-void SandboxRoot::WriteRedisSetting(const std::string& key, std::string_view value) const {
-  WriteFile(RedisDirectory() + "/redis." + key, value);
-}
-
-FilePaths SandboxRoot::PathsThrough(const std::string& socket) const {
-  const std::string folder = root_ + "/run/lookup-" + fs::path(socket).filename().string();
+FilePaths SandboxRoot::UseRedis(const std::string& socket) const {
+  WriteFile(RedisDirectory() + "/redis.port", "0");
+  WriteFile(RedisDirectory() + "/redis.unixsocket", socket);
+  WriteFile(RedisDirectory() + "/redis.requirepass", "");
   FilePaths paths = paths_;
-  paths.redisConfiguration = folder + "/redis.conf";
-  WriteFile(paths.redisConfiguration, "unixsocket " + folder + "/any.sock\n");
-  WriteFile(folder + "/redis.port", "0");
-  WriteFile(folder + "/redis.unixsocket", socket);
+  paths.redisConfiguration = socket + ".conf";
+  WriteFile(paths.redisConfiguration, ReadFile(paths_.redisConfiguration));
   return paths;
 }
 
@@ -70,13 +63,6 @@ void WriteFile(const std::string& path, std::string_view content) {
 std::string ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-bool FileExists(const std::string& path) { return fs::exists(path); }
-
-void RemoveFile(const std::string& path) {
-  std::error_code ignored;
-  fs::remove(path, ignored);
 }
 
 }  // namespace event_service

@@ -9,7 +9,7 @@
 namespace event_service {
 
 /// Creates the folder with its (empty) subfolders and removes all of it at the end. "redis.conf" names a socket in
-/// RedisDirectory(), where the setting files are written; nothing else exists at first.
+/// RedisDirectory(), where the setting files "redis.<key>" are looked for; nothing else exists at first.
 class SandboxRoot {
  public:
   SandboxRoot();
@@ -23,11 +23,9 @@ class SandboxRoot {
 
   std::string RedisDirectory() const { return root_ + "/run/redis"; }
   std::string RedisSocket() const { return RedisDirectory() + "/redis.sock"; }
-  /// Writes "redis.<key>" beside the socket, as it stands; RemoveFile takes it away again.
-  void WriteRedisSetting(const std::string& key, std::string_view value) const;
-
-  /// The same paths, but with a lookup of the server that finds this socket instead (a proxy's, for example).
-  FilePaths PathsThrough(const std::string& socket) const;
+  /// Lets lookups of the server find this socket, its own or a proxy's: those of processes that start from here on, and
+  /// this one's with the paths returned, as it remembers what it found with others.
+  FilePaths UseRedis(const std::string& socket) const;
 
   /// Removes every file but those of Redis and lays the folders out anew.
   void Clear() const;
@@ -43,7 +41,5 @@ class SandboxRoot {
 void WriteFile(const std::string& path, std::string_view content);
 /// The whole content; empty when the file cannot be read.
 std::string ReadFile(const std::string& path);
-bool FileExists(const std::string& path);
-void RemoveFile(const std::string& path);
 
 }  // namespace event_service

@@ -3,17 +3,16 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
+#include "tests/support/child_process.h"
 #include "tests/support/redis_test.h"
-#include "tests/system/daemon.h"
 #include "tools/front_end/front_end.h"
 
 namespace event_service {
 
-inline constexpr const char* kService = "/redfish/v1/EventService";
-inline constexpr const char* kCollection = "/redfish/v1/EventService/Subscriptions";
-inline constexpr const char* kTestEvent = "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent";
+inline const std::string kService = "/redfish/v1/EventService";
+inline const std::string kCollection = kService + "/Subscriptions";
+inline const std::string kTestEvent = kService + "/Actions/EventService.SubmitTestEvent";
 
 class DaemonTest : public RedisTest {
  protected:
@@ -22,34 +21,33 @@ class DaemonTest : public RedisTest {
   /// Fails the test when a sanitizer had something to say about the daemon.
   void TearDown() override;
 
-  /// Starts the daemon and waits until it has left the list of services that are not ready and both listeners listen.
-  void StartDaemon();
-  /// Fills Redis as the board's other services do.
-  void LoadPlatform();
-  /// A power cycle of the board: the daemon killed, Redis emptied, both up again.
+  /// Starts the daemon, waits for nothing.
+  void Launch();
+  /// Launches it and waits until it serves or has ended. True when it serves.
+  bool StartDaemon();
+  /// Empties Redis and fills it as the board's other services do.
+  void FillRedis();
+  /// A power cycle of the board: the daemon killed, Redis as after a start of the board, the daemon up again.
   void PowerCycle();
-  Daemon& daemon() { return daemon_; }
 
-  /// Sends a request and gives its answer; fails the test when there is none. `body` is JSON text, empty for none.
+  /// Stores a request and announces it, waits for nothing. `body` is JSON text, empty for none.
+  StoredRequest Announce(const std::string& httpMethod, const std::string& uri, const std::string& body = "");
+  /// Sends a request and gives its answer; fails the test when there is none.
   FrontEndAnswer Ask(const std::string& httpMethod, const std::string& uri, const std::string& body = "");
   /// The same, as one line: the status, then each message id with its arguments.
   std::string AskShort(const std::string& httpMethod, const std::string& uri, const std::string& body = "");
   /// A value of a resource as the client sees it; null when there is none.
   Json Value(const std::string& uri, const std::string& pointer);
 
-  /// The daemon's log, and what it wrote on its standard streams.
+  /// The daemon's log, and what it and this fixture's commands wrote on their standard streams.
   static std::string Log() { return ReadFile(Sandbox().Root() + "/var/log/EventService.log"); }
   static std::string Output() { return ReadFile(OutputFile()); }
 
+  ChildProcess daemon_;
+
  private:
-  bool IsReady();
-  static std::string OutputFile() { return Sandbox().Root() + "/var/log/EventService.output"; }
-
-  Daemon daemon_;
+  static std::string OutputFile() { return Sandbox().Root() + "/output"; }
 };
-
-/// Runs a command line and gives its standard output; fails the test when it does not exit with 0.
-std::string RunCommand(const std::string& command);
 
 std::string InShort(const FrontEndAnswer& answer);
 

@@ -84,15 +84,13 @@ TEST_F(ResourceLoaderTest, AFaultyFileIsRefusedAsAWhole) {
 TEST_F(ResourceLoaderTest, ALoadThatIsCutOffAnywhereHasDoneNothing) {
   TripCounter proxy(Server().SocketPath());
   const SandboxRoot other;
-  other.WriteRedisSetting("port", "0");
-  other.WriteRedisSetting("unixsocket", proxy.SocketPath());
+  other.UseRedis(proxy.SocketPath());
   bool isLoaded = false;
   for (size_t cut = 0; !isLoaded; ++cut) {
     SendCommand(redis(), "FLUSHALL");
     ASSERT_TRUE(Load(FileOf({"/A"})));
     const DatabaseDump before = Dump();
-    proxy.Reset();
-    proxy.CutAfter(cut);
+    proxy.Reset({.cutAfter = cut});
     isLoaded = Load(FileOf({"/A", "/B"}), other.Root());
     EXPECT_EQ(Dump() == before, !isLoaded) << "cut after " << cut;
   }
