@@ -8,45 +8,33 @@ The folder of schema files comes from the environment variable REDFISH_SCHEMAS. 
 fault on standard output), 2 the folder or the jsonschema package is missing.
 """
 
-import glob
 import json
 import os
+import pathlib
 import sys
+
+try:
+    from jsonschema import Draft7Validator, RefResolver  # Draft 7: "$ref" ignores its siblings, as DMTF means it
+except ImportError:
+    sys.exit(2)
 
 BASE = "http://redfish.dmtf.org/schemas/v1/"
 
 
-def load_schemas():
-    folder = os.environ.get("REDFISH_SCHEMAS", "")
-    schemas = {}
-    for path in glob.glob(os.path.join(folder, "*.json")) if folder else []:
-        with open(path, encoding="utf-8") as file:
-            schemas[BASE + os.path.basename(path)] = json.load(file)
-    return schemas
+class OfflineResolver(RefResolver):
+    """A schema that is not in the folder matches nothing: those are the targets of links to other resources."""
+
+    def resolve_from_url(self, url):
+        return super().resolve_from_url(url) if url.partition("#")[0] in self.store else False
 
 
-def main():
-    file_name, definition = sys.argv[1:3]
-    schemas = load_schemas()
-    if BASE + file_name not in schemas:
-        sys.exit(2)
-    try:
-        from jsonschema import Draft7Validator, RefResolver  # Draft 7: "$ref" ignores its siblings, as DMTF means it
-    except ImportError:
-        sys.exit(2)
-
-    class OfflineResolver(RefResolver):
-        """A schema that is not in the folder matches nothing: those are the targets of links to other resources."""
-
-        def resolve_from_url(self, url):
-            return super().resolve_from_url(url) if url.partition("#")[0] in self.store else False
-
-    root = {"$ref": f"{BASE}{file_name}#/definitions/{definition}"}
-    validator = Draft7Validator(root, resolver=OfflineResolver("", root, store=schemas))
-    faults = list(validator.iter_errors(json.load(sys.stdin)))
-    for fault in faults:
-        print("/".join(str(part) for part in fault.absolute_path) + ": " + fault.message[:300])
-    sys.exit(1 if faults else 0)
-
-
-main()
+file_name, definition = sys.argv[1:3]
+folder = pathlib.Path(os.environ.get("REDFISH_SCHEMAS") or "/nowhere")
+schemas = {BASE + path.name: json.loads(path.read_text("utf-8")) for path in folder.glob("*.json")}
+if BASE + file_name not in schemas:
+    sys.exit(2)
+root = {"$ref": f"{BASE}{file_name}#/definitions/{definition}"}
+faults = list(Draft7Validator(root, resolver=OfflineResolver("", root, store=schemas)).iter_errors(json.load(sys.stdin)))
+for fault in faults:
+    print("/".join(str(part) for part in fault.absolute_path) + ": " + fault.message[:300])
+sys.exit(1 if faults else 0)
