@@ -40,8 +40,9 @@ TEST_F(ChangesTest, APatchChangesRedisAndFileAlikeOrNothingAtAll) {
       {R"({"SyslogFilters": [{"LogFacilities": ["Kern"]}, {}, {}]})", nullptr, "OK_RES and no operation"},
       {R"({"SyslogFilters": [{}, null, {"LogFacilities": ["User"], "x@odata.count": 1}]})",
        R"({"SyslogFilters": [{"LogFacilities": ["Kern"]}, {"LogFacilities": ["User"]}]})"},
-      {R"({"SyslogFilters": [null, {}, {"LogFacilities": [{}]}]})", nullptr,
-       "FAILURE PropertyValueTypeError({}, SyslogFilters/2/LogFacilities/0) @SyslogFilters/2/LogFacilities/0"},
+      {R"({"SyslogFilters": [null, {"Foo": 1}, {"LogFacilities": [{}]}]})", nullptr,
+       "FAILURE PropertyUnknown(SyslogFilters/1/Foo) @SyslogFilters/1/Foo, "
+       "PropertyValueTypeError({}, SyslogFilters/2/LogFacilities/0) @SyslogFilters/2/LogFacilities/0"},
       {mixed, R"({"Context": "e", "SNMP": {"EncryptionProtocol": "None"}})", mixedAnswer},
       {mixed, nullptr, mixedAnswer},
       {R"({"SNMP": {"AuthenticationProtocol": "HMAC_MD5", "EncryptionProtocol": "None"}})", nullptr,
@@ -54,8 +55,6 @@ TEST_F(ChangesTest, APatchChangesRedisAndFileAlikeOrNothingAtAll) {
        "FAILURE PropertyUnknown(Foo) @Foo, PropertyValueTypeError(1, VerifyCertificate) @VerifyCertificate"},
       {R"({"HttpHeaders": [null, {}, "x", {"@odata.id": "/x y"}]})", nullptr,
        "FAILURE PropertyValueError(HttpHeaders/2) @HttpHeaders/2, PropertyValueError(HttpHeaders/3) @HttpHeaders/3"},
-      {R"({"SyslogFilters": [{"Foo": 1}, null]})", nullptr,
-       "FAILURE PropertyUnknown(SyslogFilters/0/Foo) @SyslogFilters/0/Foo"},
   };
   for (const auto& row : cases) {
     Json expected = Stored(uri);
@@ -75,6 +74,11 @@ TEST_F(ChangesTest, APatchChangesRedisAndFileAlikeOrNothingAtAll) {
     EXPECT_TRUE(Elements("events").back().starts_with("change " + uri + " EventDestination ")) << row.body;
   }
   EXPECT_EQ(KeyListing(redis(), "&&" + uri + "/HttpHeaders*"), Names{}) << "keys of old headers";
+  Json many;
+  for (int i = 0; i < 256; ++i) many[std::to_string(i)] = "";
+  EXPECT_EQ(InShort(Handle("PATCH", uri, {{"HttpHeaders", {many}}})), "OK_RES Success()");
+  EXPECT_EQ(Patch(uri, R"({"HttpHeaders": [{}, {"A": ""}]})"), "FAILURE PropertyValueError(HttpHeaders) @HttpHeaders")
+      << "those that stay count";
 }
 
 TEST_F(ChangesTest, SnmpMembersChangeOneByOne) {
@@ -91,6 +95,11 @@ TEST_F(ChangesTest, SnmpMembersChangeOneByOne) {
   const std::string mail = Create(kBodies["SMTP"]);  // has no SNMP object yet
   ASSERT_EQ(Patch(mail, R"({"SNMP": {"AuthenticationProtocol": "None"}})"), "OK_RES Success()");
   EXPECT_EQ(Stored(mail)["SNMP"]["EncryptionProtocol@Redfish.AllowableValues"].size(), 3u);
+
+  SendArguments(redis(), {"RENAME", "&&" + uri + "/SNMP", "&&/other"});
+  HashWrite(redis(), uri, "SNMP", "&&Object SNMP &&/other");
+  ASSERT_EQ(Patch(uri, R"({"SNMP": {"EncryptionKey": null}})"), "OK_RES Success()");
+  EXPECT_TRUE(KeyExists(redis(), "&&/other")) << "what a marker leads to may belong to another resource";
 }
 
 TEST_F(ChangesTest, TheNextChangeCompletesWhatFailedHalfWay) {
@@ -101,7 +110,9 @@ TEST_F(ChangesTest, TheNextChangeCompletesWhatFailedHalfWay) {
   for (const char* method : {"PATCH", "POSTACTION", "STATE", "STATE"}) {
     body["Context"] = body["Context"].get<std::string>() + "c";
     proxy.Reset({.failedText = "VerifyCertificate"});
+    const Names events = Elements("events");
     EXPECT_EQ(Handle("PATCH", uri, body, connection.get()).status, kException);
+    EXPECT_EQ(Elements("events"), events);
     proxy.Reset();
     Json repeated = body;
     repeated.erase("VerifyCertificate");  // the context stands in Redis already
@@ -109,39 +120,6 @@ TEST_F(ChangesTest, TheNextChangeCompletesWhatFailedHalfWay) {
     EXPECT_EQ(Stored(uri)["Context"], body["Context"]) << method;
   }
   EXPECT_EQ(InShort(Handle("PATCH", uri, {{"Context", body["Context"]}})), "OK_RES") << "all is in the file";
-}
-
-TEST_F(ChangesTest, KeysOfOthersStay) {
-  const std::string uri = Create(kBodies["SNMPv3"]);
-  const std::string snmp = "&&" + uri + "/SNMP";
-  SendArguments(redis(), {"RENAME", snmp, "&&/other"});
-  HashWrite(redis(), uri, "SNMP", "&&Object SNMP &&/other");
-  ASSERT_EQ(Patch(uri, R"({"SNMP": {"AuthenticationKey": null}})"), "OK_RES Success()");
-  EXPECT_TRUE(KeyExists(redis(), "&&/other"));
-  EXPECT_FALSE(Stored(uri)["SNMP"].contains("AuthenticationKey"));
-}
-
-TEST_F(ChangesTest, HeadersThatStayCount) {
-  const std::string uri = Create(kBodies["Redfish"]);
-  Json many;
-  for (int i = 0; i < 256; ++i) many[std::to_string(i)] = "";
-  EXPECT_EQ(InShort(Handle("PATCH", uri, {{"HttpHeaders", {nullptr, many}}})), "OK_RES Success()");
-  EXPECT_EQ(InShort(Handle("PATCH", uri, {{"HttpHeaders", {Json::object(), {{"A", ""}}}}})),
-            "FAILURE PropertyValueError(HttpHeaders) @HttpHeaders");
-}
-
-TEST_F(ChangesTest, AFailedPatchIsAnExceptionWithoutEvent) {
-  std::string uri;
-  FailEachCommand([&] { uri = Create(kBodies["stream"]); },
-                  [&](redisContext* connection, bool /*isCut*/) {
-                    const LogCapture log;
-                    const Json body = {{"Context", "new"}, {"HttpHeaders", Json::array({{{"A", "b"}}})}};
-                    const Answer answer = Handle("PATCH", uri, body, connection);
-                    const bool isChanged =
-                        Field(uri, "Context") == "\"new\"" && !KeyListing(redis(), "*Headers*").empty();
-                    EXPECT_TRUE(isChanged || answer.status == kException);
-                    EXPECT_TRUE(answer.status == kOkRes || Elements("events").size() == 2);
-                  });
 }
 
 TEST_F(ChangesTest, SuspendedSubscriptionsAreResumed) {
@@ -156,7 +134,6 @@ TEST_F(ChangesTest, SuspendedSubscriptionsAreResumed) {
   } cases[] = {{"POSTACTION", {}, "OK_RES", "Enabled"},  // with the no-operation response
                {"STATE", "Disabled", "", "Disabled", true},
                {"STATE", "Disabled"},
-               {"STATE", "Nonsense", "", "Disabled", false, 1},
                {"STATE", 5, "", "Disabled", false, 1},
                {"POSTACTION", {}, "OK_RES Success()", "Enabled", true}};
   for (const auto& row : cases) {
@@ -168,11 +145,6 @@ TEST_F(ChangesTest, SuspendedSubscriptionsAreResumed) {
     EXPECT_TRUE(!row.isChange || Elements("events").back().starts_with("status " + uri + " ")) << row.state;
     EXPECT_EQ(log.Errors().size(), row.errors) << row.state;
   }
-  const std::string status = "&&" + uri + "/Status";
-  HashFieldDelete(redis(), status, "State");
-  HashWrite(redis(), status, "Health", "\"OK\"");
-  Handle("STATE", uri, {{"Status", {{"State", "Disabled"}}}});
-  EXPECT_EQ(Dump()[status], R"({Health="OK", State="Disabled"})");
 }
 
 }  // namespace

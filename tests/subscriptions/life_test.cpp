@@ -62,7 +62,7 @@ TEST_F(LifeTest, EveryKindIsStoredAlikeInRedisAndFileAndLeavesNothing) {
     const bool isBroken = kind == "messages";  // it cannot be read, and is deleted all the same
     if (isBroken) HashWrite(redis(), uri, "Protocol", "no JSON");
     if (kind == "Redfish") ListAppend(redis(), kMembers, uri);  // once more, in the form of another loader
-    EXPECT_EQ(Handle("DELETE", uri).status, isBroken ? kException : "");
+    EXPECT_EQ(Handle("DELETE", kind == "stream" ? "SSE-ALL" : uri).status, isBroken ? kException : "");
     EXPECT_TRUE(isBroken || Field("response", "&&ReturnStatus") == "OK_EMPTY");
     EXPECT_EQ(InFile()["Members"].size(), 1u);
     ExpectCount(1);
@@ -84,24 +84,6 @@ TEST_F(LifeTest, EveryKindIsStoredAlikeInRedisAndFileAndLeavesNothing) {
                    R"({"Action":"DELETE","Id":"SyslogTLS-1"})"}));
 }
 
-TEST_F(LifeTest, AFailedStepOfADeletionDoesNotStopTheOthers) {
-  std::string uri;
-  FailEachCommand([&] { uri = Create(kBodies["stream"]); },
-                  [&](redisContext* connection, bool isCut) {
-                    const LogCapture log;
-                    const Answer answer = Handle("DELETE", uri, Json(), connection);
-                    const bool left[] = {KeyExists(redis(), uri), KeyExists(redis(), "&&subs:*"),
-                                         !Elements(kMembers).empty(), Elements("queued").empty()};
-                    const auto undone = std::ranges::count(left, true);
-                    const bool isDone = answer.status.empty() && Field("response", "&&ReturnStatus") == "OK_EMPTY";
-                    EXPECT_TRUE(isDone ? undone == 0 : answer.status == kException);
-                    EXPECT_TRUE(isDone || !log.Errors().empty() || !answer.logText.empty());
-                    if (isCut) return;  // nothing can follow
-                    EXPECT_LE(undone, 1);
-                    EXPECT_EQ(state_->subscriptionCount, Elements(kMembers).size());
-                  });
-}
-
 TEST_F(LifeTest, WhatIsNoMemberStaysAndLeavesTheCollection) {
   const std::string uri = Create(kBodies["Redfish"]);
   KeyDelete(redis(), uri);
@@ -119,34 +101,58 @@ TEST_F(LifeTest, WhatIsNoMemberStaysAndLeavesTheCollection) {
   EXPECT_TRUE(InFile()["Members"].empty());
   ExpectCount(0);
   proxy.Reset({.failedText = "HLEN"});
-  PrepareGet(MakeRequest("GET", uri, Json(), connection.get()));
-  EXPECT_EQ(log.Errors(), Names{"Failed to read the event destination " + uri + " for GET."});
   EXPECT_EQ(Handle("POSTACTION", uri, body, connection.get()).status, kException);
 }
 
-TEST_F(LifeTest, AllStreamsEndAndNothingElse) {
-  Create(kBodies["Redfish"]);
-  const DatabaseDump before = WithoutNews();
-  Json second = kBodies["stream"];
-  second["Id"] = "Stream-02";
-  for (const Json& body : {kBodies["stream"], second}) Create(body);
-  for (int round = 0; round < 2; ++round) {  // the second one finds none
-    Request request = MakeRequest("DELETE", "SSE-ALL");
-    EXPECT_EQ(InShort(DeleteAllSseSubscriptions(request)), "");
-    EXPECT_EQ(Field("response", "&&ReturnStatus"), "OK_EMPTY");
-    ExpectCount(1);
-    ExpectEvents("remove", kCollection + "/Stream-02");  // in the group of the last draw
-    const Names events = Elements("events");
-    EXPECT_EQ(events[events.size() - 3], "remove " + kCollection + "/Stream-01 EventDestination 4");
-    EXPECT_EQ(Elements("queued").size(), 2u);
-    EXPECT_EQ(WithoutNews(), before);
+TEST_F(LifeTest, AFailedCommandLeavesOneStepUndoneAtMostAndIsTold) {
+  const Json body = Json::parse(R"({"Id": "trap-tls", "Protocol": "SyslogTLS", "Destination": "10.0.0.2",
+      "HttpHeaders": [{"A": "b"}], "OriginResources": [{"@odata.id": "/redfish/v1/A"}]})");
+  const std::string uri = kCollection + "/trap-tls";
+  using Steps = std::vector<bool>;
+  const struct {
+    const char* method;
+    Json body;
+    std::function<Steps()> undone;
+  } cases[] = {
+      {"POSTCREATE", body,
+       [&] {
+         return Steps{Elements(kMembers).empty(), !KeyExists(redis(), "&&" + uri + "/HttpHeaders")};
+       }},
+      {"PATCH",
+       {{"Context", "new"}, {"SyslogFilters", Json::array({{{"LowestSeverity", "All"}}})}},
+       [&] {
+         return Steps{Field(uri, "Context") != "\"new\"", !KeyExists(redis(), "&&" + uri + "/SyslogFilters")};
+       }},
+      {"DELETE", Json(),
+       [&] {
+         return Steps{KeyExists(redis(), uri), !KeyListing(redis(), "&&subs:*").empty(), !Elements(kMembers).empty(),
+                      Elements("queued").empty()};
+       }},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.method);
+    const bool isCreation = row.body == body;
+    DatabaseDump before;
+    const auto prepare = [&] {
+      if (!isCreation) Create(body);
+      before = Resources();
+      ListAppend(redis(), std::string(kSyslogQueue) + "/trap-tls", "OK");
+    };
+    FailEachCommand(prepare, [&](redisContext* connection, bool isCut) {
+      const LogCapture log;
+      const Answer answer = Handle(row.method, isCreation ? kCollection : uri, row.body, connection);
+      const Steps steps = row.undone();
+      const auto undone = std::ranges::count(steps, true);
+      const bool isRefused = answer.status == kException || answer.status == kUnavailable;
+      EXPECT_TRUE(isRefused ? !log.Errors().empty() || !answer.logText.empty() : undone == 0);
+      EXPECT_TRUE(!isCreation || steps[0] || !steps[1]) << "a part is listed";
+      EXPECT_TRUE(!isCreation || isRefused == (state_->subscriptionCount == 0));
+      if (isCut) return;  // nothing can follow or be taken back
+      const size_t known = isCreation ? state_->syslogTlsDestinationIds.size() : state_->subscriptionCount;
+      EXPECT_EQ(known, Elements(kMembers).size());
+      EXPECT_TRUE(undone == 0 || (undone == 1 && !isCreation) || Resources() == before);
+    });
   }
-  Create(second);
-  const LogCapture log;
-  Request turnedOff = MakeRequest("DELETE", "SSE-ALL");
-  turnedOff.announcement = {std::string(kEndOfStreamsPrefix) + "1", std::string(kFromEventing)};
-  DeleteAllSseSubscriptions(turnedOff);
-  EXPECT_EQ(log.DebugLines(), Names{"Subscription " + kCollection + "/Stream-02 deleted by client."});
 }
 
 }  // namespace

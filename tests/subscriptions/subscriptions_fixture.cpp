@@ -110,6 +110,7 @@ Answer SubscriptionsTest::Handle(const std::string& method, const std::string& u
   if (method == "POSTCREATE") return CreateEventDestination(request);
   if (method == "POSTACTION") return ResumeSubscription(request, uri);
   if (method == "PATCH") return PatchEventDestination(request);
+  if (uri == "SSE-ALL") return DeleteAllSseSubscriptions(request);
   if (method == "DELETE") return DeleteEventDestination(request);
   request.announcement.responseKey = kFromEventing;
   return ApplyDeliveryState(request);
