@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <regex>
 
@@ -9,6 +10,7 @@
 #include "foundation/file_paths.h"
 #include "foundation/random.h"
 #include "foundation/text_numbers.h"
+#include "foundation/time_stamp.h"
 #include "tests/support/log_capture.h"
 
 namespace event_service {
@@ -44,6 +46,17 @@ TEST(Random, GivesQuotedEtagsAndZeroFromABadDevice) {
   EXPECT_NE(etag, NewEtag());
   EXPECT_EQ(RandomNumber("/missing"), 0U);
   EXPECT_EQ(log.Errors(), std::vector<std::string>{"Failed to read /dev/urandom."});
+}
+
+TEST(TimeStamps, CarryTheOffsetWithAColon) {
+  for (const auto& [zone, stamp] :
+       {std::pair("IST-5:30", "2024-03-01T05:29:58+05:30"), {"YYY+3", "2024-02-29T20:59:58-03:00"}}) {
+    setenv("TZ", zone, 1);
+    tzset();
+    EXPECT_EQ(TimeStamp(1709251198), stamp);
+  }
+  unsetenv("TZ");
+  tzset();
 }
 
 TEST(ParseIntegerTest, ConvertsWholeTextsOnly) {

@@ -74,12 +74,9 @@ TEST_F(EventServiceTest, EachKindOfChangeQueuesOneResourceEvent) {
                {"status", "ResourceEvent.1.2.ResourceStateChanged", "StatusChange"}};
   for (const auto& row : cases) {
     ASSERT_TRUE(RaiseLifeCycleEvent(redis(), {row.change, "/redfish/v1/X", "EventDestination", "A text.", 42}));
-    Json document = Json::parse(TextOf(SendArguments(redis(), {"RPOP", kQueue})), nullptr, false);
+    const Json document = Json::parse(TextOf(SendArguments(redis(), {"RPOP", kQueue})), nullptr, false);
     EXPECT_EQ(document["&&ResourceType"], "EventDestination");
-    for (const char* ofDelivery : {"&&ResourceType", "&&TimeStamp"}) document.erase(ofDelivery);
-    EXPECT_EQ(HaveSchemas() ? SchemaFaults("Event.v1_7_0.json", "Event", document) : "", "");
     const Json& event = document["Events"][0];
-    EXPECT_TRUE(IsTimeStamp(event["EventTimestamp"].get<std::string>())) << event["EventTimestamp"];
     Json expected = event;
     expected.update(
         {{"MessageId", row.message}, {"EventType", row.type}, {"EventGroupId", 42}, {"Message", "A text."}});

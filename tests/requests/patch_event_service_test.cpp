@@ -10,10 +10,7 @@
 namespace event_service {
 namespace {
 
-class PatchTest : public EventServiceTest {
- protected:
-  bool Restore() { return RestorePersistentProperties(proxied_.get(), settings_); }
-};
+using PatchTest = EventServiceTest;
 
 TEST_F(PatchTest, AChangeIsStoredKeptForTheOwnerAloneAndAnnounced) {
   WriteFile(file_, "SMTP/Port=7\nno property\nServiceEnabled=true\n");
@@ -84,14 +81,15 @@ TEST_F(PatchTest, WhatDidNotGetIntoRedisOrTheFileIsSettledByTheNextChange) {
 }
 
 TEST_F(PatchTest, ARestorationTakesOnlyKnownPropertiesWithValidValues) {
-  EXPECT_TRUE(Restore()) << "there is no file";
+  const auto restore = [this] { return RestorePersistentProperties(proxied_.get(), settings_); };
+  EXPECT_TRUE(restore()) << "there is no file";
   WriteFile(file_,
             "DeliveryRetryIntervalSeconds=8.0\n\nSMTP/Port=70000\nBogus=\"s3cret\"\nSMTP/Password=\"no hex\"\n"
             "SMTP/Password=\"0AF\"\nServiceEnabled=x\nno equals sign\n=\nSMTP/Username=\"a=b\"\n"
             "DeliveryRetryAttempts=3" +
                 std::string(1, '\0') + "\nSMTP/Port=" + std::string(100000, '[') + std::string(100000, ']'));
   settings_.protocolOnly = true;
-  EXPECT_TRUE(Restore());
+  EXPECT_TRUE(restore());
   EXPECT_EQ(log_.Errors().size(), 8U);
   EXPECT_EQ(log_.Errors().front(),
             "Line 3 of the persistent properties is passed over: not a known property with a valid value.");
@@ -99,11 +97,11 @@ TEST_F(PatchTest, ARestorationTakesOnlyKnownPropertiesWithValidValues) {
   EXPECT_NE(Stored("@odata.etag"), R"("\"1\"")");
   EXPECT_EQ(StoredSmtp("Username"), "null");
   settings_.protocolOnly = false;
-  EXPECT_TRUE(Restore());
+  EXPECT_TRUE(restore());
   EXPECT_EQ(StoredSmtp("Username"), "\"a=b\"");
   EXPECT_EQ(StoredSmtp("&&Password"), "0AF");
   const DatabaseDump restored = Dump();
-  EXPECT_TRUE(Restore());
+  EXPECT_TRUE(restore());
   EXPECT_EQ(Dump(), restored) << "a second start changes nothing";
 }
 

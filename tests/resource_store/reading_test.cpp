@@ -1,22 +1,11 @@
 #include <limits>
 
 #include "tests/resource_store/store_test.h"
-#include "tests/support/canned_replies.h"
 
 namespace event_service {
 namespace {
 
 using std::string_literals::operator""s;
-
-TEST(StoreEncoding, OnlyStringsOfTwoWordsReadLikeAMarker) {
-  const std::string longText = "\"&&" + std::string(4'000'000, 'x') + std::string(4'000'000, ' ') + "\"";
-  for (const std::string& text : {"\"&&Object a\""s, "\"&&x  \""s, "\"&&a\nb c\""s, longText}) {
-    EXPECT_TRUE(IsQuotedMarkerText(text)) << text.substr(0, 20);
-  }
-  for (const char* text : {"\"&&Object\"", "\"&& a\"", "\"&a b\"", "\"&&a b\nc\"", "\"&&a b", "&&a b\"", "\""}) {
-    EXPECT_FALSE(IsQuotedMarkerText(text)) << text;
-  }
-}
 
 TEST_F(StoreTest, TripsAreOneForEachLevelAndAtMostThreeForAWrite) {
   TripCounter proxy(Server().SocketPath());
@@ -116,12 +105,6 @@ TEST_F(StoreTest, WhatCannotBeReadIsToldOnce) {
        {""s, "\"open"s, "\""s, "1 2"s, "01"s, "\"a\"b\""s, "\"\x1f\""s, "\"\xff\""s, "&"s, "1\0"s}) {
     ASSERT_TRUE(HashWrite(redis(), "/text", "a", text));
     EXPECT_EQ(FailureOf("/text"), "[ERROR] Gets redis resource failed. RESOURCE=/text FIELDS=a\n") << text;
-  }
-  for (const char* reply :
-       {":1\r\n", "*-1\r\n", "*1\r\n$1\r\na\r\n", "*2\r\n$1\r\na\r\n:1\r\n", "*2\r\n$1\r\na\r\n$-1\r\n"}) {
-    CannedConnection connection(reply);
-    Json document;
-    EXPECT_FALSE(ReadResource(connection.redis(), "/k", document, {.knownKind = ContainerKind::kObject})) << reply;
   }
 }
 

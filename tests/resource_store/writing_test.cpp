@@ -22,9 +22,9 @@ TEST_F(StoreTest, StoresTheDocumentedExample) {
   EXPECT_EQ(Dump(), expected);
 
   // Control fields are raw, and only elements lose the quotes of what reads like a marker.
-  Write("/k", R"({"&&Raw":"a \"b\"","&&Number":1,"m":"&&Object two words","list":["&&Object two words","&&Object"]})");
+  Write("/k", R"({"&&Raw":"a \"b\"","&&Number":1,"m":"&&Object two words","list":["&&a b","&&a","&& a","&a b"]})");
   EXPECT_EQ(Dump()["/k"], "{&&Raw=a \"b\", list=&&Array list &&/k/list, m=\"&&Object two words\"}");
-  EXPECT_EQ(Dump()["&&/k/list"], "[&&Object two words, \"&&Object\"]");
+  EXPECT_EQ(Dump()["&&/k/list"], "[&&a b, \"&&a\", \"&& a\", \"&a b\"]");
 }
 
 TEST_F(StoreTest, TheCounterIsTakenOnceAndStoredBackWhenItMoved) {
@@ -90,9 +90,6 @@ TEST_F(StoreTest, ArrayStylesShapeEveryArray) {
   }
   ArrayConfiguration arrays;
   EXPECT_FALSE(ReadArrayConfiguration({{"ArrayStyle", 1}, {"ArrayMaxSize", 8}}, arrays));
-  EXPECT_TRUE(capture.Text().ends_with(
-      "[INFO] Input Array style =4, maxSize=8, fill null element=true\n[ERROR] Array style is incorrect.\n"
-      "[ERROR] Reads array configuration failed!\n"));
 }
 
 TEST_F(StoreTest, APropertyIsReplacedByAnyOtherWithoutRemainsAndNothingElse) {
@@ -193,11 +190,6 @@ TEST_F(StoreTest, AFailedCommandFailsTheWholeAndIsLoggedOnce) {
       }
     }
   }
-  const StreamCapture capture(STDERR_FILENO);
-  SendCommand(redis(), "MSET &&/k/a text %s 7", kCounter);
-  EXPECT_FALSE(WriteResource(redis(), "/k", Json::parse(R"({"a":{"x":1,"y":2},"b":[{},{}]})")));
-  EXPECT_EQ(Dump()[kCounter], "9") << "ids are taken by a failed write as well";
-  EXPECT_EQ(capture.Text(), "[ERROR] Updates property reply type is incorrect. RESOURCE=/k, RESULT_CODE=6\n");
 }
 
 }  // namespace
