@@ -161,6 +161,7 @@ class RandomSoak : public Soak {
   void CreateOne() {
     const size_t kind = Below(kEveryKind.size() + 1);
     Json body = kind < kEveryKind.size() ? kEveryKind[kind] : kStream;
+    if (body["Protocol"] == "SyslogTLS" && ++tlsDrawn_ > 3) body = kEveryKind[0];  // more are refused
     const std::string name = "life-" + std::to_string(1000 + ++changes_);
     body.update({{"Id", name}, {"Context", name}});
     const std::string uri = Create(body);
@@ -193,7 +194,7 @@ class RandomSoak : public Soak {
 
   void Step() {
     const size_t action = Below(11);
-    if (action < 4 || lives_.empty()) return CreateOne();
+    if ((action < 4 && lives_.size() < 50) || lives_.empty()) return CreateOne();
     const auto life = std::next(lives_.begin(), static_cast<std::ptrdiff_t>(Below(lives_.size())));
     if (action < 6) return Patch(life->first, life->second);
     if (action == 6 && !life->second.isStream) return Suspend(life->first, life->second);
@@ -223,6 +224,7 @@ class RandomSoak : public Soak {
   std::mt19937 random_{20260101};  // the same lives in every run
   std::map<std::string, Life> lives_;
   int changes_ = 0;
+  int tlsDrawn_ = 0;
 };
 
 TEST_F(RandomSoak, LivesLeaveWhatTheModelExpectsAndARestartBuilds) {
