@@ -45,7 +45,7 @@ class Mutator {
  private:
   /// Long texts are about as long as some limit.
   Json Value() {
-    constexpr size_t kLimits[] = {1024, 2048, 8192 - 17};
+    constexpr size_t kLimits[] = {64, 1024, 2048, 8192 - 17};
     if (Below(30) != 0) return Pick(kValues);
     return std::string(Pick(kLimits) - 1 + Below(3), 'x');
   }
