@@ -1,5 +1,7 @@
 #include "service/start_up.h"
 
+#include <malloc.h>
+
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -119,6 +121,7 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
   }
 
   redis.reset();
+  malloc_trim(0);  // what only a start needs goes back to the system
   pthread_join(eventServiceListener, nullptr);
   pthread_join(subscriptionsListener, nullptr);
   return 0;
