@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -49,8 +50,8 @@ class TripCounter {
   std::string socketPath_;
   std::string serverSocket_;
   int listener_;
-  std::vector<std::unique_ptr<Connection>> connections_;  // the proxy thread's
-  mutable std::mutex mutex_;                              // guards what follows
+  std::list<std::unique_ptr<Connection>> connections_;  // the proxy thread's; stays whole while one is taken out
+  mutable std::mutex mutex_;                            // guards what follows
   RedisFaults faults_;
   size_t trips_ = 0;
   std::vector<std::string> commands_;
