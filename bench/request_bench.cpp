@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "foundation/logging.h"
-#include "requests/event_service_listener.h"
+#include "requests/event_service/event_service_listener.h"
 #include "service/redis_keys.h"
 #include "service/settings.h"
-#include "subscriptions/event_destination.h"
+#include "subscriptions/resource/event_destination.h"
 #include "subscriptions/subscriptions_listener.h"
 #include "tests/support/redis_server.h"
 #include "tests/support/sandbox_root.h"

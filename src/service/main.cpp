@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "foundation/file_paths.h"
-#include "requests/event_service_listener.h"
-#include "requests/persistent_properties.h"
+#include "requests/event_service/event_service_listener.h"
+#include "requests/event_service/persistent_properties.h"
 #include "service/settings.h"
 #include "service/start_up.h"
 #include "subscriptions/generated_destinations.h"

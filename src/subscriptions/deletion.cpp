@@ -19,10 +19,10 @@
 #include "service/redis_keys.h"
 #include "service/subscription_log.h"
 #include "subscriptions/announced_events.h"
-#include "subscriptions/event_destination.h"
 #include "subscriptions/member_change.h"
-#include "subscriptions/member_uri.h"
-#include "subscriptions/origin_index.h"
+#include "subscriptions/resource/event_destination.h"
+#include "subscriptions/resource/member_uri.h"
+#include "subscriptions/resource/origin_index.h"
 #include "subscriptions/syslog_exchange.h"
 #include "subscriptions/terminated_event.h"
 

@@ -21,7 +21,7 @@
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_writer.h"
 #include "service/redis_keys.h"
-#include "subscriptions/member_uri.h"
+#include "subscriptions/resource/member_uri.h"
 
 namespace event_service {
 namespace {

@@ -8,9 +8,9 @@
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
 #include "resource_store/store_encoding.h"
-#include "subscriptions/event_destination.h"
 #include "subscriptions/member_change.h"
-#include "subscriptions/member_uri.h"
+#include "subscriptions/resource/event_destination.h"
+#include "subscriptions/resource/member_uri.h"
 
 namespace event_service {
 namespace {

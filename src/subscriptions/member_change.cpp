@@ -11,7 +11,7 @@
 #include "service/redis_keys.h"
 #include "service/subscription_log.h"
 #include "subscriptions/announced_events.h"
-#include "subscriptions/event_destination.h"
+#include "subscriptions/resource/event_destination.h"
 
 namespace event_service {
 namespace {

@@ -10,10 +10,10 @@
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_walk.h"
 #include "resource_store/resource_writer.h"
-#include "subscriptions/event_destination.h"
+#include "subscriptions/judgement/patch_check.h"
 #include "subscriptions/member_change.h"
-#include "subscriptions/member_uri.h"
-#include "subscriptions/patch_check.h"
+#include "subscriptions/resource/event_destination.h"
+#include "subscriptions/resource/member_uri.h"
 
 namespace event_service {
 namespace {

@@ -11,9 +11,9 @@
 #include "foundation/redis_pipeline.h"
 #include "requests/request_body.h"
 #include "resource_store/resource_editor.h"
-#include "subscriptions/event_destination.h"
 #include "subscriptions/member_change.h"
-#include "subscriptions/member_uri.h"
+#include "subscriptions/resource/event_destination.h"
+#include "subscriptions/resource/member_uri.h"
 
 namespace event_service {
 namespace {

@@ -14,8 +14,8 @@
 #include "subscriptions/creation.h"
 #include "subscriptions/deletion.h"
 #include "subscriptions/get_preparation.h"
-#include "subscriptions/member_uri.h"
 #include "subscriptions/patch.h"
+#include "subscriptions/resource/member_uri.h"
 #include "subscriptions/state.h"
 
 namespace event_service {

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "foundation/logging.h"
-#include "subscriptions/event_destination.h"
+#include "subscriptions/resource/event_destination.h"
 
 namespace event_service {
 namespace {
@@ -21,13 +21,6 @@ std::string_view PoppedText(const RedisReply& reply) {
 }
 
 }  // namespace
-
-std::string_view SyslogTransport(const Json& destination) {
-  const std::string_view protocol = TextMember(destination, "Protocol");
-  if (protocol == "SyslogTCP") return "TCP";
-  if (protocol == "SyslogTLS") return "TLS";
-  return {};
-}
 
 std::string SyslogCreateMessage(const Json& destination) {
   Json message = {{"Action", "CREATE"},

@@ -13,9 +13,6 @@ namespace event_service {
 
 inline constexpr std::string_view kSyslogQueue = "&&/redfish/v1/EventDestination/SYSLOG_CREATEQ";
 
-/// "TCP" or "TLS" for a destination whose protocol is SyslogTCP or SyslogTLS; empty for any other.
-std::string_view SyslogTransport(const Json& destination);
-
 /// The order to set up a syslog destination: its Id, transport, address and the first of its filters.
 std::string SyslogCreateMessage(const Json& destination);
 /// The order to take it down.

@@ -5,7 +5,7 @@
 #include "foundation/random.h"
 #include "foundation/time_stamp.h"
 #include "requests/event_submission.h"
-#include "subscriptions/event_destination.h"
+#include "subscriptions/resource/event_destination.h"
 
 namespace event_service {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "requests/event_service_listener.h"
+#include "requests/event_service/event_service_listener.h"
 #include "resource_store/resource_reader.h"
 #include "resource_store/resource_writer.h"
 #include "service/event_group_id.h"

@@ -1,10 +1,10 @@
 /// PATCH of the EventService and the file that keeps what it changed.
-#include "requests/patch_event_service.h"
+#include "requests/event_service/patch_event_service.h"
 
 #include <filesystem>
 
 #include "platform/data_encrypt/data_encrypt.h"
-#include "requests/persistent_properties.h"
+#include "requests/event_service/persistent_properties.h"
 #include "tests/requests/event_service_test.h"
 
 namespace event_service {

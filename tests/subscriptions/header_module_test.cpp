@@ -2,7 +2,7 @@
 /// of headers is judged by the reference model.
 #include <thread>
 
-#include "subscriptions/creation_check.h"
+#include "subscriptions/judgement/creation_check.h"
 #include "tests/subscriptions/subscriptions_fixture.h"
 
 namespace event_service {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "subscriptions/creation_check.h"
+#include "subscriptions/judgement/creation_check.h"
 
 namespace event_service::reference_model {
 

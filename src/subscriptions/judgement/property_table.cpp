@@ -1,11 +1,11 @@
-#include "subscriptions/property_table.h"
+#include "subscriptions/judgement/property_table.h"
 
 #include <algorithm>
 
 #include "service/static_tables.h"
-#include "subscriptions/origin_index.h"
-#include "subscriptions/snmp_keys.h"
-#include "subscriptions/uri_forms.h"
+#include "subscriptions/judgement/snmp_keys.h"
+#include "subscriptions/judgement/uri_forms.h"
+#include "subscriptions/resource/origin_index.h"
 
 namespace event_service {
 namespace {

@@ -1,4 +1,4 @@
-#include "requests/service_properties.h"
+#include "requests/event_service/service_properties.h"
 
 #include <algorithm>
 #include <span>

@@ -1,10 +1,10 @@
-#include "subscriptions/header_validation.h"
+#include "subscriptions/judgement/header_validation.h"
 
 #include <algorithm>
 
 #include "requests/property_faults.h"
-#include "subscriptions/array_patch.h"
-#include "subscriptions/header_validator_module.h"
+#include "subscriptions/judgement/array_patch.h"
+#include "subscriptions/judgement/header_validator_module.h"
 
 namespace event_service {
 namespace {

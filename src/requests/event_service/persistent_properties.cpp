@@ -1,4 +1,4 @@
-#include "requests/persistent_properties.h"
+#include "requests/event_service/persistent_properties.h"
 
 #include <cerrno>
 #include <optional>

@@ -1,4 +1,4 @@
-#include "requests/patch_event_service.h"
+#include "requests/event_service/patch_event_service.h"
 
 #include <optional>
 #include <string>
@@ -9,9 +9,9 @@
 #include "foundation/logging.h"
 #include "foundation/random.h"
 #include "platform/data_encrypt/data_encrypt.h"
-#include "requests/persistent_properties.h"
+#include "requests/event_service/persistent_properties.h"
+#include "requests/event_service/service_properties.h"
 #include "requests/request_body.h"
-#include "requests/service_properties.h"
 #include "service/event_group_id.h"
 #include "service/life_cycle_event.h"
 #include "service/redis_keys.h"

@@ -1,4 +1,4 @@
-#include "requests/submit_test_event.h"
+#include "requests/event_service/submit_test_event.h"
 
 #include <algorithm>
 #include <string_view>
@@ -6,10 +6,10 @@
 #include "foundation/logging.h"
 #include "foundation/random.h"
 #include "foundation/time_stamp.h"
+#include "requests/event_service/time_stamp_form.h"
 #include "requests/event_submission.h"
 #include "requests/property_faults.h"
 #include "requests/request_body.h"
-#include "requests/time_stamp_form.h"
 #include "resource_store/resource_editor.h"
 #include "service/event_group_id.h"
 #include "service/static_tables.h"

@@ -1,4 +1,4 @@
-#include "subscriptions/member_uri.h"
+#include "subscriptions/resource/member_uri.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "subscriptions/creation_rules.h"
+#include "subscriptions/judgement/creation_rules.h"
 
 #include <span>
 #include <string>

@@ -1,4 +1,4 @@
-#include "subscriptions/array_patch.h"
+#include "subscriptions/judgement/array_patch.h"
 
 namespace event_service {
 

@@ -1,4 +1,4 @@
-#include "requests/time_stamp_form.h"
+#include "requests/event_service/time_stamp_form.h"
 
 #include <algorithm>
 #include <chrono>

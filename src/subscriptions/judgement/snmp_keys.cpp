@@ -1,4 +1,4 @@
-#include "subscriptions/snmp_keys.h"
+#include "subscriptions/judgement/snmp_keys.h"
 
 #include <algorithm>
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "foundation/redis_commands.h"
-#include "requests/service_properties.h"
+#include "requests/event_service/service_properties.h"
 #include "service/settings.h"
 
 namespace event_service {

@@ -8,7 +8,7 @@
 
 #include "requests/answer.h"
 #include "resource_store/store_encoding.h"
-#include "subscriptions/property_table.h"
+#include "subscriptions/judgement/property_table.h"
 
 namespace event_service {
 

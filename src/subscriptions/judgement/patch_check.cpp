@@ -1,11 +1,11 @@
-#include "subscriptions/patch_check.h"
+#include "subscriptions/judgement/patch_check.h"
 
 #include <algorithm>
 #include <string>
 #include <string_view>
 
-#include "subscriptions/array_patch.h"
-#include "subscriptions/property_validators.h"
+#include "subscriptions/judgement/array_patch.h"
+#include "subscriptions/judgement/property_judge.h"
 
 namespace event_service {
 namespace {

@@ -1,13 +1,13 @@
-#include "subscriptions/property_validators.h"
+#include "subscriptions/judgement/property_judge.h"
 
 #include <algorithm>
 #include <iterator>
 #include <string_view>
 
 #include "requests/property_faults.h"
-#include "subscriptions/array_patch.h"
-#include "subscriptions/header_validation.h"
-#include "subscriptions/uri_forms.h"
+#include "subscriptions/judgement/array_patch.h"
+#include "subscriptions/judgement/header_validation.h"
+#include "subscriptions/judgement/uri_forms.h"
 
 namespace event_service {
 

@@ -1,4 +1,4 @@
-#include "subscriptions/uri_forms.h"
+#include "subscriptions/judgement/uri_forms.h"
 
 #include <strings.h>
 #include <uriparser/Uri.h>

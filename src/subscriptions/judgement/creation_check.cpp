@@ -1,12 +1,12 @@
-#include "subscriptions/creation_check.h"
+#include "subscriptions/judgement/creation_check.h"
 
 #include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "subscriptions/creation_rules.h"
-#include "subscriptions/property_validators.h"
+#include "subscriptions/judgement/creation_rules.h"
+#include "subscriptions/judgement/property_judge.h"
 
 namespace event_service {
 namespace {

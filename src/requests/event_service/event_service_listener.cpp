@@ -1,12 +1,12 @@
-#include "requests/event_service_listener.h"
+#include "requests/event_service/event_service_listener.h"
 
 #include <cstdio>
 #include <exception>
 #include <utility>
 
+#include "requests/event_service/patch_event_service.h"
+#include "requests/event_service/submit_test_event.h"
 #include "requests/gates.h"
-#include "requests/patch_event_service.h"
-#include "requests/submit_test_event.h"
 #include "service/redis_keys.h"
 
 namespace event_service {

@@ -1,4 +1,4 @@
-#include "subscriptions/filter_mask.h"
+#include "subscriptions/resource/filter_mask.h"
 
 #include <string>
 #include <string_view>

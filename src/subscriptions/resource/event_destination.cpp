@@ -1,4 +1,4 @@
-#include "subscriptions/event_destination.h"
+#include "subscriptions/resource/event_destination.h"
 
 #include <algorithm>
 #include <utility>
@@ -8,8 +8,7 @@
 #include "requests/property_faults.h"
 #include "resource_store/json_text.h"
 #include "service/static_tables.h"
-#include "subscriptions/member_uri.h"
-#include "subscriptions/syslog_exchange.h"
+#include "subscriptions/resource/member_uri.h"
 
 namespace event_service {
 namespace {
@@ -190,6 +189,13 @@ std::string_view TextMember(const Json& object, std::string_view name) {
   const auto member = object.find(name);
   if (member == object.end() || !member->is_string()) return {};
   return member->get_ref<const std::string&>();
+}
+
+std::string_view SyslogTransport(const Json& destination) {
+  const std::string_view protocol = TextMember(destination, "Protocol");
+  if (protocol == "SyslogTCP") return "TCP";
+  if (protocol == "SyslogTLS") return "TLS";
+  return {};
 }
 
 std::string FileText(const Json& destination) {

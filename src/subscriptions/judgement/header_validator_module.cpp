@@ -1,4 +1,4 @@
-#include "subscriptions/header_validator_module.h"
+#include "subscriptions/judgement/header_validator_module.h"
 
 #include <unistd.h>
 #include <lua.hpp>

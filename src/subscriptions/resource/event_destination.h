@@ -61,6 +61,9 @@ std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destinat
 /// The text of a string member; empty for a missing one and for any other type.
 std::string_view TextMember(const Json& object, std::string_view name);
 
+/// "TCP" or "TLS" for a destination whose protocol is SyslogTCP or SyslogTLS; empty for any other.
+std::string_view SyslogTransport(const Json& destination);
+
 /// The text for the database file.
 std::string FileText(const Json& destination);
 

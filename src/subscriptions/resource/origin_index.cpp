@@ -1,8 +1,8 @@
-#include "subscriptions/origin_index.h"
+#include "subscriptions/resource/origin_index.h"
 
 #include <algorithm>
 
-#include "subscriptions/event_destination.h"
+#include "subscriptions/resource/event_destination.h"
 
 namespace event_service {
 namespace {
