@@ -29,10 +29,24 @@ size_t RedisPipeline::Append(std::span<const std::string_view> arguments) {
   return count_++;
 }
 
+void RedisPipeline::Then(std::function<void(Replies)> take) { steps_.push_back({count_, std::move(take)}); }
+
+void RedisPipeline::Ask(std::initializer_list<std::string_view> arguments, std::function<void(RedisReply&)> take) {
+  Append(arguments);
+  Then([take = std::move(take)](Replies replies) { take(replies.back()); });
+}
+
 std::vector<RedisReply> RedisPipeline::Execute() {
+  // Taken first: a step may fill this pipeline anew.
+  const std::vector<Step> steps = std::exchange(steps_, {});
   std::vector<RedisReply> replies;
   replies.reserve(count_);
   Execute([&replies](RedisReply reply) { replies.push_back(std::move(reply)); });
+  size_t begin = 0;
+  for (const Step& step : steps) {
+    step.take(Replies(replies).subspan(begin, step.end - begin));
+    begin = step.end;
+  }
   return replies;
 }
 

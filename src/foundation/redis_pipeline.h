@@ -1,4 +1,13 @@
 /// Several commands in one round trip: what does not depend on an earlier reply travels together.
+///
+/// A step of a batch says in one place what it asks and what becomes of the reply:
+///
+///   RedisPipeline pipeline(redis);
+///   pipeline.Append({"HSET", uri, "Context", text});
+///   pipeline.Append({"HSET", uri, "Name", name});
+///   pipeline.Then([&](Replies replies) { isWritten = AllIntegers(replies); });
+///   pipeline.Ask({"HGET", uri, "@odata.etag"}, [&](RedisReply& reply) { etag = TextOf(reply); });
+///   pipeline.Execute();
 #pragma once
 
 #include <functional>
@@ -11,6 +20,9 @@
 #include "foundation/redis_commands.h"
 
 namespace event_service {
+
+/// The replies of one step. A null one could not be read. A step may move them out.
+using Replies = std::span<RedisReply>;
 
 /// Collects commands and sends them when Execute is called; commands of a pipeline that is never executed are never
 /// sent. Belongs to the thread of its connection, which must outlive it.
@@ -27,12 +39,20 @@ class RedisPipeline {
 
   size_t Size() const { return count_; }
 
-  /// Sends what was appended and reads exactly as many replies, in order; a reply that could not be read is null, and
-  /// so are those after it. The pipeline is empty afterwards. Logs nothing.
+  /// Ends a step: `take` gets the replies to what was appended since the step before it. Execute calls the steps in
+  /// their order once every reply has been read, so that a step may send commands of its own. A step without a command
+  /// is called as well.
+  void Then(std::function<void(Replies)> take);
+
+  /// A step of one command.
+  void Ask(std::initializer_list<std::string_view> arguments, std::function<void(RedisReply&)> take);
+
+  /// Sends what was appended, reads exactly as many replies, in order, and runs the steps; a reply that could not be
+  /// read is null, and so are those after it. The pipeline is empty afterwards. Logs nothing.
   std::vector<RedisReply> Execute();
 
-  /// The same, but hands each reply over as it is read: a large answer is never in memory whole. What `take` throws
-  /// passes through once every reply has been read.
+  /// For a batch without steps: hands each reply over as it is read, so that a large answer is never in memory whole.
+  /// What `take` throws passes through once every reply has been read.
   void Execute(const std::function<void(RedisReply)>& take);
 
  private:
@@ -40,6 +60,12 @@ class RedisPipeline {
   std::string commands_;  // in the wire format, and room for more
   size_t used_ = 0;       // of it
   size_t count_ = 0;
+
+  struct Step {
+    size_t end;  // behind its last command
+    std::function<void(Replies)> take;
+  };
+  std::vector<Step> steps_;
 };
 
 /// True when every reply is an integer, the answer to a write that succeeded.

@@ -57,6 +57,31 @@ TEST_F(RedisCommandsTest, AnEscapedNameMatchesItselfOnly) {
   }
 }
 
+TEST_F(RedisCommandsTest, AStepTakesTheRepliesToItsOwnCommandsAndMaySendOthers) {
+  RedisPipeline pipeline(redis());
+  std::vector<std::string> taken;
+  const auto take = [&taken](Replies replies) {
+    std::string texts;
+    for (const RedisReply& reply : replies) texts += TextOf(reply);
+    taken.push_back(texts);
+  };
+  pipeline.Append({"ECHO", "a"});
+  pipeline.Append({"ECHO", "b"});
+  pipeline.Then(take);
+  pipeline.Then(take);  // a step that found nothing to ask
+  pipeline.Ask({"ECHO", "c"}, [&](RedisReply& reply) {
+    taken.emplace_back(TextOf(reply));
+    pipeline.Append({"ECHO", "e"});
+    pipeline.Then(take);
+    pipeline.Execute();
+  });
+  pipeline.Append({"ECHO", "d"});  // nobody's
+  EXPECT_EQ(pipeline.Execute().size(), 4U);
+  EXPECT_EQ(taken, (std::vector<std::string>{"ab", "", "c", "e"}));
+  EXPECT_TRUE(pipeline.Execute().empty()) << "a step runs once";
+  EXPECT_EQ(taken.size(), 4U);
+}
+
 TEST_F(RedisCommandsTest, APipelineTakesOneRoundTripAndALostConnectionGivesNullRepliesFromThereOn) {
   TripCounter proxy(Server().SocketPath());
   const RedisContext redis = proxy.Connect();
