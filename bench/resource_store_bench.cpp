@@ -1,16 +1,14 @@
 /// What the store adds to the Redis commands it needs: each of its jobs beside the same commands sent raw, in turns, on
 /// one CPU against a server of its own.
-#include <benchmark/benchmark.h>
-#include <sched.h>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "resource_store/resource_reader.h"
 #include "resource_store/resource_writer.h"
 #include "tests/support/redis_server.h"
@@ -97,30 +95,20 @@ void ReadRaw(const std::vector<std::vector<std::string>>& levels) {
   }
 }
 
-double Seconds(const std::function<void()>& job) {
-  const auto start = std::chrono::steady_clock::now();
-  job();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 /// Runs floor and job in turns and reports the least of both, per container, and their ratio: what else runs on the
 /// machine only ever adds.
 void Compare(benchmark::State& state, const std::function<void()>& prepare, const std::function<void()>& floor,
              const std::function<void()>& job) {
-  std::vector<double> floors, jobs;
+  Times floors, jobs;
   for (auto _ : state) {
     prepare();
-    floors.push_back(Seconds(floor));
+    floors.Add(SecondsOf(floor));
     prepare();
-    jobs.push_back(Seconds(job));
-    state.SetIterationTime(jobs.back());
+    const double seconds = SecondsOf(job);
+    jobs.Add(seconds);
+    state.SetIterationTime(seconds);
   }
-  const double containers = static_cast<double>(state.range(0));
-  const double leastFloor = *std::ranges::min_element(floors);
-  const double leastJob = *std::ranges::min_element(jobs);
-  state.counters["floor_us"] = leastFloor * 1e6 / containers;
-  state.counters["store_us"] = leastJob * 1e6 / containers;
-  state.counters["ratio"] = leastJob / leastFloor;
+  ReportRatio(state, floors.Least(), jobs.Least(), static_cast<double>(state.range(0)));
 }
 
 void WriteDocument(benchmark::State& state) {
@@ -159,17 +147,6 @@ void ReadDocument(benchmark::State& state) {
 BENCHMARK(WriteDocument)->Arg(100)->Arg(1000)->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(ReadDocument)->Arg(100)->Arg(1000)->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
-/// Everything on the first CPU that we may use, the server too: across CPUs a round trip is five times as long.
-void StayOnOneCpu() {
-  cpu_set_t cpus;
-  sched_getaffinity(0, sizeof cpus, &cpus);
-  int first = 0;
-  while (first < CPU_SETSIZE - 1 && !CPU_ISSET(first, &cpus)) ++first;
-  CPU_ZERO(&cpus);
-  CPU_SET(first, &cpus);
-  sched_setaffinity(0, sizeof cpus, &cpus);
-}
-
 }  // namespace
 }  // namespace event_service
 
@@ -180,7 +157,6 @@ int main(int argc, char** argv) {
   const RedisServer server(sandbox.RedisSocket());
   const RedisContext redis(redisConnectUnix(server.SocketPath().c_str()));
   theRedis = redis.get();
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
+  RunBenchmarks(argc, argv);
   return 0;
 }

@@ -1,12 +1,9 @@
 /// What a start costs beyond the shell commands and Redis commands that it needs: discovery alone, and the whole start,
 /// each beside the same commands sent raw, in turns, on one CPU against a server of its own.
-#include <benchmark/benchmark.h>
-#include <sched.h>
 #include <stdlib.h>  // NOLINT(modernize-deprecated-headers): setenv
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -17,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "foundation/durable_file.h"
 #include "foundation/shell.h"
 #include "service/discovery.h"
@@ -151,37 +149,28 @@ void RunDiscovery(redisContext* redis) {
   benchmark::DoNotOptimize(allowed);
 }
 
-double Seconds(const std::function<void()>& job) {
-  const auto start = std::chrono::steady_clock::now();
-  job();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double Least(const std::vector<double>& times) { return *std::ranges::min_element(times); }
-
 void Discovery(benchmark::State& state) {
-  std::vector<double> keysAlone, floors, jobs, ids;
+  Times keysAlone, floors, jobs, ids;
   const std::vector<RedisReply> keys = Send(theRedis, {kListMessages});
   for (auto _ : state) {
-    keysAlone.push_back(Seconds([] {
+    keysAlone.Add(SecondsOf([] {
       Send(theRedis, {kListRegistries});
       Send(theRedis, {kListMessages});
     }));
     ForgetDiscoveredLists();
-    floors.push_back(Seconds([] { BareDiscovery(theRedis); }));
+    floors.Add(SecondsOf([] { BareDiscovery(theRedis); }));
     ForgetDiscoveredLists();
-    jobs.push_back(Seconds([] { RunDiscovery(theRedis); }));
-    ids.push_back(Seconds([&] {
+    const double seconds = SecondsOf([] { RunDiscovery(theRedis); });
+    jobs.Add(seconds);
+    ids.Add(SecondsOf([&] {
       AllowedValuesTable allowed;
       InitMessageIds(keys.front().get(), allowed);
     }));
-    state.SetIterationTime(jobs.back());
+    state.SetIterationTime(seconds);
   }
-  state.counters["floor_us"] = Least(floors) * 1e6;
-  state.counters["ours_us"] = Least(jobs) * 1e6;
-  state.counters["ratio"] = Least(jobs) / Least(floors);
-  state.counters["to_keys_alone"] = Least(jobs) / Least(keysAlone);
-  state.counters["us_per_message"] = Least(ids) * 1e6 / (kRegistries * kMessages);
+  ReportRatio(state, floors.Least(), jobs.Least());
+  state.counters["to_keys_alone"] = jobs.Least() / keysAlone.Least();
+  state.counters["us_per_message"] = ids.Least() * 1e6 / (kRegistries * kMessages);
 }
 
 /// The commands of a start with an encrypted file, each alone: the look for a system logger, the lookup of the server,
@@ -229,36 +218,24 @@ void RunStart() {
 }
 
 void WholeStart(benchmark::State& state) {
-  std::vector<double> floors, jobs;
+  Times floors, jobs;
   for (auto _ : state) {
     ForgetDiscoveredLists();
-    floors.push_back(Seconds(BareStart));
+    floors.Add(SecondsOf(BareStart));
     ForgetDiscoveredLists();
     // The lookup is remembered by the path of the server's configuration; a process has to look for it once.
     FilePaths paths = ProcessPaths();
     paths.redisConfiguration.insert(paths.redisConfiguration.rfind('/'), "/.");
     SetProcessPaths(paths);
-    jobs.push_back(Seconds(RunStart));
-    state.SetIterationTime(jobs.back());
+    const double seconds = SecondsOf(RunStart);
+    jobs.Add(seconds);
+    state.SetIterationTime(seconds);
   }
-  state.counters["floor_us"] = Least(floors) * 1e6;
-  state.counters["ours_us"] = Least(jobs) * 1e6;
-  state.counters["ratio"] = Least(jobs) / Least(floors);
+  ReportRatio(state, floors.Least(), jobs.Least());
 }
 
 BENCHMARK(Discovery)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(WholeStart)->UseManualTime()->Unit(benchmark::kMicrosecond)->Iterations(100);
-
-/// Everything on the first CPU that we may use, the server too: across CPUs a round trip is five times as long.
-void StayOnOneCpu() {
-  cpu_set_t cpus;
-  sched_getaffinity(0, sizeof cpus, &cpus);
-  int first = 0;
-  while (first < CPU_SETSIZE - 1 && !CPU_ISSET(first, &cpus)) ++first;
-  CPU_ZERO(&cpus);
-  CPU_SET(first, &cpus);
-  sched_setaffinity(0, sizeof cpus, &cpus);
-}
 
 /// The sandbox of a machine that has started before: an encrypted file with its members.
 void PrepareSandbox(const SandboxRoot& sandbox) {
@@ -299,7 +276,6 @@ int main(int argc, char** argv) {
   PrepareSandbox(sandbox);
   FillRedis();
   RunStart();
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
+  RunBenchmarks(argc, argv);
   return 0;
 }

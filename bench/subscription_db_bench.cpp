@@ -1,16 +1,14 @@
 /// What a change of the database file costs beyond what it cannot do without: its four shell commands with jansson's
 /// load and dump of the document between them, and the flushing of both files. In turns, on one CPU.
-#include <benchmark/benchmark.h>
 #include <jansson.h>
-#include <sched.h>
 
 #include <algorithm>
-#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "foundation/durable_file.h"
 #include "foundation/shell.h"
 #include "subscription_db/db_document.h"
@@ -91,14 +89,6 @@ class Floor {
   std::string plain_, encrypted_, password_;
 };
 
-double Milliseconds(const std::function<void()>& job) {
-  const auto start = std::chrono::steady_clock::now();
-  job();
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-}
-
-double Least(const std::vector<double>& times) { return *std::ranges::min_element(times); }
-
 void Change(benchmark::State& state) {
   const SandboxRoot sandbox;
   const FilePaths& paths = sandbox.Paths();
@@ -109,44 +99,30 @@ void Change(benchmark::State& state) {
   if (!db.EnsureDbPassword() || !db.EncodeDbFile()) throw std::runtime_error("no database file");
   const Floor floor(paths, folder);
 
-  std::vector<double> shell, least, whole;
+  Times shell, least, whole;
   int tag = 0;
   for (auto _ : state) {
-    shell.push_back(Milliseconds([&] { floor.Shell(); }));
-    least.push_back(Milliseconds([&] { floor.Whole(); }));
+    shell.Add(SecondsOf([&] { floor.Shell(); }));
+    least.Add(SecondsOf([&] { floor.Whole(); }));
     const Json changes = {{"Context", "context " + std::to_string(++tag)}};
-    whole.push_back(Milliseconds([&] {
-      if (!db.UpdateDbSubscription(kUris + "10000000", changes, {}, "\"\\\"ABC\\\"\""))
-        throw std::runtime_error("no change");
-    }));
-    state.SetIterationTime(whole.back() / 1e3);
+    const double seconds = SecondsOf(
+        [&] { Check(db.UpdateDbSubscription(kUris + "10000000", changes, {}, "\"\\\"ABC\\\"\""), "no change"); });
+    whole.Add(seconds);
+    state.SetIterationTime(seconds);
   }
   state.counters["plain_bytes"] = static_cast<double>(text.size());
-  state.counters["shell_ms"] = Least(shell);
-  state.counters["floor_ms"] = Least(least);
-  state.counters["change_ms"] = Least(whole);
-  state.counters["ratio"] = Least(whole) / Least(least);
+  state.counters["shell_us"] = shell.Least() * 1e6;
+  ReportRatio(state, least.Least(), whole.Least());
 }
 
 BENCHMARK(Change)->Arg(1)->Arg(20)->Arg(100)->Arg(200)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(60);
-
-/// Across CPUs each process start would be as long as the scheduler makes it.
-void StayOnOneCpu() {
-  cpu_set_t cpus;
-  sched_getaffinity(0, sizeof cpus, &cpus);
-  int first = 0;
-  while (first < CPU_SETSIZE - 1 && !CPU_ISSET(first, &cpus)) ++first;
-  CPU_ZERO(&cpus);
-  CPU_SET(first, &cpus);
-  sched_setaffinity(0, sizeof cpus, &cpus);
-}
 
 }  // namespace
 }  // namespace event_service
 
 int main(int argc, char** argv) {
-  event_service::StayOnOneCpu();
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
+  using namespace event_service;
+  StayOnOneCpu();
+  RunBenchmarks(argc, argv);
   return 0;
 }
