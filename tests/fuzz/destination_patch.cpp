@@ -1,0 +1,64 @@
+// PATCH of a subscription: the body in the first line, the stored resource in the second.
+#include <algorithm>
+
+#include "requests/property_faults.h"
+#include "resource_store/json_text.h"
+#include "subscriptions/judgement/patch_check.h"
+#include "subscriptions/resource/event_destination.h"
+#include "tests/fuzz/secrets.h"
+
+namespace event_service::fuzz {
+namespace {
+
+/// Whether applying the body twice is no other than once: no secret, which always counts as a change, and no element
+/// that says what becomes of the stored one.
+bool CanRepeat(const Json& body) {
+  return std::ranges::all_of(body.items(), [](const auto& item) {
+    const Json& value = item.value();
+    if (item.key() == "HttpHeaders") return false;
+    if (value.is_object())
+      return std::ranges::none_of(value.items(), [](const auto& m) { return IsSnmpSecret(m.key()); });
+    return !value.is_array() || std::ranges::none_of(value, [](const Json& element) {
+      return element.is_null() || (element.is_object() && element.empty());
+    });
+  });
+}
+
+Json Applied(Json stored, const Json& changes) {
+  for (const auto& [name, value] : changes.items()) {
+    if (value.is_object() && stored.contains(name) && stored[name].is_object()) {
+      stored[name].update(value);
+    } else {
+      stored[name] = value;
+    }
+  }
+  return stored;
+}
+
+}  // namespace
+
+void Fuzz(std::string_view input) {
+  Json body = ParseOutsideText(TakeLine(input));
+  const Json stored = ParseOutsideText(TakeLine(input));
+  if (!body.is_object() || !stored.is_object() || !NestsWithin(body, kMaxNesting)) return;
+  RemovePassedOver(body);
+  static const ServiceSettings settings = [] {
+    ServiceSettings made;
+    made.paths.headerValidatorModule = "/nonexistent/module";
+    return made;
+  }();
+  const PatchJudgement marked = JudgePatch(WithMarkedSecrets(body), stored, settings);
+  if (marked.answer) RequireNoSecretIn(marked.answer->messages);
+  RequireNoSecretIn(marked.notUpdatable);
+
+  const PatchJudgement judgement = JudgePatch(body, stored, settings);
+  Require(judgement.answer.has_value() == judgement.changes.empty(), "there is an answer or something to write");
+  for (const auto& change : judgement.changes.items()) {
+    Require(body.contains(change.key()), "nothing changes that the body does not name");
+  }
+  if (judgement.answer || !CanRepeat(body)) return;
+  const PatchJudgement again = JudgePatch(body, Applied(stored, judgement.changes), settings);
+  Require(again.changes.empty(), "the same body changes nothing more");
+}
+
+}  // namespace event_service::fuzz

@@ -1,0 +1,67 @@
+// The forms of single texts: URIs, time stamps, SNMP keys, names.
+#include <algorithm>
+#include <regex>
+
+#include "requests/event_service/time_stamp_form.h"
+#include "service/static_tables.h"
+#include "subscriptions/judgement/header_validation.h"
+#include "subscriptions/judgement/snmp_keys.h"
+#include "subscriptions/judgement/uri_forms.h"
+#include "subscriptions/resource/member_uri.h"
+#include "tests/fuzz/fuzz.h"
+
+namespace event_service::fuzz {
+namespace {
+
+bool IsVisible(std::string_view text) {
+  return std::ranges::all_of(text, [](unsigned char c) { return c > ' ' && c < 0x7f; });
+}
+
+void CheckDestinations(std::string_view text) {
+  for (const std::string_view protocol : kProtocols) {
+    if (!IsDestinationFor(protocol, false, text)) continue;
+    Require(IsVisible(text), "a destination holds neither blanks nor control characters");
+    Require(text.find_first_of("\"<>\\^`{|}") == std::string_view::npos, "nor what no URI may hold");
+  }
+}
+
+void CheckReference(std::string_view text) {
+  if (!IsResourceReference(text)) return;
+  Require(text.starts_with("/redfish/v1/") && IsVisible(text), "a reference is one word below the service root");
+  const std::string_view path = text.substr(0, text.find_first_of("?#"));
+  Require(path.find("/../") == std::string_view::npos && !path.ends_with("/.."), "and does not lead out of it");
+}
+
+void CheckTimeStamp(std::string_view text) {
+  static const std::regex form(
+      "\\d{4}-(0[1-9]|1[0-2])-(0[1-9]|[12]\\d|3[01])T([01]\\d|2[0-3]):[0-5]\\d:([0-5]\\d|60)([.]\\d+)?"
+      "(Z|[-+]([01]\\d|2[0-3]):[0-5]\\d)");
+  if (text.size() > 64) return;  // the library recurses for each character
+  const bool matches = std::regex_match(text.begin(), text.end(), form);
+  Require(!IsTimeStamp(text) || matches, "a time stamp has the form of one");
+  const bool isInEveryMonth = matches && text.substr(8, 2) <= "28";
+  Require(IsTimeStamp(text) || !isInEveryMonth, "and every text of that form is one");
+}
+
+void CheckKey(std::string_view text, bool (*isKey)(std::string_view), const char* hexForm) {
+  if (text.size() > 200) return;
+  const std::string form = "(?!Hex:|Passphrase:)[ -~]+|Passphrase:[ -~]+|Hex:[0-9A-Fa-f]" + std::string(hexForm);
+  static std::map<std::string, std::regex> compiled;
+  const bool matches = std::regex_match(text.begin(), text.end(), compiled.try_emplace(form, form).first->second);
+  Require(isKey(text) == matches, "a key has the form that the standard means");
+}
+
+}  // namespace
+
+void Fuzz(std::string_view input) {
+  CheckDestinations(input);
+  CheckReference(input);
+  CheckTimeStamp(input);
+  CheckKey(input, IsSnmpAuthenticationKey, "{24,96}");
+  CheckKey(input, IsSnmpEncryptionKey, "{16,64}");
+  Require(!IsHeaderName(input) || IsVisible(input), "a header's name is a token");
+  const std::string_view id = MemberIdOf(input);
+  Require(id.empty() || MemberUri(id) == input, "a member's URI is the collection's with its Id");
+}
+
+}  // namespace event_service::fuzz
