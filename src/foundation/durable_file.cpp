@@ -1,97 +1,105 @@
 #include "foundation/durable_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <memory>
+
+#include "foundation/logging.h"
+#include "foundation/open_file.h"
 
 namespace event_service {
 namespace {
 
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (descriptor_ >= 0) close(descriptor_);
-  }
-  bool IsOpen() const { return descriptor_ >= 0; }
-  int Get() const { return descriptor_; }
-
- private:
-  int descriptor_;
-};
-
-bool Sync(const char* path) {
-  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
-  return file.IsOpen() && fsync(file.Get()) == 0;
-}
-
-bool WriteAll(int file, std::string_view content) {
-  while (!content.empty()) {
-    const ssize_t written = write(file, content.data(), content.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    content.remove_prefix(static_cast<size_t>(written));
-  }
-  return true;
-}
-
 bool WriteNewFile(const std::string& path, std::string_view content) {
-  const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (!file.IsOpen()) return false;
-  // A file that an interrupted run left there keeps its mode when it is opened.
-  return fchmod(file.Get(), S_IRUSR | S_IWUSR) == 0 && WriteAll(file.Get(), content) && fsync(file.Get()) == 0;
+  const Descriptor file(CreateFile(path));
+  return file.IsOpen() && WriteAll(file.Get(), content) && fsync(file.Get()) == 0;
 }
 
-}  // namespace
-
-bool SyncFile(const std::string& path) { return Sync(path.c_str()); }
-
-bool SyncFolderOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return Sync(".");
-  return Sync(slash == 0 ? "/" : path.substr(0, slash).c_str());
-}
-
-bool ReplaceFile(const std::string& path, std::string_view content) {
-  // One fixed name: whatever an interrupted run left behind is overwritten by the next.
-  const std::string temporary = path + ".new";
-  if (WriteNewFile(temporary, content) && std::rename(temporary.c_str(), path.c_str()) == 0) return SyncFolderOf(path);
-  unlink(temporary.c_str());
-  return false;
-}
-
-std::optional<std::string> ReadWholeFile(const std::string& path) {
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.IsOpen()) return std::nullopt;
+/// Up to `limit` bytes of a file, of which about `expected` are there; nothing, with errno, when it cannot be read.
+std::optional<std::string> ReadUpTo(int file, size_t limit, size_t expected) {
   std::string content;
-  struct stat status;
-  if (fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode)) content.reserve(static_cast<size_t>(status.st_size));
+  content.reserve(expected);
   char part[16 * 1024];
-  for (;;) {
-    const ssize_t count = read(file.Get(), part, sizeof part);
-    if (count == 0) return content;
+  while (content.size() < limit) {
+    const ssize_t count = read(file, part, std::min(sizeof part, limit - content.size()));
+    if (count == 0) break;
     if (count > 0) {
       content.append(part, static_cast<size_t>(count));
     } else if (errno != EINTR) {
       return std::nullopt;
     }
   }
+  return content;
 }
 
-std::string FirstLineOf(const std::string& path) {
-  struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-  };
-  // Closed on exec: a child that another thread starts meanwhile must not inherit a password file.
-  const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
-  std::string line;
-  for (int c; file && (c = std::fgetc(file.get())) != EOF && c != '\n';) line += static_cast<char>(c);
+std::optional<std::string> ReadWhole(const Descriptor& file) {
+  struct stat status;
+  if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return std::nullopt;
+  if (status.st_size <= off_t{kLargestFile}) {
+    return ReadUpTo(file.Get(), kLargestFile, static_cast<size_t>(status.st_size));
+  }
+  errno = EFBIG;
+  return std::nullopt;
+}
+
+}  // namespace
+
+bool SyncFile(const std::string& path) {
+  const Descriptor file(OpenToRead(path));
+  return file.IsOpen() && fsync(file.Get()) == 0;
+}
+
+std::string FolderOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool SyncFolderOf(const std::string& path) {
+  const Descriptor folder(open(FolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return folder.IsOpen() && fsync(folder.Get()) == 0;
+}
+
+bool ReplaceFile(const std::string& path, std::string_view content) {
+  // One fixed name: whatever an interrupted run left behind goes with the next.
+  const std::string temporary = path + ".new";
+  if (WriteNewFile(temporary, content) && std::rename(temporary.c_str(), path.c_str()) == 0) return SyncFolderOf(path);
+  unlink(temporary.c_str());
+  return false;
+}
+
+std::optional<std::string> ReadWholeFile(const std::string& path) { return ReadWhole(Descriptor(OpenToRead(path))); }
+
+std::optional<std::string> ReadOwnFile(const std::string& path) {
+  if (!DropForeignFile(path)) return std::nullopt;
+  return ReadWhole(Descriptor(OpenOwnFile(path, O_RDONLY)));
+}
+
+bool DropForeignFile(const std::string& path, nlink_t names) {
+  const Foreign foreign = RemoveForeignFile(path, names);
+  if (foreign == Foreign::kRemoved) {
+    LogError("The file %s was not made by this service and has been removed.", path.c_str());
+  } else if (foreign == Foreign::kStays) {
+    LogError("Failed to remove the file %s.", path.c_str());
+  }
+  return foreign != Foreign::kStays;
+}
+
+std::optional<std::string> ReadFirstLine(const std::string& path) {
+  const Descriptor file(OpenToRead(path));
+  if (!file.IsOpen()) return std::nullopt;
+  std::optional<std::string> line = ReadUpTo(file.Get(), kLongestLine + 1, 0);
+  if (!line) return std::nullopt;
+  const size_t end = line->find('\n');
+  if (end == std::string::npos && line->size() > kLongestLine) {
+    errno = EMSGSIZE;
+    return std::nullopt;
+  }
+  line->resize(std::min(end, line->size()));
+  line->resize(std::min(line->find('\0'), line->size()));
   return line;
 }
 

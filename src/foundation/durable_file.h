@@ -1,14 +1,25 @@
 /// Files read whole, and files that survive the loss of power.
 #pragma once
 
+#include <sys/stat.h>
+
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace event_service {
 
+/// The largest file that is read: several times what the limits of the service let any of its files become.
+inline constexpr size_t kLargestFile = size_t{64} * 1024 * 1024;
+/// The longest first line that is read: the cipher tool takes no longer pass phrase, and cuts one silently.
+inline constexpr size_t kLongestLine = 1022;
+
 /// Flushes a file's content to the disk. False when it cannot be opened or flushed. Logs nothing.
 [[nodiscard]] bool SyncFile(const std::string& path);
+
+/// The folder that holds `path`.
+std::string FolderOf(const std::string& path);
 
 /// Flushes the entries of the folder that holds `path`: what was created, renamed or removed there. Logs nothing.
 [[nodiscard]] bool SyncFolderOf(const std::string& path);
@@ -18,11 +29,22 @@ namespace event_service {
 /// flushed. One caller at a time for each path. Logs nothing.
 [[nodiscard]] bool ReplaceFile(const std::string& path, std::string_view content);
 
-/// The content of a file; nothing when it cannot be opened or read to its end, as a folder cannot: errno tells why.
-/// Logs nothing.
+/// The content of a regular file; nothing when it cannot be read to its end or is larger than kLargestFile: errno tells
+/// why. Logs nothing.
 std::optional<std::string> ReadWholeFile(const std::string& path);
 
-/// The first line of a file without its line end; empty when the file cannot be read or is empty. Logs nothing.
-std::string FirstLineOf(const std::string& path);
+/// The same for a file that only this service makes. What else has the name is removed first (DropForeignFile).
+std::optional<std::string> ReadOwnFile(const std::string& path);
+
+/// Removes what has this name unless it is a file of this service's own, with at most `names` names, and says so in the
+/// log. False, after a logged line, when it stays: a folder or a device.
+[[nodiscard]] bool DropForeignFile(const std::string& path, nlink_t names = 1);
+
+/// The first line of a file without its line end, up to its first NUL; empty for an empty file. Nothing when it cannot
+/// be read or is longer than kLongestLine: errno tells why. Logs nothing.
+std::optional<std::string> ReadFirstLine(const std::string& path);
+
+/// The same; empty also when it cannot be read.
+inline std::string FirstLineOf(const std::string& path) { return ReadFirstLine(path).value_or(""); }
 
 }  // namespace event_service

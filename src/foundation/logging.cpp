@@ -14,6 +14,7 @@
 #include <optional>
 #include <system_error>
 
+#include "foundation/open_file.h"
 #include "foundation/shell.h"
 #include "foundation/text_numbers.h"
 #include "platform/conf_parser/conf_parser.h"
@@ -54,11 +55,8 @@ void Rotate(const std::string& path, int32_t limit, time_t now) {
 
 /// One write to a file opened for appending: lines of different threads never mix.
 bool AppendToFile(const std::string& path, const std::string& line) {
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-  if (file < 0) return false;
-  const bool complete = write(file, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-  close(file);
-  return complete;
+  const Descriptor file(OpenOwnFile(path, O_WRONLY | O_CREAT | O_APPEND));
+  return file.IsOpen() && write(file.Get(), line.data(), line.size()) == static_cast<ssize_t>(line.size());
 }
 
 void WriteToStandardError(const std::string& line) { std::fwrite(line.data(), 1, line.size(), stderr); }
@@ -103,13 +101,10 @@ void Logger::Initialise(const std::string& configurationFile) {
     return;
   }
   if (!backup.empty()) std::rename(path_.c_str(), backup.c_str());
-  const int file = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (file < 0) {
-    std::fprintf(stderr, "Failed to create the log filename - %s Messages will be written to stderr.\n", path_.c_str());
-    return;
-  }
-  close(file);
-  enabled_ = true;
+  const Descriptor file(OpenOwnFile(path_, O_WRONLY | O_CREAT));
+  enabled_ = file.IsOpen() && ftruncate(file.Get(), 0) == 0;
+  if (enabled_) return;
+  std::fprintf(stderr, "Failed to create the log filename - %s Messages will be written to stderr.\n", path_.c_str());
 }
 
 void Logger::WriteLine(const char* tag, const std::string& message) const {

@@ -8,19 +8,18 @@
 #include <cstdio>
 
 #include "foundation/logging.h"
+#include "foundation/open_file.h"
 
 namespace event_service {
 
 uint32_t RandomNumber(const char* device) {
-  const int file = open(device, O_RDONLY | O_CLOEXEC);
-  if (file < 0) {
+  const Descriptor file(open(device, O_RDONLY | O_CLOEXEC));
+  if (!file.IsOpen()) {
     LogError("Failed to read /dev/urandom.");
     return 0;
   }
   uint32_t number = 0;
-  const bool complete = read(file, &number, sizeof number) == static_cast<ssize_t>(sizeof number);
-  close(file);
-  if (complete) return number;
+  if (read(file.Get(), &number, sizeof number) == static_cast<ssize_t>(sizeof number)) return number;
   LogError("Failed to generate random number.");
   return 0;
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,11 +14,15 @@
 #include <string_view>
 
 #include "foundation/file_paths.h"
+#include "foundation/open_file.h"
 #include "foundation/redis_commands.h"
 #include "foundation/text_numbers.h"
 
 namespace {
 
+using event_service::CanBlock;
+using event_service::Descriptor;
+using event_service::OpenToRead;
 using event_service::ParseInteger;
 using event_service::ProcessPaths;
 using event_service::RedisContext;
@@ -26,9 +31,6 @@ using event_service::RedisReply;
 constexpr size_t kTextSize = sizeof(RedisConnectionInfo::socketPath);
 constexpr int32_t kStandardPort = 6379;
 
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
 struct PipeCloser {
   void operator()(FILE* pipe) const { pclose(pipe); }
 };
@@ -50,8 +52,9 @@ ConnectionInfo NewConnectionInfo() {
   return ConnectionInfo(static_cast<RedisConnectionInfo*>(std::calloc(1, sizeof(RedisConnectionInfo))));
 }
 
-/// Where the server keeps its socket and the setting files; false when the shell cannot be started.
+/// Where the server keeps its socket and the setting files; false when the shell cannot be started, or would wait.
 bool FindRunTimeDirectory(char (&directory)[kTextSize]) {
+  if (CanBlock(ProcessPaths().redisConfiguration)) return false;
   const std::string command = "dirname $(grep -m 1 '^unixsocket ' " + ProcessPaths().redisConfiguration +
                               " |                 awk '{print $2}') | tr -d '\\n'";
   const std::unique_ptr<FILE, PipeCloser> output(popen(command.c_str(), "re"));
@@ -100,13 +103,14 @@ void CloseOnExec(const redisContext* context) { fcntl(context->fd, F_SETFD, FD_C
 char* getRedisConfiguration(const char* key, const char* directory) {
   if (key == nullptr || directory == nullptr || std::strlen(key) + std::strlen(directory) >= kTextSize) return nullptr;
   const std::string path = std::string(directory) + "/redis." + key;
-  const std::unique_ptr<FILE, FileCloser> file(fopen(path.c_str(), "re"));
-  if (!file) {
+  const Descriptor file(OpenToRead(path));
+  if (!file.IsOpen()) {
     perror("fopen");
     return nullptr;
   }
   CText line(static_cast<char*>(std::calloc(kTextSize, 1)));
-  if (!line || fgets(line.get(), kTextSize, file.get()) == nullptr) return nullptr;
+  if (!line || read(file.Get(), line.get(), kTextSize - 1) <= 0) return nullptr;
+  if (char* end = std::strchr(line.get(), '\n')) std::memset(end + 1, 0, std::strlen(end + 1));
   return line.release();
 }
 

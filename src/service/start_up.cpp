@@ -2,16 +2,13 @@
 
 #include <malloc.h>
 
-#include <cstdio>
 #include <exception>
-#include <memory>
 #include <regex>
 #include <stdexcept>
 #include <typeinfo>
 #include <utility>
 
 #include "foundation/logging.h"
-#include "foundation/shell.h"
 #include "platform/conf_parser/conf_parser.h"
 #include "service/event_group_id.h"
 #include "service/event_service_init.h"
@@ -41,17 +38,6 @@ class ProcessLog {
   void Close() { SetLogger(nullptr); }
 };
 
-/// Where there is no database file, the default data becomes the plain one, from which the first is made.
-bool ProvideDatabaseFile(const FilePaths& paths) {
-  struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-  };
-  if (std::unique_ptr<std::FILE, FileCloser>(std::fopen(paths.databaseFile.c_str(), "re"))) return true;
-  if (RunShell("cp " + paths.defaultDatabaseFile + " " + paths.plainDatabaseFile) == 0) return true;
-  LogError("Failed to initialize db file by copying static data file.");
-  return false;
-}
-
 /// Queues, service and persistent properties. False when one of the first two failed.
 bool Initialise(const StartUpSteps& steps, redisContext* redis, ServiceSettings& settings, SubscriptionsState& state) {
   settings.protocolOnly = getConfigValue(settings.paths.configuration, "SupportRedfishProtocolOnly", 128) == "true";
@@ -74,7 +60,7 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
   ForgetLifeCycleSetting();
 
   ProcessLog log(settings.paths.configuration);
-  if (!state.db.PutBackFiles() || !ProvideDatabaseFile(settings.paths)) return kFailed;
+  if (!state.db.PrepareFiles()) return kFailed;
 
   RedisContext redis(redisConnectContext());
   if (!redis) {

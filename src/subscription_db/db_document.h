@@ -12,6 +12,9 @@ namespace event_service {
 
 inline constexpr std::string_view kDbCollection = "/redfish/v1/EventService/Subscriptions";
 
+/// Lets the thread sleep, or what a test has put in the place of that.
+void Sleep(const DbEnvironment& environment, std::chrono::microseconds time);
+
 /// The object in a plain file; null when the file cannot be read or holds anything else. Logs nothing.
 DbValue ReadDbDocument(const std::string& path);
 

@@ -19,6 +19,7 @@ namespace event_service {
 namespace {
 
 constexpr const char* kCipherOptions = "";  // further options of the cipher tool
+constexpr size_t kCipherOverhead = 32;      // bytes by which an encrypted file may be longer
 constexpr int kDecodeRuns = 3;
 constexpr std::chrono::microseconds kDecodeInterval{1'000'000};
 
@@ -77,6 +78,10 @@ bool IsShallow(std::string_view text) {
   return levels <= kMaxLevels;
 }
 
+}  // namespace
+
+void DbValueDeleter::operator()(json_t* value) const { json_decref(value); }
+
 void Sleep(const DbEnvironment& environment, std::chrono::microseconds time) {
   if (environment.sleep) {
     environment.sleep(time);
@@ -85,13 +90,12 @@ void Sleep(const DbEnvironment& environment, std::chrono::microseconds time) {
   }
 }
 
-}  // namespace
-
-void DbValueDeleter::operator()(json_t* value) const { json_decref(value); }
-
 DbValue ReadDbDocument(const std::string& path) {
-  const std::optional<std::string> text = ReadWholeFile(path);
-  DbValue root(text && IsShallow(*text) ? json_loadb(text->data(), text->size(), 0, nullptr) : nullptr);
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // of an editor
+  const std::optional<std::string> file = ReadWholeFile(path);
+  std::string_view text = file ? std::string_view(*file) : std::string_view();
+  if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
+  DbValue root(IsShallow(text) ? json_loadb(text.data(), text.size(), 0, nullptr) : nullptr);
   if (!json_is_object(root.get())) root.reset();
   return root;
 }
@@ -129,7 +133,7 @@ bool SubscriptionDb::EncryptPlainFile() {
   // The database file is written over in place; until that is done and on the disk, the plain file has to be there.
   if (!SyncFile(plainFile) || !SyncFolderOf(plainFile)) return false;
   KeepPasswordFile();
-  if (!MakePrivateFile(databaseFile, false)) return false;
+  if (!MakeWritable(databaseFile)) return false;
   const int status = RunCipher(environment_.paths.openssl + " enc -aes-256-cbc " + kCipherOptions + " -in " +
                                    plainFile + " -out " + databaseFile,
                                " && chmod 600 " + databaseFile);
@@ -146,8 +150,11 @@ bool SubscriptionDb::DecodeDbFile(bool retry) {
       tool + " enc -d -aes-256-cbc " + kCipherOptions + " -in " + databaseFile + " -out " + plainFile;
   const std::string commandEnd = " && chmod 600 " + plainFile;
 
-  for (int runsLeft = retry ? kDecodeRuns : 1;;) {
-    if (MakePrivateFile(plainFile, true) && RunCipher(commandStart, commandEnd) == 0) return true;
+  // A file that is larger than any of ours would only fill the disk.
+  const bool isOfOurs = FileSize(databaseFile) <= kLargestFile;
+
+  for (int runsLeft = retry && isOfOurs ? kDecodeRuns : 1;;) {
+    if (isOfOurs && MakeEmptyFile(plainFile) && RunCipher(commandStart, commandEnd) == 0) return true;
     if (--runsLeft == 0) break;
     Sleep(environment_, kDecodeInterval);
     LogDebug("Retry to decode the DB file.");
@@ -172,7 +179,8 @@ DbValue SubscriptionDb::LoadDb() {
 bool SubscriptionDb::DumpDbFile(const json_t* root) {
   const std::string& plainFile = environment_.paths.plainDatabaseFile;
   const std::unique_ptr<char, Freer> text(json_dumps(root, 0));
-  const bool dumped = text && WritePrivateFile(plainFile, text.get());
+  const std::string_view content = text ? text.get() : "";
+  const bool dumped = text && content.size() <= kLargestFile - kCipherOverhead && WritePrivateFile(plainFile, content);
   if (dumped && EncodeDbFile()) return true;
   if (!dumped) unlink(plainFile.c_str());  // half a document: the database file is the whole one
   LogError("Failed to dump db file.");

@@ -1,7 +1,6 @@
 // The password of the database file: read once, generated when there is none, never logged.
 #include <cerrno>
-#include <cstdio>
-#include <memory>
+#include <optional>
 #include <system_error>
 
 #include "foundation/durable_file.h"
@@ -15,40 +14,27 @@ namespace {
 
 constexpr std::string_view kAlphabet = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 constexpr size_t kPasswordLength = 16;
-// The cipher tool reads no longer pass phrase from a descriptor, and cuts one silently.
-constexpr size_t kLongestPassword = 1022;
 
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-/// The first line of the file without its line end, or the error number of what stood in the way.
-int ReadFirstLine(const std::string& path, std::string& result) {
-  const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
-  if (!file) return errno;
-  char line[kLongestPassword + 2];  // line end and NUL
-  if (std::fgets(line, sizeof line, file.get()) == nullptr) {
-    if (std::ferror(file.get())) return errno;
-    line[0] = '\0';
-  }
-  std::string_view text = line;
-  if (text.ends_with('\n')) {
-    text.remove_suffix(1);
-  } else if (text.size() > kLongestPassword) {
-    return EMSGSIZE;
-  }
-  result = text;
-  return 0;
-}
+std::string ReasonOf(int error) { return std::generic_category().message(error); }
 
 }  // namespace
 
+bool SubscriptionDb::SecurePasswordFile() {
+  if (MakePrivate(environment_.paths.passwordFile) || errno == ENOENT) return true;
+  // It is neither read nor written over, whatever it is.
+  LogError("Failed to read password: %s.", ReasonOf(errno).c_str());
+  LogError("Failed to generate encrypt/decrypt password.");
+  return false;
+}
+
 bool SubscriptionDb::ReadDbPassword() {
   if (!password_.empty()) return true;
-  const int error = ReadFirstLine(environment_.paths.passwordFile, password_);
-  // A start asks twice.
-  if (error != 0 && error != passwordError_) {
-    LogError("Failed to read password: %s.", std::generic_category().message(error).c_str());
+  const std::optional<std::string> line = ReadFirstLine(environment_.paths.passwordFile);
+  const int error = line ? 0 : errno;
+  if (line) password_ = *line;
+  // A start asks twice, and the first one of all has no such file.
+  if (error != 0 && error != ENOENT && error != passwordError_) {
+    LogError("Failed to read password: %s.", ReasonOf(error).c_str());
   }
   passwordError_ = error;
   return error == 0;
@@ -82,8 +68,7 @@ bool SubscriptionDb::GeneratePassword() {
 void SubscriptionDb::KeepPasswordFile() const {
   // Whatever is encrypted with a password that stands in no file is lost with this process.
   const std::string& path = environment_.paths.passwordFile;
-  std::string stored;
-  if (ReadFirstLine(path, stored) == 0 && stored == password_) return;
+  if (ReadFirstLine(path) == password_) return;
   if (ReplaceFile(path, password_)) {
     LogError("The password file was missing or changed and has been written again.");
   } else {

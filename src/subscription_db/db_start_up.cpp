@@ -1,11 +1,8 @@
 // What start-up does with the files: it takes the first of plain file, database file and default data that loads.
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <filesystem>
-#include <system_error>
+#include <algorithm>
+#include <array>
 
 #include "foundation/durable_file.h"
 #include "foundation/logging.h"
@@ -16,64 +13,38 @@
 namespace event_service {
 namespace {
 
-/// The second name of an unencrypted database file while it is moved and encrypted.
-std::string LegacyName(const FilePaths& paths) { return paths.databaseFile + ".legacy"; }
+constexpr int kRestoreRuns = 3;
+constexpr std::chrono::microseconds kRestoreInterval{1'000'000};
+constexpr const char* kEmptyCollection = R"({"Members": [], "@odata.etag": ""})";
+
+/// True for a status of the resource loader that says nothing about the file.
+bool IsNotTheFile(int status) {
+  constexpr std::array kOthers = {-1, 75, 126, 127};  // a signal, Redis, a program that cannot be run
+  const bool isSignal = status > 128 && status <= 128 + 64;
+  return isSignal || std::ranges::find(kOthers, status) != kOthers.end();
+}
 
 }  // namespace
-
-bool SubscriptionDb::PutBackFiles() {
-  const std::string& databaseFile = environment_.paths.databaseFile;
-  const std::string& plainFile = environment_.paths.plainDatabaseFile;
-  const bool isUndone = FileIsThere(AsideName(databaseFile)) || FileIsThere(AsideName(plainFile));
-  if (isUndone) {
-    // While anything is aside, the plain file holds default data or the database file's, which is whole. It has to be
-    // gone first: a start would take it before the database file.
-    const bool done = (unlink(plainFile.c_str()) == 0 || errno == ENOENT) && SyncFolderOf(plainFile) &&
-                      PutBack(databaseFile) && PutBack(plainFile) && SyncFolderOf(plainFile);
-    if (!done) {
-      LogError("The files that a start without success has set aside cannot be put back.");
-      return false;
-    }
-    LogError("A start did not come to its end: the files that it set aside are put back.");
-  }
-  return PutBackLegacyFile();
-}
-
-bool SubscriptionDb::PutBackLegacyFile() const {
-  const std::string& databaseFile = environment_.paths.databaseFile;
-  const std::string legacyFile = LegacyName(environment_.paths);
-  if (!FileIsThere(legacyFile) || FileIsFilled(databaseFile)) return true;
-  // Once moved, the same file is the plain file, which goes first; an empty database file keeps default data from being
-  // copied over it. Were it put back, the plain file would be encrypted over itself.
-  const bool moved = IsSameFile(environment_.paths.plainDatabaseFile, legacyFile);
-  const bool putBack =
-      moved ? MakePrivateFile(databaseFile, false) : std::rename(legacyFile.c_str(), databaseFile.c_str()) == 0;
-  if (putBack && SyncFolderOf(databaseFile)) return true;
-  LogError("Failed to put the file %s back as the subscription DB file.", legacyFile.c_str());
-  return false;
-}
 
 bool SubscriptionDb::InitSubscriptionDb() {
   const FilePaths& paths = environment_.paths;
   LogDebug("The subscription DB file path is %s.", paths.databaseFile.c_str());
   LogDebug("The subscription plain DB file path is %s.", paths.plainDatabaseFile.c_str());
   LogDebug("The subscription password file path is %s.", paths.passwordFile.c_str());
+  if (!SecurePasswordFile() || !DropForeignName(paths.plainDatabaseFile)) return false;
 
   const std::string plainAside = AsideName(paths.plainDatabaseFile);
   if (CheckDbFile(paths.plainDatabaseFile) == DbFileState::kFilled) {
-    chmod(paths.plainDatabaseFile.c_str(), S_IRUSR | S_IWUSR);
-    if (RestoreDbToRedis(paths.plainDatabaseFile)) return FinishStart();
+    [[maybe_unused]] const bool isPrivate = MakePrivate(paths.plainDatabaseFile);
+    const Restored restored = RestoreDbToRedis(paths.plainDatabaseFile);
+    if (restored == Restored::kYes) return FinishStart();
     // Out of the way of the decryption: it may be a whole document that the loader could not load today.
-    if (!SetAside(paths.plainDatabaseFile, plainAside)) return false;
+    if (restored == Restored::kNotNow || !SetAside(paths.plainDatabaseFile, plainAside)) return false;
   }
 
-  databaseFileLoaded_ = false;
-  if (CheckDbFile(paths.databaseFile) == DbFileState::kFilled) {
-    const bool isEncrypted = ReadDbPassword() && !password_.empty() && !IsLegacyFile();
-    if (!isEncrypted && !NameLegacyFile()) return false;
-    databaseFileLoaded_ =
-        (isEncrypted ? DecodeDbFile(true) : MoveLegacyFile()) && RestoreDbToRedis(paths.plainDatabaseFile);
-  }
+  const Restored restored = LoadDatabaseFile();
+  if (restored == Restored::kNotNow) return false;
+  databaseFileLoaded_ = restored == Restored::kYes;
   if (!databaseFileLoaded_) return FallBackToDefaultData() && FinishStart();
   if (!ReadDbDocument(plainAside)) unlink(plainAside.c_str());  // what a dump or decryption left that was cut short
   if (FileIsThere(plainAside)) {
@@ -85,29 +56,20 @@ bool SubscriptionDb::InitSubscriptionDb() {
   return FinishStart();
 }
 
-bool SubscriptionDb::SettleStart() {
+SubscriptionDb::Restored SubscriptionDb::LoadDatabaseFile() {
   const FilePaths& paths = environment_.paths;
-  const std::string plainAside = AsideName(paths.plainDatabaseFile);
-  const std::string databaseAside = AsideName(paths.databaseFile);
-  const std::string legacyFile = LegacyName(paths);
-  if (FileIsThere(plainAside) && !KeepAside(paths.plainDatabaseFile, plainAside)) return false;
-  if (FileIsThere(databaseAside) && databaseFileLoaded_) {
-    if (unlink(databaseAside.c_str()) != 0 || !SyncFolderOf(databaseAside)) {
-      LogError("Failed to remove the file %s.", databaseAside.c_str());
-      return false;
-    }
-  } else if (FileIsThere(databaseAside)) {
-    // An unencrypted one was found unreadable as the plain file.
-    const bool wasMoved = IsSameFile(databaseAside, legacyFile);
-    if (!KeepAside(wasMoved ? paths.plainDatabaseFile : paths.databaseFile, databaseAside)) return false;
-  }
-  unlink(legacyFile.c_str());
-  return true;
+  if (CheckDbFile(paths.databaseFile) != DbFileState::kFilled) return Restored::kRefused;
+  const bool isEncrypted = ReadDbPassword() && !password_.empty() && !IsLegacyFile();
+  if (!isEncrypted && !NameLegacyFile()) return Restored::kNotNow;
+  plainFileIsDerived_ = true;
+  const bool isPlain = isEncrypted ? DecodeDbFile(true) : MoveLegacyFile();
+  return isPlain ? RestoreDbToRedis(paths.plainDatabaseFile) : Restored::kRefused;
 }
 
 bool SubscriptionDb::FinishStart() {
-  GatherRestoredUris();
-  return EnsureDbPassword() && EncodeDbFile();
+  if (!EnsureDbPassword()) return false;
+  plainFileIsDerived_ = false;  // from here on the database file may be a part
+  return EncodeDbFile();
 }
 
 bool SubscriptionDb::IsLegacyFile() const {
@@ -119,7 +81,6 @@ bool SubscriptionDb::IsLegacyFile() const {
 bool SubscriptionDb::NameLegacyFile() {
   const std::string& databaseFile = environment_.paths.databaseFile;
   const std::string legacyFile = LegacyName(environment_.paths);
-  chmod(databaseFile.c_str(), S_IRUSR | S_IWUSR);
   if (IsSameFile(databaseFile, legacyFile)) return true;
   if (FileIsThere(legacyFile) && !KeepAside(legacyFile, legacyFile)) return false;
   if (link(databaseFile.c_str(), legacyFile.c_str()) == 0 && SyncFolderOf(databaseFile)) return true;
@@ -145,44 +106,54 @@ bool SubscriptionDb::FallBackToDefaultData() {
   } else if (FileIsFilled(plainFile)) {
     if (!SetAside(plainFile, databaseAside)) return false;  // the database file was moved here
   }
-  const bool copied = MakePrivateFile(plainFile, true) &&
-                      environment_.runShell("cp " + environment_.paths.defaultDatabaseFile + " " + plainFile) == 0;
-  if (!copied) {
+  plainFileIsDerived_ = true;
+  if (!CopyDefaultData()) {
     unlink(plainFile.c_str());  // half a copy must not become the database file
     LogError("Cannot initialize db file due to the failure of copying static data.");
-  } else if (!RestoreDbToRedis(plainFile)) {
-    LogError("Failed to parse default DB file to redis.");
+    return true;
   }
-  return true;
+  const Restored restored = RestoreDbToRedis(plainFile);
+  if (restored == Restored::kNotNow) return false;
+  if (restored == Restored::kRefused) LogError("Failed to parse default DB file to redis.");
+  // Of what is no collection no change could be kept.
+  const bool isUsable = TakeUris(plainFile) || WritePrivateFile(plainFile, kEmptyCollection);
+  if (!isUsable) LogError("The file %s cannot be written; the start is given up.", plainFile.c_str());
+  return isUsable;
 }
 
 bool SubscriptionDb::CanWritePlainFile() const {
   // On a full disk a decryption fails just as with a damaged file, which says nothing about the file.
   const std::string& plainFile = environment_.paths.plainDatabaseFile;
-  std::error_code error;
-  const auto size = std::filesystem::file_size(environment_.paths.databaseFile, error);
-  const bool written = !error && WritePrivateFile(plainFile, std::string(size, ' ')) && SyncFile(plainFile);
+  const uint64_t size = FileSize(environment_.paths.databaseFile);
+  const bool written = size > kLargestFile || (WriteBlanks(plainFile, size) && SyncFile(plainFile));
   unlink(plainFile.c_str());
   if (!written) LogError("The file %s cannot be written; the start is given up.", plainFile.c_str());
   return written;
 }
 
-bool SubscriptionDb::RestoreDbToRedis(const std::string& plainFile) {
+SubscriptionDb::Restored SubscriptionDb::RestoreDbToRedis(const std::string& plainFile) {
   const std::string command =
       environment_.paths.resourceLoader + " UPDATE " + plainFile + " " + std::string(kDbCollection);
-  if (environment_.runShell(command) == 0) return true;
+  int status = environment_.runShell(command);
+  for (int runs = 1; runs < kRestoreRuns && IsNotTheFile(status); ++runs) {
+    Sleep(environment_, kRestoreInterval);
+    LogDebug("Retry to restore subscriptions by db file.");
+    status = environment_.runShell(command);
+  }
+  if (status == 0 && TakeUris(plainFile)) return Restored::kYes;
   LogError("Failed to restore subscriptions by db file.");
-  return false;
+  return IsNotTheFile(status) ? Restored::kNotNow : Restored::kRefused;
 }
 
-void SubscriptionDb::GatherRestoredUris() {
+bool SubscriptionDb::TakeUris(const std::string& plainFile) {
   restoredUris_.clear();
-  const DbValue root = ReadDbDocument(environment_.paths.plainDatabaseFile);
+  const DbValue root = ReadDbDocument(plainFile);
   const json_t* members = json_object_get(root.get(), "Members");
   for (size_t i = 0; i < json_array_size(members); ++i) {
     const char* uri = UriOfMember(json_array_get(members, i));
     if (uri != nullptr) restoredUris_.emplace_back(uri);
   }
+  return json_is_array(members);
 }
 
 }  // namespace event_service

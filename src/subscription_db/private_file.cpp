@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cinttypes>
@@ -12,30 +13,10 @@
 
 #include "foundation/durable_file.h"
 #include "foundation/logging.h"
+#include "foundation/open_file.h"
 
 namespace event_service {
 namespace {
-
-constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
-
-/// A descriptor of a file of mode 600, or -1.
-int OpenPrivateFile(const std::string& path, int truncate) {
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | truncate, kOwnerOnly);
-  // One that was there before keeps its mode when it is opened.
-  if (file < 0 || fchmod(file, kOwnerOnly) == 0) return file;
-  close(file);
-  return -1;
-}
-
-bool WriteAll(int file, std::string_view content) {
-  while (!content.empty()) {
-    const ssize_t written = write(file, content.data(), content.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    content.remove_prefix(static_cast<size_t>(written));
-  }
-  return true;
-}
 
 int64_t EpochSeconds() {
   return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -50,17 +31,38 @@ std::string NameOfOlder(const std::string& path) {
 
 }  // namespace
 
-bool MakePrivateFile(const std::string& path, bool truncate) {
-  const int file = OpenPrivateFile(path, truncate ? O_TRUNC : 0);
-  if (file >= 0) close(file);
-  return file >= 0;
+bool MakePrivate(const std::string& path) {
+  // A descriptor that needs no right to read, and that no FIFO keeps waiting.
+  const Descriptor file(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status;
+  if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return false;
+  errno = WhyNotRegular(status.st_mode);
+  if (errno != 0) return false;
+  if (status.st_uid != geteuid() && fchownat(file.Get(), "", geteuid(), gid_t(-1), AT_EMPTY_PATH) != 0) return false;
+  if ((status.st_mode & ALLPERMS) == kOwnerOnly) return true;
+  return chmod(("/proc/self/fd/" + std::to_string(file.Get())).c_str(), kOwnerOnly) == 0;
+}
+
+bool MakeEmptyFile(const std::string& path) { return Descriptor(CreateFile(path)).IsOpen(); }
+
+bool MakeWritable(const std::string& path) {
+  struct stat status;
+  if (lstat(path.c_str(), &status) != 0) return errno == ENOENT && MakeEmptyFile(path);
+  if (S_ISREG(status.st_mode) && status.st_nlink > 1) return ReplaceFile(path, "");
+  return MakePrivate(path);
 }
 
 bool WritePrivateFile(const std::string& path, std::string_view content) {
-  const int file = OpenPrivateFile(path, O_TRUNC);
-  if (file < 0) return false;
-  const bool written = WriteAll(file, content);
-  return close(file) == 0 && written;
+  const Descriptor file(CreateFile(path));
+  return file.IsOpen() && WriteAll(file.Get(), content);
+}
+
+bool WriteBlanks(const std::string& path, uint64_t size) {
+  const Descriptor file(CreateFile(path));
+  const std::string blanks(static_cast<size_t>(std::min(size, uint64_t{64 * 1024})), ' ');
+  bool written = file.IsOpen();
+  for (; written && size > blanks.size(); size -= blanks.size()) written = WriteAll(file.Get(), blanks);
+  return written && WriteAll(file.Get(), std::string_view(blanks).substr(0, static_cast<size_t>(size)));
 }
 
 bool FileIsThere(const std::string& path) {
@@ -68,15 +70,15 @@ bool FileIsThere(const std::string& path) {
   return lstat(path.c_str(), &status) == 0;
 }
 
-bool FileIsFilled(const std::string& path) {
+uint64_t FileSize(const std::string& path) {
   struct stat status;
-  return stat(path.c_str(), &status) == 0 && status.st_size > 0;
+  return lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
 }
 
 bool IsSameFile(const std::string& path, const std::string& other) {
   struct stat first;
   struct stat second;
-  return stat(path.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+  return lstat(path.c_str(), &first) == 0 && lstat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
          first.st_ino == second.st_ino;
 }
 
@@ -94,8 +96,9 @@ bool PutBack(const std::string& path) {
 
 bool KeepAside(const std::string& path, const std::string& from) {
   const std::string keptAs = path + ".unreadable";
-  const bool hasRoom = !FileIsThere(keptAs) || std::rename(keptAs.c_str(), NameOfOlder(keptAs).c_str()) == 0;
-  if (!hasRoom || std::rename(from.c_str(), keptAs.c_str()) != 0 || !SyncFolderOf(path)) {
+  const bool isReady =
+      MakePrivate(from) && (!FileIsThere(keptAs) || std::rename(keptAs.c_str(), NameOfOlder(keptAs).c_str()) == 0);
+  if (!isReady || std::rename(from.c_str(), keptAs.c_str()) != 0 || !SyncFolderOf(path)) {
     LogError("Failed to keep the file %s aside: %s.", path.c_str(), std::generic_category().message(errno).c_str());
     return false;
   }

@@ -1,26 +1,45 @@
 /// Files that only their owner may read, from their first byte on, and the names that they are kept under.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "foundation/file_paths.h"
+
 namespace event_service {
 
-/// Makes sure that there is a file of mode 600, whatever the process's umask; `truncate` empties one that exists. Tools
-/// that write into it afterwards keep its mode. Logs nothing.
-[[nodiscard]] bool MakePrivateFile(const std::string& path, bool truncate);
+/// Makes a file this user's alone (mode 600), and keeps what it holds. False with errno when it cannot be done, for
+/// anything but a regular file as WhyNotRegular says; symbolic links are not followed. Logs nothing.
+[[nodiscard]] bool MakePrivate(const std::string& path);
 
-/// Writes a whole file of mode 600. False when any of it fails; there may be a part of the file then. Not flushed to
-/// the disk. Logs nothing.
+/// Puts an empty file of mode 600 in the place of what has the name. Tools that write into it keep its mode. False for
+/// a folder. Logs nothing.
+[[nodiscard]] bool MakeEmptyFile(const std::string& path);
+
+/// Makes a file ready to be written over in place: mode 600, and none of its bytes under another name. A missing one is
+/// made. False for anything but a regular file. Logs nothing.
+[[nodiscard]] bool MakeWritable(const std::string& path);
+
+/// Writes a whole new file of mode 600. False when any of it fails; there may be a part of the file then. Not flushed
+/// to the disk. Logs nothing.
 [[nodiscard]] bool WritePrivateFile(const std::string& path, std::string_view content);
 
+/// The same with so many blanks.
+[[nodiscard]] bool WriteBlanks(const std::string& path, uint64_t size);
+
 bool FileIsThere(const std::string& path);
-bool FileIsFilled(const std::string& path);
-/// True when both names stand for one and the same file.
+/// The size of a regular file; 0 for anything else. Links are not followed.
+uint64_t FileSize(const std::string& path);
+inline bool FileIsFilled(const std::string& path) { return FileSize(path) > 0; }
+/// True when both names stand for one and the same file. Links are not followed.
 bool IsSameFile(const std::string& path, const std::string& other);
 
 /// The name of a file that a start has set aside and that is put back unless the start comes to its end.
 std::string AsideName(const std::string& path);
+
+/// The second name of an unencrypted database file while it is moved and encrypted.
+inline std::string LegacyName(const FilePaths& paths) { return paths.databaseFile + ".legacy"; }
 
 /// Renames a file to a name that no file has, on the disk as well. False after a logged line.
 [[nodiscard]] bool SetAside(const std::string& path, const std::string& aside);
@@ -30,8 +49,8 @@ std::string AsideName(const std::string& path);
 [[nodiscard]] bool PutBack(const std::string& path);
 
 /// Keeps a file that could not be read for good: renames it (`from` is its present name) to its own name with
-/// ".unreadable" at the end, says so in the log, and flushes the folder. An older one of that name gets the epoch
-/// seconds appended. False after a logged line.
+/// ".unreadable" at the end and mode 600, says so in the log, and flushes the folder. An older one of that name gets
+/// the epoch seconds appended. False after a logged line.
 [[nodiscard]] bool KeepAside(const std::string& path, const std::string& from);
 
 }  // namespace event_service

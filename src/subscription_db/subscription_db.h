@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "foundation/file_paths.h"
+#include "foundation/open_file.h"
 #include "foundation/shell.h"
 #include "resource_store/store_encoding.h"
 
@@ -55,10 +56,14 @@ class SubscriptionDb {
 
   // --- Start-up -----------------------------------------------------------------------------------------------------
 
+  /// What comes before anything else touches the files: keeps other daemons out (and waits for one that is ending),
+  /// puts the files right that an earlier start has left half-way, and copies the default data into the plain file
+  /// where there is no database file. False after a logged line; the start must not go on then.
+  [[nodiscard]] bool PrepareFiles();
+
   /// Puts the files back that a start which failed or was cut short has set aside or moved, so that the next one finds
-  /// what that one found. Start-up calls it when a step after InitSubscriptionDb fails, and before it looks whether
-  /// there is a database file: default data would otherwise be copied over a moved one. False, after a logged line,
-  /// when a file cannot be put back; the start must not go on then.
+  /// what that one found. Called when a step after InitSubscriptionDb fails, and by PrepareFiles: default data would
+  /// otherwise be copied over a moved file. False, after a logged line, when a file cannot be put back.
   [[nodiscard]] bool PutBackFiles();
 
   /// The start-up procedure: takes the plain file when there is one, else decrypts the database file, else falls back
@@ -120,22 +125,30 @@ class SubscriptionDb {
   /// Sets the root's "@odata.etag" to the text that the stored etag stands for.
   static bool SetDbEtag(json_t* root, std::string_view collectionEtag);
 
-  /// Has a plain file loaded into Redis by the resource loader.
-  [[nodiscard]] bool RestoreDbToRedis(const std::string& plainFile);
+  enum class Restored { kYes, kRefused, kNotNow };
+  /// Has a plain file loaded into Redis by the resource loader. kRefused, after a logged line, when the file is none
+  /// that can be loaded and changed; kNotNow, after a logged line, when three runs, a second apart, could not tell.
+  [[nodiscard]] Restored RestoreDbToRedis(const std::string& plainFile);
 
  private:
   /// Changes the "Members" array; false, after a logged line, when there is nothing to write.
   using Edit = std::function<bool(json_t* members)>;
 
+  bool LockFolder();
+  bool DropForeignName(const std::string& path) const;
+  bool ProvideDatabaseFile();
+  bool CopyDefaultData() const;
   bool PutBackLegacyFile() const;
   bool NameLegacyFile();
   bool MoveLegacyFile();
   bool IsLegacyFile() const;
+  Restored LoadDatabaseFile();
   bool FallBackToDefaultData();
   bool CanWritePlainFile() const;
   bool FinishStart();
-  void GatherRestoredUris();
+  bool TakeUris(const std::string& plainFile);
 
+  bool SecurePasswordFile();
   bool GeneratePassword();
   void KeepPasswordFile() const;
   int RunCipher(const std::string& commandStart, const std::string& commandEnd) const;
@@ -144,11 +157,13 @@ class SubscriptionDb {
   void KeepUnwritten(Edit edit);
 
   DbEnvironment environment_;
+  std::unique_ptr<Descriptor> folderLock_;
   std::string password_;
   int passwordError_ = 0;  // the last that was logged
   bool databaseFileLoaded_ = false;
-  bool plainFileIsAhead_ = false;  // an encryption failed: the plain file holds what the database file lacks
-  std::deque<Edit> unwritten_;     // changes that failed before they were in either file, oldest first
+  bool plainFileIsDerived_ = false;  // during a start: the plain file holds nothing that is not elsewhere
+  bool plainFileIsAhead_ = false;    // an encryption failed: the plain file holds what the database file lacks
+  std::deque<Edit> unwritten_;       // changes that failed before they were in either file, oldest first
   std::vector<std::string> restoredUris_;
 };
 

@@ -148,7 +148,7 @@ class CrashTest : public RedisTest {
     if (operation[0] == '~') return db.UpdateDbSubscription(kUris + id, {{"Context", "changed"}}, {}, kEtagText);
     if (operation[0] == '-') return db.DeleteDbSubscription(kUris + id, kEtagText);
     failingLoads = operation == "lost" ? 3 : (operation == "back" ? 1 : 0);
-    return StartDb(db, Sandbox().Paths(), operation == "start");
+    return StartDb(db, operation == "start");
   }
 
   /// Does the operations in a child process, up to a start that fails.

@@ -76,10 +76,8 @@ inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
 }
 
 /// What start-up does with the files, in its order; without `succeeds` a later step fails.
-inline bool StartDb(SubscriptionDb& db, const FilePaths& paths, bool succeeds = true) {
-  if (!db.PutBackFiles()) return false;
-  const bool isThere = std::filesystem::exists(paths.databaseFile);
-  if (!isThere && RunShell("cp " + paths.defaultDatabaseFile + " " + paths.plainDatabaseFile) != 0) return false;
+inline bool StartDb(SubscriptionDb& db, bool succeeds = true) {
+  if (!db.PrepareFiles()) return false;
   if (db.InitSubscriptionDb() && succeeds && db.SettleStart()) return true;
   return db.PutBackFiles() && false;
 }
@@ -105,7 +103,7 @@ class DbSandboxTest : public testing::Test {
   /// A new process's view of the files.
   SubscriptionDb NewDb() {
     const auto run = [this](const std::string& command) {
-      return ++commands_, fails_(command) ? -1 : RunShell(command);
+      return ++commands_, fails_(command) ? 1 : RunShell(command);
     };
     return SubscriptionDb({Paths(), run, [this](std::chrono::microseconds time) { waits_.push_back(time); }});
   }

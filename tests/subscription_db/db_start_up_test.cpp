@@ -37,7 +37,7 @@ TEST_F(DbSandboxTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
       return command.starts_with(Paths().resourceLoader) && ++loads <= row.failingLoads;
     };
     SubscriptionDb db = NewDb();
-    EXPECT_TRUE(StartDb(db, Paths()));
+    EXPECT_TRUE(StartDb(db));
     EXPECT_EQ(Stored(), DocumentOf(row.ids));
     std::vector<std::string> uris;
     for (const char id : row.ids) uris.push_back(kUris + id);
@@ -59,7 +59,7 @@ TEST_F(DbSandboxTest, DecodingIsTriedThreeTimesASecondApart) {
     size_t left = failures;
     fails_ = [&](const std::string& command) { return command.find(" -d ") != std::string::npos && left-- > 0; };
     SubscriptionDb db = NewDb();
-    EXPECT_TRUE(StartDb(db, Paths()));
+    EXPECT_TRUE(StartDb(db));
     EXPECT_EQ(Stored(), DocumentOf(failures == 2 ? "A" : ""));
     EXPECT_EQ(waits_, std::vector<std::chrono::microseconds>(2, std::chrono::seconds(1)));
     EXPECT_EQ(log_.DebugLines().back(), "Retry to decode the DB file.");
@@ -73,7 +73,7 @@ TEST_F(DbSandboxTest, AStartThatCannotEncryptLeavesTheDatabaseFileForTheNext) {
   const std::string before = ReadFile(Paths().databaseFile);
   fails_ = [](const std::string& command) { return command.find(" enc ") != std::string::npos; };
   SubscriptionDb db = NewDb();
-  EXPECT_FALSE(StartDb(db, Paths()));
+  EXPECT_FALSE(StartDb(db));
   EXPECT_TRUE(Errors().ends_with("A start did not come to its end: the files that it set aside are put back.\n"))
       << Errors();
   EXPECT_EQ(ReadFile(Paths().databaseFile), before);
