@@ -73,7 +73,25 @@ std::string_view CutToCharacters(std::string_view text, size_t characters) {
   return text;
 }
 
-std::string NameAsArgument(std::string_view name) { return std::string(CutToCharacters(name, kMaxArgumentCharacters)); }
+/// The names of a path as they were before MemberPath escaped them.
+std::string Unescaped(std::string_view path) {
+  std::string names;
+  for (size_t i = 0; i < path.size(); ++i) {
+    const bool isEscape = path[i] == '~' && i + 1 < path.size();
+    names += isEscape ? (path[++i] == '1' ? '/' : '~') : path[i];
+  }
+  return names;
+}
+
+std::string NameAsArgument(std::string_view path) {
+  return std::string(CutToCharacters(Unescaped(path), kMaxArgumentCharacters));
+}
+
+std::string PathAsPointer(std::string_view path) {
+  path = CutToCharacters(path, kMaxArgumentCharacters);
+  if (path.ends_with('~')) path.remove_suffix(1);  // half an escape
+  return std::string(path);
+}
 
 std::string ValueAsArgument(const Json& value) {
   if (value.is_string()) {
@@ -85,7 +103,7 @@ std::string ValueAsArgument(const Json& value) {
 }
 
 std::string ValueArgument(const Json& value, std::string_view path, const NumberTexts& numbers) {
-  const auto written = numbers.find(path);
+  const auto written = numbers.find(Unescaped(path));
   if (!value.is_number() || written == numbers.end()) return ValueAsArgument(value);
   return std::string(CutToCharacters(written->second, kMaxArgumentCharacters));
 }
@@ -144,7 +162,7 @@ Message PropertyMessage(const Fault& fault, const Json& value, std::string_view 
   const FaultMessage& row = MessageFor(fault.kind);
   return Message{std::string(row.propertyMessage),
                  CommonArguments(row, fault, value, property, numbers),
-                 {NameAsArgument(property)}};
+                 {PathAsPointer(property)}};
 }
 
 Message PropertyMessage(FaultKind kind, std::string_view property) {
@@ -156,12 +174,27 @@ Message ParameterMessage(const Fault& fault, const Json& value, std::string_view
   const FaultMessage& row = MessageFor(fault.kind);
   Message message{std::string(row.parameterMessage),
                   CommonArguments(row, fault, value, parameter, numbers),
-                  {NameAsArgument(parameter)}};
+                  {PathAsPointer(parameter)}};
   if (row.arguments == Arguments::kTextAndLimit) return message;
   // The registry puts the action first where a parameter should not have been there, and last where its value is bad.
   const bool actionFirst = fault.kind == FaultKind::kUnknown;
   message.args.insert(actionFirst ? message.args.begin() : message.args.end(), std::string(action));
   return message;
+}
+
+std::string MemberPath(std::string_view parent, std::string_view name) {
+  std::string path(parent);
+  if (!path.empty()) path += '/';
+  for (const char character : name) {
+    if (character == '~') {
+      path += "~0";
+    } else if (character == '/') {
+      path += "~1";
+    } else {
+      path += character;
+    }
+  }
+  return path;
 }
 
 std::string ElementPath(std::string_view property, size_t index) {
@@ -186,6 +219,16 @@ std::optional<Fault> CheckText(const Json& value, size_t limit) {
   if (text.size() > limit) return Fault{FaultKind::kTooLong, limit};
   if (text.find('\0') != std::string::npos) return Fault{FaultKind::kFormat};
   return std::nullopt;
+}
+
+std::optional<Fault> CheckLine(const Json& value) {
+  if (const std::optional<Fault> fault = CheckText(value)) return fault;
+  if (HasControlCharacter(value.get_ref<const std::string&>())) return Fault{FaultKind::kFormat};
+  return std::nullopt;
+}
+
+bool HasControlCharacter(std::string_view text) {
+  return std::ranges::any_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
 }
 
 std::optional<Fault> CheckBoolean(const Json& value) {

@@ -36,8 +36,9 @@ struct Fault {
   size_t limit = 0;  // in bytes, for kTooLong
 };
 
-/// The message for a fault of a property. `property` is its path ("SMTP/Port", "MessageIds/2"); it is both the property
-/// argument and the related property. The value is shown decoded when it is a string, otherwise as compact JSON, cut to
+/// The message for a fault of a property. `property` is its path ("SMTP/Port", "MessageIds/2", from MemberPath and
+/// ElementPath): as it stands it is the related property, a JSON pointer, and as the client wrote the names it is the
+/// property argument. The value is shown decoded when it is a string, otherwise as compact JSON, cut to
 /// 256 characters; secrets inside objects and arrays (SMTP password, SNMP credentials, header values) show as null.
 /// `numbers` holds the numbers that Json cannot give back as they were written.
 Message PropertyMessage(const Fault& fault, const Json& value, std::string_view property,
@@ -49,6 +50,10 @@ Message PropertyMessage(FaultKind kind, std::string_view property);
 /// The message for a fault of an action's parameter; `action` is its full name ("EventService.SubmitTestEvent").
 Message ParameterMessage(const Fault& fault, const Json& value, std::string_view parameter, std::string_view action,
                          const NumberTexts& numbers = {});
+
+/// "SMTP/Port" for the member "Port" of "SMTP", "Port" without a parent. A "~" or "/" inside the name is escaped as in
+/// a JSON pointer.
+std::string MemberPath(std::string_view parent, std::string_view name);
 
 /// "MessageIds/2" for the third element of "MessageIds".
 std::string ElementPath(std::string_view property, size_t index);
@@ -65,6 +70,8 @@ void RemovePassedOver(Json& body);
 
 /// The checks of single values, null excluded: each gives the first fault, or nothing. Text: type, length, no NUL.
 std::optional<Fault> CheckText(const Json& value, size_t limit = kMaxStringBytes);
+/// The same, without control characters: such a text becomes a line, or a part of one, somewhere else.
+std::optional<Fault> CheckLine(const Json& value);
 std::optional<Fault> CheckBoolean(const Json& value);
 /// Whole numbers, in any notation ("2.5e1" and "25.0" are 25), within the range.
 std::optional<Fault> CheckInteger(const Json& value, int64_t smallest = std::numeric_limits<int64_t>::min(),
@@ -76,6 +83,9 @@ std::optional<Fault> CheckArray(const Json& value, size_t limit = kMaxArrayEleme
 /// An element of an array of strings: as CheckText; one that begins with "&&" would be read as a marker and counts as
 /// of the wrong type.
 std::optional<Fault> CheckStringElement(const Json& element, size_t limit = kMaxStringBytes);
+
+/// Control characters of ASCII.
+bool HasControlCharacter(std::string_view text);
 
 /// The number, when the value is one without a fraction that fits, whatever its notation.
 std::optional<int64_t> WholeNumber(const Json& value);

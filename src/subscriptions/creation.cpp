@@ -134,7 +134,7 @@ bool Creation::ReadRoot(RequestBody& body) {
 /// Takes the client's Id or draws one. False for an Id that is refused whether or not it exists.
 bool Creation::ChooseId(const Json& body) {
   const auto id = body.find("Id");
-  isIdGiven_ = id != body.end();
+  isIdGiven_ = id != body.end() && *id != "";
   if (!isIdGiven_) {
     about_.id = GenerateId(random_);
     return true;

@@ -74,7 +74,7 @@ std::vector<Identity> IdentitiesOfMembers(redisContext* redis) {
 
 bool Exists(redisContext* redis, const Json& body, const std::vector<Identity>& members) {
   const auto id = body.find("Id");
-  if (id == body.end()) return std::ranges::find(members, IdentityOf(body)) != members.end();
+  if (id == body.end() || *id == "") return std::ranges::find(members, IdentityOf(body)) != members.end();
   return id->is_string() && KeyExists(redis, MemberUri(id->get_ref<const std::string&>()));
 }
 

@@ -20,6 +20,8 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
       {"PATCH", R"({"SMTP": {"Port": 65536}})", "FAILURE PropertyValueOutOfRange(65536, SMTP/Port)"},
       {"PATCH", R"({"SMTP": {"Password": ["s3cret"]}})", "FAILURE PropertyValueError(SMTP/Password)"},
       {"PATCH", R"({"SMTP": {"Authentication": "A"}})", "FAILURE PropertyValueNotInList(A, SMTP/Authentication)"},
+      {"PATCH", R"({"SMTP": {"FromAddress": "a@b\r\nBcc: c"}})",
+       "FAILURE PropertyValueFormatError(a@b\r\nBcc: c, SMTP/FromAddress)"},
       {"PATCH", R"({"SMTP": {"Username": "\u0000"}})",
        "FAILURE PropertyValueFormatError("s + '\0' + ", SMTP/Username)"},
       {"PATCH", R"({"SMTP": {"Username": "\u00e4)" + std::string(1024, 'x') + "\"}}",
@@ -58,7 +60,10 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
     EXPECT_EQ(Dump(), before) << row.body;
   }
   EXPECT_FALSE(std::filesystem::exists(file_));
-  EXPECT_EQ(Patch(R"({"SMTP": {"Port": true}})").messages.front().relatedProperties, Lines{"SMTP/Port"});
+  const Answer pointers = Patch(R"({"SMTP": {"Port": true, "a/b~c": 1}})");
+  EXPECT_EQ(Summary(pointers), "FAILURE PropertyValueTypeError(true, SMTP/Port) PropertyUnknown(SMTP/a/b~c)");
+  EXPECT_EQ(pointers.messages[0].relatedProperties, Lines{"SMTP/Port"});
+  EXPECT_EQ(pointers.messages[1].relatedProperties, Lines{"SMTP/a~1b~0c"});
   settings_.protocolOnly = true;
   EXPECT_EQ(Summary(Patch(R"({"SMTP": {"Port": 1}})")), "FAILURE PropertyNotWritable(SMTP)");
 }

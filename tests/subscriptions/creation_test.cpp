@@ -61,8 +61,8 @@ TEST_F(CreationTest, TheRestFollowsFromTheRequest) {
        R"({"SNMP/@odata.id": "absent", "HttpHeaders": [{"A": "b"}], "SyslogFilters": [{}, {"LowestSeverity": "All"}]})"},
       {R"({"Protocol": "SyslogTCP", "Destination": "h", "SubscriptionType": "RedfishEvent"})",
        R"({"SubscriptionType": "Syslog", "DeliveryRetryPolicy": "RetryForever"})"},
-      {R"({"Destination": "redfish-sse://h", "&&SSE-CHANNEL": "mine"})",
-       R"({"SubscriptionType": "SSE", "&&SSE-CHANNEL": "stream 1", "Actions": "absent", "Status": "absent",
+      {R"({"Destination": "any text", "Context": "redfish-sse:", "&&SSE-CHANNEL": "mine"})",
+       R"({"Destination": "any text", "SubscriptionType": "SSE", "&&SSE-CHANNEL": "stream 1", "Actions": "absent", "Status": "absent",
            "DeliveryRetryPolicy": "absent"})"},
   };
   for (const auto& row : cases) {
@@ -89,7 +89,8 @@ TEST_F(CreationTest, AnIdIsGeneratedUntilItIsFree) {
   static uint32_t taken;  // so many draws
   const RandomSource draw = [] { return taken-- > 0 ? 0xABCDu : 0xFEDCBA98u; };
   HashWrite(redis(), kCollection + "/0000ABCD", "a", "1");
-  Request request = MakeRequest("POSTCREATE", kCollection, {{"Protocol", "Redfish"}, {"Destination", "https://c"}});
+  Request request =
+      MakeRequest("POSTCREATE", kCollection, {{"Id", ""}, {"Protocol", "Redfish"}, {"Destination", "https://c"}});
   const DatabaseDump before = Dump();
   taken = 11;
   EXPECT_EQ(InShort(CreateEventDestination(request, draw)), "EXCEPTION OperationFailed()");

@@ -162,7 +162,7 @@ TEST_F(ListenerTest, GeneratedDestinationsExistOnceAfterAnyNumberOfStarts) {
   const std::string bodies = R"([{"Id": "Preset-01", "Protocol": "Redfish", "Destination": "https://a"},
       {"Protocol": "Redfish", "Destination": "https://b", "Context": "x"},
       {"Protocol": "Redfish", "Destination": "https://b", "Context": "x"},
-      {"Protocol": "Redfish", "Destination": "https://b"}, 5,
+      {"Id": "", "Protocol": "Redfish", "Destination": "https://b"}, 5,
       {"Id": {"deep": []}, "Protocol": "Redfish", "Destination": "https://d"}])";
   Send("HEAD", kCollection);
   for (const std::string& file : {bodies, R"({"Members": )" + bodies + "}"}) {

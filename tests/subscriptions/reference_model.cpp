@@ -55,44 +55,53 @@ bool PassedOver(const std::string& name) {
 const std::string kCharacter = "(?:[-A-Za-z0-9._~!$&'()*+,;=:@]|%[0-9A-Fa-f]{2})";
 const std::string kTail = "(?:[?](?:" + kCharacter + "|[/?])*)?(?:#(?:" + kCharacter + "|[/?])*)?";
 
+const std::string kLabel = "[A-Za-z0-9_][-A-Za-z0-9_]*";
+const std::string kHost = kLabel + "(?:[.]" + kLabel + ")*";
+
 struct Uri {
-  bool hasUser;
+  std::string user;  // with the "@"
   std::string path;
 };
 
 /// RFC 3986, with the hosts and ports that the service takes.
 std::optional<Uri> ParseUri(const std::string& text, const std::string& scheme) {
-  static const std::regex kUri("([A-Za-z-]+)://((?:(?:(?!@)" + kCharacter +
-                               ")*@)?)([-A-Za-z0-9._]+|\\[[0-9A-Fa-f:.]*\\])(?::([0-9]*))?((?:/" + kCharacter + "*)*)" +
-                               kTail);
+  static const std::regex kUri("([A-Za-z-]+)://((?:(?:(?!@)" + kCharacter + ")*@)?)(?:(" + kHost +
+                               ")|\\[([0-9A-Fa-f:.]*)(?:%25[-A-Za-z0-9._~]+)?\\])(?::([0-9]*))?((?:/" + kCharacter +
+                               "*)*)" + kTail);
   std::smatch parts;
   if (!std::regex_match(text, parts, kUri) || strcasecmp(parts[1].str().c_str(), scheme.c_str()) != 0) return {};
-  const std::string host = parts[3];
-  const std::string port = parts[4];
+  const std::string port = parts[5];
   in6_addr address{};
-  if (host[0] == '[' && inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &address) != 1) return {};
+  if (parts[4].matched && inet_pton(AF_INET6, parts[4].str().c_str(), &address) != 1) return {};
   if (!port.empty() && (!Matches(port, "0*[1-9][0-9]{0,4}") || std::stoi(port) > 65535)) return {};
-  return Uri{parts[2].length() > 0, parts[5]};
+  return Uri{parts[2], parts[6]};
 }
 
 bool IsMail(const std::string& text) {
-  static const std::string kAddress = "(?:(?!,|%[01]|%7f)" + kCharacter + ")+@[-A-Za-z0-9._]+";
-  static const std::regex kMail("mailto:" + kAddress + "(?:," + kAddress + ")*" + kTail, std::regex::icase);
+  static const std::regex kMail("mailto:(?!-)[-A-Za-z0-9!$&'*+.=_~]+@" + kHost, std::regex::icase);
   return std::regex_match(text, kMail);
 }
 
-bool DestinationFits(const std::string& text, const std::string& protocol, bool isSse) {
+bool DestinationFits(const std::string& text, const std::string& protocol) {
   if (protocol == "SMTP") return IsMail(text);
-  if (protocol.starts_with("SNMP")) return ParseUri(text, "snmp").has_value();
-  if (protocol == "Redfish" && isSse) return ParseUri(text, "redfish-sse").has_value();
   if (protocol == "Redfish") {
     const std::optional<Uri> uri = ParseUri(text, text.size() > 4 && (text[4] | 32) == 's' ? "https" : "http");
-    return uri && !uri->hasUser;
+    return uri && uri->user.empty();
   }
   const bool isUri = text.find("://") != std::string::npos;
   if (!isUri && (text.ends_with(':') || text.find_first_of("/?#") != std::string::npos)) return false;
-  const std::optional<Uri> uri = ParseUri(isUri ? text : "syslog://" + text, "syslog");
-  return uri && !uri->hasUser;
+  const std::string scheme = protocol.starts_with("SNMP") ? "snmp" : "syslog";
+  const std::optional<Uri> uri = ParseUri(isUri ? text : scheme + "://" + text, scheme);
+  return uri && (uri->user.empty() || (isUri && scheme == "snmp" && uri->user.find(':') == std::string::npos));
+}
+
+Json WithoutPassword(const Json& value) {
+  const std::string text = value.is_string() ? value.get<std::string>() : "";
+  const size_t at = text.rfind('@');
+  if (at == std::string::npos) return value;
+  static const std::regex kScheme("^(?:[\\s\\S]*?://|mailto:)", std::regex::icase);
+  const std::string user = std::regex_replace(text.substr(0, at), kScheme, "", std::regex_constants::format_first_only);
+  return user.find(':') == std::string::npos ? value : Json("..." + text.substr(at));
 }
 
 bool ReferenceFits(const std::string& text) {
@@ -143,7 +152,8 @@ class Model {
   bool Given(const char* name) const { return body_.contains(name) && !body_[name].is_null(); }
 
   void Fault(const std::string& message, const std::string& args, const std::string& path) {
-    faults_ += (faults_.empty() ? "" : ", ") + message + "(" + args + ") @" + path;
+    const std::string pointer = std::regex_replace(path, std::regex("~"), "~0");
+    faults_ += (faults_.empty() ? "" : ", ") + message + "(" + args + ") @" + pointer;
   }
   void BadValue(const std::string& message, const Json& value, const std::string& path) {
     const std::string shown = value.is_string() ? value.get<std::string>() : WithoutSecrets(value).dump();
@@ -153,11 +163,13 @@ class Model {
 
   bool Text(const Json& value, const std::string& path, size_t limit = 1024) {
     if (!value.is_string()) return BadValue("PropertyValueTypeError", value, path), false;
+    const Json shown = path == "Destination" ? WithoutPassword(value) : value;
     const std::string text = value;
     const bool isTooLong = text.size() > limit;
-    if (isTooLong) Fault("StringValueTooLong", text.substr(0, 64) + ", " + std::to_string(limit), path);
+    const std::string cut = shown.get<std::string>().substr(0, 64);
+    if (isTooLong) Fault("StringValueTooLong", cut + ", " + std::to_string(limit), path);
     const bool hasNul = !isTooLong && text.find('\0') != std::string::npos;
-    if (hasNul) BadValue("PropertyValueFormatError", value, path);
+    if (hasNul) BadValue("PropertyValueFormatError", shown, path);
     return !isTooLong && !hasNul;
   }
   void Choice(const Json& value, const std::string& path, const Json& choices) {
@@ -188,7 +200,9 @@ class Model {
       if (PassedOver(name)) continue;
       const std::string text = value.is_string() ? value.get<std::string>() : "\n";
       const bool isText = std::none_of(text.begin(), text.end(), [](char c) { return (c >= 0 && c < 32) || c == 127; });
-      const bool isName = Matches(name, "[-!#$%&'*+.^_`|~0-9A-Za-z]+");
+      const std::string lower = std::regex_replace(name, std::regex("H"), "h");
+      const bool isName = Matches(name, "[-!#$%&'*+.^_`|~0-9A-Za-z]+") &&
+                          !In(lower, {"host", "Content-Length", "Transfer-Encoding", "Connection", "UPGRADE"});
       if (!isName) BadValue("PropertyValueFormatError", name, at);
       if (isName && (!isText || name.size() + text.size() > 8192)) BadSecret(at + "/" + name);
     }
@@ -214,8 +228,9 @@ class Model {
     Choice(value, path, choices);
   }
   void Destination(const Json& value, const std::string& path) {
-    if ((!IsServed() && body_.contains("Protocol")) || !Text(value, path, 2048) || !IsServed()) return;
-    if (!DestinationFits(value, body_["Protocol"], world_.isSse)) BadValue("PropertyValueFormatError", value, path);
+    if ((!IsServed() && body_.contains("Protocol")) || !Text(value, path, 2048) || !IsServed() || world_.isSse) return;
+    if (DestinationFits(value, body_["Protocol"])) return;
+    BadValue("PropertyValueFormatError", WithoutPassword(value), path);
   }
   void Object(const std::string& property, const Json& value, const std::string& path) {
     if (!value.is_object()) return BadValue("PropertyValueTypeError", value, path);
@@ -239,7 +254,9 @@ class Model {
     if (kind == "boolean?") {
       if (!value.is_boolean()) BadValue("PropertyValueTypeError", value, path);
     } else if (kind == "id") {
-      const bool fits = !Text(value, path) || Matches(value, "(?![.][.]?$|Total_Num_Subscriber$)[-A-Za-z0-9_.]{1,64}");
+      const bool fits = !Text(value, path) || value == "" ||
+                        (Matches(value, "[A-Za-z0-9_][-A-Za-z0-9_.]{0,63}") &&
+                         !In(value, {"Members", "Actions", "CHANNEL", "SSE-ALL", "Total_Num_Subscriber"}));
       if (!fits) BadValue("PropertyValueFormatError", value, path);
     } else if (kind == "community?") {
       const std::string text = value.is_string() ? value.get<std::string>() : std::string(1, '\0');

@@ -17,7 +17,9 @@ const Json kValues = Json::parse(R"([
     {"@odata.id": "/redfish/v1/a#/b/0"}, {"@odata.id": 1}], "host", "host:", "host/", "[fe80::1]:514", "fe80::1",
     "user@host", "https://user@host/", "https://@h/", "//host/x", "HTTP://host:/", "https://host:0/", "https:host",
     "https://*/", "http://[::1", "https://[v1.a]/", "redfish-sse://h", "syslog://h@h", "MAILTO:a@b", "mailto:@b",
-    "mailto:a@b,", "mailto:a%0dRcpt@b", "Total_Num_Subscriber", "snmp://", "snmp://[::1]:162"])");
+    "mailto:a@b,", "mailto:a%0dRcpt@b", "mailto:a@b?subject=x", "mailto:-a@b", "Total_Num_Subscriber", "Members", "_.",
+    "-a", "snmp://", "snmp://[::1]:162", "snmp://u:p@h", "https://u:p@ss@h/", "u:p@h", "https://[fe80::1%25eth0.1]/",
+    "[::1%25]", "a..b", "-a.b", "a.-b"])");
 
 const Json kNames = Json::parse(R"([
     "Actions", "Context", "Description", "Destination", "EventFormatType", "EventTypes", "HeartbeatIntervalMinutes",
@@ -25,7 +27,7 @@ const Json kNames = Json::parse(R"([
     "OriginResources", "Protocol", "RegistryPrefixes", "ResourceTypes", "SNMP", "Status", "SubordinateResources",
     "SubscriptionType", "SyslogFilters", "TrapCommunity", "AuthenticationKey", "AuthenticationKeySet",
     "EncryptionProtocol", "LowestSeverity", "LogFacilities", "Foo", "protocol", "&&SSE-CHANNEL", "A@odata.type",
-    "x!#$%&'*+-.^_`|~9", "bad header", "N\r\n", ""])");
+    "x!#$%&'*+-.^_`|~9", "bad header", "host", "Connection", "Upgrade2", "N\r\n", ""])");
 
 class Mutator {
  public:

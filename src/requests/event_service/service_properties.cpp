@@ -25,6 +25,7 @@ struct ServiceProperty {
 };
 
 constexpr auto kCheckText = [](const Json& value) { return CheckText(value); };
+constexpr auto kCheckLine = [](const Json& value) { return CheckLine(value); };
 constexpr auto kCheckCount = [](const Json& value) { return CheckInteger(value, 0); };
 
 constexpr ServiceProperty kProperties[] = {
@@ -32,12 +33,12 @@ constexpr ServiceProperty kProperties[] = {
     {"DeliveryRetryIntervalSeconds", false, kCheckCount},
     {"SMTP/Authentication", true, [](const Json& value) { return CheckInWords(value, kAuthentications); }},
     {"SMTP/ConnectionProtocol", true, [](const Json& value) { return CheckInWords(value, kConnectionProtocols); }},
-    {"SMTP/FromAddress", true, kCheckText},
+    {"SMTP/FromAddress", true, kCheckLine},
     {kSmtpPassword, true, kCheckText},
     {"SMTP/Port", true, [](const Json& value) { return CheckInteger(value, 0, kLargestPort); }},
-    {"SMTP/ServerAddress", true, kCheckText},
+    {"SMTP/ServerAddress", true, kCheckLine},
     {"SMTP/ServiceEnabled", true, CheckBoolean},
-    {"SMTP/Username", true, kCheckText},
+    {"SMTP/Username", true, kCheckLine},
     {kServiceEnabled, true, CheckBoolean},
 };
 
@@ -90,7 +91,7 @@ class Judge {
         JudgeSmtp(value, smtpIsServed);
       } else {
         const bool isReadOnly = std::ranges::find(kReadOnlyProperties, name) != std::end(kReadOnlyProperties);
-        Report(PropertyMessage(isReadOnly ? FaultKind::kNotWritable : FaultKind::kUnknown, name));
+        Report(PropertyMessage(isReadOnly ? FaultKind::kNotWritable : FaultKind::kUnknown, MemberPath({}, name)));
       }
     }
   }
@@ -104,7 +105,7 @@ class Judge {
       if (FindProperty(path) != nullptr) {
         JudgeValue(path, member);
       } else {
-        Report(PropertyMessage(FaultKind::kUnknown, path));
+        Report(PropertyMessage(FaultKind::kUnknown, MemberPath(kSmtp, name)));
       }
     }
   }

@@ -186,7 +186,7 @@ std::vector<Message> JudgeTestEvent(const Json& parameters, const NumberTexts& n
     return fault.has_value();
   };
   for (const auto& [name, value] : parameters.items()) {
-    if (report(CheckParameter(name, value), value, name) || name != "MessageArgs") continue;
+    if (report(CheckParameter(name, value), value, MemberPath({}, name)) || name != "MessageArgs") continue;
     for (size_t i = 0; i < value.size(); ++i) report(CheckStringElement(value[i]), value[i], ElementPath(name, i));
   }
   return faults;

@@ -1,5 +1,7 @@
 #include "subscriptions/judgement/header_validation.h"
 
+#include <strings.h>
+
 #include <algorithm>
 
 #include "requests/property_faults.h"
@@ -17,7 +19,13 @@ bool IsTokenCharacter(char c) {
          kSymbols.find(c) != std::string_view::npos;
 }
 
-bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
+/// The connection is the delivery side's, and so are the headers that speak about it.
+bool BelongsToConnection(std::string_view name) {
+  constexpr std::string_view kNames[] = {"Connection", "Content-Length", "Host", "Transfer-Encoding", "Upgrade"};
+  return std::ranges::any_of(kNames, [name](std::string_view taken) {
+    return name.size() == taken.size() && strncasecmp(name.data(), taken.data(), taken.size()) == 0;
+  });
+}
 
 /// Header values are secrets: what is wrong with one is not said.
 Message SecretFault(std::string_view path) { return PropertyMessage(FaultKind::kValue, path); }
@@ -38,11 +46,10 @@ void JudgeElement(const Json& element, size_t index, std::vector<Header>& header
     if (IsPassedOver(name)) continue;
     const std::string_view text = value.is_string() ? value.get_ref<const std::string&>() : std::string_view();
     const Header header{index, name, text};
-    if (!IsHeaderName(name)) {
+    if (!IsHeaderName(name) || BelongsToConnection(name)) {
       faults.push_back(NameFault(header));
-    } else if (!value.is_string() || std::ranges::any_of(text, IsControl) ||
-               name.size() + text.size() > kMaxHeaderBytes) {
-      faults.push_back(SecretFault(path + '/' + name));
+    } else if (!value.is_string() || HasControlCharacter(text) || name.size() + text.size() > kMaxHeaderBytes) {
+      faults.push_back(SecretFault(MemberPath(path, name)));
     } else {
       headers.push_back(header);
     }

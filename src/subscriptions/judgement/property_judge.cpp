@@ -19,7 +19,7 @@ void PropertyJudge::JudgeMembers(const Json::const_iterator& first, const Json::
                                  std::span<const PropertyRule> rules, const std::string& parentPath) {
   for (auto member = first; member != last; ++member) {
     if (IsPassedOver(member.key())) continue;
-    const std::string path = parentPath.empty() ? member.key() : parentPath + '/' + member.key();
+    const std::string path = MemberPath(parentPath, member.key());
     const PropertyRule* rule = FindRule(rules, member.key());
     if (rule == nullptr) {
       faults_.push_back(PropertyMessage(FaultKind::kUnknown, path));
@@ -35,7 +35,9 @@ void PropertyJudge::JudgeValue(const PropertyRule& rule, const Json& value, cons
   if (rule.kind == PropertyKind::kHeaders) return JudgeHeaderArray(value);
   if (value.is_null() && TakesNull(rule)) return;
   if (const std::optional<Fault> fault = CheckValue(rule, value)) {
-    return Refuse(rule.isSecret ? Fault{FaultKind::kValue} : *fault, value, path);
+    if (rule.isSecret) return Refuse(Fault{FaultKind::kValue}, value, path);
+    const bool mayHoldPassword = rule.isAddress && value.is_string();
+    return Refuse(*fault, mayHoldPassword ? Json(WithoutPassword(value.get_ref<const std::string&>())) : value, path);
   }
   if (rule.kind == PropertyKind::kObject) JudgeMembers(value.begin(), value.end(), rule.members, path);
   if (rule.kind == PropertyKind::kArray) JudgeElements(rule, value, path);

@@ -19,13 +19,19 @@ bool IsIdCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.';
 }
 
-/// The Id becomes a segment of URIs and keys, and a field of the origin index: there it must not be the counter that an
-/// origin "/redfish/v1/MetricReport" would put it beside.
+// An Id becomes a segment of URIs and keys: those of the collection's own parts, the target that ends all streams. It
+// becomes a field of the origin index, too: there it must not be the counter that an origin "/redfish/v1/MetricReport"
+// would put it beside.
+constexpr std::string_view kReservedIds[] = {"Actions", "CHANNEL", "Members", "SSE-ALL", kMetricReportField};
+
+/// An empty one stands for one that the service generates.
 std::optional<Fault> CheckId(std::string_view text, const BodyCircumstances& /*circumstances*/) {
   constexpr size_t kMaxIdCharacters = 64;
-  return FaultUnless(!text.empty() && text.size() <= kMaxIdCharacters && std::ranges::all_of(text, IsIdCharacter) &&
-                         text != "." && text != ".." && text != kMetricReportField,
-                     FaultKind::kFormat);
+  if (text.empty()) return std::nullopt;
+  const bool isFine = text.size() <= kMaxIdCharacters && std::ranges::all_of(text, IsIdCharacter) &&
+                      text.front() != '-' && text.front() != '.' &&
+                      std::ranges::find(kReservedIds, text) == std::end(kReservedIds);
+  return FaultUnless(isFine, FaultKind::kFormat);
 }
 
 /// A stream is a Redfish subscription.
@@ -34,8 +40,9 @@ std::optional<Fault> CheckProtocol(std::string_view text, const BodyCircumstance
 }
 
 std::optional<Fault> CheckDestination(std::string_view text, const BodyCircumstances& circumstances) {
-  if (circumstances.protocol.empty()) return std::nullopt;  // that it is missing is said elsewhere
-  return FaultUnless(IsDestinationFor(circumstances.protocol, circumstances.isSse, text), FaultKind::kFormat);
+  // That of a stream comes from the front end. That the protocol is missing is said elsewhere.
+  if (circumstances.isSse || circumstances.protocol.empty()) return std::nullopt;
+  return FaultUnless(IsDestinationFor(circumstances.protocol, text), FaultKind::kFormat);
 }
 
 /// A protocol that is missing or refused, which is said elsewhere, may have been meant as one.
@@ -113,6 +120,7 @@ constexpr PropertyRule kProperties[] = {
      .writableBy = kCreation,
      .maxBytes = kMaxDestinationBytes,
      .checkText = CheckDestination,
+     .isAddress = true,
      .hangsOnProtocol = true},
     {.name = "EventFormatType", .writableBy = kCreation, .null = Null::kAccepted, .listName = "EventFormatType"},
     {.name = "EventTypes", .kind = kArray, .writableBy = kCreation, .element = &kAnEventType},

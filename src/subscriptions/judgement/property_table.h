@@ -55,6 +55,7 @@ struct PropertyRule {
   std::span<const PropertyRule> members = {};  // of an object
   const PropertyRule* element = nullptr;       // of an array
   bool isSecret = false;                       // a fault of it never repeats the value
+  bool isAddress = false;                      // shown without a password that it holds
   bool hangsOnProtocol = false;                // not judged when the protocol itself is refused
 };
 

@@ -40,13 +40,25 @@ bool EqualIgnoringCase(std::string_view left, std::string_view right) {
   return left.size() == right.size() && strncasecmp(left.data(), right.data(), left.size()) == 0;
 }
 
-bool IsHostCharacter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_';
+bool IsAlphanumeric(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); }
+
+/// True for a text of letters, digits and some other characters.
+bool IsMadeOf(std::string_view text, std::string_view others) {
+  return !text.empty() && std::ranges::all_of(text, [others](char c) {
+    return IsAlphanumeric(c) || others.find(c) != std::string_view::npos;
+  });
 }
 
-/// Stricter than a URI's registered name, which may hold escapes and "*": these texts end in resolvers and in the
-/// configuration of other services.
-bool IsHostName(std::string_view text) { return !text.empty() && std::ranges::all_of(text, IsHostCharacter); }
+/// Stricter than a URI's registered name, which may hold escapes and "*": these texts end in resolvers, on command
+/// lines and in the configuration of other services.
+bool IsHostName(std::string_view text) {
+  for (;;) {
+    const std::string_view label = text.substr(0, text.find('.'));
+    if (!IsMadeOf(label, "-_") || label.front() == '-') return false;
+    if (label.size() == text.size()) return true;
+    text.remove_prefix(label.size() + 1);
+  }
+}
 
 /// The parser gives the text of a future kind of address ("[v1.a]") without its brackets, as if it were a name.
 bool HasHost(const UriUriA& uri) {
@@ -62,59 +74,59 @@ bool HasValidPort(const UriUriA& uri) {
   return ParseInteger(port, number) == std::errc{} && number != 0;
 }
 
-bool IsUriWithHost(const Uri& uri, std::string_view scheme) {
-  return uri && EqualIgnoringCase(TextOf(uri->scheme), scheme) && HasHost(*uri) && HasValidPort(*uri);
+/// Takes the zone out of "[fe80::1%25eth0]" (RFC 6874), which the parser does not know.
+std::string WithoutZone(std::string_view text) {
+  constexpr std::string_view kZoneSign = "%25";
+  const size_t sign = text.substr(0, text.find(']')).find(kZoneSign);
+  if (sign > text.size() || text.find('[') > sign) return std::string(text);
+  const size_t end = text.find(']');
+  const std::string_view zone = text.substr(sign, end - sign).substr(kZoneSign.size());
+  if (end == std::string_view::npos || !IsMadeOf(zone, "-._~")) return std::string(text);
+  return std::string(text.substr(0, sign)).append(text.substr(end));
+}
+
+/// Credentials in a URI would be shown to everyone who may read the subscription.
+enum class UserInfo { kNone, kNameAlone };
+
+bool HasFineUserInfo(const UriUriA& uri, UserInfo taken) {
+  if (uri.userInfo.first == nullptr) return true;
+  return taken == UserInfo::kNameAlone && TextOf(uri.userInfo).find(':') == std::string_view::npos;
+}
+
+bool IsUriWithHost(std::string_view text, std::string_view scheme, UserInfo taken) {
+  const std::string parsed = WithoutZone(text);
+  const Uri uri = ParseUri(parsed);
+  return uri && EqualIgnoringCase(TextOf(uri->scheme), scheme) && HasHost(*uri) && HasValidPort(*uri) &&
+         HasFineUserInfo(*uri, taken);
+}
+
+/// A bare host or host:port is a URI that stops there.
+bool IsUriOrHost(std::string_view text, std::string_view scheme, UserInfo taken) {
+  constexpr std::string_view kAuthority = "://";
+  if (text.find(kAuthority) != std::string_view::npos) return IsUriWithHost(text, scheme, taken);
+  return text.find_first_of("/?#") == std::string_view::npos && !text.ends_with(':') &&
+         IsUriWithHost(std::string(scheme).append(kAuthority).append(text), scheme, UserInfo::kNone);
 }
 
 bool IsHttpDestination(std::string_view text) {
-  const Uri uri = ParseUri(text);
-  // Credentials in a URI would be shown to everyone who may read the subscription.
-  return (IsUriWithHost(uri, "http") || IsUriWithHost(uri, "https")) && uri->userInfo.first == nullptr;
+  return IsUriWithHost(text, "http", UserInfo::kNone) || IsUriWithHost(text, "https", UserInfo::kNone);
 }
 
-bool IsStreamDestination(std::string_view text) { return IsUriWithHost(ParseUri(text), "redfish-sse"); }
+bool IsSnmpDestination(std::string_view text) { return IsUriOrHost(text, "snmp", UserInfo::kNameAlone); }
 
-bool IsSnmpDestination(std::string_view text) { return IsUriWithHost(ParseUri(text), "snmp"); }
+bool IsSyslogDestination(std::string_view text) { return IsUriOrHost(text, "syslog", UserInfo::kNone); }
 
-bool IsMailAddress(std::string_view address) {
-  const size_t at = address.rfind('@');
-  return at != std::string_view::npos && at > 0 && IsHostName(address.substr(at + 1));
-}
+constexpr std::string_view kMailScheme = "mailto:";
 
-/// An escaped line end in an address would become a header line of the mail.
-bool HasEscapedControl(std::string_view text) {
-  for (size_t at = text.find('%'); at != std::string_view::npos; at = text.find('%', at + 1)) {
-    const std::string_view digits = text.substr(at + 1, 2);
-    if (digits.starts_with('0') || digits.starts_with('1') || EqualIgnoringCase(digits, "7f")) return true;
-  }
-  return false;
-}
+bool IsMailUri(std::string_view text) { return EqualIgnoringCase(text.substr(0, kMailScheme.size()), kMailScheme); }
 
-/// RFC 6068, with an address at least before the header fields.
+/// One plain address and nothing else: header fields, escapes and lists are ways into the head of the mail.
 bool IsMailDestination(std::string_view text) {
-  constexpr std::string_view kScheme = "mailto:";
-  if (!ParseUri(text) || !EqualIgnoringCase(text.substr(0, kScheme.size()), kScheme)) return false;
-  std::string_view addresses = text.substr(kScheme.size());
-  addresses = addresses.substr(0, addresses.find_first_of("?#"));
-  if (HasEscapedControl(addresses) || addresses.find('/') != std::string_view::npos) return false;
-  for (;;) {
-    const size_t comma = addresses.find(',');
-    if (!IsMailAddress(addresses.substr(0, comma))) return false;
-    if (comma == std::string_view::npos) return true;
-    addresses.remove_prefix(comma + 1);
-  }
-}
-
-bool IsSyslogUri(std::string_view text) {
-  const Uri uri = ParseUri(text);
-  return IsUriWithHost(uri, "syslog") && uri->userInfo.first == nullptr;
-}
-
-/// A bare host or host:port is a syslog URI that stops there.
-bool IsSyslogDestination(std::string_view text) {
-  if (text.find("://") != std::string_view::npos) return IsSyslogUri(text);
-  return text.find_first_of("/?#") == std::string_view::npos && !text.ends_with(':') &&
-         IsSyslogUri("syslog://" + std::string(text));
+  if (!IsMailUri(text)) return false;
+  text.remove_prefix(kMailScheme.size());
+  const size_t at = text.find('@');
+  if (at == std::string_view::npos) return false;
+  return IsMadeOf(text.substr(0, at), "!$&'*+-.=_~") && text.front() != '-' && IsHostName(text.substr(at + 1));
 }
 
 struct DestinationForm {
@@ -131,10 +143,22 @@ bool IsDotSegment(std::string_view segment) { return segment == "." || segment =
 
 }  // namespace
 
-bool IsDestinationFor(std::string_view protocol, bool isSse, std::string_view destination) {
-  if (isSse && protocol == "Redfish") return IsStreamDestination(destination);
+bool IsDestinationFor(std::string_view protocol, std::string_view destination) {
   const auto* form = std::ranges::find(kDestinationForms, protocol, &DestinationForm::protocol);
   return form != std::end(kDestinationForms) && form->fits(destination);
+}
+
+std::string WithoutPassword(std::string_view destination) {
+  const size_t at = destination.rfind('@');
+  if (at == std::string_view::npos) return std::string(destination);
+  std::string_view userInfo = destination.substr(0, at);
+  if (const size_t authority = userInfo.find("://"); authority != std::string_view::npos) {
+    userInfo.remove_prefix(authority + 3);
+  } else if (IsMailUri(userInfo)) {
+    userInfo.remove_prefix(kMailScheme.size());
+  }
+  if (userInfo.find(':') == std::string_view::npos) return std::string(destination);
+  return std::string("...").append(destination.substr(at));
 }
 
 bool IsResourceReference(std::string_view uri) {
