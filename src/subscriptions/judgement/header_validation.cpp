@@ -63,20 +63,11 @@ size_t StoredHeaders(const Json& resource, size_t index) {
   return (*headers)[index].is_object() ? (*headers)[index].size() : 0;
 }
 
-/// The module judges the whole array; which header it refused shows when it is asked about each alone. When it takes
-/// them all singly, their combination is at fault.
 HeaderFindings AskModule(const std::string& modulePath, std::span<const Header> headers) {
-  HeaderFindings findings;
-  if (headers.empty()) return findings;
-  const ModuleVerdict verdict = AskHeaderModule(modulePath, headers);
-  findings.moduleFailed = verdict == ModuleVerdict::kFailed;
-  if (verdict != ModuleVerdict::kRefused) return findings;
-  for (size_t i = 0; i < headers.size() && !findings.moduleFailed; ++i) {
-    const ModuleVerdict single = AskHeaderModule(modulePath, headers.subspan(i, 1));
-    findings.moduleFailed = single == ModuleVerdict::kFailed;
-    if (single == ModuleVerdict::kRefused) findings.faults.push_back(NameFault(headers[i]));
-  }
-  if (findings.faults.empty() && !findings.moduleFailed) findings.faults.push_back(NameFault(headers.front()));
+  if (headers.empty()) return {};
+  const ModuleFindings module = AskHeaderModule(modulePath, headers);
+  HeaderFindings findings{.faults = {}, .moduleFailed = module.failed};
+  for (const size_t position : module.refused) findings.faults.push_back(NameFault(headers[position]));
   return findings;
 }
 

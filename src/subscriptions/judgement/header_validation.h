@@ -1,8 +1,8 @@
 /// Whether the HTTP headers of a subscription are acceptable: first to our own check of names and values, then to the
 /// platform's validator module. No message or log line repeats the value of a header.
 ///
-/// The module is a Lua file whose function "validateHttpHeaderByPattern" gets the array of headers, a table of name ->
-/// value for each element, and returns true or false. docs/protocol.md describes the convention.
+/// The module's function "validateHttpHeaderByPattern" gets the array of headers, a table of name -> value for each
+/// element, and returns true or false. docs/protocol.md describes the convention.
 #pragma once
 
 #include <string>
@@ -25,8 +25,8 @@ struct HeaderFindings {
 /// Judges the value of a property "HttpHeaders": an array of objects, each with any number of names and string values.
 /// With `patched`, the resource that a PATCH changes, the elements null and {} are taken as well, which say something
 /// about the stored array, and headers that stay count too. The module is asked only when our own check finds nothing.
-/// Each thread loads it once, from `modulePath` and ".lua", when it first needs
-/// it; a machine without the file has no module to ask.
+/// A machine without the file has no module to
+/// ask.
 HeaderFindings JudgeHeaders(const Json& headers, const Json* patched, const std::string& modulePath);
 
 }  // namespace event_service

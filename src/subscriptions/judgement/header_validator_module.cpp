@@ -4,8 +4,11 @@
 #include <lua.hpp>
 
 #include <cerrno>
+#include <cstring>
 #include <memory>
+#include <optional>
 
+#include "foundation/durable_file.h"
 #include "foundation/logging.h"
 
 namespace event_service {
@@ -13,7 +16,8 @@ namespace {
 
 constexpr const char* kFunctionName = "validateHttpHeaderByPattern";
 
-// Seconds on the board. A module that loops without end must not take the listener with it.
+// Of one loading or one judgement; seconds on the board. A module that loops without end must not take the listener
+// with it.
 constexpr int kMostInstructions = 50'000'000;
 
 struct LuaStateDeleter {
@@ -24,12 +28,35 @@ using LuaState = std::unique_ptr<lua_State, LuaStateDeleter>;
 // A Lua error leaves the functions between it and its handler without running destructors. What can raise one is in
 // the functions from here to the end mark, which are called through lua_cpcall and hold nothing that needs destruction.
 
-void StopRunaway(lua_State* lua, lua_Debug* /*activation*/) { luaL_error(lua, "too many instructions"); }
+/// From here on every instruction raises, in every coroutine: a single error could be caught, and the loop go on.
+void StopRunaway(lua_State* lua, lua_Debug* /*activation*/) {
+  lua_sethook(lua, StopRunaway, LUA_MASKCOUNT, 1);
+  luaL_error(lua, "too many instructions");
+}
 
 struct ModuleFile {
-  const char* path;
+  const char* name;        // of the module
+  const char* chunkName;   // for messages
   const char* neighbours;  // where the module finds what it requires: "<its folder>/?.lua;"
+  std::string_view text;
 };
+
+int DoNothing(lua_State* /*lua*/) { return 0; }
+
+/// Takes a function out of a library: what calls it goes on without effect.
+void Disarm(lua_State* lua, const char* library, const char* function) {
+  lua_getglobal(lua, library);
+  lua_pushcfunction(lua, DoNothing);
+  lua_setfield(lua, -2, function);
+  lua_pop(lua, 1);
+}
+
+/// Compiled code would not be interrupted, and needs memory that is both writable and executable.
+void KeepInterruptible(lua_State* lua) {
+  luaJIT_setmode(lua, 0, LUAJIT_MODE_ENGINE | LUAJIT_MODE_OFF);
+  Disarm(lua, "jit", "on");
+  Disarm(lua, "debug", "sethook");
+}
 
 /// Puts the module's folder in front of the places that "require" searches.
 void SearchFolderFirst(lua_State* lua, const char* neighbours) {
@@ -41,30 +68,36 @@ void SearchFolderFirst(lua_State* lua, const char* neighbours) {
   lua_pop(lua, 1);
 }
 
+/// Pops a value. True when it was the module's function, or a table that has it: the function is in the registry then.
+bool TakeFunction(lua_State* lua) {
+  if (lua_istable(lua, -1)) {
+    lua_getfield(lua, -1, kFunctionName);
+    lua_remove(lua, -2);
+  }
+  if (lua_isfunction(lua, -1)) {
+    lua_setfield(lua, LUA_REGISTRYINDEX, kFunctionName);
+    return true;
+  }
+  lua_pop(lua, 1);
+  return false;
+}
+
 /// Argument: a ModuleFile. Leaves the module's function in the registry.
 int LoadFunction(lua_State* lua) {
   const auto* file = static_cast<const ModuleFile*>(lua_touserdata(lua, 1));
   luaL_openlibs(lua);
-  // Compiled code would not be interrupted, and needs memory that is both writable and executable.
-  luaJIT_setmode(lua, 0, LUAJIT_MODE_ENGINE | LUAJIT_MODE_OFF);
+  KeepInterruptible(lua);
   SearchFolderFirst(lua, file->neighbours);
-  if (luaL_loadfile(lua, file->path) != 0) return lua_error(lua);
-  lua_call(lua, 0, 1);
-  // A module returns its table; older ones leave a global behind.
-  if (lua_istable(lua, -1)) {
-    lua_getfield(lua, -1, kFunctionName);
-  } else {
-    lua_getglobal(lua, kFunctionName);
-  }
-  if (!lua_isfunction(lua, -1)) return luaL_error(lua, "no function %s", kFunctionName);
-  lua_setfield(lua, LUA_REGISTRYINDEX, kFunctionName);
-  return 0;
+  if (luaL_loadbuffer(lua, file->text.data(), file->text.size(), file->chunkName) != 0) return lua_error(lua);
+  lua_pushstring(lua, file->name);  // as "require" does: older modules begin with "module(...)"
+  lua_call(lua, 1, 1);
+  if (TakeFunction(lua)) return 0;
+  lua_getglobal(lua, kFunctionName);
+  if (TakeFunction(lua)) return 0;
+  lua_getglobal(lua, file->name);
+  if (TakeFunction(lua)) return 0;
+  return luaL_error(lua, "no function %s", kFunctionName);
 }
-
-struct ValidatorCall {
-  std::span<const Header> headers;
-  bool accepted = false;
-};
 
 /// Pushes the array of tables.
 void PushHeaders(lua_State* lua, std::span<const Header> headers) {
@@ -85,14 +118,29 @@ void PushHeaders(lua_State* lua, std::span<const Header> headers) {
   }
 }
 
-/// Argument: a ValidatorCall.
-int CallFunction(lua_State* lua) {
-  auto* call = static_cast<ValidatorCall*>(lua_touserdata(lua, 1));
+bool Accepts(lua_State* lua, std::span<const Header> headers) {
   lua_getfield(lua, LUA_REGISTRYINDEX, kFunctionName);
-  PushHeaders(lua, call->headers);
+  PushHeaders(lua, headers);
   lua_call(lua, 1, 1);
-  if (!lua_isboolean(lua, -1)) return luaL_error(lua, "no boolean result");
-  call->accepted = lua_toboolean(lua, -1) != 0;
+  if (!lua_isboolean(lua, -1)) luaL_error(lua, "no boolean result");
+  const bool accepted = lua_toboolean(lua, -1) != 0;
+  lua_pop(lua, 1);
+  return accepted;
+}
+
+struct Judgement {
+  std::span<const Header> headers;
+  std::vector<size_t>& refused;  // has room for all of them
+};
+
+/// Argument: a Judgement.
+int JudgeHeaders(lua_State* lua) {
+  const auto* judgement = static_cast<const Judgement*>(lua_touserdata(lua, 1));
+  if (Accepts(lua, judgement->headers)) return 0;
+  for (size_t i = 0; i < judgement->headers.size(); ++i) {
+    if (!Accepts(lua, judgement->headers.subspan(i, 1))) judgement->refused.push_back(i);
+  }
+  if (judgement->refused.empty()) judgement->refused.push_back(0);
   return 0;
 }
 
@@ -110,35 +158,52 @@ bool IsMissing(const std::string& path) {
   return access(path.c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 
+/// The module's file. Older modules lie under the bare path.
+std::string FileOf(const std::string& modulePath) {
+  std::string file = modulePath + ".lua";
+  return IsMissing(file) ? modulePath : file;
+}
+
 /// One thread's module.
 class HeaderValidatorModule {
  public:
-  ModuleVerdict Ask(const std::string& path, std::span<const Header> headers) {
+  ModuleFindings Ask(const std::string& path, std::span<const Header> headers) {
     if (!lua_ || path != path_) {
-      if (IsMissing(path)) return ModuleVerdict::kAccepted;
-      if (!Load(path)) return ModuleVerdict::kFailed;
+      const std::string file = FileOf(path);
+      if (IsMissing(file)) return {};
+      if (!Load(path, file)) return {.failed = true, .refused = {}};
     }
-    ValidatorCall call{.headers = headers};
-    if (RunProtected(lua_.get(), CallFunction, &call)) {
-      return call.accepted ? ModuleVerdict::kAccepted : ModuleVerdict::kRefused;
-    }
+    ModuleFindings findings;
+    findings.refused.reserve(headers.size());
+    Judgement judgement{headers, findings.refused};
+    if (RunProtected(lua_.get(), JudgeHeaders, &judgement)) return findings;
     // The text of the error stays out of the log: it may well quote the value of a header.
     LogError("The HTTP header validator raised an error.");
     lua_.reset();
-    return ModuleVerdict::kFailed;
+    return {.failed = true, .refused = {}};
   }
 
  private:
-  bool Load(const std::string& path) {
-    lua_.reset(luaL_newstate());
+  bool Load(const std::string& path, const std::string& file) {
     path_ = path;
-    const std::string neighbours = path.substr(0, path.rfind('/') + 1) + "?.lua;";
-    ModuleFile file{path.c_str(), neighbours.c_str()};
-    if (lua_ && RunProtected(lua_.get(), LoadFunction, &file)) return true;
-    LogError("Failed to load the HTTP header validator %s: %s.", path.c_str(),
-             lua_ ? ErrorText(lua_.get()) : "not enough memory");
+    lua_.reset(luaL_newstate());
+    const std::string failure = TryToLoad(file);
+    if (failure.empty()) return true;
+    LogError("Failed to load the HTTP header validator %s: %s.", file.c_str(), failure.c_str());
     lua_.reset();
     return false;
+  }
+
+  /// The reason when that fails.
+  std::string TryToLoad(const std::string& file) {
+    if (!lua_) return "not enough memory";
+    const std::optional<std::string> text = ReadWholeFile(file);
+    if (!text) return std::strerror(errno);
+    const std::string name = path_.substr(path_.rfind('/') + 1);
+    const std::string chunkName = '@' + file;
+    const std::string neighbours = file.substr(0, file.rfind('/') + 1) + "?.lua;";
+    ModuleFile module{name.c_str(), chunkName.c_str(), neighbours.c_str(), *text};
+    return RunProtected(lua_.get(), LoadFunction, &module) ? std::string() : ErrorText(lua_.get());
   }
 
   LuaState lua_;
@@ -147,9 +212,9 @@ class HeaderValidatorModule {
 
 }  // namespace
 
-ModuleVerdict AskHeaderModule(const std::string& modulePath, std::span<const Header> headers) {
+ModuleFindings AskHeaderModule(const std::string& modulePath, std::span<const Header> headers) {
   thread_local HeaderValidatorModule module;
-  return module.Ask(modulePath + ".lua", headers);
+  return module.Ask(modulePath, headers);
 }
 
 }  // namespace event_service

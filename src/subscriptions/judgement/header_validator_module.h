@@ -5,6 +5,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace event_service {
 
@@ -15,13 +16,14 @@ struct Header {
   std::string_view value;
 };
 
-enum class ModuleVerdict {
-  kAccepted,  // also where the machine has no module
-  kRefused,
-  kFailed,  // cannot be loaded, raised an error, ran without end or gave no boolean; one line was logged
+struct ModuleFindings {
+  bool failed = false;  // cannot be loaded, raised an error, ran without end, gave no boolean; one line was logged
+  std::vector<size_t> refused;  // positions among the headers; none where the machine has no module
 };
 
-/// Asks the module of this thread. It is loaded on first use from `modulePath` and ".lua", and again after a failure.
-ModuleVerdict AskHeaderModule(const std::string& modulePath, std::span<const Header> headers);
+/// Asks the module of this thread about the headers together. When it refuses them it is asked about each alone, to
+/// find those at fault; when it takes them all singly, the first stands for their combination. It is loaded on first
+/// use, from `modulePath` and ".lua" or, where that is missing, from the bare path, and again after a failure.
+ModuleFindings AskHeaderModule(const std::string& modulePath, std::span<const Header> headers);
 
 }  // namespace event_service
