@@ -29,7 +29,7 @@ TEST(HeaderModule, DecidesOrFailsWithOneLineWithoutValues) {
       {call + "return #headers == 1 end", refused + "X-One, HttpHeaders/0) @HttpHeaders/0"},
       {call + "error('bad value ' .. headers[2]['X-Two']) end", raised},
       {"module('RequestHttpHeaderValidator', package.seeall) " + call + "return false end",
-       refused + "X-One, HttpHeaders/0) @HttpHeaders/0, PropertyValueFormatError(X-Two, HttpHeaders/1)"},
+       refused + "X-One, HttpHeaders/0) @HttpHeaders/0, PropertyValueFormatError(X-Three, HttpHeaders/1)"},
       {"module(..., package.seeall) " + call + "return tostring(headers) == '' end", refused + "X-One, "},
       {call + "while true do end end", raised},
       {endless + call + "repeat pcall(endless) until false end", raised},
