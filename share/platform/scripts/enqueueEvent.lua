@@ -10,6 +10,9 @@
 --   {status, message id, arguments...} refused; the arguments leave out the action's name, which the caller knows
 --
 -- The element of the queue is the key, which begins with "&&"; elements that begin with "{" are whole events.
+--
+-- The event of a subscription's end names its one receiver in "&&EventDestination". That member is gone when the event is
+-- delivered, so what delivery needs of it is put into the object: field "&&Receiver", JSON text in the member's form.
 
 local QUEUE = "&&/redfish/v1/EventService/EVENTQ"
 local SERVICE = "/redfish/v1/EventService"
@@ -88,6 +91,32 @@ local function refusal_of_event(event, key)
   return refusal_of_arguments(event, key)
 end
 
+-- The elements of a member's array of objects, as JSON text; nothing without any.
+local function objects_in(array_key)
+  local objects = {}
+  for _, marker in ipairs(read("LRANGE", array_key, 0, -1) or {}) do
+    local members = {}
+    for name, json in pairs(hash(marker:match("^&&Object (.*)$") or "")) do
+      members[#members + 1] = cjson.encode(name) .. ":" .. json
+    end
+    objects[#objects + 1] = "{" .. table.concat(members, ",") .. "}"
+  end
+  return #objects > 0 and "[" .. table.concat(objects, ",") .. "]" or nil
+end
+
+-- Stored values are JSON texts already, but for control fields.
+local function receiver(uri)
+  local member, kept = hash(uri), {}
+  for _, name in ipairs({"Destination", "Protocol", "SubscriptionType", "VerifyCertificate", "Context"}) do
+    if member[name] then kept[#kept + 1] = cjson.encode(name) .. ":" .. member[name] end
+  end
+  local headers = objects_in("&&" .. uri .. "/HttpHeaders")
+  if headers then kept[#kept + 1] = '"HttpHeaders":' .. headers end
+  local channel = member["&&SSE-CHANNEL"]
+  if channel then kept[#kept + 1] = '"&&SSE-CHANNEL":' .. cjson.encode(channel) end
+  return "{" .. table.concat(kept, ",") .. "}"
+end
+
 local key = KEYS[1]
 local object = hash(key)
 local events = read("LRANGE", key .. "/Events", 0, -1) or {}
@@ -104,5 +133,8 @@ for index, marker in ipairs(events) do
 end
 
 if not ends_subscription and read("HGET", SERVICE, "ServiceEnabled") ~= "true" then return 0 end
+if object["&&EventDestination"] then
+  read("HSET", key, "&&Receiver", receiver(object["&&EventDestination"]))
+end
 if not read("RPUSH", QUEUE, key) then return {"EXCEPTION", "Base.1.12.OperationFailed"} end
 return 1

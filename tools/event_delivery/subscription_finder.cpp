@@ -1,0 +1,222 @@
+#include "tools/event_delivery/subscription_finder.h"
+
+#include <algorithm>
+#include <deque>
+#include <utility>
+
+#include "foundation/logging.h"
+#include "foundation/redis_pipeline.h"
+#include "foundation/text_numbers.h"
+#include "resource_store/resource_editor.h"
+#include "resource_store/resource_walk.h"
+#include "tools/front_end/front_end.h"
+
+namespace event_service {
+namespace {
+
+constexpr std::string_view kService = "/redfish/v1/EventService";
+constexpr std::string_view kMembers = "/redfish/v1/EventService/Subscriptions/";
+constexpr std::string_view kPrefixList = "&&/redfish/v1/EventService/RegistryPrefixes";
+constexpr std::string_view kEtag = "@odata.etag";
+constexpr size_t kMostKnown = 1024;
+
+/// A JSON text without the quotes of a string.
+std::string_view Unquoted(std::string_view text) {
+  return text.size() >= 2 && text.starts_with('"') && text.ends_with('"') ? text.substr(1, text.size() - 2) : text;
+}
+
+std::span<redisReply* const> ElementsOf(const RedisReply& reply) {
+  if (!IsArray(reply)) return {};
+  return {reply->element, reply->elements};
+}
+
+void AppendServiceReads(RedisPipeline& pipeline) {
+  pipeline.Append({"HMGET", kService, "ServiceEnabled", "DeliveryRetryAttempts", "DeliveryRetryIntervalSeconds"});
+}
+
+/// What is missing or no number keeps its default.
+ServiceState TakeService(const RedisReply& reply) {
+  ServiceState service;
+  const auto fields = ElementsOf(reply);
+  if (fields.size() != 3) return service;
+  service.isEnabled = TextOf(fields[0]) == "true";
+  ParseInteger(TextOf(fields[1]), service.retry.attempts);
+  uint32_t seconds = 0;
+  if (ParseInteger(TextOf(fields[2]), seconds) == std::errc{}) service.retry.interval = std::chrono::seconds(seconds);
+  return service;
+}
+
+std::vector<std::string> TakePrefixes(const RedisReply& reply) {
+  std::vector<std::string> prefixes;
+  for (const redisReply* element : ElementsOf(reply)) prefixes.emplace_back(Unquoted(TextOf(element)));
+  return prefixes;
+}
+
+/// Reads the members whole, all of them level by level in the same batches. False when Redis fails; a member that
+/// cannot be read is null.
+bool ReadMembers(redisContext* redis, std::span<const std::string> uris, std::vector<SubscriptionPtr>& members) {
+  struct Reading {
+    Json document;
+    std::optional<ResourceWalk> walk;
+    bool isWhole = true;
+  };
+  std::deque<Reading> readings(uris.size());
+  const ReadOptions wholeMember{.knownKind = ContainerKind::kObject, .withControlFields = true, .ownKeysOnly = true};
+  for (size_t i = 0; i < uris.size(); ++i) readings[i].walk.emplace(uris[i], wholeMember, &readings[i].document);
+  const auto isOpen = [](const Reading& reading) { return reading.isWhole && !reading.walk->Done(); };
+  while (std::ranges::any_of(readings, isOpen)) {
+    RedisPipeline pipeline(redis);
+    std::vector<Reading*> open;
+    for (Reading& reading : readings) {
+      if (!isOpen(reading)) continue;
+      reading.walk->AppendLevel(pipeline);
+      open.push_back(&reading);
+    }
+    const std::vector<RedisReply> replies = pipeline.Execute();
+    if (redis->err != 0) return false;
+    for (Reading* reading : open) reading->isWhole = reading->walk->TakeLevel(replies);
+  }
+  for (size_t i = 0; i < uris.size(); ++i) {
+    const bool isThere = readings[i].isWhole && !readings[i].document.empty();
+    members.push_back(isThere ? std::make_shared<const Subscription>(ParseSubscription(uris[i], readings[i].document))
+                              : nullptr);
+  }
+  return true;
+}
+
+/// A resource as a client sees it; header values of a subscription are not shown, whether or not a client has asked for
+/// them before.
+std::optional<Json> ReadOrigin(redisContext* redis, const std::string& uri) {
+  if (!uri.starts_with("/redfish/v1/")) return std::nullopt;
+  std::optional<Json> resource = ReadForClient(redis, uri);
+  if (!resource || !resource->is_object()) return std::nullopt;
+  if (resource->contains("HttpHeaders")) (*resource)["HttpHeaders"] = Json::array();
+  return resource;
+}
+
+}  // namespace
+
+SubscriptionFinder::Candidates SubscriptionFinder::ReadIndex(redisContext* redis, std::vector<RecordFacts>& facts,
+                                                             ServiceState& service) {
+  RedisPipeline pipeline(redis);
+  AppendServiceReads(pipeline);
+  pipeline.Append({"LRANGE", kPrefixList, "0", "-1"});
+  std::vector<size_t> firsts;
+  for (const RecordFacts& record : facts) {
+    firsts.push_back(pipeline.Append({"HGET", record.origin, "@odata.type"}));
+    for (const std::string& key : OriginIndexKeysFor(record.origin)) pipeline.Append({"HGETALL", key});
+  }
+  firsts.push_back(pipeline.Size());
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  service = TakeService(replies[0]);
+  const std::vector<std::string> prefixes = TakePrefixes(replies[1]);
+  Candidates candidates;
+  for (size_t record = 0; record < facts.size(); ++record) {
+    // A resource that is there tells its type itself.
+    const std::string_view type = ResourceTypeOf(Unquoted(TextOf(replies[firsts[record]])));
+    if (!type.empty()) facts[record].resourceType = type;
+    const int64_t bit = RegistryBit(prefixes, RegistryPrefixOf(facts[record].messageId));
+    for (size_t key = firsts[record] + 1; key < firsts[record + 1]; ++key) {
+      const auto fields = ElementsOf(replies[key]);
+      for (size_t i = 0; i + 1 < fields.size(); i += 2) {
+        int64_t mask = -1;
+        ParseInteger(TextOf(fields[i + 1]), mask);
+        if (!MaskAdmits(mask, bit)) continue;
+        std::vector<size_t>& records = candidates[std::string(kMembers).append(TextOf(fields[i]))];
+        if (records.empty() || records.back() != record) records.push_back(record);
+      }
+    }
+  }
+  return candidates;
+}
+
+std::optional<std::vector<Receiver>> SubscriptionFinder::Find(redisContext* redis, Json& document) {
+  std::vector<RecordFacts> facts = FactsOf(document);
+  const Candidates candidates = ReadIndex(redis, facts, service_);
+  if (redis->err != 0) return std::nullopt;
+  std::vector<Receiver> receivers;
+  if (!service_.isEnabled) return receivers;
+  std::vector<std::string> uris;
+  for (const auto& candidate : candidates) uris.push_back(candidate.first);
+  const auto subscriptions = Refresh(redis, uris);
+  if (!subscriptions) return std::nullopt;
+  std::vector<bool> isOriginWanted(facts.size());
+  auto candidate = candidates.begin();
+  for (const SubscriptionPtr& subscription : *subscriptions) {
+    const std::vector<size_t>& records = (candidate++)->second;
+    if (!subscription || IsPassedOver(*subscription)) continue;
+    Receiver receiver{.subscription = subscription, .records = {}};
+    for (const size_t record : records) {
+      if (!Admits(*subscription, facts[record])) continue;
+      receiver.records.push_back(record);
+      if (subscription->includesOrigin) isOriginWanted[record] = true;
+    }
+    if (!receiver.records.empty()) receivers.push_back(std::move(receiver));
+  }
+  for (size_t record = 0; record < facts.size(); ++record) {
+    if (!isOriginWanted[record]) continue;
+    if (auto resource = ReadOrigin(redis, facts[record].origin)) {
+      document["Events"][record][std::string(kOriginMember)] = std::move(*resource);
+    }
+  }
+  if (redis->err != 0) return std::nullopt;
+  return receivers;
+}
+
+std::optional<std::vector<SubscriptionPtr>> SubscriptionFinder::Refresh(redisContext* redis,
+                                                                        std::span<const std::string> uris) {
+  RedisPipeline pipeline(redis);
+  AppendServiceReads(pipeline);
+  for (const std::string& uri : uris) pipeline.Append({"HGET", uri, kEtag});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (redis->err != 0) return std::nullopt;
+  service_ = TakeService(replies[0]);
+  std::vector<SubscriptionPtr> found(uris.size());
+  std::vector<size_t> changed;
+  for (size_t i = 0; i < uris.size(); ++i) {
+    const auto known = known_.find(uris[i]);
+    const Json etag = Json::parse(TextOf(replies[i + 1]), nullptr, false);
+    const bool isAsKnown = known != known_.end() && etag.is_string() && !known->second->etag.empty() &&
+                           etag.get_ref<const std::string&>() == known->second->etag;
+    if (isAsKnown) {
+      found[i] = known->second;
+    } else {
+      changed.push_back(i);
+    }
+  }
+  std::vector<std::string> changedUris;
+  for (const size_t i : changed) changedUris.push_back(uris[i]);
+  std::vector<SubscriptionPtr> members;
+  if (!ReadMembers(redis, changedUris, members)) return std::nullopt;
+  if (known_.size() > kMostKnown) known_.clear();
+  for (size_t i = 0; i < changed.size(); ++i) {
+    if (!members[i]) {
+      known_.erase(changedUris[i]);
+      continue;
+    }
+    found[changed[i]] = known_[changedUris[i]] = members[i];
+  }
+  return found;
+}
+
+bool SubscriptionFinder::IsPassedOver(const Subscription& subscription) const {
+  const auto rest = passedOver_.find(subscription.uri);
+  return rest != passedOver_.end() && rest->second.etag == subscription.etag && Clock::now() < rest->second.until;
+}
+
+void SubscriptionFinder::PassOver(const Subscription& subscription, Clock::time_point until) {
+  std::erase_if(passedOver_, [now = Clock::now()](const auto& rest) { return rest.second.until < now; });
+  passedOver_[subscription.uri] = {subscription.etag, until};
+}
+
+SubscriptionPtr SubscriptionFinder::Known(const std::string& uri) const {
+  const auto known = known_.find(uri);
+  return known == known_.end() ? nullptr : known->second;
+}
+
+void SubscriptionFinder::Forget(const std::string& uri) {
+  known_.erase(uri);
+  passedOver_.erase(uri);
+}
+
+}  // namespace event_service
