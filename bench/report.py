@@ -29,6 +29,8 @@ RATIOS = {
     "ReadDocument/10000": ("store: read, per object of 10,000", 1.9),
     "Discovery": ("discovery", 1.15),
     "WholeStart": ("whole start", 1.1),
+    "EventTo100": ("event to 100 subscribers", 3),
+    "FindTenAmong200": ("event to 10 among 200 subscribers", 1.15),
 }
 LOADS = {"Echoes": "echo", "Refusals": "refused method", "Patches": "PATCH of the headers"}
 FRONT_ENDS = (1, 8, 64)

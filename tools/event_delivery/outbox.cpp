@@ -8,8 +8,8 @@
 namespace event_service {
 namespace {
 
-constexpr size_t kMostOwed = 256;
-constexpr size_t kMostOwedSize = 1024 * 1024;
+constexpr size_t kMostOwed = 2048;
+constexpr size_t kMostOwedSize = 2 * 1024 * 1024;
 
 }  // namespace
 

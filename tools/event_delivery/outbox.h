@@ -31,7 +31,7 @@ class Outbox {
 
   /// Queues an event for the subscription at `uri`, which may be null where it is not known yet: it then comes up in
   /// TakeDue at once. The event of a subscription's end is the last of its queue; what comes for that URI later has a
-  /// new one. Beyond 256 events or 1 MiB a queue loses its oldest ones, the one being sent excepted.
+  /// new one. Beyond 2,048 events or 2 MiB a queue loses its oldest ones, the one being sent excepted.
   void Add(const std::string& uri, SubscriptionPtr subscription, OwedRecords owed);
 
   /// Carries all attempts on for so long at most; returns early when an attempt ends or a descriptor can be read.
