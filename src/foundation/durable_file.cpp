@@ -45,6 +45,10 @@ std::optional<std::string> ReadWhole(const Descriptor& file) {
   return std::nullopt;
 }
 
+void LogRemoval(const std::string& path) {
+  LogError("The file %s was not made by this service and has been removed.", path.c_str());
+}
+
 }  // namespace
 
 bool SyncFile(const std::string& path) {
@@ -74,17 +78,18 @@ bool ReplaceFile(const std::string& path, std::string_view content) {
 std::optional<std::string> ReadWholeFile(const std::string& path) { return ReadWhole(Descriptor(OpenToRead(path))); }
 
 std::optional<std::string> ReadOwnFile(const std::string& path) {
-  if (!DropForeignFile(path)) return std::nullopt;
-  return ReadWhole(Descriptor(OpenOwnFile(path, O_RDONLY)));
+  const Foreign foreign = RemoveForeignFile(path);
+  if (foreign == Foreign::kStays) return std::nullopt;
+  if (foreign == Foreign::kRemoved) LogRemoval(path);
+  const Descriptor file(OpenOwnFile(path, O_RDONLY));
+  if (file.IsOpen() && fchmod(file.Get(), kOwnerOnly) != 0) return std::nullopt;
+  return ReadWhole(file);
 }
 
 bool DropForeignFile(const std::string& path, nlink_t names) {
   const Foreign foreign = RemoveForeignFile(path, names);
-  if (foreign == Foreign::kRemoved) {
-    LogError("The file %s was not made by this service and has been removed.", path.c_str());
-  } else if (foreign == Foreign::kStays) {
-    LogError("Failed to remove the file %s.", path.c_str());
-  }
+  if (foreign == Foreign::kRemoved) LogRemoval(path);
+  if (foreign == Foreign::kStays) LogError("Failed to remove the file %s.", path.c_str());
   return foreign != Foreign::kStays;
 }
 

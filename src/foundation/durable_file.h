@@ -33,7 +33,8 @@ std::string FolderOf(const std::string& path);
 /// why. Logs nothing.
 std::optional<std::string> ReadWholeFile(const std::string& path);
 
-/// The same for a file that only this service makes. What else has the name is removed first (DropForeignFile).
+/// The same for a file that only this service makes, which gets mode 600. What else has the name is removed first, with
+/// a logged line; a folder or a device is one that cannot be read.
 std::optional<std::string> ReadOwnFile(const std::string& path);
 
 /// Removes what has this name unless it is a file of this service's own, with at most `names` names, and says so in the

@@ -101,16 +101,18 @@ std::vector<std::string_view> TakeMembers(std::span<const std::string_view> uris
 void WriteBack(redisContext* redis, std::span<const std::string_view> uris, std::string_view collectionEtag,
                SubscriptionDb& db) {
   std::vector<Json> documents;
+  std::vector<std::string_view> written;
   for (const std::string_view uri : uris) {
     Json document;
     const ReadOptions wholeResource{
         .knownKind = ContainerKind::kObject, .withControlFields = true, .ownKeysOnly = true};
     if (!ReadResource(redis, uri, document, wholeResource)) continue;
     documents.push_back(std::move(document));
-    LogSubscriptionChange(uri, "written back into the file", "start-up");
+    written.push_back(uri);
   }
   // What fails is logged by the file's side; the members stay in Redis until the next start.
-  [[maybe_unused]] const bool complete = db.WriteBackDbSubscriptions(documents, collectionEtag);
+  if (!db.WriteBackDbSubscriptions(documents, collectionEtag)) return;
+  for (const std::string_view uri : written) LogSubscriptionChange(uri, "written back into the file", "start-up");
 }
 
 /// Removes what a creation that was cut short has left: its arrays and objects may be there without a marker that leads

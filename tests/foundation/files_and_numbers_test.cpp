@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -29,6 +30,36 @@ TEST(DurableFile, ReplacesTheWholeFileOrLeavesIt) {
   std::filesystem::create_directories(taken + "/inside");
   EXPECT_FALSE(ReplaceFile(taken, "x")) << "a folder stands there";
   EXPECT_FALSE(std::filesystem::exists(taken + ".new")) << "nothing is left behind";
+}
+
+TEST(DurableFile, NothingThatWasLaidOutBeforehandIsReadOrWritten) {
+  const SandboxRoot sandbox;
+  const std::string path = sandbox.Root() + "/file", victim = sandbox.Root() + "/victim";
+  const struct {
+    const char* kind;
+    bool isRemoved, isReadable;
+  } cases[] = {{"link", true, true},
+               {"second name", true, true},
+               {"fifo", true, false},
+               {"foreign", geteuid() == 0, true},
+               {"folder", false, false}};
+  for (const auto& row : cases) {
+    const LogCapture log;
+    Obstruct(path, row.kind, victim);
+    EXPECT_EQ(ReadWholeFile(path).has_value(), row.isReadable) << row.kind << ": others' files may be links";
+    EXPECT_EQ(ReadFirstLine(path).has_value(), row.isReadable) << row.kind;
+    EXPECT_EQ(ReadOwnFile(path).has_value(), std::string(row.kind) == "foreign" && !row.isRemoved) << row.kind;
+    EXPECT_EQ(std::filesystem::exists(std::filesystem::symlink_status(path)), !row.isRemoved) << row.kind;
+    EXPECT_EQ(log.Errors().size(), row.isRemoved ? 1U : 0U) << row.kind;
+    Obstruct(path + ".new", row.kind, victim);
+    const bool isFolder = std::string(row.kind) == "folder";
+    EXPECT_EQ(ReplaceFile(path, "own"), !isFolder) << row.kind;
+    EXPECT_EQ(ReadFile(victim), "victim") << row.kind;
+    std::filesystem::remove_all(path);
+  }
+  WriteFile(path, "");
+  std::filesystem::resize_file(path, kLargestFile + 1);
+  EXPECT_EQ(ReadWholeFile(path), std::nullopt) << "larger than any file of ours";
 }
 
 TEST(FilePathsTest, ARootMovesEveryPathUnlessAShellWouldHaveToQuoteIt) {

@@ -13,6 +13,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <tuple>
 
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_reader.h"
@@ -36,7 +38,8 @@ struct ChildReport {
 };
 
 Fault fault;
-int failingLoads = 0;
+int failingLoads = 0;  // of a start, with this status
+int loadStatus = 0;
 ChildReport* report = nullptr;  // null outside of a child
 
 /// Counts one step; true when it is to be refused. Does not return when the process is to stop there.
@@ -108,12 +111,14 @@ int unlink(const char* path) noexcept { return IsRefused() ? -1 : Real(unlink, "
 
 int system(const char* command) {
   constexpr int kFailed = 1 << 8;  // exit status 1
+  constexpr int kKilled = 9;       // by this signal
   Trace(command);
   const std::string_view text = command;
   // A load or a legacy move that fails leads to the default data by rule, with every file kept: these are only stopped.
   const bool loads = text.find(" UPDATE ") != std::string_view::npos;
   const bool mayFail = !loads && !text.starts_with("mv ");
-  if ((IsRefused() && mayFail) || (loads && failingLoads-- > 0)) return kFailed;
+  if (IsRefused() && mayFail) return kFailed;
+  if (loads && failingLoads-- > 0) return loadStatus == 0 ? kKilled : loadStatus << 8;
   const int status = Real(system, "system")(command);
   const std::string output = OutputOf(command);
   if (report == nullptr || output.empty() || status != 0) return status;
@@ -128,9 +133,10 @@ int system(const char* command) {
 namespace event_service {
 namespace {
 
-// Operations are "start", "lost" and "back" (a start under whose loader Redis goes away, in "back" for a moment) and
-// changes of one subscription: "+A" inserts it, "~A" updates it, "-A" deletes it. A set of subscriptions is the text of
-// their letters; a small letter is one that was updated.
+// Operations are "start", starts that fail after the file has been loaded - under the loader of "lost" Redis is away,
+// it is killed once in "killed", refuses all files in "none" and the first of them in "next" - and changes of one
+// subscription: "+A" inserts it, "~A" updates it, "-A" deletes it. A set of subscriptions is the text of their letters;
+// a small letter is one that was updated.
 using Operations = std::vector<std::string>;
 
 class CrashTest : public RedisTest {
@@ -147,7 +153,9 @@ class CrashTest : public RedisTest {
     if (operation[0] == '+') return db.InsertDbSubscription(id, MemberOf(id[0]).dump(), kPrivileges, kEtagText);
     if (operation[0] == '~') return db.UpdateDbSubscription(kUris + id, {{"Context", "changed"}}, {}, kEtagText);
     if (operation[0] == '-') return db.DeleteDbSubscription(kUris + id, kEtagText);
-    failingLoads = operation == "lost" ? 3 : (operation == "back" ? 1 : 0);
+    const std::map<std::string, std::pair<int, int>> loads = {
+        {"start", {0, 0}}, {"lost", {99, 75}}, {"killed", {1, 0}}, {"none", {3, 1}}, {"next", {1, 1}}};
+    std::tie(failingLoads, loadStatus) = loads.at(operation);
     return StartDb(db, operation == "start");
   }
 
@@ -215,8 +223,9 @@ TEST_F(CrashTest, StartsAndChangesThatAreStoppedOrRefusedAtAnyStep) {
       {"D=A D/", {"start"}, {"", ""}, {"stop", "full"}},           // falls back
       {"D:AB", {"start"}, {"AB", "AB"}, {"stop", "full"}},         // an unencrypted file
       {"D=AB", {"lost"}, {"AB", "AB"}, {"stop", "fail"}},
-      {"D=A P:AB", {"lost"}, {"AB", "AB"}, {"stop", "fail"}},
-      {"D=A P:AB", {"back"}, {"AB", "AB"}, {"stop"}},
+      {"D=A P:AB", {"none"}, {"AB", "AB"}, {"stop", "fail"}},
+      {"D=A P:AB", {"next"}, {"AB", "AB"}, {"stop"}},
+      {"D=A", {"killed"}, {"A", "A"}, {"stop"}},
       {"D:AB", {"lost"}, {"AB", "AB"}, {"stop"}},
       {"D=AB", {"+C"}, {"AB", "ABC"}, {"stop", "full"}},
       {"D=AB", {"start", "~B", "-A", "+C"}, {"AB", "AB", "Ab", "b", "bC"}, {"stop"}},

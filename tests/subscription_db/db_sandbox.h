@@ -52,22 +52,30 @@ inline void StoreText(const FilePaths& paths, const std::string& plainText) {
   ASSERT_TRUE(db.EnsureDbPassword() && db.EncodeDbFile());
 }
 
-/// Empties the folder of the files and lays out those that the words name, in their order. The first letter is the
-/// file: the (D)atabase file, the (P)lain file, the password file (K), the (L)egacy file's second name, an older file
-/// that was kept (A)side. Then: "D=AB" encrypted with members A and B, "D!" encrypted without being a document, "D:AB"
-/// as plain JSON, "D/" cut short, "D-" removed.
-inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
+/// A file by its letter: the (D)atabase file, the (P)lain file, the password file (K), the (L)egacy file's second name,
+/// an older file that was kept (A)side. A small letter is the file that a start has set aside, or that is to become K.
+inline std::string PathOf(const FilePaths& paths, char file) {
   const std::map<char, std::string> files = {{'D', paths.databaseFile},
                                              {'P', paths.plainDatabaseFile},
                                              {'K', paths.passwordFile},
+                                             {'d', paths.databaseFile + ".aside"},
+                                             {'p', paths.plainDatabaseFile + ".aside"},
+                                             {'k', paths.passwordFile + ".new"},
                                              {'L', paths.databaseFile + ".legacy"},
                                              {'A', paths.databaseFile + ".unreadable"}};
+  return files.at(file);
+}
+
+/// Empties the folder of the files and lays out those that the words name, in their order. After the letter: "D=AB"
+/// encrypted with members A and B, "D!" encrypted without being a document, "D:AB" as plain JSON, "D/" cut short, "D-"
+/// removed.
+inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
   const std::filesystem::path folder = std::filesystem::path(paths.databaseFile).parent_path();
   std::filesystem::remove_all(folder);
   std::filesystem::create_directories(folder);
   std::istringstream text(words);
   for (std::string word; text >> word;) {
-    const std::string& path = files.at(word[0]);
+    const std::string path = PathOf(paths, word[0]);
     const std::string document = DocumentOf(word.substr(2)).dump();
     if (word[1] == '=' || word[1] == '!') StoreText(paths, word[1] == '=' ? document : "cut {");
     if (word[1] == ':' || word[1] == '/') WriteFile(path, word[1] == ':' ? document : ReadFile(path).substr(0, 40));
@@ -103,6 +111,11 @@ class DbSandboxTest : public testing::Test {
   /// A new process's view of the files.
   SubscriptionDb NewDb() {
     const auto run = [this](const std::string& command) {
+      if (command.starts_with(Paths().resourceLoader) && !loads_.empty()) {
+        const int status = loads_.front();
+        loads_.erase(loads_.begin());
+        if (status != 0) return status;
+      }
       return ++commands_, fails_(command) ? 1 : RunShell(command);
     };
     return SubscriptionDb({Paths(), run, [this](std::chrono::microseconds time) { waits_.push_back(time); }});
@@ -146,8 +159,10 @@ class DbSandboxTest : public testing::Test {
 
   SandboxRoot sandbox_;
   LogCapture log_;
+  const std::string victim_ = sandbox_.Root() + "/victim";
   size_t commands_ = 0;  // run so far
   std::vector<std::chrono::microseconds> waits_;
+  std::vector<int> loads_;  // what the loader's next runs end with
   /// True when a command, which is not run then, is to fail.
   std::function<bool(const std::string& command)> fails_ = [](const std::string&) { return false; };
 };

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>  // NOLINT(modernize-deprecated-headers): mkdtemp
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -61,8 +63,21 @@ void WriteFile(const std::string& path, std::string_view content) {
 }
 
 std::string ReadFile(const std::string& path) {
+  if (!fs::is_regular_file(path)) return {};
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void Obstruct(const std::string& path, const std::string& kind, const std::string& victim) {
+  fs::remove_all(path);
+  WriteFile(victim, "victim");
+  if (kind == "link") fs::create_symlink(victim, path);
+  if (kind == "second name") fs::create_hard_link(victim, path);
+  if (kind == "fifo" && mkfifo(path.c_str(), 0666) != 0) ADD_FAILURE() << "no FIFO " << path;
+  if (kind == "folder") fs::create_directories(path + "/inside");
+  if (kind != "foreign") return;
+  WriteFile(path, "foreign");
+  [[maybe_unused]] const int unlessRoot = chown(path.c_str(), 12345, 12345);
 }
 
 }  // namespace event_service

@@ -94,13 +94,13 @@ bool WasCarriedOut(const RedisReply& exec) {
 
 }  // namespace
 
-std::string LoadCollection(redisContext* redis, const CollectionFile& file, std::string_view collectionUri) {
+LoadFault LoadCollection(redisContext* redis, const CollectionFile& file, std::string_view collectionUri) {
   PresentState present;
-  if (const std::string fault = ReadPresentState(redis, collectionUri, present); !fault.empty()) return fault;
+  if (const std::string fault = ReadPresentState(redis, collectionUri, present); !fault.empty()) return {fault};
 
   const bool takesIds = NeedsSequenceIds(file);
   int64_t sequence = takesIds ? NextSequenceId(redis) : kNoSequence;
-  if (takesIds && sequence < 0) return "no sequence id can be had";
+  if (takesIds && sequence < 0) return {"no sequence id can be had"};
 
   RedisPipeline pipeline(redis);
   pipeline.Append({"MULTI"});
@@ -109,7 +109,7 @@ std::string LoadCollection(redisContext* redis, const CollectionFile& file, std:
   for (const CollectionFile::Member& member : file.members) {
     fits = fits && AppendDocument(pipeline, member.uri, member.document, sequence);
   }
-  if (!fits) return "a document cannot be stored";
+  if (!fits) return {"a document cannot be stored", true};
   const size_t count = AppendEntries(pipeline, present, file, collectionUri);
   std::string entriesKey = MembersKey(collectionUri);
   pipeline.Append({"HSET", collectionUri, "Members", BuildMarker(false, Json::array(), entriesKey, "Members")});
@@ -117,7 +117,7 @@ std::string LoadCollection(redisContext* redis, const CollectionFile& file, std:
   if (takesIds) AppendSequenceStore(pipeline, sequence);
   pipeline.Append({"EXEC"});
   const std::vector<RedisReply> replies = pipeline.Execute();
-  return WasCarriedOut(replies.back()) ? std::string() : "Redis did not take the data";
+  return {WasCarriedOut(replies.back()) ? "" : "Redis did not take the data"};
 }
 
 }  // namespace event_service

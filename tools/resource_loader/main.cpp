@@ -1,6 +1,7 @@
 // ResourceLoader UPDATE FILE COLLECTION_URI: loads a collection and its members from a JSON file into the local Redis.
-// Exit status 0, or 1 after one line on standard error.
+// Exit status 0; 1 when the file (or the call) is at fault, 75 when Redis is; both after one line on standard error.
 #include <fcntl.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -19,20 +20,26 @@
 namespace event_service {
 namespace {
 
-/// Loads the file. Returns an empty text, or what went wrong.
-std::string Run(const std::string& path, const std::string& collectionUri) {
+struct Outcome {
+  int exitStatus;
+  std::string fault = {};
+};
+
+/// Loads the file.
+Outcome Run(const std::string& path, const std::string& collectionUri) {
   const char* root = std::getenv("EVENT_SERVICE_ROOT");
   const std::optional<FilePaths> paths = MakeFilePaths(root != nullptr ? root : "");
-  if (!paths) return "EVENT_SERVICE_ROOT holds a character that needs quoting";
+  if (!paths) return {EXIT_FAILURE, "EVENT_SERVICE_ROOT holds a character that needs quoting"};
   SetProcessPaths(*paths);
 
   std::string fault;
   const std::optional<CollectionFile> file = ReadCollectionFile(path, collectionUri, fault);
-  if (!file) return path + ": " + fault;
+  if (!file) return {EXIT_FAILURE, path + ": " + fault};
   const RedisContext redis(redisConnectContext());
-  if (!redis) return "no connection to Redis";
-  fault = LoadCollection(redis.get(), *file, collectionUri);
-  return fault.empty() ? fault : collectionUri + ": " + fault;
+  if (!redis) return {EX_TEMPFAIL, "no connection to Redis"};
+  const LoadFault load = LoadCollection(redis.get(), *file, collectionUri);
+  if (load.text.empty()) return {EXIT_SUCCESS};
+  return {load.isOfFile ? EXIT_FAILURE : EX_TEMPFAIL, collectionUri + ": " + load.text};
 }
 
 int Main(int argc, char** argv) {
@@ -42,15 +49,14 @@ int Main(int argc, char** argv) {
   const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (nowhere >= 0) dup2(nowhere, STDERR_FILENO);
 
-  std::string fault = "usage: ResourceLoader UPDATE FILE COLLECTION_URI";
+  Outcome outcome{EXIT_FAILURE, "usage: ResourceLoader UPDATE FILE COLLECTION_URI"};
   try {
-    if (argc == 4 && std::string_view(argv[1]) == "UPDATE") fault = Run(argv[2], argv[3]);
+    if (argc == 4 && std::string_view(argv[1]) == "UPDATE") outcome = Run(argv[2], argv[3]);
   } catch (const std::exception& error) {
-    fault = error.what();
+    outcome = {EX_TEMPFAIL, error.what()};  // no memory
   }
-  if (fault.empty()) return EXIT_SUCCESS;
-  dprintf(standardError, "ResourceLoader: %s\n", fault.c_str());
-  return EXIT_FAILURE;
+  if (outcome.exitStatus != EXIT_SUCCESS) dprintf(standardError, "ResourceLoader: %s\n", outcome.fault.c_str());
+  return outcome.exitStatus;
 }
 
 }  // namespace

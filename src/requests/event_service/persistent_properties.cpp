@@ -12,7 +12,7 @@ namespace {
 
 /// The whole file, empty when there is none; nothing when it cannot be read.
 std::optional<std::string> ReadKeptText(const std::string& path) {
-  std::optional<std::string> text = ReadWholeFile(path);
+  std::optional<std::string> text = ReadOwnFile(path);
   if (!text && errno == ENOENT) return "";
   return text;
 }

@@ -1,4 +1,6 @@
 /// The program on files of every kind; that members of every kind come back as they were is a whole-daemon test.
+#include <filesystem>
+
 #include "foundation/shell.h"
 #include "resource_store/resource_writer.h"
 #include "tests/support/redis_test.h"
@@ -21,15 +23,21 @@ std::string FileOf(const std::vector<std::string>& members, const char* etag = "
 
 class ResourceLoaderTest : public RedisTest {
  protected:
-  /// Runs the program on a file with this text; false when it failed, with the one promised line.
-  bool Load(const std::string& text, const std::string& root = Sandbox().Root()) {
+  static constexpr int kFileFault = 1, kRedisFault = 75;
+
+  /// Runs the program on a file with this text, and checks that a failure says its one promised line.
+  bool Load(const std::string& text) { return StatusOf(text) == 0; }
+  int StatusOf(const std::string& text, const std::string& root = Sandbox().Root()) {
+    WriteFile(Sandbox().Root() + "/file", text);
+    return StatusOfFile(root);
+  }
+  int StatusOfFile(const std::string& root = Sandbox().Root()) {
     const std::string file = Sandbox().Root() + "/file", said = Sandbox().Root() + "/said";
-    WriteFile(file, text);
     const int status = RunShell("EVENT_SERVICE_ROOT=" + root + " " RESOURCE_LOADER " UPDATE " + file + " " +
                                 kCollection + " 2>" + said);
     const std::string line = ReadFile(said);
     EXPECT_EQ(line.starts_with("ResourceLoader: ") && line.find('\n') == line.size() - 1, status != 0) << line;
-    return status == 0;
+    return status;
   }
 };
 
@@ -69,14 +77,20 @@ TEST_F(ResourceLoaderTest, AFaultyFileIsRefusedAsAWhole) {
   }
   for (const char* uri : {"", "/", "X/1", "/B/C", "/B C", "/B\x7f", "/A"}) files.push_back(FileOf({"/A", uri}));
   for (const std::string& file : files) {
-    EXPECT_FALSE(Load(file)) << file;
+    EXPECT_EQ(StatusOf(file), kFileFault) << file;
     EXPECT_EQ(Dump(), before) << file;
   }
-  EXPECT_FALSE(Load(good, "/no/redis/there"));
+  Obstruct(Sandbox().Root() + "/file", "fifo", Sandbox().Root() + "/victim");
+  EXPECT_EQ(StatusOfFile(), kFileFault) << "and does not wait for it";
+  std::filesystem::remove(Sandbox().Root() + "/file");
+  EXPECT_EQ(StatusOf(good, "/no/redis/there"), kRedisFault);
+  SendCommand(redis(), "CONFIG SET maxclients 1");
+  EXPECT_EQ(StatusOf(good), kRedisFault);
+  SendCommand(redis(), "CONFIG SET maxclients 10000");
   for (const std::string& key : {kCollection, kEntries}) {
     SendCommand(redis(), "FLUSHALL");
     SendArguments(redis(), {"SET", key, "text"});
-    EXPECT_FALSE(Load(good));
+    EXPECT_EQ(StatusOf(good), kRedisFault);
     EXPECT_EQ(Dump(), (DatabaseDump{{key, "text"}}));
   }
 }
@@ -91,7 +105,9 @@ TEST_F(ResourceLoaderTest, ALoadThatIsCutOffAnywhereHasDoneNothing) {
     ASSERT_TRUE(Load(FileOf({"/A"})));
     const DatabaseDump before = Dump();
     proxy.Reset({.cutAfter = cut});
-    isLoaded = Load(FileOf({"/A", "/B"}), other.Root());
+    const int status = StatusOf(FileOf({"/A", "/B"}), other.Root());
+    isLoaded = status == 0;
+    EXPECT_EQ(status, isLoaded ? 0 : kRedisFault) << "cut after " << cut;
     EXPECT_EQ(Dump() == before, !isLoaded) << "cut after " << cut;
   }
   EXPECT_EQ(proxy.trips(), 2U);
