@@ -35,11 +35,11 @@ std::optional<std::string> ReadUpTo(int file, size_t limit, size_t expected) {
   return content;
 }
 
-std::optional<std::string> ReadWhole(const Descriptor& file) {
+std::optional<std::string> ReadWhole(const Descriptor& file, size_t limit) {
   struct stat status;
   if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return std::nullopt;
-  if (status.st_size <= off_t{kLargestFile}) {
-    return ReadUpTo(file.Get(), kLargestFile, static_cast<size_t>(status.st_size));
+  if (status.st_size <= static_cast<off_t>(limit)) {
+    return ReadUpTo(file.Get(), limit, static_cast<size_t>(status.st_size));
   }
   errno = EFBIG;
   return std::nullopt;
@@ -75,15 +75,17 @@ bool ReplaceFile(const std::string& path, std::string_view content) {
   return false;
 }
 
-std::optional<std::string> ReadWholeFile(const std::string& path) { return ReadWhole(Descriptor(OpenToRead(path))); }
+std::optional<std::string> ReadWholeFile(const std::string& path) {
+  return ReadWhole(Descriptor(OpenToRead(path)), kLargestFile);
+}
 
-std::optional<std::string> ReadOwnFile(const std::string& path) {
+std::optional<std::string> ReadOwnFile(const std::string& path, size_t limit) {
   const Foreign foreign = RemoveForeignFile(path);
   if (foreign == Foreign::kStays) return std::nullopt;
   if (foreign == Foreign::kRemoved) LogRemoval(path);
   const Descriptor file(OpenOwnFile(path, O_RDONLY));
   if (file.IsOpen() && fchmod(file.Get(), kOwnerOnly) != 0) return std::nullopt;
-  return ReadWhole(file);
+  return ReadWhole(file, limit);
 }
 
 bool DropForeignFile(const std::string& path, nlink_t names) {

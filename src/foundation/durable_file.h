@@ -33,9 +33,9 @@ std::string FolderOf(const std::string& path);
 /// why. Logs nothing.
 std::optional<std::string> ReadWholeFile(const std::string& path);
 
-/// The same for a file that only this service makes, which gets mode 600. What else has the name is removed first, with
-/// a logged line; a folder or a device is one that cannot be read.
-std::optional<std::string> ReadOwnFile(const std::string& path);
+/// The same, up to `limit` bytes, for a file that only this service makes; it gets mode 600. What else has the name is
+/// removed first, with a logged line; a folder or a device is one that cannot be read.
+std::optional<std::string> ReadOwnFile(const std::string& path, size_t limit);
 
 /// Removes what has this name unless it is a file of this service's own, with at most `names` names, and says so in the
 /// log. False, after a logged line, when it stays: a folder or a device.

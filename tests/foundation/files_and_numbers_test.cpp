@@ -48,7 +48,7 @@ TEST(DurableFile, NothingThatWasLaidOutBeforehandIsReadOrWritten) {
     Obstruct(path, row.kind, victim);
     EXPECT_EQ(ReadWholeFile(path).has_value(), row.isReadable) << row.kind << ": others' files may be links";
     EXPECT_EQ(ReadFirstLine(path).has_value(), row.isReadable) << row.kind;
-    EXPECT_EQ(ReadOwnFile(path).has_value(), std::string(row.kind) == "foreign" && !row.isRemoved) << row.kind;
+    EXPECT_EQ(ReadOwnFile(path, 7).has_value(), std::string(row.kind) == "foreign" && !row.isRemoved) << row.kind;
     EXPECT_EQ(std::filesystem::exists(std::filesystem::symlink_status(path)), !row.isRemoved) << row.kind;
     EXPECT_EQ(log.Errors().size(), row.isRemoved ? 1U : 0U) << row.kind;
     Obstruct(path + ".new", row.kind, victim);
@@ -60,6 +60,11 @@ TEST(DurableFile, NothingThatWasLaidOutBeforehandIsReadOrWritten) {
   WriteFile(path, "");
   std::filesystem::resize_file(path, kLargestFile + 1);
   EXPECT_EQ(ReadWholeFile(path), std::nullopt) << "larger than any file of ours";
+  WriteFile(path, "content");
+  chmod(path.c_str(), 0666);
+  EXPECT_EQ(ReadOwnFile(path, 7), "content");
+  EXPECT_EQ(ReadOwnFile(path, 6), std::nullopt);
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
 }
 
 TEST(FilePathsTest, ARootMovesEveryPathUnlessAShellWouldHaveToQuoteIt) {

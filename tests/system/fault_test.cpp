@@ -179,5 +179,19 @@ TEST_F(Faults, AKilledDaemonComesBackWithWhatWasAcknowledged) {
   EXPECT_EQ(daemon_.ExitStatus(), 0) << "Redis gone while nothing is asked";
 }
 
+TEST_F(Faults, ACipherToolThatOutlivesItsDaemonIsWaitedFor) {
+  const std::string tool = Sandbox().Root() + "/usr/bin/openssl";
+  // Slow where it encrypts, and says when it has begun: the database file is a part by then.
+  WriteFile(tool,
+            "#!/bin/sh\ncase $2 in -d) ;; *) : >\"${0%/*}/begun\"; sleep 1 ;; esac\nexec /usr/bin/openssl \"$@\"\n");
+  std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
+  ASSERT_TRUE(StartDaemon());
+  std::filesystem::remove(Sandbox().Root() + "/usr/bin/begun");
+  Announce("POST", kCollection, R"({"Id": "A", "Destination": "https://collector/", "Protocol": "Redfish"})");
+  ASSERT_TRUE(Eventually([] { return std::filesystem::exists(Sandbox().Root() + "/usr/bin/begun"); }));
+  PowerCycle();
+  EXPECT_EQ(Value(kCollection, "/Members/0/@odata.id"), kCollection + "/A") << Log();
+}
+
 }  // namespace
 }  // namespace event_service

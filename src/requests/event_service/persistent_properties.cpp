@@ -10,9 +10,12 @@
 namespace event_service {
 namespace {
 
+// Several times what all properties together can become; each line that cannot be used costs one in the log.
+constexpr size_t kLargestText = size_t{64} * 1024;
+
 /// The whole file, empty when there is none; nothing when it cannot be read.
 std::optional<std::string> ReadKeptText(const std::string& path) {
-  std::optional<std::string> text = ReadOwnFile(path);
+  std::optional<std::string> text = ReadOwnFile(path, kLargestText);
   if (!text && errno == ENOENT) return "";
   return text;
 }
