@@ -23,3 +23,19 @@ sandbox_folder() {
   fi
   printf '%s\n' "$folder"
 }
+
+# Builds what ships. The person sees how far it is; what the tools say goes to a file, which an error names.
+build_release() {
+  local output=$top/build/release.output line
+  mkdir -p "$top/build"
+  if ! (
+    cd "$top"
+    cmake --preset release
+    NINJA_STATUS='[%f of %t] ' cmake --build --preset release
+  ) 2>&1 | tee "$output" | while read -r line; do
+    [[ ! -t 1 || ! $line =~ ^\[([0-9]+\ of\ [0-9]+)\] ]] || printf '\rBuilding: %s ' "${BASH_REMATCH[1]}"
+  done; then
+    die "The build failed; everything it said is in $output:" "$(grep -m 5 -E 'error|FAILED|Error' "$output" || tail -n 5 "$output")"
+  fi
+  [[ ! -t 1 ]] || printf '\r\033[K'
+}

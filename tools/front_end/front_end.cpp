@@ -31,13 +31,19 @@ std::vector<std::string> Texts(const RedisReply& reply) {
   return texts;
 }
 
-FrontEndMessage ReadMessage(redisContext* redis, const std::string& entryKey) {
+std::vector<FrontEndMessage> ReadMessages(redisContext* redis, const std::vector<std::string>& entryKeys) {
   RedisPipeline pipeline(redis);
-  pipeline.Append({"HGET", entryKey, "&&MessageId"});
-  pipeline.Append({"LRANGE", entryKey + "/MessageArgs", "0", "-1"});
-  pipeline.Append({"LRANGE", entryKey + "/RelatedProperties", "0", "-1"});
+  for (const std::string& entry : entryKeys) {
+    pipeline.Append({"HGET", entry, "&&MessageId"});
+    pipeline.Append({"LRANGE", entry + "/MessageArgs", "0", "-1"});
+    pipeline.Append({"LRANGE", entry + "/RelatedProperties", "0", "-1"});
+  }
   const std::vector<RedisReply> replies = pipeline.Execute();
-  return {std::string(TextOf(replies[0])), Texts(replies[1]), Texts(replies[2])};
+  std::vector<FrontEndMessage> messages;
+  for (size_t i = 0; i < replies.size(); i += 3) {
+    messages.push_back({std::string(TextOf(replies[i])), Texts(replies[i + 1]), Texts(replies[i + 2])});
+  }
+  return messages;
 }
 
 // A connection that listens on `channel`; reading from it fails after `patience`.
@@ -46,23 +52,6 @@ RedisContext Listen(const std::string& channel, std::chrono::milliseconds patien
   if (!subscriber || !LimitWaiting(subscriber.get(), patience)) return nullptr;
   if (!IsArray(SendArguments(subscriber.get(), {"SUBSCRIBE", channel}))) return nullptr;
   return subscriber;
-}
-
-// A service is ready a moment before its listeners have subscribed, so an announcement that nobody took is made again.
-bool AnnounceUntilTaken(redisContext* redis, std::string_view channel, const StoredRequest& stored,
-                        std::chrono::milliseconds patience) {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  while (redis->err == 0 && std::chrono::steady_clock::now() < deadline) {
-    if (AnnounceRequest(redis, channel, stored)) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
-}
-
-bool AwaitMessage(redisContext* subscriber) {
-  void* reply = nullptr;
-  if (redisGetReply(subscriber, &reply) != REDIS_OK) return false;
-  return IsArray(RedisReply(static_cast<redisReply*>(reply)));
 }
 
 void Hide(Json& document, std::string_view path) {
@@ -104,32 +93,62 @@ std::string RecordMethod(std::string_view httpMethod, std::string_view uri) {
   return uri.find("/Actions/") == std::string_view::npos ? "POSTCREATE" : "POSTACTION";
 }
 
-std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndRequest& request) {
+std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndRequest& request,
+                                          std::string_view returnChannel) {
   StoredRequest stored;
   stored.requestKey = NewRequestKey();
   stored.responseKey = stored.requestKey + "/Response";
-  stored.returnChannel = stored.requestKey + "/CHANNEL";
+  stored.returnChannel = returnChannel.empty() ? stored.requestKey + "/CHANNEL" : std::string(returnChannel);
   const std::string bodyKey = stored.requestKey + "/RequestData";
-  if (request.body && !WriteResource(redis, bodyKey, *request.body)) return std::nullopt;
-  HashBatch record;
-  auto& fields = record[stored.requestKey];
-  fields["&&RequestMethod"] = request.method;
-  fields["&&TargetURI"] = request.targetUri;
-  fields["&&ReturnChannel"] = stored.returnChannel;
-  fields["&&Privileges"] = request.privileges;
-  if (request.body) fields["&&RequestData"] = bodyKey;
+  const bool needsIds = request.body && NeedsSequenceIds(*request.body);
+  int64_t sequence = needsIds ? NextSequenceId(redis) : kNoSequence;
+  if (needsIds && sequence == kNoSequence) return std::nullopt;
+
+  RedisPipeline pipeline(redis);
+  const auto field = [&](std::string_view name, std::string_view value) {
+    pipeline.Append({"HSET", stored.requestKey, name, value});
+  };
+  if (request.body && !AppendDocument(pipeline, bodyKey, *request.body, sequence)) return std::nullopt;
+  field("&&RequestMethod", request.method);
+  field("&&TargetURI", request.targetUri);
+  field("&&ReturnChannel", stored.returnChannel);
+  field("&&Privileges", request.privileges);
+  if (request.body) field("&&RequestData", bodyKey);
   if (!request.sseChannel.empty()) {
-    fields["&&IsSSE"] = "true";
-    fields["&&SSE-CHANNEL"] = request.sseChannel;
+    field("&&IsSSE", "true");
+    field("&&SSE-CHANNEL", request.sseChannel);
   }
-  if (!HashBatchWrite(redis, record)) return std::nullopt;
-  return stored;
+  const bool isWritten = AllIntegers(pipeline.Execute()) && (!needsIds || StoreSequenceId(redis, sequence));
+  if (isWritten) return stored;
+  RemoveRequest(redis, stored);
+  return std::nullopt;
 }
 
 bool AnnounceRequest(redisContext* redis, std::string_view channel, const StoredRequest& stored) {
   const std::string announcement = stored.requestKey + " " + stored.responseKey;
   const RedisReply reply = SendArguments(redis, {"PUBLISH", channel, announcement});
   return IsInteger(reply) && reply->integer > 0;
+}
+
+bool AnnounceUntilTaken(redisContext* redis, std::string_view channel, const StoredRequest& stored,
+                        std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (redis->err == 0) {
+    if (AnnounceRequest(redis, channel, stored)) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+bool AwaitAnswer(redisContext* subscriber, const StoredRequest& stored, std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (std::chrono::steady_clock::now() < deadline) {
+    const RedisReply message = ReadReply(subscriber);
+    if (!IsArray(message) || message->elements != 3) return false;
+    if (TextOf(message->element[2]) == stored.responseKey) return true;
+  }
+  return false;
 }
 
 FrontEndAnswer ReadAnswer(redisContext* redis, const StoredRequest& stored) {
@@ -141,7 +160,7 @@ FrontEndAnswer ReadAnswer(redisContext* redis, const StoredRequest& stored) {
   const std::vector<RedisReply> replies = pipeline.Execute();
   FrontEndAnswer answer{
       std::string(TextOf(replies[0])), {}, std::string(TextOf(replies[1])), std::string(TextOf(replies[2]))};
-  for (const std::string& entry : Texts(replies[3])) answer.messages.push_back(ReadMessage(redis, entry));
+  answer.messages = ReadMessages(redis, Texts(replies[3]));
   return answer;
 }
 
@@ -156,7 +175,7 @@ std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndReq
   std::optional<FrontEndAnswer> answer;
   const RedisContext subscriber = Listen(stored->returnChannel, patience);
   if (subscriber && AnnounceUntilTaken(redis, ChannelOf(request.targetUri), *stored, patience) &&
-      AwaitMessage(subscriber.get())) {
+      AwaitAnswer(subscriber.get(), *stored, patience)) {
     answer = ReadAnswer(redis, *stored);
   }
   RemoveRequest(redis, *stored);
@@ -164,13 +183,17 @@ std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndReq
 }
 
 std::optional<Json> ReadForClient(redisContext* redis, const std::string& uri) {
-  if (!KeyExists(redis, uri)) return std::nullopt;
+  RedisPipeline pipeline(redis);
+  pipeline.Append({"HGETALL", uri});
+  pipeline.Append({"HGET", uri, "&&SensitiveData"});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (!IsArray(replies[0]) || replies[0]->elements == 0) return std::nullopt;
   Json document;
-  if (!ReadResource(redis, uri, document)) return std::nullopt;
-  const std::string sensitive = HashRead(redis, uri, "&&SensitiveData");
+  if (!ReadResource(redis, uri, replies[0].get(), document)) return Json(Json::value_t::discarded);
+  const std::string_view sensitive = TextOf(replies[1]);
   for (size_t begin = 0; begin < sensitive.size();) {
     const size_t end = std::min(sensitive.find(',', begin), sensitive.size());
-    Hide(document, std::string_view(sensitive).substr(begin, end - begin));
+    Hide(document, sensitive.substr(begin, end - begin));
     begin = end + 1;
   }
   StripReferencePrefixes(document);

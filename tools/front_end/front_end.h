@@ -51,11 +51,21 @@ std::string_view ChannelOf(std::string_view uri);
 /// The method as the record names it: a POST is an action below an "/Actions/" and a creation elsewhere.
 std::string RecordMethod(std::string_view httpMethod, std::string_view uri);
 
-/// Keeps the request under fresh keys. Nothing when a write fails.
-std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndRequest& request);
+/// Keeps the request under fresh keys; the answer comes on `returnChannel`, or on a channel of its own. Nothing when a
+/// write fails. One round trip, three for a body with objects inside arrays.
+std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndRequest& request,
+                                          std::string_view returnChannel = {});
 
 /// Announces a stored request. True when a listener took the announcement.
 bool AnnounceRequest(redisContext* redis, std::string_view channel, const StoredRequest& stored);
+
+/// Announces it again and again until a listener takes it or `patience` is over: a service is ready a moment before its
+/// listeners have subscribed.
+bool AnnounceUntilTaken(redisContext* redis, std::string_view channel, const StoredRequest& stored,
+                        std::chrono::milliseconds patience);
+
+/// Waits on a subscribed connection for the answer's message. False when it does not come in time.
+bool AwaitAnswer(redisContext* subscriber, const StoredRequest& stored, std::chrono::milliseconds patience);
 
 /// What the daemon left under the response key, empty where it left nothing.
 FrontEndAnswer ReadAnswer(redisContext* redis, const StoredRequest& stored);
@@ -69,7 +79,8 @@ std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndReq
                                           std::chrono::milliseconds patience = std::chrono::seconds(15));
 
 /// The stored resource as a client sees it: without control fields, sensitive texts as null and sensitive arrays empty,
-/// references without the store's prefix. Nothing when there is none.
+/// references without the store's prefix. Nothing when there is none or Redis fails; a discarded value when what is
+/// stored cannot be read.
 std::optional<Json> ReadForClient(redisContext* redis, const std::string& uri);
 
 }  // namespace event_service

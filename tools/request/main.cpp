@@ -73,8 +73,8 @@ int Read(redisContext* redis, const std::string& method, const std::string& uri)
     }
   }
   const std::optional<Json> document = ReadForClient(redis, uri);
-  if (!document) {
-    std::cout << "NOT_FOUND\n";
+  if (!document || document->is_discarded()) {
+    std::cout << (document ? "What is stored there cannot be read.\n" : "NOT_FOUND\n");
     return kRefused;
   }
   if (method == "GET") PrintDocument(*document);

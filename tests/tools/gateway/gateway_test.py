@@ -1,0 +1,389 @@
+#!/usr/bin/python3
+"""The gateway in a whole sandbox, used by clients that are not ours. Usage: gateway_test.py BINARIES [unittest options]"""
+
+import contextlib
+import json
+import os
+import pathlib
+import re
+import signal
+import socket
+import subprocess
+import sys
+import time
+import unittest
+
+from sandbox import PASSWORD, TREE, USER, Sandbox, eventually, free_port
+
+SERVICE = "/redfish/v1/EventService"
+COLLECTION = SERVICE + "/Subscriptions"
+SESSIONS = "/redfish/v1/SessionService/Sessions"
+TEST_EVENT = SERVICE + "/Actions/EventService.SubmitTestEvent"
+SUBSCRIPTION = {"Destination": "https://192.0.2.1/events", "Protocol": "Redfish", "Context": "rack 7"}
+LOGIN = {"UserName": USER, "Password": PASSWORD}
+
+sandbox = None
+
+
+def setUpModule():
+    global sandbox
+    sandbox = Sandbox(BINARIES)
+
+
+def tearDownModule():
+    sandbox.stop()
+
+
+class Stream:
+    """An open event stream."""
+
+    def __init__(self, test, query="", secure=False):
+        test.addCleanup(self.close)
+        self.connection = sandbox.connect(secure)
+        answer = sandbox.ask("POST", SESSIONS, LOGIN)
+        self.connection.request("GET", SERVICE + "/SSE" + query, headers={"X-Auth-Token": answer.headers["X-Auth-Token"]})
+        self.response = self.connection.getresponse()
+        self.status = self.response.status
+        self.uri = self.response.readline().decode()[2:].strip() if self.status == 200 else None
+
+    def channel(self):
+        return sandbox.redis("hget", self.uri, "&&SSE-CHANNEL")
+
+    def event(self):
+        """The next event as (id, document); nothing at the end of the stream."""
+        identifier = None
+        while line := self.response.readline().decode():
+            if line.startswith("id: "):
+                identifier = line[4:-1]
+            if line.startswith("data: "):
+                return identifier, json.loads(line[6:])
+        return None
+
+    def close(self):
+        self.response.close()
+        self.connection.close()
+
+
+class Rules(unittest.TestCase):
+    """What HTTP and the Redfish protocol ask of every request."""
+
+    # method, path, body, headers, status, message; credentials are sent but for rows that say otherwise
+    ROWS = [
+        ("GET", "/redfish", None, {}, 200, None),
+        ("GET", "/redfish/v1", None, {}, 200, None),
+        ("GET", "/redfish/v1/", None, {"OData-Version": "4.0"}, 200, None),
+        ("GET", "/redfish/v1/", None, {"OData-Version": "4.01"}, 412, "PreconditionFailed"),
+        ("GET", "/redfish/v1/odata", None, {"Accept": "application/*;q=0.5"}, 200, None),
+        ("GET", "/redfish/v1/odata", None, {"Accept": "text/html, image/png"}, 406, "ResourceAtUriInUnknownFormat"),
+        ("DELETE", "/redfish/v1/", None, {}, 405, "MethodNotAllowed"),
+        ("PUT", SERVICE, {}, {}, 405, "MethodNotAllowed"),
+        ("PATCH", COLLECTION, {}, {}, 405, "MethodNotAllowed"),
+        ("GET", TEST_EVENT, None, {}, 405, "MethodNotAllowed"),
+        ("BREW", SERVICE, None, {}, 405, "MethodNotAllowed"),
+        ("GET", "/redfish/v1/Chassis", None, {}, 404, "ResourceMissingAtURI"),
+        ("GET", COLLECTION + "/none", None, {}, 404, "ResourceMissingAtURI"),
+        ("PUT", COLLECTION + "/none", {}, {}, 404, "ResourceMissingAtURI"),
+        ("DELETE", COLLECTION + "/none", None, {}, 404, "ResourceMissingAtURI"),
+        ("DELETE", COLLECTION + "/none-of-them", None, {}, 404, "ResourceMissingAtURI"),
+        ("PATCH", COLLECTION + "/none", {"Context": "x"}, {}, 404, "ResourceMissingAtURI"),
+        ("POST", SERVICE + "/Actions/EventService.Explode", {}, {}, 404, "ActionNotSupported"),
+        ("GET", "/redfish/v1/%2e%2e/EventService", None, {}, 404, "InvalidURI"),
+        ("GET", "/redfish/v1/EventService%2FSubscriptions", None, {}, 404, "InvalidURI"),
+        ("GET", "/redfish/v1/EventService%0", None, {}, 404, "InvalidURI"),
+        ("GET", "/redfish/v1/%45ventService/", None, {}, 200, None),
+        ("GET", SERVICE, None, {"Authorization": None}, 401, "NoValidSession"),
+        ("GET", SERVICE, None, {"Authorization": "Basic YWRtaW46d3Jvbmc="}, 401, "NoValidSession"),
+        ("GET", SERVICE, None, {"Authorization": "Basic ???"}, 401, "NoValidSession"),
+        ("GET", SERVICE, None, {"X-Auth-Token": "wrong"}, 401, "NoValidSession"),
+        ("GET", "/redfish/v1/Chassis", None, {"Authorization": None}, 401, "NoValidSession"),
+        ("POST", SESSIONS, LOGIN, {"Authorization": None}, 201, None),
+        ("POST", SESSIONS + "/Members", LOGIN, {"Authorization": None}, 201, None),
+        ("POST", SESSIONS, LOGIN | {"Password": "x"}, {"Authorization": None}, 401, "ResourceAtUriUnauthorized"),
+        ("POST", SESSIONS, LOGIN | {"Password": 7}, {"Authorization": None}, 400, "PropertyValueError"),
+        ("POST", SESSIONS, {"UserName": USER}, {"Authorization": None}, 400, "CreateFailedMissingReqProperties"),
+        ("PATCH", "/redfish/v1/SessionService", {"SessionTimeout": 600}, {}, 200, None),
+        ("PATCH", "/redfish/v1/SessionService", {"SessionTimeout": 29}, {}, 400, "PropertyValueOutOfRange"),
+        ("PATCH", "/redfish/v1/SessionService", {"Id": "x"}, {}, 400, "PropertyNotWritable"),
+        ("GET", SERVICE + "?$expand=.", None, {}, 501, "QueryNotSupported"),
+        ("GET", SERVICE + "?$filter=Id%20eq%20'1'", None, {}, 501, "QueryNotSupported"),
+        ("GET", SERVICE + "?only", None, {}, 400, "QueryNotSupportedOnResource"),
+        ("GET", SERVICE + "?excerpt&colour=red", None, {}, 200, None),
+        ("GET", COLLECTION + "?only", None, {}, 200, None),
+        ("PATCH", SERVICE + "?$select=Id", {}, {}, 400, "QueryNotSupportedOnOperation"),
+        ("PATCH", SERVICE, "{}", {"Content-Type": "text/plain"}, 415, "UnrecognizedRequestBody"),
+        ("PATCH", SERVICE, "{}", {"Content-Type": "Application/JSON; charset=utf-8"}, 200, "NoOperation"),
+        ("PATCH", SERVICE, "", {}, 400, "MalformedJSON"),
+        ("PATCH", SERVICE, "[]", {}, 400, "UnrecognizedRequestBody"),
+        ("PATCH", SERVICE, "[" * 100000, {}, 400, "InvalidJSON"),
+        ("PATCH", SERVICE, '{"A":' + "[" * 100 + "]" * 100 + "}", {}, 400, "UnrecognizedRequestBody"),
+        ("PATCH", SERVICE, '{"A": 1e999}', {}, 400, "UnrecognizedRequestBody"),
+        ("PATCH", SERVICE, '{"A":\n\n tru}', {}, 400, "InvalidJSON"),
+        ("PATCH", SERVICE, '{"A": 1}\0', {}, 400, "InvalidJSON"),
+        ("PATCH", SERVICE, '{"Id": 1, "Id": 2}', {}, 400, "PropertyDuplicate"),
+        ("PATCH", SERVICE, " " * (1 << 20) + "{}", {}, 413, "UnrecognizedRequestBody"),
+        ("PATCH", SERVICE, {"DeliveryRetryAttempts": -1}, {}, 400, "PropertyValueOutOfRange"),
+        ("POST", TEST_EVENT, {"MessageId": "Base.1.12.Success"}, {}, 200, "Success"),
+        ("POST", TEST_EVENT, {"MessageId": 1}, {}, 400, "ActionParameterValueTypeError"),
+        ("GET", SERVICE + "/SSE?$filter=Colour eq 'red'".replace(" ", "%20"), None, {}, 400, None),
+        ("GET", SERVICE + "/SSE?$filter=MessageId+eq+1", None, {}, 400, "QueryParameterValueTypeError"),
+        ("GET", SERVICE + "/SSE?$filter=" + "(" * 1000, None, {}, 400, "QueryParameterValueFormatError"),
+        ("GET", SERVICE + "/SSE?$filter=MessageId+eq+'a'+or+ResourceType+eq+'b'", None, {}, 501, "QueryNotSupported"),
+        ("GET", SERVICE + "/SSE?$filter=RegistryPrefix+eq+'Nobody'", None, {}, 400, "PropertyValueNotInList"),
+        ("GET", SERVICE + "/SSE", None, {"Accept": "application/json"}, 406, "ResourceAtUriInUnknownFormat"),
+        ("HEAD", SERVICE + "/SSE", None, {}, 200, None),
+    ]
+
+    def test_each_request_gets_its_status_and_message(self):
+        for method, path, body, headers, status, message in self.ROWS:
+            with self.subTest(method=method, path=path[:80], body=str(body)[:40], headers=headers):
+                answer = sandbox.ask(method, path, body, headers)
+                self.assertEqual(answer.status, status, answer.text)
+                if message:
+                    self.assertIn(message, answer.message_ids)
+                self.assertEqual(answer.headers["OData-Version"], "4.0")
+                self.assertEqual(answer.headers["Cache-Control"], "no-store")
+                self.assertEqual("Allow" in answer.headers, status in (200, 405) and (status == 405 or method in ("GET", "HEAD")))
+                self.assertEqual("WWW-Authenticate" in answer.headers, status == 401 and path != SESSIONS)
+
+    def test_a_malformed_body_is_answered_with_its_line(self):
+        info = sandbox.ask("PATCH", SERVICE, '{"A":\n\n tru}').json["error"]["@Message.ExtendedInfo"]
+        self.assertEqual(info[0]["MessageArgs"], ["3"])
+
+    def test_a_head_is_a_get_without_its_body(self):
+        get, head = sandbox.ask("GET", SERVICE), sandbox.ask("HEAD", SERVICE)
+        self.assertEqual(head.text, "")
+        for name in ("Content-Length", "Content-Type", "ETag", "Link", "Allow"):
+            self.assertEqual(head.headers[name], get.headers[name])
+        self.assertEqual(get.headers["Link"],
+                         "<http://redfish.dmtf.org/schemas/v1/EventService.v1_7_2.json>; rel=describedby")
+
+    def test_texts_come_from_the_registry_where_there_is_one(self):
+        info = sandbox.ask("PATCH", SERVICE, {"Id": "x"}).json["error"]["@Message.ExtendedInfo"][0]
+        self.assertEqual(info["RelatedProperties"], ["#/Id"])
+        if "REDFISH_REGISTRIES" in os.environ:
+            self.assertEqual(info["Message"], "The property Id is a read only property and cannot be assigned a value.")
+            self.assertIn("Remove the property", info["Resolution"])
+        else:
+            self.assertEqual(info["Message"], "PropertyNotWritable: Id.")
+
+
+class Life(unittest.TestCase):
+    def test_a_subscription_is_created_changed_and_deleted(self):
+        created = sandbox.ask("POST", COLLECTION + "/Members", SUBSCRIPTION | {"HttpHeaders": [{"X-Token": "secret"}]})
+        self.assertEqual(created.status, 201, created.text)
+        uri = created.headers["Location"]
+        self.assertEqual((created.json["@odata.id"], created.json["HttpHeaders"]), (uri, []))
+        self.assertIn({"@odata.id": uri}, sandbox.ask("GET", COLLECTION).json["Members"])
+
+        read = sandbox.ask("GET", uri)
+        etag = read.headers["ETag"]
+        self.assertNotIn("secret", read.text)
+        self.assertEqual(sandbox.ask("GET", uri, headers={"If-None-Match": f'"x", {etag}'}).status, 304)
+        refused = sandbox.ask("PATCH", uri, {"Context": "rack 8"}, {"If-Match": '"other"'})
+        self.assertEqual((refused.status, refused.message_ids), (412, ["PreconditionFailed"]))
+        changed = sandbox.ask("PATCH", uri, {"Context": "rack 8", "Protocol": "SMTP"}, {"If-Match": etag})
+        self.assertEqual((changed.status, changed.json["Context"], changed.message_ids), (200, "rack 8", ["PropertyNotWritable"]))
+        self.assertNotEqual(changed.headers["ETag"], etag)
+        self.assertEqual(sandbox.ask("PATCH", uri, {"Context": "rack 8"}).message_ids, ["NoOperation"])
+        resumed = sandbox.ask("POST", uri + "/Actions/EventDestination.ResumeSubscription")
+        self.assertEqual((resumed.status, resumed.message_ids), (200, ["NoOperation"]))
+
+        self.assertEqual(sandbox.ask("DELETE", uri, headers={"If-Match": etag}).status, 412)
+        self.assertEqual(sandbox.ask("DELETE", uri, headers={"If-Match": "*"}).status, 204)
+        self.assertEqual(sandbox.ask("GET", uri).status, 404)
+        self.assertEqual(sandbox.redis("keys", "&&Request:*"), "", "every request is cleaned up")
+
+    def test_a_session_lasts_until_it_is_deleted(self):
+        created = sandbox.ask("POST", SESSIONS, LOGIN, credentials=False, secure=True)
+        token = {"X-Auth-Token": created.headers["X-Auth-Token"]}
+        uri = created.headers["Location"]
+        self.assertIsNone(created.json["Password"])
+        self.assertIn({"@odata.id": uri}, sandbox.ask("GET", SESSIONS, headers=token, credentials=False).json["Members"])
+        self.assertEqual(sandbox.ask("DELETE", uri, headers=token, credentials=False).status, 204)
+        self.assertEqual(sandbox.ask("GET", SERVICE, headers=token, credentials=False).status, 401)
+        self.assertEqual(sandbox.ask("GET", uri).status, 404)
+
+    def test_conditional_changes_of_many_clients_lose_none(self):
+        from concurrent.futures import ThreadPoolExecutor
+
+        uri = sandbox.ask("POST", COLLECTION, SUBSCRIPTION | {"Context": "0"}).headers["Location"]
+
+        def count(_):
+            while True:
+                read = sandbox.ask("GET", uri)
+                body = {"Context": str(int(read.json["Context"]) + 1)}
+                if sandbox.ask("PATCH", uri, body, {"If-Match": read.headers["ETag"]}).status == 200:
+                    return
+
+        with ThreadPoolExecutor(6) as clients:
+            list(clients.map(count, range(30)))
+        self.assertEqual(sandbox.ask("GET", uri).json["Context"], "30")
+        sandbox.ask("DELETE", uri)
+
+    @unittest.skipUnless("REDFISH_SCHEMAS" in os.environ, "REDFISH_SCHEMAS names no folder of schemas")
+    def test_every_resource_is_valid(self):
+        uri = sandbox.ask("POST", COLLECTION, SUBSCRIPTION | {"OriginResources": [{"@odata.id": "/redfish/v1/Chassis/1"}]})
+        metadata = sandbox.ask("GET", "/redfish/v1/$metadata").text
+        for path in ("/redfish/v1/", SERVICE, COLLECTION, uri.headers["Location"], "/redfish/v1/SessionService", SESSIONS):
+            document = sandbox.ask("GET", path).json
+            namespace, definition = document["@odata.type"][1:].rsplit(".", 1)
+            self.assertIn(f'Namespace="{namespace}"', metadata)
+            if (pathlib.Path(os.environ["REDFISH_SCHEMAS"]) / f"{namespace}.json").exists():
+                self.check(document, namespace, definition)
+        refusal = sandbox.ask("PATCH", SERVICE, {"Id": "x", "Colour": "red"}).json
+        self.check(refusal, "redfish-error.v1_0_1", "RedfishError")
+        sandbox.ask("DELETE", uri.headers["Location"])
+
+    def check(self, document, namespace, definition):
+        command = [TREE / "tests/support/validate_schema.py", namespace + ".json", definition]
+        run = subprocess.run(command, input=json.dumps(document), capture_output=True, text=True, check=False)
+        self.assertEqual(run.returncode, 0, document["@odata.id"] if "@odata.id" in document else "" + run.stdout)
+
+
+class Streams(unittest.TestCase):
+    def setUp(self):
+        self.addCleanup(sandbox.ask, "PATCH", SERVICE, {"ServiceEnabled": True})
+
+    def test_a_stream_carries_its_events_and_ends_with_its_subscription(self):
+        query = "?$filter=(RegistryPrefix%20eq%20'Base'%20or%20RegistryPrefix%20eq%20'ResourceEvent')%20and%20OriginResource%20eq%20'/redfish/v1/Chassis/1'"
+        stream = Stream(self, query, secure=True)
+        member = sandbox.ask("GET", stream.uri).json
+        self.assertEqual((member["SubscriptionType"], member["RegistryPrefixes"]), ("SSE", ["Base", "ResourceEvent"]))
+        self.assertEqual(member["OriginResources"], [{"@odata.id": "/redfish/v1/Chassis/1"}])
+        self.assertRegex(member["Destination"], r"^redfish-sse://127\.0\.0\.1:\d+$")
+        channel = stream.channel()
+        for number in range(12):
+            document = {"Id": str(number), "Name": "n", "Events": [{"MessageId": "Base.1.12.Success", "Message": "a\nb"}]}
+            sandbox.redis("publish", channel, json.dumps(document))
+            self.assertEqual(stream.event(), (str(number), document))
+        sandbox.redis("publish", channel, "{broken")
+        self.assertEqual(sandbox.ask("DELETE", stream.uri).status, 204)
+        last = stream.event()  # delivery, where it runs, tells the client that this is the end
+        self.assertIsNone(last and stream.event())
+
+    def test_a_stream_ends_however_its_subscription_does(self):
+        for end in (lambda stream: sandbox.ask("PATCH", SERVICE, {"ServiceEnabled": False}),
+                    lambda stream: sandbox.redis("lrem", f"&&{COLLECTION}/Members", "0", f"&&ObjectRef &&{stream.uri}")):
+            sandbox.ask("PATCH", SERVICE, {"ServiceEnabled": True})
+            stream = Stream(self)
+            end(stream)
+            while stream.event():
+                pass
+        sandbox.ask("PATCH", SERVICE, {"ServiceEnabled": False})
+        self.assertEqual(Stream(self).status, 503)
+
+    def test_a_subscription_ends_with_its_stream(self):
+        streams = [Stream(self) for _ in range(10)] + [Stream(self, secure=True)]
+        for stream in streams:
+            stream.close()
+        for stream in streams:
+            self.assertTrue(eventually(lambda uri=stream.uri: sandbox.ask("GET", uri).status == 404, 5))
+
+    def test_a_gateway_that_was_killed_leaves_no_subscription(self):
+        stream = Stream(self)
+        sandbox.send_signal("redfish-gateway", signal.SIGKILL)
+        sandbox.start_gateway()
+        self.assertTrue(eventually(lambda: sandbox.ask("GET", stream.uri).status == 404, 5))
+
+
+class Sturdiness(unittest.TestCase):
+    def serves(self):
+        return sandbox.ask("GET", SERVICE).status == 200 and sandbox.ask("GET", SERVICE, secure=True).status == 200
+
+    def send(self, raw):
+        with socket.create_connection(("127.0.0.1", sandbox.port), 10) as connection:
+            with contextlib.suppress(OSError):
+                connection.sendall(raw)
+                connection.shutdown(socket.SHUT_WR)
+                return connection.recv(64)
+            return b""
+
+    def test_what_is_no_http_is_refused_and_the_rest_served_on(self):
+        for raw in (b"\0" * 5000, b"GET\r\n\r\n", b"GET / HTTP/9.9\r\n\r\n", b"A" * 100000, b"\x16\x03\x01\x02\x00",
+                    b"GET / HTTP/1.1\r\n" + b"X: y\r\n" * 20000 + b"\r\n",
+                    b"PATCH /redfish/v1/EventService HTTP/1.1\r\nHost: x\r\nContent-Length: -5\r\n\r\n",
+                    b"PATCH /redfish/v1/EventService HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"):
+            answer = self.send(raw)
+            self.assertTrue(answer == b"" or answer.startswith(b"HTTP/1."), answer)
+        self.assertTrue(self.serves())
+
+    def test_a_thousand_idle_connections_and_half_requests_hold_up_nobody(self):
+        with contextlib.ExitStack() as stack:
+            for number in range(1000):
+                port = sandbox.secure_port if number % 2 else sandbox.port
+                connection = stack.enter_context(socket.create_connection(("127.0.0.1", port), 10))
+                if number % 3 == 0:
+                    connection.sendall(b"PATCH /redfish/v1/EventService HTTP/1.1\r\nHost: x\r\nContent-Le")
+            begin = time.monotonic()
+            self.assertTrue(self.serves())
+            self.assertLess(time.monotonic() - begin, 2)
+
+    def test_without_its_daemon_it_answers_503_and_recovers(self):
+        sandbox.send_signal("EventService", signal.SIGSTOP)
+        refused = sandbox.ask("PATCH", SERVICE, {"DeliveryRetryAttempts": 9})
+        sandbox.send_signal("EventService", signal.SIGCONT)
+        self.assertEqual((refused.status, refused.headers["Retry-After"]), (503, "5"))
+        self.assertEqual(refused.message_ids, ["ServiceTemporarilyUnavailable"])
+        # What the client was told did not happen has not happened.
+        self.assertNotEqual(sandbox.ask("GET", SERVICE).json["DeliveryRetryAttempts"], 9)
+
+        sandbox.send_signal("EventService", signal.SIGKILL)
+        self.assertEqual(sandbox.ask("PATCH", SERVICE, {"DeliveryRetryAttempts": 4}).status, 503)
+        self.assertEqual(sandbox.ask("GET", SERVICE).status, 200)
+        sandbox.start_daemon()
+        self.assertEqual(sandbox.ask("PATCH", SERVICE, {"DeliveryRetryAttempts": 4}).status, 200)
+        self.assertEqual(sandbox.redis("keys", "&&Request:*"), "")
+
+    def test_without_redis_it_answers_503_and_recovers(self):
+        stream = Stream(self)
+        sandbox.send_signal("redis-server", signal.SIGSTOP)
+        self.assertEqual(sandbox.ask("GET", SERVICE).status, 503)
+        sandbox.send_signal("redis-server", signal.SIGCONT)
+        self.assertTrue(eventually(self.serves))
+
+        for name in ("EventService", "redis-server"):
+            sandbox.send_signal(name, signal.SIGKILL)
+        self.assertEqual(sandbox.ask("GET", SERVICE).status, 503)
+        self.assertEqual(sandbox.ask("GET", "/redfish/v1/").status, 200)
+        sandbox.start("redis-server", sandbox.root / "etc/redis/redis.conf")
+        self.assertTrue(eventually(lambda: sandbox.redis("ping") == "PONG"))
+        sandbox.fill_redis()
+        self.assertEqual(sandbox.ask("GET", SERVICE).status, 503, "the daemon is not ready")
+        sandbox.start_daemon()
+        self.assertTrue(eventually(self.serves))
+        self.assertIsNone(stream.event(), "the stream has ended with the subscription that Redis has lost")
+
+
+class Clients(unittest.TestCase):
+    """Clients that others have written."""
+
+    def test_sushy_reads_and_subscribes(self):
+        import sushy
+
+        for authentication in (sushy.auth.BasicAuth(USER, PASSWORD), sushy.auth.SessionAuth(USER, PASSWORD)):
+            root = sushy.Sushy(sandbox.address + "/redfish/v1/", auth=authentication, verify=False)
+            self.assertEqual(root.redfish_version, "1.8.1")
+            service = root.get_event_service() if hasattr(root, "get_event_service") else None
+            self.assertEqual(root.get_session_service().service_enabled, True)
+            if service:
+                self.assertTrue(service.service_enabled)
+
+    def test_redfishtool_goes_the_whole_road(self):
+        def tool(*words):
+            command = ["redfishtool", "-r", f"127.0.0.1:{sandbox.port}", "-u", USER, "-p", PASSWORD, "-S", "Never", *words]
+            run = subprocess.run(command, capture_output=True, text=True, check=False)
+            self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
+            return run.stdout
+
+        self.assertIn("EventService", tool("root"))
+        created = json.loads(tool("raw", "POST", COLLECTION, "-d", json.dumps(SUBSCRIPTION)))
+        tool("raw", "PATCH", created["@odata.id"], "-d", '{"Context": "tool"}')
+        self.assertIn('"tool"', tool("raw", "GET", created["@odata.id"]))
+        tool("raw", "POST", TEST_EVENT, "-d", '{"MessageId": "Base.1.12.Success"}')
+        tool("raw", "DELETE", created["@odata.id"])
+        self.assertEqual(sandbox.ask("GET", created["@odata.id"]).status, 404)
+
+
+if __name__ == "__main__":
+    BINARIES = sys.argv.pop(1)
+    unittest.main(verbosity=2)

@@ -1,0 +1,95 @@
+#include "tools/front_end/front_end_link.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+
+#include "foundation/random.h"
+#include "foundation/redis_pipeline.h"
+#include "resource_store/resource_reader.h"
+
+namespace event_service {
+namespace {
+
+std::string NewReturnChannel() {
+  char channel[48];
+  std::snprintf(channel, sizeof channel, "&&FrontEnd:%016" PRIX64 "/CHANNEL", KernelNumber());
+  return channel;
+}
+
+/// The resource that a request is about; an action belongs to the resource above "/Actions/".
+std::string_view ResourceOf(std::string_view targetUri) { return targetUri.substr(0, targetUri.find("/Actions/")); }
+
+/// The first entry of a queue: the channel of the service that registered.
+std::string FirstText(const RedisReply& reply) {
+  return IsArray(reply) && reply->elements > 0 ? std::string(TextOf(reply->element[0])) : std::string();
+}
+
+}  // namespace
+
+RedisContext ConnectPatiently(std::chrono::milliseconds patience) {
+  const std::unique_ptr<RedisConnectionInfo, decltype(&std::free)> info(getRedisConnectionInfo(), std::free);
+  RedisContext redis(info ? connectToRedis(info.get(), 0) : nullptr);
+  if (!redis || !LimitWaiting(redis.get(), patience)) return nullptr;
+  if (info->password[0] != '\0' && redisAuthentication(redis.get(), info->password) != 0) return nullptr;
+  return redis;
+}
+
+FrontEndLink::FrontEndLink(FrontEndPatience patience) : patience_(patience) {}
+
+bool FrontEndLink::Connect() {
+  if (redis_ && redis_->err == 0 && subscriber_ && subscriber_->err == 0) return true;
+  Disconnect();
+  redis_ = ConnectPatiently(patience_.reply);
+  subscriber_ = ConnectPatiently(patience_.reply);
+  if (!redis_ || !subscriber_) return false;
+  // A channel that was used before may still bring the answer to a request that was withdrawn.
+  returnChannel_ = NewReturnChannel();
+  return IsArray(SendArguments(subscriber_.get(), {"SUBSCRIBE", returnChannel_})) &&
+         LimitWaiting(subscriber_.get(), patience_.answer);
+}
+
+void FrontEndLink::Disconnect() {
+  redis_.reset();
+  subscriber_.reset();
+}
+
+redisContext* FrontEndLink::Redis() {
+  if (Connect()) return redis_.get();
+  Disconnect();
+  return nullptr;
+}
+
+std::optional<RequestQueue> FrontEndLink::FindQueue(std::string_view method, std::string_view targetUri) {
+  redisContext* redis = Redis();
+  if (redis == nullptr) return std::nullopt;
+  const std::string resource(ResourceOf(targetUri));
+  const std::string queue = "/" + std::string(method) + "Q";
+  RedisPipeline pipeline(redis);
+  pipeline.Append({"SISMEMBER", "&&AccessBlockList", "EventService"});
+  pipeline.Append({"LRANGE", "&&" + resource + queue, "0", "0"});
+  pipeline.Append({"HGET", resource, "&&CRUDprefix"});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  RequestQueue found{.isBlocked = IsInteger(replies[0]) && replies[0]->integer == 1, .channel = FirstText(replies[1])};
+  const std::string kind(TextOf(replies[2]));
+  if (!kind.empty()) found.channel = FirstText(SendArguments(redis, {"LRANGE", kind + queue, "0", "0"}));
+  if (redis->err != 0) return std::nullopt;
+  return found;
+}
+
+std::optional<FrontEndAnswer> FrontEndLink::Send(const FrontEndRequest& request, std::string_view channel) {
+  redisContext* redis = Redis();
+  const std::optional<StoredRequest> stored =
+      redis == nullptr ? std::nullopt : StoreRequest(redis, request, returnChannel_);
+  if (!stored) return std::nullopt;
+  const bool isAnswered = AnnounceUntilTaken(redis, channel, *stored, patience_.listener) &&
+                          AwaitAnswer(subscriber_.get(), *stored, patience_.answer);
+  std::optional<FrontEndAnswer> answer;
+  if (isAnswered) answer = ReadAnswer(redis, *stored);
+  RemoveRequest(redis, *stored);
+  // Without a subscriber the daemon itself removes an answer that comes too late.
+  if (!isAnswered) Disconnect();
+  return answer;
+}
+
+}  // namespace event_service

@@ -1,0 +1,290 @@
+#include "tools/redfish_gateway/gateway.h"
+
+#include <algorithm>
+#include <functional>
+#include <mutex>
+#include <optional>
+
+#include "tools/redfish_gateway/authentication.h"
+#include "tools/redfish_gateway/handlers.h"
+
+namespace event_service {
+namespace {
+
+enum class Access { kOpen, kWithCredentials };
+struct Route {
+  std::string_view path;  // a segment "*" stands for any
+  std::string_view method;
+  HttpAnswer (*handle)(Call& call);
+  Access access = Access::kWithCredentials;
+};
+
+// A HEAD is a GET whose body is not sent.
+constexpr Route kRoutes[] = {
+    {"/redfish", "GET", ReadOwnResource, Access::kOpen},
+    {"/redfish/v1", "GET", ReadOwnResource, Access::kOpen},
+    {"/redfish/v1/odata", "GET", ReadOwnResource, Access::kOpen},
+    {"/redfish/v1/$metadata", "GET", ReadMetadata, Access::kOpen},
+
+    {"/redfish/v1/SessionService", "GET", ReadSessionService},
+    {"/redfish/v1/SessionService", "PATCH", PatchSessionService},
+    {"/redfish/v1/SessionService/Sessions", "GET", ReadSessions},
+    {"/redfish/v1/SessionService/Sessions", "POST", CreateSession, Access::kOpen},
+    {"/redfish/v1/SessionService/Sessions/Members", "POST", CreateSession, Access::kOpen},
+    {"/redfish/v1/SessionService/Sessions/*", "GET", ReadSession},
+    {"/redfish/v1/SessionService/Sessions/*", "DELETE", DeleteSession},
+
+    {"/redfish/v1/EventService", "GET", ReadStoredResource},
+    {"/redfish/v1/EventService", "PATCH", PatchStoredResource},
+    {"/redfish/v1/EventService/Actions/*", "POST", PostAction},
+    {"/redfish/v1/EventService/SSE", "GET", OpenStream},
+    {"/redfish/v1/EventService/Subscriptions", "GET", ReadStoredResource},
+    {"/redfish/v1/EventService/Subscriptions", "POST", CreateSubscription},
+    {"/redfish/v1/EventService/Subscriptions/Members", "POST", CreateSubscription},
+    {"/redfish/v1/EventService/Subscriptions/*", "GET", ReadStoredResource},
+    {"/redfish/v1/EventService/Subscriptions/*", "PATCH", PatchStoredResource},
+    {"/redfish/v1/EventService/Subscriptions/*", "DELETE", DeleteStoredResource},
+    {"/redfish/v1/EventService/Subscriptions/*/Actions/*", "POST", PostAction},
+};
+
+constexpr int kRetryAfterSeconds = 5;
+
+bool Matches(std::string_view pattern, std::string_view path) {
+  return std::ranges::equal(Segments(pattern), Segments(path),
+                            [](std::string_view a, std::string_view b) { return a == "*" || a == b; });
+}
+
+/// The routes of a path, one for each method. An exact path goes before one with "*".
+std::vector<const Route*> RoutesOf(std::string_view path) {
+  std::vector<const Route*> routes;
+  for (const Route& route : kRoutes) {
+    if (!Matches(route.path, path)) continue;
+    if (!routes.empty() && routes.front()->path != route.path) break;
+    routes.push_back(&route);
+  }
+  return routes;
+}
+
+const Route* RouteFor(const std::vector<const Route*>& routes, std::string_view method) {
+  const auto found = std::ranges::find(routes, method == "HEAD" ? "GET" : method, &Route::method);
+  return found == routes.end() ? nullptr : *found;
+}
+
+std::string AllowOf(const std::vector<const Route*>& routes, std::string_view without = {}) {
+  std::string allow;
+  for (const Route* route : routes) {
+    if (route->method == without) continue;
+    allow += (allow.empty() ? "" : ", ") + std::string(route->method);
+    if (route->method == "GET") allow += ", HEAD";
+  }
+  return allow;
+}
+
+bool IsRead(std::string_view method) { return method == "GET" || method == "HEAD"; }
+
+// ---- Entity tags
+
+std::string EtagOf(const HttpAnswer& answer) {
+  if (!answer.HasDocument() || !answer.document.contains("@odata.id")) return {};
+  const auto stored = answer.document.find("@odata.etag");
+  if (stored != answer.document.end() && stored->is_string()) return stored->get<std::string>();
+  char etag[24];
+  std::snprintf(etag, sizeof etag, "\"%zX\"", std::hash<std::string>()(answer.document.dump()));
+  return etag;
+}
+
+/// True when a list of entity tags ("*", or tags and commas between them) names this one.
+bool NamesEtag(std::string_view list, std::string_view etag) {
+  if (list == "*") return !etag.empty();
+  while (!list.empty()) {
+    std::string_view item = list.substr(0, list.find(','));
+    list.remove_prefix(std::min(item.size() + 1, list.size()));
+    item.remove_prefix(std::min(item.find_first_not_of(" \t"), item.size()));
+    item = item.substr(0, item.find_last_not_of(" \t") + 1);
+    if (item.starts_with("W/")) item.remove_prefix(2);
+    if (item == etag) return true;
+  }
+  return false;
+}
+
+/// The answer to a change whose If-Match names another state of the resource; nothing when it may go on.
+std::optional<HttpAnswer> BrokenPrecondition(Call& call, const std::vector<const Route*>& routes) {
+  const Route* read = RouteFor(routes, "GET");
+  if (read == nullptr) return std::nullopt;
+  HttpAnswer present = read->handle(call);
+  if (present.status != 200) return present;
+  if (NamesEtag(call.http.Header("If-Match"), EtagOf(present))) return std::nullopt;
+  return Refuse(call.gateway, 412, "Base.1.12.PreconditionFailed");
+}
+
+HttpAnswer Change(Call& call, const Route& route, const std::vector<const Route*>& routes) {
+  std::shared_timed_mutex& changes = call.gateway.changes;
+  std::unique_lock alone(changes, std::defer_lock);
+  std::shared_lock shared(changes, std::defer_lock);
+  const auto patience = call.gateway.settings.answerTime + std::chrono::seconds(1);
+  const bool isConditional = !call.http.Header("If-Match").empty() && route.method != "POST";
+  if (!(isConditional ? alone.try_lock_for(patience) : shared.try_lock_for(patience))) {
+    return Unavailable(call.gateway);
+  }
+  if (isConditional) {
+    if (std::optional<HttpAnswer> broken = BrokenPrecondition(call, routes)) return std::move(*broken);
+  }
+  return route.handle(call);
+}
+
+// ---- What is looked at before a handler
+
+/// True when a media type serves the client, who names those that he takes in "Accept".
+bool Accepts(std::string_view accept, std::string_view type) {
+  if (accept.empty()) return true;
+  const std::string_view group = type.substr(0, type.find('/'));
+  while (!accept.empty()) {
+    std::string_view item = accept.substr(0, accept.find(','));
+    accept.remove_prefix(std::min(item.size() + 1, accept.size()));
+    item.remove_prefix(std::min(item.find_first_not_of(" \t"), item.size()));
+    item = item.substr(0, item.find_first_of("; \t"));
+    if (item == "*/*" || item == type) return true;
+    if (item.ends_with("/*") && item.substr(0, item.size() - 2) == group) return true;
+  }
+  return false;
+}
+
+std::string_view ProducedType(const Route& route) {
+  if (route.handle == ReadMetadata) return "application/xml";
+  return route.handle == OpenStream ? "text/event-stream" : "application/json";
+}
+
+/// What is wrong with the query of a request; nothing when it can be served.
+std::optional<HttpAnswer> RefuseQuery(const Call& call, const Route& route) {
+  for (const auto& [name, value] : call.target.query) {
+    const bool isKnown = name == "only" || (name == "$filter" && route.handle == OpenStream);
+    if (!isKnown && !name.starts_with('$')) continue;
+    if (!IsRead(call.http.method)) return Refuse(call.gateway, 400, "Base.1.12.QueryNotSupportedOnOperation");
+    if (!isKnown) return Refuse(call.gateway, 501, "Base.1.12.QueryNotSupported");
+  }
+  return std::nullopt;
+}
+
+bool HasQuery(const Call& call, std::string_view name) {
+  return std::ranges::any_of(call.target.query, [&](const auto& item) { return item.first == name; });
+}
+
+HttpAnswer Unauthorized(const Gateway& gateway) {
+  HttpAnswer answer = Refuse(gateway, 401, "Base.1.12.NoValidSession");
+  answer.headers.emplace_back("WWW-Authenticate", "Basic realm=\"Redfish\"");
+  return answer;
+}
+
+/// Completes the refusal of a method that the resource lacks; without the resource it is 404.
+HttpAnswer NotAllowed(Call& call, const std::vector<const Route*>& routes, HttpAnswer refusal) {
+  const Route* read = routes.front()->path.ends_with('*') ? RouteFor(routes, "GET") : nullptr;
+  if (read != nullptr) {
+    HttpAnswer present = read->handle(call);
+    if (present.status != 200) return present;
+  }
+  refusal.headers.emplace_back("Allow", AllowOf(routes, call.http.method));
+  return refusal;
+}
+
+// ---- What is done after a handler
+
+/// "only": a collection with one member is answered with that member.
+HttpAnswer OnlyMember(Call& call, HttpAnswer answer) {
+  if (answer.status != 200 || !answer.HasDocument()) return answer;
+  const auto members = answer.document.find("Members");
+  if (members == answer.document.end()) {
+    return Refuse(call.gateway, 400, "Base.1.12.QueryNotSupportedOnResource");
+  }
+  if (!members->is_array() || members->size() != 1) return answer;
+  const Json id = members->front().value("@odata.id", Json());
+  const Route* read = id.is_string() ? RouteFor(RoutesOf(id.get<std::string>()), "GET") : nullptr;
+  if (read == nullptr) return answer;
+  call.target.path = id.get<std::string>();
+  return read->handle(call);
+}
+
+/// The schema of a resource, as Redfish names it: "#EventService.v1_7_2.EventService" lies in EventService.v1_7_2.json.
+std::string SchemaLink(const Json& document) {
+  const Json type = document.value("@odata.type", Json());
+  if (!type.is_string()) return {};
+  const std::string& text = type.get_ref<const std::string&>();
+  const size_t end = text.rfind('.');
+  if (!text.starts_with('#') || end == std::string::npos) return {};
+  return "<http://redfish.dmtf.org/schemas/v1/" + text.substr(1, end - 1) + ".json>; rel=describedby";
+}
+
+void DescribeResource(const Call& call, HttpAnswer& answer) {
+  if (answer.status >= 300 || !answer.HasDocument()) return;
+  const std::string etag = EtagOf(answer);
+  if (!etag.empty()) answer.headers.emplace_back("ETag", etag);
+  const std::string link = SchemaLink(answer.document);
+  if (!link.empty()) answer.headers.emplace_back("Link", link);
+  if (IsRead(call.http.method) && !etag.empty() && NamesEtag(call.http.Header("If-None-Match"), etag)) {
+    answer.status = 304;
+    answer.document = Json(Json::value_t::discarded);
+  }
+}
+
+HttpAnswer Dispatch(Call& call) {
+  const std::vector<const Route*> routes = RoutesOf(call.target.path);
+  const Route* route = RouteFor(routes, call.http.method);
+  const bool isOpen = route != nullptr && route->access == Access::kOpen;
+  if (!isOpen && !HasCredentials(call.gateway, call.http)) return Unauthorized(call.gateway);
+  if (routes.empty()) return NotFound(call);
+  if (route == nullptr) {
+    return NotAllowed(
+        call, routes,
+        Refuse(call.gateway, 405, "ExtendedError.1.2.MethodNotAllowed", {call.target.path, call.http.method}));
+  }
+  if (std::optional<HttpAnswer> refusal = RefuseQuery(call, *route)) return std::move(*refusal);
+  if (!Accepts(call.http.Header("Accept"), ProducedType(*route))) {
+    return Refuse(call.gateway, 406, "Base.1.12.ResourceAtUriInUnknownFormat", {call.target.path});
+  }
+  if (!IsRead(call.http.method)) {
+    HttpAnswer answer = Change(call, *route, routes);
+    if (answer.status == 405) return NotAllowed(call, routes, std::move(answer));
+    if (answer.status < 400) call.gateway.streams.Wake();
+    DescribeResource(call, answer);
+    return answer;
+  }
+  HttpAnswer answer = route->handle(call);
+  if (HasQuery(call, "only")) answer = OnlyMember(call, std::move(answer));
+  DescribeResource(call, answer);
+  if (answer.status < 400) answer.headers.emplace_back("Allow", AllowOf(RoutesOf(call.target.path)));
+  return answer;
+}
+
+}  // namespace
+
+HttpAnswer RefuseAll(const Gateway& gateway, int status, const std::vector<FrontEndMessage>& messages) {
+  HttpAnswer answer{.status = status, .document = gateway.registries.ErrorBody(messages, status)};
+  if (status == 503) answer.headers.emplace_back("Retry-After", std::to_string(kRetryAfterSeconds));
+  return answer;
+}
+
+HttpAnswer Refuse(const Gateway& gateway, int status, std::string_view messageId, std::vector<std::string> args) {
+  return RefuseAll(gateway, status, {{std::string(messageId), std::move(args), {}}});
+}
+
+HttpAnswer Refuse(const Gateway& gateway, const BodyFault& fault) {
+  return RefuseAll(gateway, fault.status, {fault.message});
+}
+
+HttpAnswer Unavailable(const Gateway& gateway) {
+  return Refuse(gateway, 503, "Base.1.12.ServiceTemporarilyUnavailable", {std::to_string(kRetryAfterSeconds)});
+}
+
+HttpAnswer NotFound(const Call& call) {
+  return Refuse(call.gateway, 404, "Base.1.12.ResourceMissingAtURI", {call.target.path});
+}
+
+HttpAnswer Serve(Gateway& gateway, FrontEndLink& link, const HttpRequest& request) {
+  const std::string_view version = request.Header("OData-Version");
+  if (!version.empty() && version != "4.0") return Refuse(gateway, 412, "Base.1.12.PreconditionFailed");
+  std::optional<RequestTarget> target = ParseTarget(request.target);
+  if (!target) return Refuse(gateway, 404, "Base.1.12.InvalidURI", {request.target});
+  Call call{gateway, link, request, std::move(*target)};
+  return Dispatch(call);
+}
+
+}  // namespace event_service

@@ -1,0 +1,62 @@
+#include "tools/redfish_gateway/request_body.h"
+
+#include <algorithm>
+#include <set>
+
+namespace event_service {
+namespace {
+
+/// Watches the parser: what it accepts silently is a fault here.
+struct BodyWatch {
+  std::vector<std::set<std::string>> names = {};  // of the objects that are open, the outermost first
+  std::string duplicate = {};
+  bool isTooDeep = false;
+
+  bool operator()(int depth, Json::parse_event_t event, Json& parsed) {
+    if (static_cast<size_t>(depth) >= kMaxNesting) isTooDeep = true;
+    if (event == Json::parse_event_t::object_start) names.emplace_back();
+    if (event == Json::parse_event_t::object_end) names.pop_back();
+    if (event == Json::parse_event_t::key && !names.back().insert(parsed.get<std::string>()).second) {
+      duplicate = parsed.get<std::string>();
+    }
+    return !isTooDeep;
+  }
+};
+
+bool IsJsonType(std::string_view contentType) {
+  const std::string_view type = contentType.substr(0, contentType.find_first_of("; \t"));
+  constexpr IgnoringCase kLess;
+  constexpr std::string_view kJson = "application/json";
+  return !kLess(type, kJson) && !kLess(kJson, type);
+}
+
+BodyFault InvalidAt(std::string_view body, size_t position) {
+  const auto line = std::ranges::count(body.substr(0, position == 0 ? 0 : position - 1), '\n') + 1;
+  return {400, {"Base.1.12.InvalidJSON", {std::to_string(line)}, {}}};
+}
+
+const BodyFault kUnrecognized{400, {"Base.1.12.UnrecognizedRequestBody", {}, {}}};
+
+}  // namespace
+
+std::variant<Json, BodyFault> ReadBody(const HttpRequest& request, bool mayBeMissing) {
+  if (request.body.empty() && mayBeMissing) return Json::object();
+  if (!IsJsonType(request.Header("Content-Type"))) return BodyFault{415, kUnrecognized.message};
+  if (request.body.empty()) return BodyFault{400, {"Base.1.12.MalformedJSON", {}, {}}};
+  // The parser takes NUL for the end of the text.
+  const size_t nul = request.body.find('\0');
+  if (nul != std::string::npos) return InvalidAt(request.body, nul);
+  BodyWatch watch;
+  try {
+    Json body = Json::parse(request.body, std::ref(watch));
+    if (watch.isTooDeep || !body.is_object()) return kUnrecognized;
+    if (watch.duplicate.empty()) return body;
+    return BodyFault{400, {"Base.1.12.PropertyDuplicate", {watch.duplicate}, {"#/" + watch.duplicate}}};
+  } catch (const Json::parse_error& error) {
+    return InvalidAt(request.body, error.byte);
+  } catch (const Json::exception&) {
+    return kUnrecognized;  // a number that is out of range
+  }
+}
+
+}  // namespace event_service

@@ -1,0 +1,66 @@
+#include "tools/redfish_gateway/uri.h"
+
+#include <algorithm>
+#include <charconv>
+
+namespace event_service {
+namespace {
+
+bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
+
+// In a query "+" stands for a blank, as forms and most clients write it.
+std::optional<std::string> Decode(std::string_view text, bool isQuery) {
+  std::string decoded;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = isQuery && text[i] == '+' ? ' ' : text[i];
+    if (c == '%') {
+      unsigned char code = 0;
+      const char* const end = text.data() + std::min(i + 3, text.size());
+      if (i + 2 >= text.size() || std::from_chars(text.data() + i + 1, end, code, 16).ptr != end) return std::nullopt;
+      c = static_cast<char>(code);
+      i += 2;
+      if (c == '/' && !isQuery) return std::nullopt;
+    }
+    if (IsControl(c)) return std::nullopt;
+    decoded += c;
+  }
+  return decoded;
+}
+
+bool IsResourceSegment(std::string_view segment) { return !segment.empty() && segment != "." && segment != ".."; }
+
+}  // namespace
+
+std::vector<std::string_view> Segments(std::string_view path) {
+  std::vector<std::string_view> segments;
+  while (path.starts_with('/')) {
+    path.remove_prefix(1);
+    const size_t end = std::min(path.find('/'), path.size());
+    segments.push_back(path.substr(0, end));
+    path.remove_prefix(end);
+  }
+  return segments;
+}
+
+std::optional<RequestTarget> ParseTarget(std::string_view target) {
+  const size_t mark = std::min(target.find('?'), target.size());
+  std::optional<std::string> path = Decode(target.substr(0, mark), false);
+  if (!path || !path->starts_with('/')) return std::nullopt;
+  if (path->size() > 1 && path->ends_with('/')) path->pop_back();
+  if (!std::ranges::all_of(Segments(*path), IsResourceSegment)) return std::nullopt;
+
+  RequestTarget parsed{std::move(*path), {}};
+  std::string_view query = target.substr(std::min(mark + 1, target.size()));
+  while (!query.empty()) {
+    const std::string_view item = query.substr(0, query.find('&'));
+    query.remove_prefix(std::min(item.size() + 1, query.size()));
+    const size_t equals = std::min(item.find('='), item.size());
+    const std::optional<std::string> name = Decode(item.substr(0, equals), true);
+    const std::optional<std::string> value = Decode(item.substr(std::min(equals + 1, item.size())), true);
+    if (!name || !value) return std::nullopt;
+    if (!name->empty()) parsed.query.emplace_back(*name, *value);
+  }
+  return parsed;
+}
+
+}  // namespace event_service

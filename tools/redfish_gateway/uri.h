@@ -1,0 +1,24 @@
+/// The request target of HTTP taken apart.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace event_service {
+
+struct RequestTarget {
+  std::string path;                                        // decoded; without a "/" at its end
+  std::vector<std::pair<std::string, std::string>> query;  // decoded, in their order
+};
+
+/// Nothing for a path that names no resource: one that is not absolute, with "." or ".." or empty segments, with
+/// control characters, with a "/" in its encoded form, or with a broken percent-encoding.
+std::optional<RequestTarget> ParseTarget(std::string_view target);
+
+/// The segments of a path: "/redfish/v1" has two.
+std::vector<std::string_view> Segments(std::string_view path);
+
+}  // namespace event_service
