@@ -44,7 +44,10 @@ class Stream:
         self.connection.request("GET", SERVICE + "/SSE" + query, headers={"X-Auth-Token": answer.headers["X-Auth-Token"]})
         self.response = self.connection.getresponse()
         self.status = self.response.status
-        self.uri = self.response.readline().decode()[2:].strip() if self.status == 200 else None
+        self.uri = None
+        while self.status == 200 and not self.uri:  # a comment that may stand behind the first events
+            line = self.response.readline().decode().strip()
+            self.uri = line[2:] if line.startswith(": /redfish/") else None
 
     def channel(self):
         return sandbox.redis("hget", self.uri, "&&SSE-CHANNEL")

@@ -72,7 +72,7 @@ class Sandbox:
         environment = dict(os.environ, EVENT_SERVICE_ROOT=str(self.root))
         with open(self.root / f"var/log/{name}.output", "a") as output:
             self.programs[name] = subprocess.Popen(
-                [program, *arguments], stdout=output, stderr=output, env=environment
+                ["setpriv", "--pdeathsig", "KILL", program, *arguments], stdout=output, stderr=output, env=environment
             )
 
     def fill_redis(self):
