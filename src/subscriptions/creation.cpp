@@ -11,6 +11,7 @@
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
 #include "foundation/time_stamp.h"
+#include "requests/property_faults.h"
 #include "requests/request_body.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_writer.h"
@@ -24,6 +25,7 @@
 #include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/filter_mask.h"
 #include "subscriptions/resource/member_uri.h"
+#include "subscriptions/resource/member_weight.h"
 #include "subscriptions/resource/origin_index.h"
 #include "subscriptions/state.h"
 #include "subscriptions/syslog_exchange.h"
@@ -192,7 +194,9 @@ std::optional<Answer> Creation::Build() {
   std::optional<Json> destination = BuildEventDestination(body_, about_, request_.settings);
   if (!destination) return Refuse(kException, kOperationFailedMessage);
   destination_ = std::move(*destination);
-  return std::nullopt;
+  const std::optional<std::string> heaviest = TooHeavyProperty(WeightsOf(destination_));
+  if (!heaviest) return std::nullopt;
+  return Answer{kFailure, {PropertyMessage(FaultKind::kValue, MemberPath({}, *heaviest))}, {}, {}};
 }
 
 std::optional<Answer> Creation::SetUpSyslog() {

@@ -1,6 +1,7 @@
 #include "subscriptions/deletion.h"
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <span>
 #include <string>
@@ -40,6 +41,30 @@ bool HaveRemoved(std::span<const RedisReply> removals) {
   return std::ranges::any_of(removals, [](const RedisReply& reply) { return IsInteger(reply) && reply->integer > 0; });
 }
 
+/// What may belong to a member whose own markers and properties do not tell it, or not any more.
+struct MemberTraces {
+  std::vector<std::string> keys;       // below its URI
+  std::vector<std::string> indexKeys;  // every key of the index: some may have a field for it
+};
+
+/// Nothing, after a line, when Redis does not list them.
+std::optional<MemberTraces> FindTraces(redisContext* redis, const std::string& uri) {
+  RedisPipeline pipeline(redis);
+  pipeline.Append({"KEYS", EscapeGlob(ChildKey(uri, {})) + '*'});
+  pipeline.Append({"KEYS", std::string(kIndexPrefix) + '*'});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (!std::ranges::all_of(replies, [](const RedisReply& reply) { return IsArray(reply); })) {
+    LogError("Failed to list the keys of %s.", uri.c_str());
+    return std::nullopt;
+  }
+  const auto textsOf = [](const RedisReply& reply) {
+    std::vector<std::string> texts;
+    for (const redisReply* text : std::span(reply->element, reply->elements)) texts.emplace_back(TextOf(text));
+    return texts;
+  };
+  return MemberTraces{textsOf(replies[0]), textsOf(replies[1])};
+}
+
 /// The deletion of one member, all but the events about it, which the members of one request share.
 class MemberDeletion {
  public:
@@ -63,6 +88,7 @@ class MemberDeletion {
 
  private:
   void TakeLevel(ResourceWalk& walk, std::span<const RedisReply> replies);
+  void AddTraces();
   void ChooseEventKey(const RedisReply& exists);
   void AppendIndexRemoval(RedisPipeline& pipeline) const;
   bool HaveSucceeded(std::span<const RedisReply> replies);
@@ -72,6 +98,7 @@ class MemberDeletion {
   std::string uri_;
   Json destination_;
   std::vector<std::string> keys_;
+  std::vector<std::string> indexKeys_;
   std::string eventKey_ = NewEventObjectKey();
   std::string enqueueDigest_;
   std::string collectionEtag_;  // as stored after the removal
@@ -88,8 +115,10 @@ std::optional<Answer> MemberDeletion::Read(std::optional<uint32_t>& eventGroupId
   const size_t digest = first.Append({"HGET", kScriptDigests, kEnqueueScript});
   const size_t exists = first.Append({"EXISTS", eventKey_});
   const std::vector<RedisReply> firstReplies = first.Execute();
-  if (!firstReplies.front()) return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
   if (SaysMissing(firstReplies.front())) return MemberMissing(uri_);
+  if (IsFailure(firstReplies.front())) {
+    return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
+  }
   TakeLevel(walk, firstReplies);
   enqueueDigest_ = TextOf(firstReplies[digest]);
   ChooseEventKey(firstReplies[exists]);
@@ -103,14 +132,24 @@ std::optional<Answer> MemberDeletion::Read(std::optional<uint32_t>& eventGroupId
     if (!eventGroupId) eventGroupId = SettleEventGroupId(redis_, replies[draw].get());
   }
   keys_ = walk.Keys();
+  // The entries for subordinate resources go whether or not the service matches them now.
+  indexKeys_ = OriginIndexKeys(destination_, true);
+  if (hasFailed_) AddTraces();
   return std::nullopt;
 }
 
 void MemberDeletion::TakeLevel(ResourceWalk& walk, std::span<const RedisReply> replies) {
   if (walk.TakeLevel(replies) || hasFailed_) return;
-  // The keys that can be found are deleted all the same.
   hasFailed_ = true;
   LogError("DatabaseOperationError: Failed to read the event destination %s.", uri_.c_str());
+}
+
+/// What could not be read is found in another way, so that it goes as well.
+void MemberDeletion::AddTraces() {
+  std::optional<MemberTraces> traces = FindTraces(redis_, uri_);
+  if (!traces) return;
+  std::ranges::move(traces->keys, std::back_inserter(keys_));
+  std::ranges::move(traces->indexKeys, std::back_inserter(indexKeys_));
 }
 
 void MemberDeletion::ChooseEventKey(const RedisReply& exists) {
@@ -122,8 +161,7 @@ void MemberDeletion::ChooseEventKey(const RedisReply& exists) {
 }
 
 void MemberDeletion::AppendIndexRemoval(RedisPipeline& pipeline) const {
-  // The entries for subordinate resources go whether or not the service matches them now.
-  for (const std::string& key : OriginIndexKeys(destination_, true)) pipeline.Append({"HDEL", key, MemberIdOf(uri_)});
+  for (const std::string& key : indexKeys_) pipeline.Append({"HDEL", key, MemberIdOf(uri_)});
   if (IsMetricReportDestination(destination_)) {
     pipeline.Append({"HINCRBY", kMetricReportKey, kMetricReportField, "-1"});
   }
@@ -140,7 +178,7 @@ void MemberDeletion::Remove(uint32_t eventGroupId) {
   const std::string_view id = MemberIdOf(uri_);
   const std::string_view transport = SyslogTransport(destination_);
   RedisPipeline pipeline(redis_);
-  if (!AppendTerminatedEvent(pipeline, eventKey_, uri_, destination_, eventGroupId)) hasFailed_ = true;
+  const bool isEventBuilt = AppendTerminatedEvent(pipeline, eventKey_, uri_, destination_, eventGroupId);
   const size_t enqueue = pipeline.Size();
   AppendEnqueueEvent(pipeline, enqueueDigest_, eventKey_);
   const size_t syslog = pipeline.Size();
@@ -156,12 +194,14 @@ void MemberDeletion::Remove(uint32_t eventGroupId) {
   std::vector<RedisReply> replies = pipeline.Execute();
   const auto range = [&replies](size_t first, size_t end) { return std::span(replies).subspan(first, end - first); };
 
-  if (!HaveSucceeded(range(0, enqueue))) LogError("Failed to store the terminated event of %s.", uri_.c_str());
+  // Whether the destination learns of its end changes nothing else.
+  if (!isEventBuilt || !AllIntegers(range(0, enqueue))) {
+    LogError("Failed to store the terminated event of %s.", uri_.c_str());
+  }
   std::vector<std::string> messages;
-  if (!SettleEnqueueEvent(redis_, replies[enqueue].get(), eventKey_, messages)) {
-    hasFailed_ = true;
-    // A missing reply has its line.
-    if (replies[enqueue]) LogError("Failed to notify the termination of %s.", uri_.c_str());
+  // A missing reply has its line.
+  if (!SettleEnqueueEvent(redis_, replies[enqueue].get(), eventKey_, messages) && replies[enqueue]) {
+    LogError("Failed to notify the termination of %s.", uri_.c_str());
   }
   if (!HaveSucceeded(range(syslog, index))) LogError("Failed to tell syslog about the end of %s.", uri_.c_str());
   if (transport == "TLS") std::erase(state_.syslogTlsDestinationIds, id);
@@ -198,7 +238,7 @@ bool IsStatusSet(const RedisReply& reply) {
   return false;
 }
 
-/// A member that is gone leaves the collection as well.
+/// A member that is gone leaves the collection as well, and what its deletion would have taken with it.
 void RemoveStrayEntry(Request& request, const std::string& uri) {
   SubscriptionsState& state = *request.subscriptions;
   RedisPipeline pipeline(request.redis);
@@ -208,9 +248,17 @@ void RemoveStrayEntry(Request& request, const std::string& uri) {
   if (!HaveRemoved(removals)) return;
   std::erase(state.syslogTlsDestinationIds, MemberIdOf(uri));
   state.halfChangedUris.erase(uri);
+  const MemberTraces traces = FindTraces(request.redis, uri).value_or(MemberTraces());
+  for (const std::string& key : traces.indexKeys) pipeline.Append({"HDEL", key, MemberIdOf(uri)});
+  const size_t keys = pipeline.Size();
+  AppendUnlink(pipeline, traces.keys);
   const size_t etag = pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, Json(NewEtag()).dump()});
   const size_t storedEtag = pipeline.Append({"HGET", kSubscriptionsUri, kEtagField});
   const std::vector<RedisReply> replies = pipeline.Execute();
+  if (!AllIntegers(std::span(replies).first(keys))) LogError("Failed to remove the origin index of %s.", uri.c_str());
+  if (!AllIntegers(std::span(replies).subspan(keys, etag - keys))) {
+    LogError("Failed to delete the keys of %s.", uri.c_str());
+  }
   if (!IsInteger(replies[etag])) LogEtagFailure(kSubscriptionsUri);
   static_cast<void>(state.db.DeleteDbSubscription(uri, TextOf(replies[storedEtag])));
   if (!UpdateMembersCount(request.redis, state, -1)) SettleCount(state, nullptr, nullptr, 1);

@@ -15,32 +15,7 @@
 namespace event_service {
 namespace {
 
-constexpr std::string_view kHeaders = "HttpHeaders";
 constexpr std::string_view kFlaggedKeys[] = {"AuthenticationKey", "EncryptionKey"};
-
-/// True when `path` stands in a list of paths that commas separate.
-bool ListsPath(std::string_view paths, std::string_view path) {
-  while (!paths.empty()) {
-    const size_t comma = std::min(paths.find(','), paths.size());
-    if (paths.substr(0, comma) == path) return true;
-    paths.remove_prefix(std::min(comma + 1, paths.size()));
-  }
-  return false;
-}
-
-/// Adds those of `added` (paths that commas separate) that `paths` lacks.
-std::string JoinPaths(std::string paths, std::string_view added) {
-  while (!added.empty()) {
-    const size_t comma = std::min(added.find(','), added.size());
-    const std::string_view path = added.substr(0, comma);
-    if (!ListsPath(paths, path)) {
-      if (!paths.empty()) paths += ',';
-      paths += path;
-    }
-    added.remove_prefix(std::min(comma + 1, added.size()));
-  }
-  return paths;
-}
 
 bool HoldsText(std::string_view stored) { return !stored.empty() && stored != "null" && stored != "\"\""; }
 
@@ -52,9 +27,8 @@ void PrepareGet(const Request& request) {
   const std::string snmpKey = ChildKey(uri, "SNMP");
   RedisPipeline reads(request.redis);
   const size_t length = reads.Append({"HLEN", uri});
-  const size_t type = reads.Append({"HGET", uri, "SubscriptionType"});
   const size_t sensitive = reads.Append({"HGET", uri, kSensitiveDataField});
-  const size_t headers = reads.Append({"LLEN", ChildKey(uri, kHeaders)});
+  const size_t headers = reads.Append({"LLEN", ChildKey(uri, kHeadersPath)});
   const size_t snmp = reads.Append({"HGET", uri, "SNMP"});
   const size_t firstKey = reads.Size();
   for (const std::string_view key : kFlaggedKeys) {
@@ -67,13 +41,11 @@ void PrepareGet(const Request& request) {
     LogError("Failed to read the event destination %s for GET.", uri.c_str());
     return;
   }
-  const bool isSse = TextOf(replies[type]) == "\"SSE\"";
 
   RedisPipeline writes(request.redis);
   const std::string_view storedPaths = TextOf(replies[sensitive]);
   std::string paths(storedPaths);
-  const bool hasHeaders = replies[headers]->integer > 0;
-  if (hasHeaders && !isSse) paths = JoinPaths(std::move(paths), kHeaders);
+  if (replies[headers]->integer > 0) paths = JoinPaths(std::move(paths), kHeadersPath);
   if (ParseFieldMarker(TextOf(replies[snmp]))) {
     paths = JoinPaths(std::move(paths), kSnmpSensitivePaths);
     for (size_t i = 0; i < std::size(kFlaggedKeys); ++i) {

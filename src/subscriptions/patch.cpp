@@ -1,11 +1,13 @@
 #include "subscriptions/patch.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "foundation/durable_file.h"
 #include "foundation/redis_pipeline.h"
+#include "requests/property_faults.h"
 #include "requests/request_body.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_walk.h"
@@ -14,16 +16,19 @@
 #include "subscriptions/member_change.h"
 #include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/member_uri.h"
+#include "subscriptions/resource/member_weight.h"
+#include "subscriptions/syslog_exchange.h"
 
 namespace event_service {
 namespace {
 
-/// The body, and the resource as it stands: all its properties, but of the nested ones only what the body names. Both
-/// are read in the same batches.
+/// The body, the resource as it stands (all its properties, but of the nested ones only what the body names), and what
+/// all of it weighs, read in the same batches.
 struct PatchInput {
   explicit PatchInput(const Request& request)
       : body(request.record.requestData),
-        walk(request.record.targetUri, {.knownKind = ContainerKind::kObject, .onlyMembersOf = &body.Document()},
+        walk(request.record.targetUri,
+             {.knownKind = ContainerKind::kObject, .withControlFields = true, .onlyMembersOf = &body.Document()},
              &stored) {}
 
   std::optional<Answer> Read(const Request& request);
@@ -31,6 +36,7 @@ struct PatchInput {
   RequestBody body;
   Json stored;
   ResourceWalk walk;
+  PropertyWeights weights;
 };
 
 std::optional<Answer> PatchInput::Read(const Request& request) {
@@ -41,29 +47,76 @@ std::optional<Answer> PatchInput::Read(const Request& request) {
     const bool isWalkOpen = !walk.Done();
     walk.AppendLevel(pipeline);
     body.AppendLevel(pipeline);
+    if (isFirst) AppendWeighing(pipeline, request.record.targetUri);
     const std::vector<RedisReply> replies = pipeline.Execute();
     // The body first: it tells the walk how far to go.
     if (isBodyOpen && !body.TakeLevel(replies)) {
       return DatabaseError("DatabaseOperationError: Failed to get request data from database.");
     }
     if (isFirst && SaysMissing(replies.front())) return MemberMissing(request.record.targetUri);
-    if (isWalkOpen && !walk.TakeLevel(replies)) {
-      return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
+    bool isRead = !isWalkOpen || walk.TakeLevel(replies);
+    if (isFirst) {
+      std::optional<PropertyWeights> taken = TakeWeights(replies.back());
+      isRead = isRead && taken;
+      if (taken) weights = *std::move(taken);
     }
+    if (!isRead) return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
     isFirst = false;
   }
   return std::nullopt;
+}
+
+bool IsStream(const Json& stored) { return TextMember(stored, "SubscriptionType") == "SSE"; }
+
+/// The properties that the resource will hold in the place of its own, complete: "SNMP" with the members that stay,
+/// arrays with their counts, and what follows from them. Nothing when a secret cannot be encrypted (logged).
+std::optional<Json> NewProperties(const Json& changes, const Json& stored, const ServiceSettings& settings) {
+  Json properties = changes;
+  for (const auto& [name, value] : changes.items()) SetCount(properties, name);
+  if (const auto given = changes.find("SNMP"); given != changes.end()) {
+    Json snmp = stored.value("SNMP", Json());
+    const bool isNew = !snmp.is_object();
+    if (isNew) snmp = Json::object();
+    if (!MergeSnmp(*given, FirstLineOf(settings.paths.passwordFile), snmp)) return std::nullopt;
+    if (isNew && !IsStream(stored)) AddSnmpAllowableValues(snmp, settings);
+    properties["SNMP"] = std::move(snmp);
+  }
+  if (const auto headers = changes.find(kHeadersPath); headers != changes.end() && !headers->empty()) {
+    const std::string paths(TextMember(stored, kSensitiveDataField));
+    const std::string joined = JoinPaths(paths, kHeadersPath);
+    if (joined != paths) properties[std::string(kSensitiveDataField)] = joined;
+  }
+  return properties;
+}
+
+/// A refusal when the resource would weigh too much with the new properties.
+std::optional<Answer> CheckWeight(const Json& properties, PropertyWeights weights, std::vector<Message> notUpdatable) {
+  for (const auto& [name, weight] : WeightsOf(properties)) weights[name] = weight;
+  const std::optional<std::string> heaviest = TooHeavyProperty(weights);
+  if (!heaviest) return std::nullopt;
+  Message message = PropertyMessage(FaultKind::kValue, MemberPath({}, *heaviest));
+  const auto pathOf = [](const Message& other) { return other.relatedProperties.front(); };
+  notUpdatable.insert(std::ranges::upper_bound(notUpdatable, pathOf(message), {}, pathOf), message);
+  return Answer{kFailure, std::move(notUpdatable), {}, {}};
+}
+
+/// The forwarder knows the first of the filters. After a change that failed half-way nobody knows what it knows.
+std::optional<Answer> RenewSyslogOrder(const Request& request, const Json& properties, const Json& stored) {
+  const auto filters = properties.find("SyslogFilters");
+  if (filters == properties.end() || SyslogTransport(stored).empty()) return std::nullopt;
+  Json wanted = stored;
+  wanted["SyslogFilters"] = *filters;
+  const bool isSame = SyslogCreateMessage(wanted) == SyslogCreateMessage(stored);
+  if (isSame && !IsHalfChanged(request, request.record.targetUri)) return std::nullopt;
+  if (RenewAtSyslogForwarder(request.redis, stored, wanted)) return std::nullopt;
+  return Refuse(kUnavailable, kOperationFailedMessage);
 }
 
 /// The writes of one PATCH, and the same change for the file.
 class PatchWrites {
  public:
   PatchWrites(const Request& request, PatchInput& input, int64_t firstSequence)
-      : request_(request),
-        input_(input),
-        uri_(request.record.targetUri),
-        sequence_(firstSequence),
-        pipeline_(request.redis) {}
+      : input_(input), uri_(request.record.targetUri), sequence_(firstSequence), pipeline_(request.redis) {}
 
   /// False when the value cannot be stored (logged).
   bool Append(const std::string& name, const Json& value);
@@ -75,9 +128,8 @@ class PatchWrites {
 
  private:
   bool Replace(const std::string& name, const Json& value);
-  bool AppendSnmp(const Json& given);
+  bool AppendSnmp(const Json& snmp);
 
-  const Request& request_;
   PatchInput& input_;
   const std::string& uri_;
   int64_t sequence_;
@@ -87,14 +139,7 @@ class PatchWrites {
 };
 
 bool PatchWrites::Append(const std::string& name, const Json& value) {
-  if (name == "SNMP" && value.is_object()) return AppendSnmp(value);
-  if (!Replace(name, value)) return false;
-  Json counted = {{name, value}};
-  SetCount(counted, name);
-  for (const auto& [member, memberValue] : counted.items()) {
-    if (member != name && !Replace(member, memberValue)) return false;
-  }
-  return true;
+  return name == "SNMP" ? AppendSnmp(value) : Replace(name, value);
 }
 
 bool PatchWrites::Replace(const std::string& name, const Json& value) {
@@ -105,21 +150,15 @@ bool PatchWrites::Replace(const std::string& name, const Json& value) {
   return AppendPropertyWrites(pipeline_, uri_, name, value, sequence_, keys);
 }
 
-bool PatchWrites::AppendSnmp(const Json& given) {
+bool PatchWrites::AppendSnmp(const Json& snmp) {
   Json old = input_.stored.value("SNMP", Json());
   if (!old.is_object()) old = Json::object();
-  Json snmp = old;
-  if (!MergeSnmp(given, FirstLineOf(request_.settings.paths.passwordFile), snmp)) return false;
   const std::string snmpKey = ChildKey(uri_, "SNMP");
   const std::vector<std::string> oldKeys = input_.walk.KeysOfMember("SNMP");
-  const bool standsInPlace = !oldKeys.empty() && oldKeys.front() == snmpKey;
   for (const auto& member : old.items()) {
     if (!snmp.contains(member.key())) removed_.push_back("SNMP/" + member.key());
   }
-  if (!standsInPlace) {
-    AddSnmpAllowableValues(snmp, request_.settings);
-    return Replace("SNMP", snmp);
-  }
+  if (oldKeys.empty() || oldKeys.front() != snmpKey) return Replace("SNMP", snmp);
   // Member by member: the delivery side may be reading the others.
   for (const std::string& path : removed_) AppendPropertyRemoval(pipeline_, snmpKey, path.substr(path.find('/') + 1));
   for (const auto& [member, value] : snmp.items()) {
@@ -143,21 +182,26 @@ Answer PatchEventDestination(Request& request) {
   PatchJudgement judgement = JudgePatch(input.body.Document(), input.stored, request.settings, input.body.Numbers(),
                                         IsHalfChanged(request, uri));
   if (judgement.answer) return *std::move(judgement.answer);
+  const std::optional<Json> properties = NewProperties(judgement.changes, input.stored, request.settings);
+  if (!properties) return Refuse(kException, kOperationFailedMessage);
+  if (auto refusal = CheckWeight(*properties, std::move(input.weights), judgement.notUpdatable)) {
+    return *std::move(refusal);
+  }
 
   int64_t firstSequence = kNoSequence;
-  if (NeedsSequenceIds(judgement.changes)) {
+  if (NeedsSequenceIds(*properties)) {
     firstSequence = NextSequenceId(request.redis);
     if (firstSequence < 0) return DatabaseError("DatabaseOperationError: Failed to update event destination object.");
   }
   PatchWrites writes(request, input, firstSequence);
-  for (const auto& [name, value] : judgement.changes.items()) {
+  for (const auto& [name, value] : properties->items()) {
     if (!writes.Append(name, value)) return Refuse(kException, kOperationFailedMessage);
   }
-  const bool isSse = TextMember(input.stored, "SubscriptionType") == "SSE";
+  if (auto refusal = RenewSyslogOrder(request, *properties, input.stored)) return *std::move(refusal);
   const int64_t nextSequence = writes.NextSequence() == firstSequence ? kNoSequence : writes.NextSequence();
   if (!ApplyMemberChange(request, writes.Pipeline(),
                          {.uri = uri,
-                          .isSse = isSse,
+                          .isSse = IsStream(input.stored),
                           .changes = writes.TakeChanges(),
                           .removed = writes.TakeRemoved(),
                           .eventKind = "change",

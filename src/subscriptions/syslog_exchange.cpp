@@ -14,10 +14,21 @@ std::string CompactText(const Json& message) {
   return message.dump(-1, ' ', false, Json::error_handler_t::replace);  // an Id may come from anywhere
 }
 
-/// The text of a BLPOP reply's element; "FAILURE" when none came in time.
-std::string_view PoppedText(const RedisReply& reply) {
-  if (!IsArray(reply) || reply->elements != 2) return "FAILURE";
-  return TextOf(reply->element[1]);
+std::string AnswerKey(std::string_view id) { return std::string(kSyslogQueue).append("/").append(id); }
+
+/// Whether the forwarder says "OK" in time.
+bool IsConfirmed(redisContext* redis, std::string_view id) {
+  const RedisReply popped = SendArguments(redis, {"BLPOP", AnswerKey(id), kAnswerTimeout});
+  return IsArray(popped) && popped->elements == 2 && TextOf(popped->element[1]) == "OK";
+}
+
+/// Has the forwarder forget what it knows of the subscription and set it up as `destination` says.
+bool Reorder(redisContext* redis, std::string_view id, const Json& destination) {
+  RedisPipeline orders(redis);
+  orders.Append({"DEL", AnswerKey(id)});
+  orders.Append({"RPUSH", kSyslogQueue, SyslogDeleteMessage(id)});
+  orders.Append({"RPUSH", kSyslogQueue, SyslogCreateMessage(destination)});
+  return AllIntegers(orders.Execute()) && IsConfirmed(redis, id);
 }
 
 }  // namespace
@@ -42,18 +53,22 @@ std::string SyslogDeleteMessage(std::string_view id) { return CompactText({{"Act
 
 bool CreateAtSyslogForwarder(redisContext* redis, const Json& destination) {
   const std::string_view id = TextMember(destination, "Id");
-  std::string answerKey(kSyslogQueue);
-  answerKey += '/';
-  answerKey += id;
-  RedisPipeline exchange(redis);
-  exchange.Append({"RPUSH", kSyslogQueue, SyslogCreateMessage(destination)});
-  const size_t answer = exchange.Append({"BLPOP", answerKey, kAnswerTimeout});
-  const std::vector<RedisReply> replies = exchange.Execute();
-  if (PoppedText(replies[answer]) == "OK") return true;
+  const bool isOrdered = ListAppend(redis, kSyslogQueue, SyslogCreateMessage(destination));
+  if (isOrdered && IsConfirmed(redis, id)) return true;
   LogError("Failed to create syslog subscription.");
   if (!ListAppend(redis, kSyslogQueue, SyslogDeleteMessage(id))) {
     LogError("Failed to withdraw the order of syslog subscription %s.", std::string(id).c_str());
   }
+  return false;
+}
+
+bool RenewAtSyslogForwarder(redisContext* redis, const Json& former, const Json& wanted) {
+  const std::string id(TextMember(former, "Id"));
+  if (Reorder(redis, id, wanted)) return true;
+  LogError("Failed to renew the order of syslog subscription %s.", id.c_str());
+  if (!Reorder(redis, id, former)) LogError("Failed to give syslog subscription %s its former order back.", id.c_str());
+  // An answer to the refused order may have come late, and that to this one behind it.
+  KeyDelete(redis, AnswerKey(id));
   return false;
 }
 

@@ -18,8 +18,12 @@ std::string SyslogCreateMessage(const Json& destination);
 /// The order to take it down.
 std::string SyslogDeleteMessage(std::string_view id);
 
-/// Has the forwarder set up the destination and waits up to 5 seconds for its answer. Anything but "OK" withdraws the
-/// order, is logged and gives false.
+/// Has the forwarder set up the destination and waits up to 5 seconds for its answer, unless the order could not be
+/// pushed. Anything but "OK" withdraws the order, is logged and gives false.
 [[nodiscard]] bool CreateAtSyslogForwarder(redisContext* redis, const Json& destination);
+
+/// Has the forwarder set up the destination anew, as `wanted` says, and waits likewise. Anything but "OK" gives it the
+/// order of `former` back, is logged and gives false.
+[[nodiscard]] bool RenewAtSyslogForwarder(redisContext* redis, const Json& former, const Json& wanted);
 
 }  // namespace event_service

@@ -19,7 +19,7 @@ bool IsVisible(std::string_view text) {
 
 void CheckDestinations(std::string_view text) {
   for (const std::string_view protocol : kProtocols) {
-    if (!IsDestinationFor(protocol, false, text)) continue;
+    if (!IsDestinationFor(protocol, text)) continue;
     Require(IsVisible(text), "a destination holds neither blanks nor control characters");
     Require(text.find_first_of("\"<>\\^`{|}") == std::string_view::npos, "nor what no URI may hold");
   }

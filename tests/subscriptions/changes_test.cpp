@@ -1,5 +1,8 @@
 /// What happens to a subscription between its creation and its end: PATCH, suspension, resume.
+#include <thread>
+
 #include "platform/data_encrypt/data_encrypt.h"
+#include "subscriptions/syslog_exchange.h"
 #include "tests/subscriptions/subscriptions_fixture.h"
 #include "tests/support/trip_counter.h"
 
@@ -33,7 +36,8 @@ TEST_F(ChangesTest, APatchChangesRedisAndFileAlikeOrNothingAtAll) {
       {R"({"Context": "d", "DeliveryRetryPolicy": "RetryForever"})", R"({"Context": "d"})"},
       {R"({"Context": null, "VerifyCertificate": true})", R"({"Context": null, "VerifyCertificate": true})"},
       {R"({"HttpHeaders": [{}, null, {"A": "1"}]})",
-       R"({"HttpHeaders": [{"X-Token": "secret"}, {"A": "1"}], "HttpHeaders@odata.count": 2})"},
+       R"({"HttpHeaders": [{"X-Token": "secret"}, {"A": "1"}], "HttpHeaders@odata.count": 2,
+           "&&SensitiveData": "SNMP/TrapCommunity,SNMP/AuthenticationKey,SNMP/EncryptionKey,HttpHeaders"})"},
       {R"({"HttpHeaders": [{}, {"A": "1"}, {}]})", "{}"},  // that a secret stays the same is not told
       {R"({"HttpHeaders": [{}, {}]})", nullptr, "OK_RES and no operation"},
       {R"({"HttpHeaders": [null, null, null]})", R"({"HttpHeaders": [], "HttpHeaders@odata.count": 0})"},
@@ -79,6 +83,76 @@ TEST_F(ChangesTest, APatchChangesRedisAndFileAlikeOrNothingAtAll) {
   EXPECT_EQ(InShort(Handle("PATCH", uri, {{"HttpHeaders", {many}}})), "OK_RES Success()");
   EXPECT_EQ(Patch(uri, R"({"HttpHeaders": [{}, {"A": ""}]})"), "FAILURE PropertyValueError(HttpHeaders) @HttpHeaders")
       << "those that stay count";
+}
+
+TEST_F(ChangesTest, AMemberWeighs64KiBAtMost) {
+  Json body = {{"Id", "Heavy-001"}, {"Protocol", "Redfish"}, {"Destination", "https://c"}, {"Context", "\"\n"}};
+  const std::string longText(8100, 'x');
+  for (int i = 0; i < 8; ++i) body["HttpHeaders"].push_back({{"X", longText}});
+  body["HttpHeaders"][7]["X"] = "";
+  Json light = Stored(Create(body));
+  std::erase_if(light.get_ref<Json::object_t&>(), [](const auto& member) { return member.first.starts_with("&&"); });
+  const size_t room = 64 * 1024 - light.dump().size();
+  body["HttpHeaders"][7]["X"] = std::string(room + 1, 'x');
+  body["Id"] = "Heavy-002";
+  const std::string tooHeavy = "FAILURE PropertyValueError(HttpHeaders) @HttpHeaders";
+  EXPECT_EQ(InShort(Handle("POSTCREATE", kCollection, body)), tooHeavy);
+  body["HttpHeaders"][7]["X"] = std::string(room, 'x');
+  const std::string uri = Create(body);
+  const DatabaseDump before = Resources();
+  EXPECT_EQ(Patch(uri, R"({"Context": "\n\n\n"})"), tooHeavy);
+  EXPECT_EQ(Patch(uri, R"({"VerifyCertificate": true, "Foo": 1, "Id": "x"})"),
+            "FAILURE PropertyUnknown(Foo) @Foo, PropertyValueError(HttpHeaders) @HttpHeaders, "
+            "PropertyNotWritable(Id) @Id");
+  EXPECT_EQ(Resources(), before);
+  EXPECT_EQ(Patch(uri, R"({"Context": "abcd"})"), "OK_RES Success()");
+}
+
+TEST_F(ChangesTest, TheSyslogForwarderKnowsTheFirstFilter) {
+  const std::string uri = Create(kBodies["TCP"]);
+  const std::string queue(kSyslogQueue);
+  const std::string answers = queue + "/SyslogTCP-1";
+  KeyDelete(redis(), queue);
+  const std::string deleted = R"({"Action":"DELETE","Id":"SyslogTCP-1"})";
+  const auto created = [](const char* severity) {
+    return R"({"Action":"CREATE","Destination":"10.0.0.2:514","Id":"SyslogTCP-1",)" + std::string(severity) +
+           R"("Type":"TCP"})";
+  };
+  const std::string all = created(R"("Severity":"All",)");
+  const struct {
+    const char* filters;
+    Names answers;  // of the forwarder
+    Names orders;
+    const char* answer = "OK_RES Success()";
+    size_t errors = 0;
+  } cases[] = {
+      {R"([{}, {"LowestSeverity": "Debug"}])", {}, {}},
+      {R"([{"LowestSeverity": "All"}, {}])", {"OK"}, {deleted, all}},
+      {R"([null])", {"no", "OK"}, {deleted, created(""), deleted, all}, "UNAVAILABLE OperationFailed()", 1},
+      {R"([null])", {"no", "no"}, {deleted, created(""), deleted, all}, "UNAVAILABLE OperationFailed()", 2},
+      {R"([null, null])", {"OK"}, {deleted, created("")}},
+  };
+  for (const auto& row : cases) {
+    ListAppend(redis(), answers, "OK");  // from earlier times
+    Names orders;
+    std::thread forwarder([&, connection = Connect()] {
+      for (size_t answered = 0; answered < row.answers.size();) {
+        const RedisReply order = SendArguments(connection.get(), {"BLPOP", queue, "0"});
+        orders.emplace_back(TextOf(order->element[1]));
+        if (orders.back() != deleted) ListAppend(connection.get(), answers, row.answers[answered++]);
+      }
+    });
+    const DatabaseDump before = Resources();
+    const LogCapture log;
+    EXPECT_EQ(Patch(uri, (R"({"SyslogFilters": )" + std::string(row.filters) + "}").c_str()), row.answer);
+    forwarder.join();
+    EXPECT_EQ(orders, row.orders) << row.filters;
+    EXPECT_EQ(Elements(queue), Names{});
+    EXPECT_EQ(log.Errors().size(), row.errors) << row.filters;
+    EXPECT_EQ(Resources() != before, row.errors == 0) << row.filters;
+    EXPECT_TRUE(row.answers.empty() || Elements(answers).empty());
+    Stored(uri);
+  }
 }
 
 TEST_F(ChangesTest, SnmpMembersChangeOneByOne) {

@@ -107,6 +107,7 @@ TEST_F(CreationTest, RefusalsLeaveRedisAsItWas) {
   const std::string withdrawn = "UNAVAILABLE OperationFailed()Failed to create syslog subscription.";
   const std::string exception = "EXCEPTION ExtendedError.1.2.DatabaseOperationError()";
   const std::string unreadable = exception + "DatabaseOperationError: Failed to get request data from database.";
+  ListAppend(redis(), kSyslogAnswers + "SyslogTCP-1", "OK");
   const struct {
     Json patch;                   // null takes a property out; alone, there is no body
     std::string answer;           // with the line for the log
@@ -120,6 +121,7 @@ TEST_F(CreationTest, RefusalsLeaveRedisAsItWas) {
        exception + "DatabaseOperationError: Failed to create event destination object."
                    "Failed to delete data of event destination whencreate failed.",
        kMembers + " "},
+      {kBodies["TCP"], withdrawn, R"({"Action":"CREATE")"},  // not pushed, not waited for
       {kBodies["TLS"], withdrawn},
       {kBodies["TLS"], withdrawn},
       {kBodies["TLS"], withdrawn},  // silent for 5 seconds

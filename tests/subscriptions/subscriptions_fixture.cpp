@@ -42,7 +42,8 @@ const Json kBodies = Json::parse(R"({
         "SyslogFilters": [{"LogFacilities": ["Kern", "Local7"], "LowestSeverity": "Error"}, {}]},
     "TLS": {"Id": "SyslogTLS-1", "Protocol": "SyslogTLS", "Destination": "syslog://[::1]:6514",
         "SyslogFilters": [null]},
-    "stream": {"Id": "Stream-01", "Protocol": "Redfish", "Destination": "redfish-sse://10.0.0.1:99", "Context": "s"}
+    "stream": {"Id": "Stream-01", "Protocol": "Redfish", "Destination": "redfish-sse://10.0.0.1:99", "Context": "s",
+        "HttpHeaders": [{"X-Stream": "a\"b"}]}
 })");
 
 std::string InShort(const Answer& answer) {

@@ -94,6 +94,16 @@ void AddAnnotations(const NewDestination& about, const ServiceSettings& settings
   destination[std::string(kSensitiveDataField)] = kSnmpSensitivePaths;
 }
 
+/// True when `path` stands in a list of paths that commas separate.
+bool ListsPath(std::string_view paths, std::string_view path) {
+  while (!paths.empty()) {
+    const size_t comma = std::min(paths.find(','), paths.size());
+    if (paths.substr(0, comma) == path) return true;
+    paths.remove_prefix(std::min(comma + 1, paths.size()));
+  }
+  return false;
+}
+
 /// Forms the keys in the writer's order, because the elements of arrays take sequence ids. As deep as the document.
 void CollectKeys(std::string key, const Json& value, int64_t& sequence, std::vector<std::string>& keys) {
   int64_t noSequence = kNoSequence;
@@ -177,6 +187,19 @@ void SetCount(Json& destination, const std::string& property) {
 void AddSnmpAllowableValues(Json& snmp, const ServiceSettings& settings) {
   AddAllowableValues(snmp, "AuthenticationProtocol", settings);
   AddAllowableValues(snmp, "EncryptionProtocol", settings);
+}
+
+std::string JoinPaths(std::string paths, std::string_view added) {
+  while (!added.empty()) {
+    const size_t comma = std::min(added.find(','), added.size());
+    const std::string_view path = added.substr(0, comma);
+    if (!ListsPath(paths, path)) {
+      if (!paths.empty()) paths += ',';
+      paths += path;
+    }
+    added.remove_prefix(std::min(comma + 1, added.size()));
+  }
+  return paths;
 }
 
 std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destination, int64_t sequence) {

@@ -21,6 +21,12 @@ inline constexpr std::string_view kEtagField = "@odata.etag";
 /// The paths of the SNMP secrets, as "&&SensitiveData" holds them.
 inline constexpr std::string_view kSnmpSensitivePaths = "SNMP/TrapCommunity,SNMP/AuthenticationKey,SNMP/EncryptionKey";
 
+/// The path of the headers, whose values are secrets as well.
+inline constexpr std::string_view kHeadersPath = "HttpHeaders";
+
+/// Adds to a list of paths, as "&&SensitiveData" holds them, those of `added` that it lacks.
+std::string JoinPaths(std::string paths, std::string_view added);
+
 /// What a new subscription is made from besides the body of its creation.
 struct NewDestination {
   std::string id = {};

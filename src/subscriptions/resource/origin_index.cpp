@@ -8,7 +8,6 @@ namespace event_service {
 namespace {
 
 constexpr std::string_view kServiceRoot = "/redfish/v1/";
-constexpr std::string_view kIndexPrefix = "&&subs:";
 constexpr std::string_view kEveryOrigin = "*";
 
 /// The members of "OriginResources" without the service root.

@@ -10,6 +10,9 @@
 
 namespace event_service {
 
+/// What the keys of the index begin with.
+inline constexpr std::string_view kIndexPrefix = "&&subs:";
+
 inline constexpr std::string_view kMetricReportKey = "&&subs:MetricReport";
 inline constexpr std::string_view kMetricReportField = "Total_Num_Subscriber";
 

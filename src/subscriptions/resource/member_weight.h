@@ -1,0 +1,32 @@
+/// What a member weighs: the bytes of its visible properties together as one compact JSON text. A member that weighs
+/// too much is refused, because every change of any member reads and writes all of them with the database file.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "foundation/redis_pipeline.h"
+#include "resource_store/store_encoding.h"
+
+namespace event_service {
+
+/// Name of a visible property -> the bytes of its value. Control fields have no weight.
+using PropertyWeights = std::map<std::string, size_t, std::less<>>;
+
+/// The weights of a member, or of some of its properties, as they are to be stored.
+PropertyWeights WeightsOf(const Json& properties);
+
+/// Appends the command that weighs the member stored at `uri`, with all that is nested in it, inside Redis: what a
+/// PATCH leaves alone need not be read for that.
+size_t AppendWeighing(RedisPipeline& pipeline, std::string_view uri);
+
+/// Takes its reply. Nothing when it is none.
+std::optional<PropertyWeights> TakeWeights(const RedisReply& reply);
+
+/// The heaviest property of a member that weighs more than 64 KiB; nothing for one that does not.
+std::optional<std::string> TooHeavyProperty(const PropertyWeights& weights);
+
+}  // namespace event_service
