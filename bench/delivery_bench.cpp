@@ -209,7 +209,7 @@ void FindTenAmong200(benchmark::State& state) {
   constexpr size_t kWanted = 10;
   Times among[2];
   for (auto _ : state) {
-    for (const size_t others : {0, 190}) {
+    for (const size_t others : {size_t{0}, size_t{190}}) {
       Subscribe(kWanted, others);
       SecondsOfEvents(1, kWanted);
       for (int turn = 0; turn < 20; ++turn) among[others != 0].Add(SecondsOfEvents(1, kWanted));

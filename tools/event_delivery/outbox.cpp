@@ -49,7 +49,7 @@ void Outbox::TrimQueue(Destination& destination) {
     if (!std::exchange(destination.hasOverflown, true)) {
       LogError("The queue of %s is full: its oldest events are dropped until it is empty.", destination.uri.c_str());
     }
-    Settle(destination, destination.owed.size() > 2 ? 1 : 0);
+    Settle(destination, 1);  // the first may be under way
   }
 }
 

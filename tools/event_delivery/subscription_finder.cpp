@@ -185,6 +185,7 @@ std::optional<std::vector<SubscriptionPtr>> SubscriptionFinder::Refresh(redisCon
     }
   }
   std::vector<std::string> changedUris;
+  changedUris.reserve(changed.size());
   for (const size_t i : changed) changedUris.push_back(uris[i]);
   std::vector<SubscriptionPtr> members;
   if (!ReadMembers(redis, changedUris, members)) return std::nullopt;

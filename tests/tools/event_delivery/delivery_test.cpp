@@ -51,7 +51,7 @@ class EventDelivery : public DaemonTest {
   static std::string Output_() { return Sandbox().Root() + "/output"; }
 
   /// Creates a subscription to test events (unless `more` has other filters) that goes to this path of the listener.
-  std::string Subscribe(const std::string& path, Json more = Json::object(), bool overTls = false) {
+  std::string Subscribe(const std::string& path, const Json& more = Json::object(), bool overTls = false) {
     const std::string address = (overTls ? "https://127.0.0.1:" + https_ : "http://127.0.0.1:" + http_) + path;
     Json body = {{"Destination", address}, {"Protocol", "Redfish"}, {"EventTypes", {"Alert"}}};
     if (more.contains("EventTypes")) body.erase("EventTypes");
@@ -62,7 +62,7 @@ class EventDelivery : public DaemonTest {
     EXPECT_EQ(InShort(answer), "OK_RES Base.1.12.Created()") << body;
     return answer.location;
   }
-  void Raise(const std::string& id, Json more = Json::object()) {
+  void Raise(const std::string& id, const Json& more = Json::object()) {
     Json body = {{"MessageId", "ResourceEvent.1.2.ResourceChanged"}, {"EventId", id}, {"EventType", "Alert"}};
     body.update(more);
     EXPECT_EQ(AskShort("POST", kTestEvent, body.dump()), "OK_RES");
@@ -117,17 +117,24 @@ TEST_F(EventDelivery, EachKindOfEventArrivesOnceInOrderWithItsHeaders) {
                {"HttpHeaders", {{{"X-Token", "header-secret"}}, {{"Content-Type", "application/x"}, {"X-None", ""}}}}});
   const std::string verified = Subscribe("/verified", {{"VerifyCertificate", true}}, true);
   const std::string other = Subscribe("/other", {{"IncludeOriginOfCondition", true}}, true);
-  const std::string created = "ResourceCreated ResourceChanged ";
+  Subscribe("", {{"Destination", "https://localhost:" + https_ + "/unverified"}});
+  // Its certificate names another host.
+  Subscribe("", {{"Destination", "https://localhost:" + https_ + "/refused"},
+                 {"VerifyCertificate", true},
+                 {"DeliveryRetryPolicy", "RetryForever"}});
+  std::string created;  // a member and, with it, the collection, as often as one of the five was created
+  for (int i = 0; i < 5; ++i) created += "ResourceCreated ResourceChanged ";
   std::string tests;
   for (int i = 1; i <= 12; ++i) {
     Raise(std::to_string(i), {{"OriginOfCondition", other}});
     tests += (i == 1 ? "" : " ") + std::to_string(i);
   }
-  ExpectTaken("/all", created + created + created + tests);
+  ExpectTaken("/all", created + tests);
   EXPECT_EQ(AskShort("DELETE", uri), "OK_EMPTY");
-  ExpectTaken("/all", created + created + created + tests + " SubscriptionTerminated");
+  ExpectTaken("/all", created + tests + " SubscriptionTerminated");
   ExpectTaken("/verified", tests);
   ExpectTaken("/other", tests);
+  ExpectTaken("/unverified", tests);
   const Json first = Requests("/all").front();
   EXPECT_EQ(first["headers"]["X-Token"], "header-secret");
   EXPECT_EQ(first["headers"]["X-None"], "");
@@ -141,11 +148,12 @@ TEST_F(EventDelivery, EachKindOfEventArrivesOnceInOrderWithItsHeaders) {
   EXPECT_EQ(origin["HttpHeaders"], Json::array());
   EXPECT_EQ(Requests("/verified").front()["event"]["Events"][0]["OriginOfCondition"], Json({{"@odata.id", other}}));
   const std::vector<Json> all = Requests("/all");
-  for (const size_t i : {size_t{0}, size_t{7}, all.size() - 1}) {
+  for (const size_t i : {size_t{0}, all.size() - 2, all.size() - 1}) {
     if (!HaveSchemas()) break;
     EXPECT_EQ(SchemaFaults("Event.v1_7_0.json", "Event", all.at(i)["event"]), "");
   }
-  EXPECT_TRUE(Eventually([this] { return IsQueueEmpty(); }));
+  EXPECT_EQ(Taken("/refused"), "");
+  EXPECT_NE(Output().find("SSL"), std::string::npos);
   EXPECT_EQ(Output().find("header-secret"), std::string::npos);
 }
 
