@@ -290,6 +290,8 @@ void Delivery::SendDue() {
     if (!subscription) {
       outbox_.Postpone(destination.id, Clock::now());
       Lose();
+    } else if (!finder_.Service().isReady) {
+      outbox_.Postpone(destination.id, Clock::now() + kAskAgain);
     } else if (!subscription->front()) {
       outbox_.Drop(destination.id, "their subscription is gone");
     } else if (!subscription->front()->isEnabled) {

@@ -32,13 +32,17 @@ std::span<redisReply* const> ElementsOf(const RedisReply& reply) {
 
 void AppendServiceReads(RedisPipeline& pipeline) {
   pipeline.Append({"HMGET", kService, "ServiceEnabled", "DeliveryRetryAttempts", "DeliveryRetryIntervalSeconds"});
+  pipeline.Append({"SISMEMBER", "&&AccessBlockList", "EventService"});
 }
+constexpr size_t kServiceReads = 2;
 
 /// What is missing or no number keeps its default.
-ServiceState TakeService(const RedisReply& reply) {
+ServiceState TakeService(std::span<const RedisReply> replies) {
   ServiceState service;
-  const auto fields = ElementsOf(reply);
+  const auto fields = ElementsOf(replies[0]);
   if (fields.size() != 3) return service;
+  const bool isBlocked = IsInteger(replies[1]) && replies[1]->integer == 1;
+  service.isReady = IsString(fields[0]) && !isBlocked;
   service.isEnabled = TextOf(fields[0]) == "true";
   ParseInteger(TextOf(fields[1]), service.retry.attempts);
   uint32_t seconds = 0;
@@ -108,8 +112,8 @@ SubscriptionFinder::Candidates SubscriptionFinder::ReadIndex(redisContext* redis
   }
   firsts.push_back(pipeline.Size());
   const std::vector<RedisReply> replies = pipeline.Execute();
-  service = TakeService(replies[0]);
-  const std::vector<std::string> prefixes = TakePrefixes(replies[1]);
+  service = TakeService(replies);
+  const std::vector<std::string> prefixes = TakePrefixes(replies[kServiceReads]);
   Candidates candidates;
   for (size_t record = 0; record < facts.size(); ++record) {
     // A resource that is there tells its type itself.
@@ -170,12 +174,12 @@ std::optional<std::vector<SubscriptionPtr>> SubscriptionFinder::Refresh(redisCon
   for (const std::string& uri : uris) pipeline.Append({"HGET", uri, kEtag});
   const std::vector<RedisReply> replies = pipeline.Execute();
   if (redis->err != 0) return std::nullopt;
-  service_ = TakeService(replies[0]);
+  service_ = TakeService(replies);
   std::vector<SubscriptionPtr> found(uris.size());
   std::vector<size_t> changed;
   for (size_t i = 0; i < uris.size(); ++i) {
     const auto known = known_.find(uris[i]);
-    const Json etag = Json::parse(TextOf(replies[i + 1]), nullptr, false);
+    const Json etag = Json::parse(TextOf(replies[kServiceReads + i]), nullptr, false);
     const bool isAsKnown = known != known_.end() && etag.is_string() && !known->second->etag.empty() &&
                            etag.get_ref<const std::string&>() == known->second->etag;
     if (isAsKnown) {

@@ -20,6 +20,7 @@ using SubscriptionPtr = std::shared_ptr<const Subscription>;
 
 /// The EventService's own settings.
 struct ServiceState {
+  bool isReady = false;  // it has restored its subscriptions: one that is missing does not exist
   bool isEnabled = true;
   RetrySettings retry;
 };

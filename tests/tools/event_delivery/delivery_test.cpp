@@ -196,12 +196,15 @@ TEST_F(EventDelivery, DestinationsThatFailHangAndComeBackHoldUpNobodyAndMissNoth
   EXPECT_TRUE(Eventually([&] { return !Requests("/fails", "fail").empty() && !Requests("/hangs", "hang").empty(); }));
   EXPECT_EQ(Taken("/fails") + Taken("/hangs"), "");
 
-  // What is owed outlives the program, however it ends, and a Redis that is gone for a moment.
+  // What is owed outlives the program, however it ends, connections that break, and a Redis that has forgotten
+  // everything.
   delivery_.Kill();
   Raise("4");
   StartDelivery();
   ExpectTaken("/takes", "1 2 3 4");
+  PowerCycle();
   EXPECT_TRUE(IsInteger(SendCommand(redis(), "CLIENT KILL TYPE normal SKIPME yes")));
+  PowerCycle();
   SetModes(Json::object());
   ExpectTaken("/fails", "1 2 3 4");
   ExpectTaken("/hangs", "1 2 3 4");
