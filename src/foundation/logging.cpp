@@ -17,6 +17,7 @@
 #include "foundation/open_file.h"
 #include "foundation/shell.h"
 #include "foundation/text_numbers.h"
+#include "foundation/time_stamp.h"
 #include "platform/conf_parser/conf_parser.h"
 
 namespace event_service {
@@ -34,8 +35,8 @@ std::optional<std::string> Setting(const std::string& configurationFile, const c
 /// "Mar  7 04:05:06 1772856306 ", or the seconds alone after a message on standard error.
 std::string TimeText(time_t now) {
   char date[64] = "";
-  tm local{};
-  if (localtime_r(&now, &local) == nullptr || std::strftime(date, sizeof date, "%b %e %T", &local) == 0) {
+  const std::optional<std::tm> local = LocalTime(now);
+  if (!local || std::strftime(date, sizeof date, "%b %e %T", &*local) == 0) {
     std::fputs("Fail to compose date time string.\n", stderr);
     date[0] = '\0';
   }
@@ -75,10 +76,23 @@ void WriteToStandardError(const std::string& line) { std::fwrite(line.data(), 1,
 void Write(const char* tag, const std::string& message) {
   static const Logger standardErrorOnly;
   const Logger* logger = processLogger.load();
-  (logger != nullptr ? *logger : standardErrorOnly).WriteLine(tag, message);
+  (logger != nullptr ? *logger : standardErrorOnly).WriteLine(tag, Printable(message));
 }
 
 }  // namespace
+
+std::string Printable(std::string_view text) {
+  const auto byteAt = [text](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+  std::string printable;
+  printable.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    // Terminals obey the controls from U+0080 to U+009F as well, which are two bytes.
+    const bool isTwoBytes = byteAt(i) == 0xC2 && byteAt(i + 1) >= 0x80 && byteAt(i + 1) < 0xA0;
+    if (isTwoBytes) ++i;
+    printable += isTwoBytes || byteAt(i) < ' ' || byteAt(i) == 0x7F ? '?' : text[i];
+  }
+  return printable;
+}
 
 void Logger::Initialise(const std::string& configurationFile) {
   const std::optional<std::string> systemLogger = Setting(configurationFile, "LOG_SYSTEM");

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace event_service {
 
@@ -33,7 +34,10 @@ class Logger {
 /// Makes `logger` the process's log; null sends every line to standard error. Called by main only (and by tests).
 void SetLogger(const Logger* logger);
 
-/// Writes one error line, formatted like printf. Any thread.
+/// `text` with "?" for every control character: what a client sent can neither begin a line nor steer a terminal.
+std::string Printable(std::string_view text);
+
+/// Writes one error line, formatted like printf, control characters as "?". Any thread.
 [[gnu::format(printf, 1, 2)]] void LogError(const char* format, ...);
 
 /// Writes one debug line, unless the level is "error". Any thread.

@@ -2,9 +2,15 @@
 
 namespace event_service {
 
-std::string TimeStamp(std::time_t time) {
+std::optional<std::tm> LocalTime(std::time_t time) {
+  tzset();  // localtime_r alone goes on with the zone of its first call
   std::tm local{};
-  localtime_r(&time, &local);
+  if (localtime_r(&time, &local) == nullptr) return std::nullopt;
+  return local;
+}
+
+std::string TimeStamp(std::time_t time) {
+  const std::tm local = LocalTime(time).value_or(std::tm{});
   char text[40];
   std::string stamp(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local));
   // "+0200" becomes "+02:00".

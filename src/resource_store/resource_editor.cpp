@@ -51,8 +51,8 @@ bool CollectMember(redisContext* redis, std::string_view key, std::string_view n
 }
 
 /// True when a reply is the status OK; logs as CheckWriteReplies does.
-bool CheckStatus(const RedisReply& reply, std::string_view key) {
-  return TextOf(reply) == "OK" || CheckWriteReplies(std::span(&reply, 1), key);
+bool CheckStatus(const redisContext* redis, const RedisReply& reply, std::string_view key) {
+  return TextOf(reply) == "OK" || CheckWriteReplies(redis, std::span(&reply, 1), key);
 }
 
 }  // namespace
@@ -72,7 +72,8 @@ bool UpdateProperty(redisContext* redis, std::string_view key, std::string_view 
   const size_t writes = pipeline.Size();
   if (countsIds) AppendSequenceStore(pipeline, next);
   const std::vector<RedisReply> replies = pipeline.Execute();
-  return CheckWriteReplies(std::span(replies).first(writes), key) && (!countsIds || CheckStatus(replies.back(), key));
+  return CheckWriteReplies(redis, std::span(replies).first(writes), key) &&
+         (!countsIds || CheckStatus(redis, replies.back(), key));
 }
 
 bool RemoveProperty(redisContext* redis, std::string_view key, std::string_view name) {
@@ -80,7 +81,7 @@ bool RemoveProperty(redisContext* redis, std::string_view key, std::string_view 
   if (!CollectMember(redis, key, name, oldKeys)) return false;
   RedisPipeline pipeline(redis);
   AppendPropertyRemoval(pipeline, key, name, oldKeys);
-  return CheckWriteReplies(pipeline.Execute(), key);
+  return CheckWriteReplies(redis, pipeline.Execute(), key);
 }
 
 bool DeleteResource(redisContext* redis, std::string_view key) {
@@ -94,7 +95,7 @@ bool DeleteResource(redisContext* redis, std::string_view key) {
   RedisPipeline pipeline(redis);
   AppendUnlink(pipeline, walk.Keys());
   const std::vector<RedisReply> replies = pipeline.Execute();
-  return complete && CheckWriteReplies(replies, key);
+  return complete && CheckWriteReplies(redis, replies, key);
 }
 
 bool ClearArray(redisContext* redis, std::string_view key) {
@@ -105,7 +106,8 @@ bool ClearArray(redisContext* redis, std::string_view key) {
   AppendUnlink(pipeline, std::span(keys).subspan(1));
   pipeline.Append({"LTRIM", key, "1", "0"});
   const std::vector<RedisReply> replies = pipeline.Execute();
-  return CheckWriteReplies(std::span(replies).first(replies.size() - 1), key) && CheckStatus(replies.back(), key);
+  return CheckWriteReplies(redis, std::span(replies).first(replies.size() - 1), key) &&
+         CheckStatus(redis, replies.back(), key);
 }
 
 bool RemoveArrayElement(redisContext* redis, std::string_view key, size_t index) {
@@ -125,7 +127,7 @@ bool RemoveArrayElement(redisContext* redis, std::string_view key, size_t index)
   pipeline.Append({"LREM", key, "1", kRemovedElement});
   AppendUnlink(pipeline, nested);
   const std::vector<RedisReply> replies = pipeline.Execute();
-  return CheckStatus(replies.front(), key) && CheckWriteReplies(std::span(replies).subspan(1), key);
+  return CheckStatus(redis, replies.front(), key) && CheckWriteReplies(redis, std::span(replies).subspan(1), key);
 }
 
 std::string MembersKey(std::string_view collectionUri) { return ChildKey(collectionUri, "Members"); }
@@ -164,13 +166,13 @@ bool AddToCollection(redisContext* redis, std::string_view collectionUri, std::s
   }
   RedisPipeline pipeline(redis);
   pipeline.Append({"RPUSH", key, MemberEntry(memberUri)});
-  return CheckWriteReplies(pipeline.Execute(), key);
+  return CheckWriteReplies(redis, pipeline.Execute(), key);
 }
 
 bool RemoveFromCollection(redisContext* redis, std::string_view collectionUri, std::string_view memberUri) {
   RedisPipeline pipeline(redis);
   AppendMemberRemoval(pipeline, collectionUri, memberUri);
-  return CheckWriteReplies(pipeline.Execute(), MembersKey(collectionUri));
+  return CheckWriteReplies(redis, pipeline.Execute(), MembersKey(collectionUri));
 }
 
 }  // namespace event_service

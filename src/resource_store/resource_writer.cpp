@@ -99,9 +99,9 @@ bool WriteShaped(redisContext* redis, std::string_view key, const Json& document
   int64_t next = first;
   RedisPipeline pipeline(redis);
   AppendContainer(pipeline, key, document, next);
-  const bool written = CheckWriteReplies(pipeline.Execute(), key);
+  const bool written = CheckWriteReplies(redis, pipeline.Execute(), key);
   // Also after a failed write: part of it may stand under the ids.
-  if (next == first || StoreSequenceId(redis, next) || !written) return written;
+  if (next == first || StoreSequenceId(redis, next)) return written;
   LogStoreError("Updates Array Sequence Id from " + std::to_string(first) + " to " + std::to_string(next) + " failed!");
   return false;
 }
@@ -159,16 +159,20 @@ void AppendPropertyRemoval(RedisPipeline& pipeline, std::string_view key, std::s
   pipeline.Append({"HDEL", key, name});
 }
 
-bool CheckWriteReplies(std::span<const RedisReply> replies, std::string_view key) {
-  const auto failed = std::ranges::find_if(replies, [](const RedisReply& reply) { return !IsInteger(reply); });
-  if (failed == replies.end()) return true;
-  if (!*failed) {
-    LogStoreError("Redis get reply failed!", {{kLogResource, key}});
-  } else {
-    LogStoreError("Updates property reply type is incorrect.",
-                  {{kLogResource, key}, {kLogResultCode, std::to_string((*failed)->type)}});
+bool CheckWriteReplies(const redisContext* redis, std::span<const RedisReply> replies, std::string_view key) {
+  bool areGood = true;
+  for (const RedisReply& reply : replies) {
+    if (IsInteger(reply)) continue;
+    areGood = false;
+    if (reply) {
+      LogStoreError("Updates property reply type is incorrect.",
+                    {{kLogResource, key}, {kLogResultCode, std::to_string(reply->type)}});
+    } else {
+      LogStoreError(redis->err != 0 ? "Redis get reply failed!" : "Updates property failed with NULL result.",
+                    {{kLogResource, key}});
+    }
   }
-  return false;
+  return areGood;
 }
 
 bool ReadArrayConfiguration(const Json& configuration, ArrayConfiguration& result) {

@@ -51,9 +51,10 @@ void AppendUnlink(RedisPipeline& pipeline, std::span<const std::string> keys);
 void AppendPropertyRemoval(RedisPipeline& pipeline, std::string_view key, std::string_view name,
                            std::span<const std::string> oldKeys = {});
 
-/// True when every write was answered by an integer; logs the first that was not ("[ERROR] Redis get reply failed!",
-/// "[ERROR] Updates property reply type is incorrect.").
-bool CheckWriteReplies(std::span<const RedisReply> replies, std::string_view key);
+/// True when every write was answered by an integer; logs each that was not ("[ERROR] Redis get reply failed!" where
+/// the connection broke, "[ERROR] Updates property reply type is incorrect.", "[ERROR] Updates property failed with
+/// NULL result.").
+bool CheckWriteReplies(const redisContext* redis, std::span<const RedisReply> replies, std::string_view key);
 
 /// How stored arrays are shaped.
 struct ArrayConfiguration {
@@ -75,8 +76,8 @@ bool ReadArrayConfiguration(const Json& configuration, ArrayConfiguration& resul
 
 /// Writes a whole document under `key`; every array in it is shaped by `arrays` first. An array that is too long
 /// refuses the whole before anything is written. Takes the counter, sends one pipeline, stores the counter back if it
-/// moved: at most three round trips. False, after one "[ERROR]" line on standard error, when any write failed; every
-/// reply has been read then.
+/// moved: at most three round trips. False, after "[ERROR]" lines on standard error, when any write failed; every reply
+/// has been read then.
 bool WriteResource(redisContext* redis, std::string_view key, const Json& document,
                    const ArrayConfiguration& arrays = {});
 

@@ -1,18 +1,15 @@
 #include "resource_store/store_log.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <string>
+#include <utility>
+
+#include "foundation/logging.h"
 
 namespace event_service {
 namespace {
 
 constexpr size_t kLongestValue = 256;
-
-void AppendValue(std::string& line, std::string_view value) {
-  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; };
-  std::ranges::replace_copy_if(value.substr(0, kLongestValue), std::back_inserter(line), isControl, '?');
-}
 
 // One call for the whole line: two threads' lines never mix.
 void WriteLine(std::string line) {
@@ -27,7 +24,7 @@ void LogStoreError(std::string_view message, std::initializer_list<StoreLogField
   line += message;
   for (const StoreLogField& field : context) {
     line += field.label;
-    AppendValue(line, field.value);
+    line += Printable(field.value.substr(0, kLongestValue));
   }
   WriteLine(std::move(line));
 }

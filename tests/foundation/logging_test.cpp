@@ -93,15 +93,27 @@ TEST_F(LoggingTest, OnlyTheExactLevelErrorSuppressesDebugLines) {
 TEST_F(LoggingTest, ALineHoldsTheLocalTimeTheSecondsTheTagAndTheMessage) {
   Configure(useFile_);
   const std::string message(100'000, 'x');
-  const time_t before = std::time(nullptr);
-  LogError("%s", message.c_str());
-  const std::string line = ReadFile(file_);
-  const time_t seconds = std::stol(line.substr(line.find(':') + 6));
-  EXPECT_TRUE(before <= seconds && seconds <= std::time(nullptr)) << line.substr(0, 60);
-  tm local{};
-  char date[64];
-  std::strftime(date, sizeof date, "%b %e %T ", localtime_r(&seconds, &local));
-  EXPECT_EQ(line, date + std::to_string(seconds) + " [Error]: " + message + "\n");
+  for (const int hoursEast : {0, 5, -11}) {  // the machine's zone may change while the daemon runs
+    ASSERT_EQ(setenv("TZ", ("XYZ" + std::to_string(-hoursEast)).c_str(), 1), 0);
+    std::filesystem::remove(file_);
+    const time_t before = std::time(nullptr);
+    LogError("%s", message.c_str());
+    const std::string line = ReadFile(file_);
+    const time_t seconds = std::stol(line.substr(line.find(':') + 6));
+    EXPECT_TRUE(before <= seconds && seconds <= std::time(nullptr)) << line.substr(0, 60);
+    const time_t shifted = seconds + hoursEast * 3600;
+    tm local{};
+    char date[64];
+    std::strftime(date, sizeof date, "%b %e %T ", gmtime_r(&shifted, &local));
+    EXPECT_EQ(line, date + std::to_string(seconds) + " [Error]: " + message + "\n");
+  }
+  unsetenv("TZ");
+}
+
+TEST_F(LoggingTest, WhatAMessageRepeatsCannotSteerATerminalNorBeginALine) {
+  Configure(useFile_);
+  LogError("URI %s", "\x1b[2J\n\t\x7f\xC2\x9B\xC2\xA0\xC3\xA4");
+  EXPECT_TRUE(ReadFile(file_).ends_with("URI ?[2J????\xC2\xA0\xC3\xA4\n")) << ReadFile(file_);
 }
 
 TEST_F(LoggingTest, AFullLogIsMovedAsideBeforeTheNextLine) {
