@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdarg>
 #include <cstring>
+#include <utility>
 
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
@@ -71,6 +72,14 @@ RedisReply ReadReply(redisContext* redis) {
   void* reply = nullptr;
   if (redisGetReply(redis, &reply) != REDIS_OK) return nullptr;
   return RedisReply(static_cast<redisReply*>(reply));
+}
+
+void ReleaseReplyRoom(redisContext* redis) {
+  const redisReader* const reader = redis->reader;
+  if (redis->err != 0 || reader->len != reader->pos || reader->ridx >= 0) return;
+  redisReader* const fresh = redisReaderCreate();
+  if (fresh == nullptr) return;
+  redisReaderFree(std::exchange(redis->reader, fresh));
 }
 
 bool LimitWaiting(redisContext* redis, std::chrono::milliseconds patience) {

@@ -49,6 +49,10 @@ bool SendText(redisContext* redis, std::string_view commands);
 /// The next reply, null when it cannot be read.
 RedisReply ReadReply(redisContext* redis);
 
+/// Gives back the room in which a large reply has come, which the library keeps until the next one. Nothing is done
+/// while a part of a reply waits in it.
+void ReleaseReplyRoom(redisContext* redis);
+
 /// Makes reading from this connection fail when nothing comes for so long (0: never). False when that cannot be set.
 [[nodiscard]] bool LimitWaiting(redisContext* redis, std::chrono::milliseconds patience);
 

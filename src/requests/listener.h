@@ -1,6 +1,8 @@
 /// The loop of a listener, from receive to publish, written once for both services.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <span>
 #include <string_view>
 
@@ -26,8 +28,27 @@ struct MethodRoute {
 /// A connection of redisConnectContext, owned.
 inline RedisContext ConnectRedis() { return RedisContext(redisConnectContext()); }
 
+/// How far a listener's thread has come: it says so once, when Redis has confirmed its subscription or, at the latest,
+/// when this object's life ends with the thread.
+class ListenerOpening {
+ public:
+  ListenerOpening() = default;
+  ListenerOpening(const ListenerOpening&) = delete;
+  ListenerOpening& operator=(const ListenerOpening&) = delete;
+  ~ListenerOpening() { End(); }
+  void End();
+
+ private:
+  bool hasEnded_ = false;
+};
+
+/// Waits until the openings of so many listeners have ended; each is counted for one wait. False when that takes longer
+/// than `patience`.
+bool AwaitListeners(size_t count, std::chrono::milliseconds patience);
+
 /// One service's requests: its routes, and what answers any other method.
 struct ServiceRoutes {
+  const char* name;  // for the log
   std::span<const MethodRoute> routes;
   Answer (*otherMethod)(Request& request);
 };
@@ -40,7 +61,8 @@ struct ListenerResources {
   UnsettledProperties* unsettled = nullptr;     // null on the Subscriptions side
 };
 
-/// Serves the announcements that arrive on `subscriber`, one after the other, until its connection fails. Lets no
+/// Serves the announcements that arrive on `subscriber`, one after the other, until its connection fails, which leaves
+/// one line. So does a command connection that fails; requests are then still taken, and not answered. Lets no
 /// exception of a request out.
 void ServeRequests(redisContext* subscriber, ListenerResources resources, const ServiceRoutes& service);
 

@@ -68,6 +68,13 @@ bool IsPassedOver(std::string_view memberName);
 /// ...".
 void RemovePassedOver(Json& body);
 
+/// What stands for a member of a body that holds more objects and lists than are read; no JSON text gives such a value.
+inline Json OverfullValue() { return Json::binary({}); }
+/// The fault of such a value, to be looked for before any other.
+inline std::optional<Fault> CheckOverfull(const Json& value) {
+  return value.is_binary() ? std::optional(Fault{FaultKind::kValue}) : std::nullopt;
+}
+
 /// The checks of single values, null excluded: each gives the first fault, or nothing. Text: type, length, no NUL.
 std::optional<Fault> CheckText(const Json& value, size_t limit = kMaxStringBytes);
 /// The same, without control characters: such a text becomes a line, or a part of one, somewhere else.

@@ -7,11 +7,8 @@
 #include "service/redis_keys.h"
 
 namespace event_service {
-namespace {
 
-std::string UsualBodyKey(std::string_view requestKey) { return std::string(requestKey) + "/RequestData"; }
-
-}  // namespace
+std::string BodyKeyOf(std::string_view requestKey) { return std::string(requestKey) + "/RequestData"; }
 
 std::optional<Announcement> ParseAnnouncement(std::string_view text) {
   const size_t blank = text.find(' ');
@@ -36,18 +33,21 @@ RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey
   };
   RedisPipeline pipeline(redis);
   for (const auto& field : fields) pipeline.Append({"HGET", field.key, field.field});
-  pipeline.Append({"HGETALL", UsualBodyKey(requestKey)});
+  pipeline.Append({"HGETALL", BodyKeyOf(requestKey)});
   std::vector<RedisReply> replies = pipeline.Execute();
   RequestRecord record;
   for (size_t i = 0; i < std::size(fields); ++i) {
     if (IsString(replies[i])) record.*fields[i].member = TextOf(replies[i]);
   }
   record.usualBody = std::move(replies.back());
+  const redisReply* const body = record.usualBody.get();
+  const bool isBodyThere = IsWrongType(record.usualBody) || (IsArray(body) && body->elements > 0);
+  if (record.requestData.empty() && isBodyThere) record.requestData = BodyKeyOf(requestKey);
   return record;
 }
 
 const redisReply* Request::PrefetchedBody() const {
-  return record.requestData == UsualBodyKey(announcement.requestKey) ? record.usualBody.get() : nullptr;
+  return record.requestData == BodyKeyOf(announcement.requestKey) ? record.usualBody.get() : nullptr;
 }
 
 bool Request::IsFromEventing() const {

@@ -37,15 +37,19 @@ struct RequestRecord {
   std::string method;
   std::string targetUri;
   std::string privileges;
-  std::string requestData;  // the key of the stored body
+  std::string requestData;  // the key of the stored body; empty: there is none
   std::string returnChannel;
   std::string isSse;
   std::string serviceEnabled;   // field "ServiceEnabled" of the EventService
   std::string lifeCycleDigest;  // of the script that raises life-cycle events
-  RedisReply usualBody;         // the hash where front ends keep bodies, under "<request key>/RequestData"
+  RedisReply usualBody;         // the hash under "<request key>/RequestData"
 };
 
-/// A field that cannot be read is empty, as they all are without a connection.
+/// Where front ends keep the body of a request.
+std::string BodyKeyOf(std::string_view requestKey);
+
+/// A field that cannot be read is empty, as they all are without a connection. A record that names no body has the one
+/// under its usual key, if there is any.
 RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey);
 
 /// Properties of the EventService whose last change failed half-way: Redis or the file may lack the value.

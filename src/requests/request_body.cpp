@@ -5,18 +5,19 @@
 namespace event_service {
 
 RequestBody::RequestBody(std::string_view key)
-    : walk_(key, {.knownKind = ContainerKind::kObject, .followForeignMarkers = false, .numberTexts = &numbers_},
+    : walk_(key, {.knownKind = ContainerKind::kObject, .overfullMembers = &overfullMembers_, .numberTexts = &numbers_},
             &document_) {}
 
-bool RequestBody::TakeRoot(const redisReply* hashReply) {
-  if (!walk_.TakeRoot(hashReply)) return false;
-  if (walk_.Done()) RemovePassedOver(document_);
-  return true;
-}
+bool RequestBody::TakeRoot(const redisReply* hashReply) { return Finish(walk_.TakeRoot(hashReply)); }
 
-bool RequestBody::TakeLevel(std::span<const RedisReply> replies) {
-  if (!walk_.TakeLevel(replies)) return false;
-  if (walk_.Done()) RemovePassedOver(document_);
+bool RequestBody::TakeLevel(std::span<const RedisReply> replies) { return Finish(walk_.TakeLevel(replies)); }
+
+bool RequestBody::Finish(bool isTaken) {
+  if (!isTaken || !walk_.Done()) return isTaken;
+  RemovePassedOver(document_);
+  for (const std::string& name : overfullMembers_) {
+    if (const auto member = document_.find(name); member != document_.end()) *member = OverfullValue();
+  }
   return true;
 }
 

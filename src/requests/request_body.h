@@ -1,7 +1,9 @@
 /// The body of a request, read as the front end stored it: a hash of JSON texts, nested values under keys of their own.
 #pragma once
 
+#include <set>
 #include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -37,16 +39,20 @@ class RequestBody {
   /// or a stored text that is no JSON. A key that does not exist held an empty body.
   bool TakeLevel(std::span<const RedisReply> replies);
 
-  /// What the client sent, without control fields and annotations; valid once the body is complete.
+  /// What the client sent, without control fields and annotations; valid once the body is complete. A member that holds
+  /// more than a body may is an OverfullValue, which every check refuses.
   const Json& Document() const { return document_; }
   Json TakeDocument() && { return std::move(document_); }
   /// The numbers in it that Json cannot give back as they were written.
   const NumberTexts& Numbers() const { return numbers_; }
 
  private:
+  bool Finish(bool isTaken);
+
   Json document_;
   NumberTexts numbers_;
-  ResourceWalk walk_;  // builds the two above
+  std::set<std::string, std::less<>> overfullMembers_;
+  ResourceWalk walk_;  // builds the three above
 };
 
 }  // namespace event_service

@@ -1,5 +1,6 @@
 #include "requests/response_writer.h"
 
+#include <algorithm>
 #include <set>
 #include <span>
 
@@ -7,6 +8,9 @@
 
 namespace event_service {
 namespace {
+
+// What a client does wrong beyond these it finds out when it has mended them.
+constexpr size_t kMostMessages = 64;
 
 /// Appends a list under the entry and the entry's field that leads to it; nothing for an empty list.
 void AppendList(RedisPipeline& pipeline, const std::string& entryKey, std::string_view name,
@@ -32,11 +36,13 @@ void AppendListing(RedisPipeline& pipeline, std::string_view prefix, std::string
   pipeline.Append({"keys", std::string(prefix) + EscapeGlob(key) + std::string(suffix)});
 }
 
-/// The keys that a request nobody waits for has left, as far as Redis names them.
+/// The keys that a request nobody waits for has left, as far as Redis names them. Without a record any text may have
+/// been announced, also the beginning of other services' keys: then only what lies below it belongs to it for sure.
 std::set<std::string> KeysOfRequest(redisContext* redis, std::string_view requestKey) {
-  const std::string_view below = requestKey.ends_with('/') ? "*" : "/*";
+  const bool isRecord = TextOf(SendArguments(redis, {"TYPE", requestKey})) == "hash";
+  const std::string_view below = isRecord && requestKey.ends_with('/') ? "*" : "/*";
   RedisPipeline pipeline(redis);
-  AppendListing(pipeline, "", requestKey, "*");
+  if (isRecord) AppendListing(pipeline, "", requestKey, "*");
   AppendListing(pipeline, "", requestKey, below);
   if (!requestKey.starts_with("&&")) AppendListing(pipeline, "&&", requestKey, below);
   std::set<std::string> keys;
@@ -71,7 +77,10 @@ void ResponseWriter::Append(RedisPipeline& pipeline, std::string_view responseKe
     lastResponseKey_ = key;
     counter_ = 0;
   }
-  for (const Message& message : answer.messages) AppendEntry(pipeline, listKey, ++counter_, message);
+  const size_t count = std::min(answer.messages.size(), kMostMessages);
+  for (const Message& message : std::span(answer.messages).first(count)) {
+    AppendEntry(pipeline, listKey, ++counter_, message);
+  }
 }
 
 bool PublishAnswer(redisContext* redis, RedisPipeline& pipeline, std::string_view requestKey,

@@ -13,7 +13,7 @@ namespace event_service {
 /// counting, another begins at 1.
 class ResponseWriter {
  public:
-  /// Appends every write of the answer to the pipeline. The writes are not checked.
+  /// Appends every write of the answer to the pipeline, of its messages the first 64. The writes are not checked.
   void Append(RedisPipeline& pipeline, std::string_view responseKey, const Answer& answer);
 
  private:
@@ -22,7 +22,8 @@ class ResponseWriter {
 };
 
 /// Sends what the pipeline holds together with the notification on the return channel. True when a subscriber got it.
-/// Otherwise, also without a channel, the request's keys are removed.
+/// Otherwise, also without a channel, the request's keys are removed: all that begin with the request key where a
+/// record stands under it, and those below "<request key>/" in any case.
 bool PublishAnswer(redisContext* redis, RedisPipeline& pipeline, std::string_view requestKey,
                    std::string_view responseKey, std::string_view returnChannel);
 

@@ -9,6 +9,10 @@
 namespace event_service {
 namespace {
 
+// One element more than any array may have tells that there are too many.
+constexpr std::string_view kLastBodyElement = "256";
+constexpr size_t kMostBodyContainers = 1024;
+
 Json EmptyContainer(ContainerKind kind) { return kind == ContainerKind::kObject ? Json::object() : Json::array(); }
 
 bool IsDecimal(std::string_view text) {
@@ -57,7 +61,7 @@ void ResourceWalk::AppendLevel(RedisPipeline& pipeline) {
     if (nodes_[i].kind == ContainerKind::kObject) {
       pipeline.Append({"HGETALL", nodes_[i].key});
     } else {
-      pipeline.Append({"LRANGE", nodes_[i].key, "0", "-1"});
+      pipeline.Append({"LRANGE", nodes_[i].key, "0", IsRequestBody() ? kLastBodyElement : "-1"});
     }
   }
 }
@@ -126,10 +130,8 @@ bool ResourceWalk::TakeHash(const Node& node, std::span<redisReply* const> items
       if (options_.withControlFields && isBuilt) *slot() = std::string(stored);
     } else if (!LooksLikeMarker(stored)) {
       complete &= TakeText(node, name, stored, slot());
-    } else if (const std::optional<Marker> marker = MarkerOfField(name, stored)) {
+    } else if (const std::optional<Marker> marker = MarkerOfField(stored)) {
       complete &= TakeMarker(node, name, *marker, slot());
-    } else if (!options_.followForeignMarkers && isBuilt) {
-      *slot() = StringOfMarkerText(stored);
     }
   }
   return complete;
@@ -152,24 +154,23 @@ bool ResourceWalk::TakeList(const Node& node, std::span<redisReply* const> items
       complete &= TakeText(node, index, stored, slot());
     } else if (const std::optional<Marker> marker = MarkerOfElement(stored); marker && IsFollowed(node, *marker)) {
       complete &= TakeMarker(node, index, *marker, slot());
-    } else if (!options_.followForeignMarkers && node.value != nullptr) {
+    } else if (IsRequestBody() && node.value != nullptr) {
       *slot() = StringOfMarkerText(stored);
     }
   }
   return complete;
 }
 
-std::optional<Marker> ResourceWalk::MarkerOfField(std::string_view name, std::string_view stored) const {
-  return options_.followForeignMarkers ? ParseFieldMarker(stored) : ParseBodyFieldMarker(stored, name);
+std::optional<Marker> ResourceWalk::MarkerOfField(std::string_view stored) const {
+  return IsRequestBody() ? ParseBodyFieldMarker(stored) : ParseFieldMarker(stored);
 }
 
 std::optional<Marker> ResourceWalk::MarkerOfElement(std::string_view stored) const {
-  return options_.followForeignMarkers ? ParseElementMarker(stored) : ParseBodyElementMarker(stored);
+  return IsRequestBody() ? ParseBodyElementMarker(stored) : ParseElementMarker(stored);
 }
 
 bool ResourceWalk::IsFollowed(const Node& list, const Marker& marker) const {
-  return options_.followForeignMarkers || marker.kind == Marker::Kind::kReference ||
-         IsElementKey(list.key, marker.target);
+  return !IsRequestBody() || marker.kind == Marker::Kind::kReference || IsElementKey(list.key, marker.target);
 }
 
 bool ResourceWalk::TakeMarker(const Node& node, std::string_view name, const Marker& marker, Json* slot) {
@@ -183,6 +184,10 @@ bool ResourceWalk::TakeMarker(const Node& node, std::string_view name, const Mar
   if (options_.ownKeysOnly && !IsUnderKey(nodes_.front().key, marker.target)) return true;
   const bool isWanted = node.depth > 1 || options_.onlyMembersOf == nullptr || options_.onlyMembersOf->contains(name);
   if (!isWanted || visited_.contains(marker.target)) return true;
+  if (IsRequestBody() && nodes_.size() > kMostBodyContainers) {
+    options_.overfullMembers->emplace(node.depth == 1 ? name : nodes_[node.branch].member);
+    return true;
+  }
 
   const size_t index = nodes_.size();
   Node child{.key = std::string(marker.target), .kind = kind, .value = slot, .depth = node.depth + 1};

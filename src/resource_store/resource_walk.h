@@ -17,6 +17,7 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -37,11 +38,13 @@ struct ReadOptions {
   std::optional<ContainerKind> knownKind = {};
   /// Control fields (names that begin with "&&"): left out, or given as strings whatever they look like.
   bool withControlFields = false;
-  /// Whether an element's marker is followed whose target is none of the keys that the writer gives to elements of that
-  /// list. A request body is read without: such a marker can only be a client's string, which it then comes back as. (A
-  /// member's marker never is: strings keep their quotes there.) Targets may hold blanks then, and texts that are no
-  /// whole marker come as strings, so that nothing a client sent is passed over.
-  bool followForeignMarkers = true;
+  /// When set, the document is a request's body. Members' markers may have two words as well. An element's marker whose
+  /// target is none of the keys that the writer gives to elements of that list is not followed: it can only be a
+  /// client's string, which it then comes back as, and so does any other element that begins with "&&". (A member's
+  /// marker never is one: strings keep their quotes there.) What a body may cost is bounded: of each list 257 elements
+  /// are read, and below the body 1,024 objects and lists; of the body's members those that hold more are named here,
+  /// and what lies beyond is left empty.
+  std::set<std::string, std::less<>>* overfullMembers = nullptr;
   /// Containers under keys that do not lie under the document's own key are left empty, neither listed nor walked.
   bool ownKeysOnly = false;
   /// When set: of the document's own members, containers are walked only where this object, which must outlive the
@@ -112,7 +115,8 @@ class ResourceWalk {
   bool IsMemberBuilt(std::string_view name) const;
   bool TakeList(const Node& node, std::span<redisReply* const> items);
   bool TakeMarker(const Node& node, std::string_view name, const Marker& marker, Json* slot);
-  std::optional<Marker> MarkerOfField(std::string_view name, std::string_view stored) const;
+  bool IsRequestBody() const { return options_.overfullMembers != nullptr; }
+  std::optional<Marker> MarkerOfField(std::string_view stored) const;
   std::optional<Marker> MarkerOfElement(std::string_view stored) const;
   bool IsFollowed(const Node& list, const Marker& marker) const;
   bool TakeText(const Node& node, std::string_view name, std::string_view stored, Json* slot);

@@ -50,13 +50,9 @@ std::optional<Marker> ParseFieldMarker(std::string_view stored) {
   return Marker{*kind, stored};
 }
 
-std::optional<Marker> ParseBodyFieldMarker(std::string_view stored, std::string_view name) {
-  std::optional<Marker> marker = ParseBodyElementMarker(stored);
-  if (!marker) return std::nullopt;
-  std::string_view& target = marker->target;
-  if (!target.starts_with(name) || !target.substr(name.size()).starts_with(' ')) return ParseFieldMarker(stored);
-  target.remove_prefix(name.size() + 1);
-  return marker;
+std::optional<Marker> ParseBodyFieldMarker(std::string_view stored) {
+  const std::optional<Marker> marker = ParseFieldMarker(stored);
+  return marker ? marker : ParseElementMarker(stored);
 }
 
 std::optional<Marker> ParseBodyElementMarker(std::string_view stored) {

@@ -38,9 +38,11 @@ std::optional<Marker> ParseFieldMarker(std::string_view stored);
 /// The marker of a list element: exactly two tokens (kind, target).
 std::optional<Marker> ParseElementMarker(std::string_view stored);
 
-/// The same in a request's body, where the target is all that stands behind the kind, or behind the member's name: the
-/// front end puts what a client sent there, blanks included.
-std::optional<Marker> ParseBodyFieldMarker(std::string_view stored, std::string_view name);
+/// The marker of a field in a request's body: three tokens, or two without the member's name.
+std::optional<Marker> ParseBodyFieldMarker(std::string_view stored);
+
+/// The marker of an element in a request's body, where the target is all that stands behind the kind: the front end
+/// puts what a client sent there, blanks included.
 std::optional<Marker> ParseBodyElementMarker(std::string_view stored);
 
 /// True for the JSON text of a string that reads like a marker ("&&", a word, blanks, anything, in quotes): as an array

@@ -101,6 +101,18 @@ void DiscoveryReads::Take(std::span<RedisReply> replies) {
   registryPrefixes = {std::move(own[2]), std::move(own[3])};
 }
 
+void DiscoveryReads::AppendPrefixes(RedisPipeline& pipeline) {
+  first_ = pipeline.Size();
+  if (HasElements(registryPrefixes.length.get())) return;
+  for (const std::string_view key : ElementsOf(registryPrefixes.source.get())) {
+    pipeline.Append({"HGET", key, "RegistryPrefix"});
+  }
+}
+
+void DiscoveryReads::TakePrefixes(std::span<RedisReply> replies) {
+  std::ranges::move(replies.subspan(first_), std::back_inserter(registryPrefixes.prefixes));
+}
+
 bool InitResourceTypes(redisContext* redis, const ListReads& reads) {
   if (HasElements(reads.length.get())) return true;
   if (!IsArray(reads.source)) {
@@ -128,10 +140,8 @@ bool InitRegistryPrefixes(redisContext* redis, const FilePaths& paths, const Lis
   }
   if (HasElements(reads.length.get())) return true;
 
-  RedisPipeline pipeline(redis);
-  for (const std::string_view key : ElementsOf(reads.source.get())) pipeline.Append({"HGET", key, "RegistryPrefix"});
   std::vector<std::string> prefixes;
-  for (const RedisReply& prefix : pipeline.Execute()) {
+  for (const RedisReply& prefix : reads.prefixes) {
     if (IsString(prefix) && prefix->len > 0) prefixes.emplace_back(TextOf(prefix));
   }
   SortAndRemoveRepeats(prefixes);

@@ -33,6 +33,7 @@ std::optional<std::string> MessageIdOf(std::string_view key);
 struct ListReads {
   RedisReply length;
   RedisReply source;
+  std::vector<RedisReply> prefixes{};  // of the registries that `source` names
 };
 
 /// The reads for both lists, appended to a pipeline and taken out of its replies again: they travel together, and with
@@ -42,11 +43,15 @@ class DiscoveryReads {
   explicit DiscoveryReads(RedisPipeline& pipeline);
   void Take(std::span<RedisReply> replies);
 
+  /// In a second batch: the prefixes of all registries, unless the list is there already.
+  void AppendPrefixes(RedisPipeline& pipeline);
+  void TakePrefixes(std::span<RedisReply> replies);
+
   ListReads resourceTypes;
   ListReads registryPrefixes;
 
  private:
-  size_t first_;
+  size_t first_;  // of what was appended last
 };
 
 /// Fills the list "ResourceTypes" of the EventService unless it has elements. False, after a logged line, when the

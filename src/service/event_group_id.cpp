@@ -42,41 +42,43 @@ void SetCounter(redisContext* redis, std::string_view value) {
   }
 }
 
-}  // namespace
+void AppendMaximumRead(RedisPipeline& pipeline) { pipeline.Append({"HGET", "webDefaultValue", "MAX_EVENT_GROUP_ID"}); }
 
-int32_t MaxEventGroupId(redisContext* redis) {
-  if (knownMaximum.load() == kNotReadYet) {
-    RedisPipeline pipeline(redis);
-    AppendMaxEventGroupIdRead(pipeline);
-    SettleMaxEventGroupId(pipeline.Execute().front().get());
-  }
-  return knownMaximum.load();
-}
-
-size_t AppendMaxEventGroupIdRead(RedisPipeline& pipeline) {
-  return pipeline.Append({"HGET", "webDefaultValue", "MAX_EVENT_GROUP_ID"});
-}
-
-void SettleMaxEventGroupId(const redisReply* reply) {
+void SettleMaximum(const RedisReply& reply) {
   // The other listener may have found it meanwhile.
   int32_t notReadYet = kNotReadYet;
   knownMaximum.compare_exchange_strong(notReadYet, ParseMaximum(IsString(reply) ? TextOf(reply) : std::string_view()));
 }
 
+}  // namespace
+
+int32_t MaxEventGroupId(redisContext* redis) {
+  if (knownMaximum.load() == kNotReadYet) {
+    RedisPipeline pipeline(redis);
+    AppendMaximumRead(pipeline);
+    SettleMaximum(pipeline.Execute().front());
+  }
+  return knownMaximum.load();
+}
+
 void ForgetMaxEventGroupId() { knownMaximum.store(kNotReadYet); }
 
 size_t AppendEventGroupIdDraw(RedisPipeline& pipeline) {
-  return pipeline.Append({"HINCRBY", kEventServiceUri, kCounterField, "1"});
+  const size_t draw = pipeline.Append({"HINCRBY", kEventServiceUri, kCounterField, "1"});
+  if (knownMaximum.load() == kNotReadYet) AppendMaximumRead(pipeline);
+  return draw;
 }
 
-uint32_t SettleEventGroupId(redisContext* redis, const redisReply* drawReply) {
-  long long drawn = IsInteger(drawReply) ? drawReply->integer : 0;
+uint32_t SettleEventGroupId(redisContext* redis, std::span<const RedisReply> replies, size_t draw) {
+  long long drawn = IsInteger(replies[draw]) ? replies[draw]->integer : 0;
   if (drawn < 1) {
     LogError("Failed to increase the counter %s", kCounterField.data());
     SetCounter(redis, "1");
     drawn = 1;
   }
-  const int32_t maximum = MaxEventGroupId(redis);
+  // Not known now, so it was not when the draw was appended: the reading stands behind it.
+  if (knownMaximum.load() == kNotReadYet) SettleMaximum(replies[draw + 1]);
+  const int32_t maximum = knownMaximum.load();
   if (drawn < maximum) return static_cast<uint32_t>(drawn);
   // The maximum is handed out when it is reached, and also when it was lowered below the counter.
   SetCounter(redis, "0");
@@ -87,7 +89,7 @@ uint32_t NextEventGroupId(redisContext* redis) {
   RedisPipeline pipeline(redis);
   AppendEventGroupIdDraw(pipeline);
   const std::vector<RedisReply> replies = pipeline.Execute();
-  return SettleEventGroupId(redis, replies.front().get());
+  return SettleEventGroupId(redis, replies, 0);
 }
 
 }  // namespace event_service

@@ -1,7 +1,9 @@
 /// EventGroupIds: equal for the events of one cause, drawn from a counter in Redis.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "foundation/redis_commands.h"
 #include "foundation/redis_pipeline.h"
@@ -12,10 +14,6 @@ namespace event_service {
 /// every call until then. Any thread with its own connection. A value that is no number from 1 on is logged.
 int32_t MaxEventGroupId(redisContext* redis);
 
-/// The first reading in two halves, so that start-up's can travel with other commands.
-size_t AppendMaxEventGroupIdRead(RedisPipeline& pipeline);
-void SettleMaxEventGroupId(const redisReply* reply);  // a maximum that is known already stays
-
 /// Forgets the maximum, as a new process knows none. Start-up calls it before the listeners run.
 void ForgetMaxEventGroupId();
 
@@ -23,9 +21,10 @@ void ForgetMaxEventGroupId();
 /// counter that cannot be incremented, or is below 1, is logged and restarts at 1.
 uint32_t NextEventGroupId(redisContext* redis);
 
-/// The same in two halves, so that the draw can travel with other commands: append the command, then settle its reply.
-/// Once the maximum is known (main asks for it at start-up) settling needs no round trip but at the maximum itself.
+/// The same in two halves, so that the draw can travel with other commands: append it, which gives its position, then
+/// settle it out of the replies of the whole batch. The maximum is read along while it is not known, so that settling
+/// needs no round trip but at the maximum itself.
 size_t AppendEventGroupIdDraw(RedisPipeline& pipeline);
-uint32_t SettleEventGroupId(redisContext* redis, const redisReply* drawReply);
+uint32_t SettleEventGroupId(redisContext* redis, std::span<const RedisReply> replies, size_t draw);
 
 }  // namespace event_service

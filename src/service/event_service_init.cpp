@@ -14,7 +14,6 @@
 #include "foundation/text_numbers.h"
 #include "platform/conf_parser/conf_parser.h"
 #include "service/discovery.h"
-#include "service/event_group_id.h"
 #include "service/member_reconciliation.h"
 #include "service/members_count.h"
 #include "service/redis_keys.h"
@@ -69,15 +68,19 @@ void LoadDiscoveredLists(const redisReply* types, const redisReply* prefixes, Se
   settings.allowedValues["RegistryPrefixes"] = SortedOnce(prefixesInOrder);
 }
 
-/// Registers the channel once at the tail of each queue before one of unknown length and, in the same round trip, reads
-/// what the settings are made of.
-bool RegisterAndDiscover(redisContext* redis, std::span<const RedisReply> queueLengths, ServiceSettings& settings,
+/// Registers the channel once at the tail of each queue before one of unknown length. The map script and what the
+/// settings are made of travel along.
+bool RegisterAndDiscover(RedisPipeline& pipeline, std::span<const RedisReply> queueLengths, ServiceSettings& settings,
                          SubscriptionsState& state) {
-  RedisPipeline pipeline(redis);
+  const size_t scripts = pipeline.Size();
   size_t known = 0;
   for (; known < queueLengths.size() && IsInteger(queueLengths[known]); ++known) {
     pipeline.Append({"LREM", kDestinationQueues[known], "0", kSubscriptionsChannel});
-    pipeline.Append({"RPUSH", kDestinationQueues[known], kSubscriptionsChannel});
+  }
+  const std::vector<RedisReply> removals = pipeline.Execute();
+  // Whatever became of the others: a queue that has lost the channel gets it back.
+  for (size_t i = 0; i < known; ++i) {
+    if (IsInteger(removals[scripts + i])) pipeline.Append({"RPUSH", kDestinationQueues[i], kSubscriptionsChannel});
   }
   const size_t writes = pipeline.Size();
   const size_t messages = pipeline.Append({"KEYS", kMessageKeys});
@@ -85,10 +88,9 @@ bool RegisterAndDiscover(redisContext* redis, std::span<const RedisReply> queueL
   const size_t prefixes = pipeline.Append({"LRANGE", kRegistryPrefixesKey, "0", "-1"});
   const size_t subordinates = pipeline.Append({"HGET", kEventServiceUri, "SubordinateResourcesSupported"});
   const size_t conditions = pipeline.Append({"HGET", kEventServiceUri, "IncludeOriginOfConditionSupported"});
-  const size_t maximum = AppendMaxEventGroupIdRead(pipeline);
   const std::vector<RedisReply> replies = pipeline.Execute();
 
-  if (!AllIntegers(std::span(replies).first(writes))) {
+  if (writes < known || !AllIntegers(std::span(replies).first(writes))) {
     LogError("Failed to add channel of event destination to CRUD queue.");
     return false;
   }
@@ -103,7 +105,6 @@ bool RegisterAndDiscover(redisContext* redis, std::span<const RedisReply> queueL
   settings.subordinateResourcesSupported = TextOf(replies[subordinates]) == "true";
   settings.includeOriginOfConditionSupported = TextOf(replies[conditions]) == "true";
   settings.syslogCertificateNames = FindSyslogCertificates(settings.paths);
-  SettleMaxEventGroupId(replies[maximum].get());
   return true;
 }
 
@@ -111,12 +112,13 @@ bool RegisterAndDiscover(redisContext* redis, std::span<const RedisReply> queueL
 bool LoadAndDiscover(redisContext* redis, ServiceSettings& settings, SubscriptionsState& state) {
   const bool restored = state.db.InitSubscriptionDb() && ReconcileMembers(redis, settings, state);
   const std::vector<RedisReply> lengths = restored ? ReadLengths(redis) : std::vector<RedisReply>();
+  RedisPipeline pipeline(redis);
   if (!restored || !PublishMembersCount(redis, state, lengths.front().get()) ||
-      !RunUriSubscriptionMapScript(redis, settings.paths.startUpMapScript)) {
+      !AppendUriSubscriptionMapScript(pipeline, settings.paths.startUpMapScript)) {
     LogError("Failed to load subscription db file.");
     return false;
   }
-  return RegisterAndDiscover(redis, std::span(lengths).subspan(1), settings, state);
+  return RegisterAndDiscover(pipeline, std::span(lengths).subspan(1), settings, state);
 }
 
 }  // namespace
@@ -130,13 +132,13 @@ bool EventServiceInit(redisContext* redis, ServiceSettings& settings, Subscripti
   return false;
 }
 
-bool RunUriSubscriptionMapScript(redisContext* redis, const std::string& scriptPath) {
+bool AppendUriSubscriptionMapScript(RedisPipeline& pipeline, const std::string& scriptPath) {
   const std::optional<std::string> script = ReadWholeFile(scriptPath);
   if (!script) {
     LogError("The script that initiates the mapping table of subscribed URI and event type doesn't exist.");
     return false;
   }
-  SendArguments(redis, {"EVAL", *script, "0"});
+  pipeline.Append({"EVAL", *script, "0"});
   return true;
 }
 

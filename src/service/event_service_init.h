@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "foundation/redis_commands.h"
+#include "foundation/redis_pipeline.h"
 #include "service/settings.h"
 
 namespace event_service {
@@ -18,9 +19,9 @@ namespace event_service {
 /// be discovered or is configured badly keeps its default.
 [[nodiscard]] bool EventServiceInit(redisContext* redis, ServiceSettings& settings, SubscriptionsState& state);
 
-/// Runs the script that maps URIs and event types to subscriptions inside Redis; what it answers is not looked at.
+/// Appends the script that maps URIs and event types to subscriptions inside Redis; what it answers is not looked at.
 /// False, after a logged line, when there is no script.
-[[nodiscard]] bool RunUriSubscriptionMapScript(redisContext* redis, const std::string& scriptPath);
+[[nodiscard]] bool AppendUriSubscriptionMapScript(RedisPipeline& pipeline, const std::string& scriptPath);
 
 /// The bits of the prefixes in this order, which may stand in quotes: 1, 2, 4, ... up to the largest 32-bit value,
 /// which the 32nd and all later ones get. A prefix that comes again keeps its first bit.

@@ -15,6 +15,7 @@
 #include "foundation/file_paths.h"
 #include "requests/event_service/event_service_listener.h"
 #include "requests/event_service/persistent_properties.h"
+#include "requests/listener.h"
 #include "service/settings.h"
 #include "service/start_up.h"
 #include "subscriptions/generated_destinations.h"
@@ -54,6 +55,7 @@ int main() {
   OccupyStandardStreams();
   umask(077);                     // whatever is created is the owner's alone
   std::signal(SIGPIPE, SIG_IGN);  // a server that went away is a missing reply
+  std::signal(SIGHUP, SIG_IGN);   // a terminal that closes does not end a service
   std::signal(SIGCHLD, SIG_DFL);  // an inherited "ignore" would lose the exit status of shell commands
   SaveMemory();
 
@@ -73,6 +75,7 @@ int main() {
       .restorePersistentProperties = RestorePersistentProperties,
       .eventServiceListener = EventServiceListenerThread,
       .subscriptionsListener = SubscriptionsListenerThread,
+      .awaitListeners = [](std::chrono::milliseconds patience) { return AwaitListeners(2, patience); },
       .createGeneratedDestinations = CreateGeneratedDestinations,
   };
   const int status = RunStartUp(steps, settings, subscriptions);

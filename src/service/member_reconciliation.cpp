@@ -1,6 +1,7 @@
 #include "service/member_reconciliation.h"
 
 #include <algorithm>
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
@@ -33,18 +34,20 @@ struct Traits {
   std::string_view protocol;
   std::string_view destination;
   std::string_view subscriptionType;
+  std::string_view allowMethod;
   std::string_view patchValidation;
   std::string_view crudPrefix;
 };
 
 void AppendTraitsRead(RedisPipeline& pipeline, std::string_view uri) {
-  pipeline.Append({"HMGET", uri, "Protocol", "Destination", "SubscriptionType", "&&PATCHValidation", kCrudPrefixField});
+  pipeline.Append({"HMGET", uri, "Protocol", "Destination", "SubscriptionType", "&&AllowMethod", "&&PATCHValidation",
+                   kCrudPrefixField});
 }
 
 Traits TraitsOf(const redisReply* reply) {
   std::vector<std::string_view> texts = ElementsOf(reply);
-  texts.resize(5);
-  return {texts[0], texts[1], texts[2], texts[3], texts[4]};
+  texts.resize(6);
+  return {texts[0], texts[1], texts[2], texts[3], texts[4], texts[5]};
 }
 
 /// While only the Redfish protocol is served, all other members belong to another service.
@@ -56,8 +59,11 @@ bool BelongsIntoFile(const Traits& traits) {
   return !traits.protocol.empty() && !traits.destination.empty() && traits.subscriptionType != "\"SSE\"";
 }
 
-/// A creation writes the one field first and the other last.
-bool IsHalfCreated(const Traits& traits) { return !traits.patchValidation.empty() && traits.crudPrefix.empty(); }
+/// A creation writes the first two fields at its beginning, "&&AllowMethod" before all others, and the third last.
+bool IsHalfCreated(const Traits& traits) {
+  const bool isBegun = !traits.allowMethod.empty() || !traits.patchValidation.empty();
+  return isBegun && traits.crudPrefix.empty();
+}
 
 /// The collection as Redis holds it.
 struct Collection {
@@ -78,20 +84,48 @@ Collection TakeCollection(const redisReply* memberEntries, const redisReply* key
   return collection;
 }
 
+/// A hash that the collection names.
+struct Member {
+  std::string_view uri;
+  Traits traits;
+};
+
+/// The members that there are, from two replies for each name: its number of fields, its traits. Nothing when Redis
+/// does not tell.
+std::optional<std::vector<Member>> TakeMembers(std::span<const std::string_view> uris,
+                                               std::span<const RedisReply> replies) {
+  std::vector<Member> members;
+  for (size_t i = 0; i < uris.size(); ++i) {
+    const RedisReply& length = replies[2 * i];
+    if (IsWrongType(length)) continue;
+    if (!IsInteger(length)) return std::nullopt;
+    if (length->integer > 0) members.push_back({uris[i], TraitsOf(replies[2 * i + 1].get())});
+  }
+  return members;
+}
+
+bool CompleteOurs(redisContext* redis, std::span<const Member> members, const ServiceSettings& settings) {
+  RedisPipeline pipeline(redis);
+  for (const Member& member : members) {
+    if (!IsOurs(member.traits, settings)) continue;
+    pipeline.Append({"HSET", member.uri, kCrudPrefixField, kEventDestinationPrefix});
+  }
+  return AllIntegers(pipeline.Execute());
+}
+
 /// Rebuilds what memory knows of the members; returns those that the file should hold and does not.
-std::vector<std::string_view> TakeMembers(std::span<const std::string_view> uris, std::span<const RedisReply> traits,
-                                          const ServiceSettings& settings, SubscriptionsState& state) {
+std::vector<std::string_view> RememberMembers(std::span<const Member> members, const ServiceSettings& settings,
+                                              SubscriptionsState& state) {
   const std::vector<std::string>& restoredUris = state.db.RestoredUris();
   const std::set<std::string_view> restored(restoredUris.begin(), restoredUris.end());
   std::vector<std::string_view> missing;
   state.syslogTlsDestinationIds.clear();
-  for (size_t i = 0; i < uris.size(); ++i) {
-    const Traits member = TraitsOf(traits[i].get());
-    if (member.protocol == "\"SyslogTLS\"") state.syslogTlsDestinationIds.emplace_back(IdOf(uris[i]));
-    if (restored.contains(uris[i])) {
-      LogSubscriptionChange(uris[i], "restored", "start-up");
-    } else if (BelongsIntoFile(member) && IsOurs(member, settings)) {
-      missing.push_back(uris[i]);
+  for (const auto& [uri, traits] : members) {
+    if (traits.protocol == "\"SyslogTLS\"") state.syslogTlsDestinationIds.emplace_back(IdOf(uri));
+    if (restored.contains(uri)) {
+      LogSubscriptionChange(uri, "restored", "start-up");
+    } else if (BelongsIntoFile(traits) && IsOurs(traits, settings)) {
+      missing.push_back(uri);
     }
   }
   return missing;
@@ -137,22 +171,27 @@ bool ReconcileMembers(redisContext* redis, const ServiceSettings& settings, Subs
   pipeline.Append({"LRANGE", kSubscriptionsMembersKey, "0", "-1"});
   pipeline.Append({"KEYS", std::string(kSubscriptionsUri) + "/*"});
   pipeline.Append({"HGET", kSubscriptionsUri, "@odata.etag"});
+  pipeline.Append({"KEYS", EscapeGlob(kGenerationPrefix) + "*"});
   const std::vector<RedisReply> listing = pipeline.Execute();
   if (!IsArray(listing[0])) return false;
-  const auto [members, strangers] = TakeCollection(listing[0].get(), listing[1].get());
+  const auto [uris, strangers] = TakeCollection(listing[0].get(), listing[1].get());
 
-  for (const std::string_view uri : members) pipeline.Append({"HSET", uri, kCrudPrefixField, kEventDestinationPrefix});
-  for (const std::string_view uri : members) AppendTraitsRead(pipeline, uri);
+  for (const std::string_view uri : uris) {
+    pipeline.Append({"HLEN", uri});
+    AppendTraitsRead(pipeline, uri);
+  }
   for (const std::string_view uri : strangers) AppendTraitsRead(pipeline, uri);
+  const size_t leftovers = pipeline.Size();
+  // What a start that was killed has left of its requests: headers stand in them.
+  for (const std::string_view key : ElementsOf(listing[3].get())) pipeline.Append({"UNLINK", key});
   const std::vector<RedisReply> replies = pipeline.Execute();
   const std::span all(replies);
-  if (!AllIntegers(all.first(members.size()))) return false;
+  if (!AllIntegers(all.subspan(leftovers))) LogError("Failed to remove the requests of an earlier start.");
+  const std::optional<std::vector<Member>> members = TakeMembers(uris, all);
+  if (!members || !CompleteOurs(redis, *members, settings)) return false;
+  WriteBack(redis, RememberMembers(*members, settings, state), TextOf(listing[2]), state.db);
 
-  const std::vector<std::string_view> missing =
-      TakeMembers(members, all.subspan(members.size(), members.size()), settings, state);
-  WriteBack(redis, missing, TextOf(listing[2]), state.db);
-
-  const std::span strangerTraits = all.last(strangers.size());
+  const std::span strangerTraits = all.subspan(2 * uris.size());
   for (size_t i = 0; i < strangers.size(); ++i) {
     const Traits traits = TraitsOf(strangerTraits[i].get());
     if (IsHalfCreated(traits) && IsOurs(traits, settings)) RemoveHalfCreated(redis, strangers[i]);

@@ -37,19 +37,25 @@ bool FillRequestQueues(redisContext* redis) {
 bool InitQueues(redisContext* redis, const ServiceSettings& settings) {
   if (!FillRequestQueues(redis)) return false;
 
+  // What the lists are made of travels with the two writes for SMTP, each of which waits for the one before.
   RedisPipeline pipeline(redis);
-  if (!settings.protocolOnly) {
-    pipeline.Append({"HSET", kSmtpKey, "&&Password", "null"});
-    pipeline.Append({"HSET", kEventServiceUri, "&&SensitiveData", "SMTP/Password"});
-  }
-  const size_t smtpWrites = pipeline.Size();
+  const bool setsSmtp = !settings.protocolOnly;
+  if (setsSmtp) pipeline.Append({"HSET", kSmtpKey, "&&Password", "null"});
   DiscoveryReads reads(pipeline);
   std::vector<RedisReply> replies = pipeline.Execute();
-  if (!AllIntegers(std::span(replies).first(smtpWrites))) {
+  reads.Take(replies);
+  bool isSmtpSet = !setsSmtp || IsInteger(replies.front());
+  if (isSmtpSet) {
+    if (setsSmtp) pipeline.Append({"HSET", kEventServiceUri, "&&SensitiveData", "SMTP/Password"});
+    reads.AppendPrefixes(pipeline);
+    replies = pipeline.Execute();
+    isSmtpSet = !setsSmtp || IsInteger(replies.front());
+    reads.TakePrefixes(replies);
+  }
+  if (!isSmtpSet) {
     LogError("Failed to set SMTP/Password default setting.");
     return false;
   }
-  reads.Take(replies);
   if (!InitResourceTypes(redis, reads.resourceTypes) ||
       !InitRegistryPrefixes(redis, settings.paths, reads.registryPrefixes)) {
     LogError("Failed to init ResourceTypes and RegistryPrefixes.");

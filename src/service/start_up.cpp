@@ -20,6 +20,7 @@ namespace event_service {
 namespace {
 
 constexpr int kFailed = -1;
+constexpr std::chrono::seconds kListenerPatience{5};
 
 /// Makes the log file the process's log until the end of start-up's scope, or until Close.
 class ProcessLog {
@@ -96,6 +97,9 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
     return kFailed;
   }
 
+  if (!steps.awaitListeners(kListenerPatience)) {
+    LogError("A listener does not hear its channel yet; the service is ready without it.");
+  }
   // The front end hands over requests from here on.
   if (!IsInteger(SendArguments(redis.get(), {"SREM", "&&AccessBlockList", "EventService"}))) {
     LogError("EventService is ready, but fail to remove it from the block list.");

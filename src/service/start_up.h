@@ -4,6 +4,8 @@
 
 #include <pthread.h>
 
+#include <chrono>
+
 #include "foundation/redis_commands.h"
 #include "service/settings.h"
 
@@ -14,6 +16,8 @@ struct StartUpSteps {
   bool (*restorePersistentProperties)(redisContext* redis, const ServiceSettings& settings);
   void* (*eventServiceListener)(void*);  // pthread entry points, with a null argument
   void* (*subscriptionsListener)(void*);
+  /// Waits until both listeners hear their channels or have ended; false when that takes longer.
+  bool (*awaitListeners)(std::chrono::milliseconds patience);
   void (*createGeneratedDestinations)(redisContext* redis, const ServiceSettings& settings);
   int (*createThread)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) = pthread_create;
 };

@@ -247,7 +247,7 @@ std::optional<Answer> Creation::Enrol() {
     LogEtagFailure(kSubscriptionsUri);
   }
   membersLength_ = std::move(replies[lastWrite + 1]);
-  eventGroupId_ = SettleEventGroupId(redis_, replies[draw].get());
+  eventGroupId_ = SettleEventGroupId(redis_, replies, draw);
   destination_[std::string(kCrudPrefixField)] = kEventDestinationPrefix;
   return std::nullopt;
 }

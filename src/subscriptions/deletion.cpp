@@ -129,7 +129,7 @@ std::optional<Answer> MemberDeletion::Read(std::optional<uint32_t>& eventGroupId
     const size_t draw = eventGroupId ? 0 : AppendEventGroupIdDraw(next);
     const std::vector<RedisReply> replies = next.Execute();
     if (isLevelOpen) TakeLevel(walk, replies);
-    if (!eventGroupId) eventGroupId = SettleEventGroupId(redis_, replies[draw].get());
+    if (!eventGroupId) eventGroupId = SettleEventGroupId(redis_, replies, draw);
   }
   keys_ = walk.Keys();
   // The entries for subordinate resources go whether or not the service matches them now.

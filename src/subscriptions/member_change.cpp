@@ -75,7 +75,7 @@ bool ApplyMemberChange(Request& request, RedisPipeline& writes, MemberChange cha
     LogEtagFailure(uri);
   }
   if (!IsInteger(replies[collectionWrite])) LogEtagFailure(kSubscriptionsUri);
-  const uint32_t eventGroupId = SettleEventGroupId(request.redis, replies[draw].get());
+  const uint32_t eventGroupId = SettleEventGroupId(request.redis, replies, draw);
   if (change.isSse) {
     request.subscriptions->halfChangedUris.erase(uri);
   } else {

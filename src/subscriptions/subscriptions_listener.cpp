@@ -91,7 +91,7 @@ constexpr MethodRoute kRoutes[] = {
     {"HEAD", Publish::kAlways, HandleHead},
 };
 
-void Listen() {
+void Listen(ListenerOpening& opening) {
   const RedisContext subscriber = ConnectRedis();
   if (!subscriber) {
     LogError("Failed to connect to Redis.");
@@ -101,6 +101,7 @@ void Listen() {
     LogError("Failed to subscribe channel.");
     return;
   }
+  opening.End();
   // A subscribed connection takes no other commands.
   RedisContext redis = ConnectRedis();
   if (!redis) {
@@ -109,16 +110,19 @@ void Listen() {
   }
   ServeRequests(subscriber.get(),
                 {.redis = std::move(redis), .settings = ProcessSettings(), .subscriptions = &ProcessSubscriptions()},
-                {kRoutes, RefuseMethod});
+                {"Subscriptions", kRoutes, RefuseMethod});
 }
 
 }  // namespace
 
 void* SubscriptionsListenerThread(void* /*unused*/) {
-  try {
-    Listen();
-  } catch (const std::exception& error) {
-    LogError("The Subscriptions listener ended: %s", error.what());
+  {
+    ListenerOpening opening;
+    try {
+      Listen(opening);
+    } catch (const std::exception& error) {
+      LogError("The Subscriptions listener ended: %s", error.what());
+    }
   }
   pthread_exit(nullptr);
 }

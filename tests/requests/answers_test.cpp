@@ -9,6 +9,7 @@ namespace {
 using namespace std::string_literals;
 
 TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
+  const Json lists(std::vector<Json>(256, Json{1}));
   const struct {
     std::string_view request;
     std::string body, answer;
@@ -24,6 +25,8 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
        "FAILURE PropertyValueFormatError(a@b\r\nBcc: c, SMTP/FromAddress)"},
       {"PATCH", R"({"SMTP": {"Username": "\u0000"}})",
        "FAILURE PropertyValueFormatError("s + '\0' + ", SMTP/Username)"},
+      {"PATCH", Json{{"SMTP", {{"Port", lists}, {"Username", lists}, {"A", lists}, {"B", lists}}}, {"Name", 1}}.dump(),
+       "FAILURE PropertyNotWritable(Name) PropertyValueError(SMTP)"},
       {"PATCH", R"({"SMTP": {"Username": "\u00e4)" + std::string(1024, 'x') + "\"}}",
        "FAILURE StringValueTooLong(\xC3\xA4" + std::string(63, 'x') + ", 1024)"},
       {"PATCH", R"({"Name": "n", "a@b.org": {}})", "FAILURE PropertyNotWritable(Name) PropertyUnknown(a@b.org)"},
@@ -33,10 +36,8 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
       {"PATCH", R"({"ServiceEnabled": true, "SMTP": {"Port": 2.50e1, "FromAddress": null}})", "OK_RES"},
       {"PATCH", R"({"DeliveryRetryAttempts": 2.5})", "FAILURE PropertyValueTypeError(2.5, DeliveryRetryAttempts)"},
       {"PATCH", R"({"DeliveryRetryAttempts": 1e99})", "FAILURE PropertyValueOutOfRange(1e+99, DeliveryRetryAttempts)"},
-      {"Submit", R"({"MessageId": null})", "FAILURE ActionParameterMissing(#, MessageId)"},
       {"Submit", R"({"Bogus": 1})", "FAILURE ActionParameterUnknown(#, Bogus)"},
-      {"Submit", R"({"MessageId": "Base.1.A"})", "FAILURE ActionParameterValueFormatError(Base.1.A, MessageId, #)"},
-      {"Submit", R"({"MessageId": "B.1.0."})", "FAILURE ActionParameterValueFormatError(B.1.0., MessageId, #)"},
+      {"Submit", R"({"MessageId": 5})", "FAILURE ActionParameterValueTypeError(5, MessageId, #)"},
       {"Submit", R"({"EventTimestamp": "20"})", "FAILURE ActionParameterValueFormatError(20, EventTimestamp, #)"},
       {"Submit", R"({"EventType": "Other2"})", "FAILURE ActionParameterValueNotInList(Other2, EventType, #)"},
       {"Submit", R"({"MessageSeverity": "B"})", "FAILURE ActionParameterValueNotInList(B, MessageSeverity, #)"},
@@ -64,8 +65,16 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
   EXPECT_EQ(Summary(pointers), "FAILURE PropertyValueTypeError(true, SMTP/Port) PropertyUnknown(SMTP/a/b~c)");
   EXPECT_EQ(pointers.messages[0].relatedProperties, Lines{"SMTP/Port"});
   EXPECT_EQ(pointers.messages[1].relatedProperties, Lines{"SMTP/a~1b~0c"});
+  const Lines commands = proxy_.commands();
+  EXPECT_EQ(std::ranges::count(commands, "LRANGE &&req/RequestData/MessageArgs 0 256"), 3) << "never more of a list";
   settings_.protocolOnly = true;
   EXPECT_EQ(Summary(Patch(R"({"SMTP": {"Port": 1}})")), "FAILURE PropertyNotWritable(SMTP)");
+}
+
+TEST_F(EventServiceTest, ABodyThatIsNotNamedLiesUnderItsUsualKey) {
+  isBodyNamed_ = false;
+  EXPECT_EQ(Summary(Patch(R"({"DeliveryRetryAttempts": 4})")), "OK_RES Success()");
+  EXPECT_EQ(Summary(Patch("{}")), "EXCEPTION ExtendedError.1.2.DatabaseOperationError()") << "there is none";
 }
 
 TEST(NoOperation, IsAnErrorObjectWithTheRegistrysMessage) {

@@ -60,8 +60,8 @@ class EventServiceTest : public RedisTest {
   /// Keeps the request as the front end does, hands it to its handler and removes it.
   Answer Handle(std::string_view method, std::string_view target, const Json& body) {
     EXPECT_TRUE(body.empty() || WriteResource(redis(), "req/RequestData", body));
-    SendArguments(redis(),
-                  {"HSET", "req", kRequestMethod, method, kTargetUri, target, kRequestData, "req/RequestData"});
+    SendArguments(redis(), {"HSET", "req", kRequestMethod, method, kTargetUri, target});
+    if (isBodyNamed_) HashWrite(redis(), "req", kRequestData, "req/RequestData");
     Request request{proxied_.get(), {"req", responseKey_}, ReadRequestRecord(redis(), "req"), settings_, nullptr,
                     &unsettled_};
     const auto route = std::ranges::find(kEventServiceRoutes.routes, method, &MethodRoute::method);
@@ -91,6 +91,7 @@ class EventServiceTest : public RedisTest {
   TripCounter proxy_{Server().SocketPath()};
   const RedisContext proxied_ = proxy_.Connect();
   std::string responseKey_ = "resp";
+  bool isBodyNamed_ = true;
   ServiceSettings settings_;
   UnsettledProperties unsettled_;
   const std::string& file_ = settings_.paths.persistentProperties;

@@ -128,6 +128,11 @@ TEST_F(EventServiceTest, OnlyAGoodEventOfAnEnabledServiceIsQueued) {
     EXPECT_EQ(Dump()[kQueue], row.queued ? "[&&/EVENTS/7]" : "") << row.change;
     EXPECT_EQ(KeyListing(redis(), "&&/EVENTS/*").size(), row.queued ? 4U : 0U) << row.change;
   }
+  // What must be there, and the form of a MessageId, are the script's to judge.
+  EXPECT_EQ(Summary(Submit(R"({"MessageId": null})")), "FAILURE ActionParameterMissing(#, MessageId)");
+  EXPECT_EQ(Summary(Submit(R"({"MessageId": "B.1.0."})")),
+            "FAILURE ActionParameterValueFormatError(B.1.0., MessageId, #)");
+  EXPECT_EQ(EventKeys(), Lines());
 }
 
 TEST(TimeStampForm, OnlyFullDatesAndTimesWithOffsetPass) {

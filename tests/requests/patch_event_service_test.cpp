@@ -103,6 +103,9 @@ TEST_F(PatchTest, ARestorationTakesOnlyKnownPropertiesWithValidValues) {
   const DatabaseDump restored = Dump();
   EXPECT_TRUE(restore());
   EXPECT_EQ(Dump(), restored) << "a second start changes nothing";
+  HashWrite(redis(), kSmtpKey, "&&Password", "null");
+  EXPECT_TRUE(restore());
+  EXPECT_EQ(Dump(), restored) << "as every start does: the password alone makes no other content";
 }
 
 }  // namespace

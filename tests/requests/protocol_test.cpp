@@ -14,12 +14,16 @@ using Lines = std::vector<std::string>;
 Answer Echo(Request& request) {
   return {kFailure, {{"Echo", {request.record.targetUri, "", request.record.privileges}, {"A"}}, {"", {}, {}}}, {}, {}};
 }
+Answer FindManyFaults(Request&) { return {kFailure, std::vector<Message>(70), {}, {}}; }
 Answer Throw(Request&) { throw std::runtime_error("thrown"); }
 Answer RefuseAll(Request& request) { return Refuse(kNotAllowed, "No", {request.record.method}, "refused"); }
 
 constexpr MethodRoute kTestRoutes[] = {{"GET", Publish::kUnlessFromEventing, Echo},
                                        {"DELETE", Publish::kUnlessFromEventing, Echo, /*deletesBody=*/true},
+                                       {"PATCH", Publish::kAlways, FindManyFaults},
                                        {"HEAD", Publish::kAlways, Throw}};
+
+const std::string kEnded = "The Test listener ended: the connection of its channel failed.";
 
 /// The announcements wait in the subscription before the loop starts, and end with it.
 class ProtocolTest : public RedisTest {
@@ -36,7 +40,8 @@ class ProtocolTest : public RedisTest {
   }
   void Serve() {
     ASSERT_TRUE(SendArguments(redis(), {"CLIENT", "KILL", "ID", subscriberId_}));
-    ServeRequests(subscriber_.get(), {.redis = proxy_.Connect(), .settings = settings_}, {kTestRoutes, RefuseAll});
+    ServeRequests(subscriber_.get(), {.redis = proxy_.Connect(), .settings = settings_},
+                  {"Test", kTestRoutes, RefuseAll});
   }
 
   TripCounter proxy_{Server().SocketPath()};
@@ -52,7 +57,7 @@ TEST_F(ProtocolTest, ARefusalTakesTwoTripsAndAtMostSixteenCommands) {
   EXPECT_EQ(proxy_.trips(), 2U);
   EXPECT_LE(proxy_.commands().size(), 16U);
   EXPECT_EQ(Dump()["resp/ExtendedInfo/1/MessageArgs"], "[POST]");
-  EXPECT_EQ(log_.Errors(), Lines{"refused"});
+  EXPECT_EQ(log_.Errors(), (Lines{"refused", kEnded}));
 }
 
 TEST_F(ProtocolTest, EveryPartOfAnAnswerHasItsKeyAndEntriesAreCountedUntilTheResponseKeyChanges) {
@@ -72,9 +77,24 @@ TEST_F(ProtocolTest, EveryPartOfAnAnswerHasItsKeyAndEntriesAreCountedUntilTheRes
   EXPECT_FALSE(dump.contains("FROM_EVENTING"));
 }
 
-TEST_F(ProtocolTest, ADeletionOfTheDeliverySideWritesNothingAndIsRemoved) {
-  HashWrite(redis(), "req/RequestData", "Key", "\"value\"");
-  Announce("req FROM_EVENTING", "DELETE");
+TEST_F(ProtocolTest, AnAnswerHasNoMoreThanSixtyFourEntries) {
+  Announce("req resp", "PATCH");
+  Serve();
+  EXPECT_EQ(ListLength(redis(), "resp/ExtendedInfo"), 64);
+}
+
+TEST_F(ProtocolTest, ARequestOfTheDeliverySideWritesNothingAndIsRemovedWhateverItsTypes) {
+  const Lines bodies[] = {{"HSET", "req/RequestData", "Status", "&&Object &&req/RequestData/Status"},
+                          {"SET", "req/RequestData", "no body"},
+                          {"SADD", "req/RequestData", "no body"},
+                          {"RPUSH", "&&other/RequestData", "x"}};
+  for (const Lines& body : bodies) {
+    SendArguments(redis(), std::vector<std::string_view>(body.begin(), body.end()));
+    const std::string key = body[1].substr(0, body[1].find('/'));
+    HashWrite(redis(), ChildKey(body[1], "Status"), "State", "\"Disabled\"");
+    HashWrite(redis(), ChildKey(body[1], "List/x"), "no marker", "leads here");
+    Announce(key + " FROM_EVENTING", "DELETE");
+  }
   Serve();
   EXPECT_EQ(Dump(), DatabaseDump());
 }
@@ -87,10 +107,16 @@ TEST_F(ProtocolTest, ARequestThatNobodyWaitsForIsRemoved) {
     for (const std::string& key : keys) HashWrite(redis(), key, "f", "v");
   }
   for (const char* key : {"req*1", "&&own", "end/"}) Announce(std::string(key) + " resp", "HEAD", "nobody's");
+  // No record stands there: only what lies below is the request's.
+  for (const char* key : {"bare/a", "&&bare/a", "barely", "//a", "/redfish/v1/X"}) HashWrite(redis(), key, "f", "v");
+  SendArguments(redis(), {"SET", "bare", "v"});
+  for (const char* text : {"bare resp", "/ resp"}) SendArguments(redis(), {"PUBLISH", "channel", text});
   Serve();
+  for (const char* key : {"bare/a", "&&bare/a", "//a"}) EXPECT_FALSE(KeyExists(redis(), key)) << key;
+  for (const char* key : {"bare", "barely", "/redfish/v1/X"}) EXPECT_TRUE(KeyExists(redis(), key)) << key;
   for (const std::string& key : removed) EXPECT_FALSE(KeyExists(redis(), key)) << key;
   for (const std::string& key : kept) EXPECT_TRUE(KeyExists(redis(), key)) << key;
-  EXPECT_EQ(log_.Errors().back(), "Failed to publish data.");
+  EXPECT_EQ(log_.Errors().at(log_.Errors().size() - 2), "Failed to publish data.");
 }
 
 TEST_F(ProtocolTest, WhatGoesWrongWithOneRequestDoesNotEndTheLoop) {
@@ -99,10 +125,21 @@ TEST_F(ProtocolTest, WhatGoesWrongWithOneRequestDoesNotEndTheLoop) {
   Announce("own  blank");
   Serve();
   Lines lines(5, "Request data format is incorrect.");
-  lines.emplace_back("OperationFailed: thrown");
+  lines.insert(lines.end(), {"OperationFailed: thrown", kEnded});
   EXPECT_EQ(log_.Errors(), lines);
   EXPECT_EQ(HashRead(redis(), "resp", kReturnStatus), "EXCEPTION");
   EXPECT_TRUE(KeyExists(redis(), " blank")) << "only the first blank divides";
+}
+
+TEST_F(ProtocolTest, ACommandConnectionThatFailsIsToldOnce) {
+  for (const char* announcement : {"req a", "req b"}) Announce(announcement);
+  proxy_.Reset({.cutAfter = 0});
+  Serve();
+  const std::string unanswered = "Failed to publish data.";
+  EXPECT_EQ(log_.Errors(),
+            (Lines{"refused", unanswered,
+                   "The command connection of the Test listener failed: requests are not answered any more.", "refused",
+                   unanswered, kEnded}));
 }
 
 }  // namespace

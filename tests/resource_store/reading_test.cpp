@@ -33,6 +33,7 @@ TEST_F(StoreTest, FollowsMarkersAsFarAsTheOptionsSay) {
       "&&Object &&/o/l/7"],"&&/o/l/7":{"y":"1"}})";
   constexpr const char* kLoop = R"({"/k":{"self":"&&Object self /k","child":"&&Object child &&/k/child"},
       "&&/k/child":{"up":"&&Object up /k","x":"1"}})";
+  std::set<std::string, std::less<>> overfull;
   const Json onlyA = {{"a", Json::object()}, {"b", 1}};
   const struct {
     const char* database;
@@ -40,13 +41,16 @@ TEST_F(StoreTest, FollowsMarkersAsFarAsTheOptionsSay) {
     const char* document;
   } cases[] = {
       {kShapes, {}, R"({"list":[{"@odata.id":"/m"},1]})"},
+      {kShapes,
+       {.overfullMembers = &overfull},
+       R"({"two":{},"list":["&&Object x y","&&Removed",{"@odata.id":"/m"},1]})"},
       {kShapes, {.withControlFields = true}, R"({"list":[{"@odata.id":"/m"},1],"&&N":"1","&&Raw":"&&Object x /o"})"},
       {kLoop, {}, R"({"self":{},"child":{"up":{},"x":1}})"},
       {kForeign, {}, R"({"a":{"x":1},"o":{"l":[{},{},{"y":1}]}})"},
       {kForeign, {.ownKeysOnly = true}, R"({"a":{"x":1},"o":{}})"},
       {kForeign, {.onlyMembersOf = &onlyA}, R"({"a":{"x":1},"o":{}})"},
       {kForeign,
-       {.followForeignMarkers = false},  // what a client sent as strings comes back as strings
+       {.overfullMembers = &overfull},  // what a client sent as strings comes back as strings
        R"({"a":{"x":1},"o":{"l":["&&Object &&/k/a","&&Object /o/l/x","&&Array a \"b\"",{"y":1}]}})"},
   };
   for (const auto& row : cases) {

@@ -75,6 +75,10 @@ class StartUpSandbox : public RedisTest {
     calls += "listen, ";
     return nullptr;
   }
+  static bool Await(std::chrono::milliseconds patience) {
+    calls += "await, ";
+    return patience == std::chrono::seconds(5);
+  }
   static void Generate(redisContext* redis, const ServiceSettings&) {
     if (thrownLast) std::rethrow_exception(thrownLast);
     const RedisReply blocked = SendCommand(redis, "SISMEMBER &&AccessBlockList EventService");
@@ -87,7 +91,7 @@ class StartUpSandbox : public RedisTest {
         thread, nullptr, [](void* result) { return result; }, entry(argument));
   }
 
-  const StartUpSteps steps_{Restore, Listen, Listen, Generate, CreateThread};
+  const StartUpSteps steps_{Restore, Listen, Listen, Await, Generate, CreateThread};
   ServiceSettings settings_;
   SubscriptionsState state_;
   std::string errors_;

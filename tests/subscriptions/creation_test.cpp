@@ -125,9 +125,9 @@ TEST_F(CreationTest, RefusalsLeaveRedisAsItWas) {
       {kBodies["TLS"], withdrawn},
       {kBodies["TLS"], withdrawn},
       {kBodies["TLS"], withdrawn},  // silent for 5 seconds
-      {Json::parse(R"({"Id": "a/../b c*", "VerifyCertificate": {"@odata.id": "a b"}})"),
+      {Json::parse(R"({"Id": "a/../b c*", "VerifyCertificate": {"@odata.id": "a-b"}})"),
        "FAILURE PropertyValueFormatError(a/../b c*, Id) @Id, "
-       R"(PropertyValueTypeError({"@odata.id":"a b"}, VerifyCertificate) @VerifyCertificate)"},
+       R"(PropertyValueTypeError({"@odata.id":"a-b"}, VerifyCertificate) @VerifyCertificate)"},
       {{{"HttpHeaders", {{{"X", std::string(8192, 'x')}}}}},
        "FAILURE PropertyValueError(HttpHeaders/0/X) @HttpHeaders/0/X"},
       {{{"Id", "Secret-01"}, {"SNMP", {{"EncryptionKey", "no password"}}}},

@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "requests/listener.h"
 #include "service/redis_keys.h"
 #include "subscriptions/generated_destinations.h"
 #include "subscriptions/subscriptions_listener.h"
@@ -27,10 +28,10 @@ class ListenerTest : public SubscriptionsTest {
   /// Paths, settings and state are changed only while no thread lives.
   void StartThread() {
     thread_ = std::thread([] { SubscriptionsListenerThread(nullptr); });
+    EXPECT_TRUE(AwaitListeners(1, std::chrono::seconds(5)));
   }
   void StopThread() {
     if (!thread_.joinable()) return;
-    Send("HEAD", kCollection);  // it has subscribed then
     SendCommand(redis(), "CLIENT KILL TYPE pubsub");
     thread_.join();
   }

@@ -1,5 +1,7 @@
 /// What the outside can do to the daemon: a board that lacks something, nonsense, keys of the wrong type, Redis or the
 /// daemon gone.
+#include <signal.h>
+
 #include <filesystem>
 #include <random>
 
@@ -72,6 +74,20 @@ TEST_F(Faults, NoPathHoldsUpTheStart) {
     daemon_.Kill();
     std::filesystem::remove(row.path);
   }
+}
+
+TEST_F(Faults, TheServiceIsReadyWhenBothListenersHearAndAHangUpDoesNotEndIt) {
+  const RedisContext monitor = Connect();
+  ASSERT_TRUE(SendCommand(monitor.get(), "MONITOR"));
+  ASSERT_TRUE(StartDaemon());
+  int subscriptions = 0;
+  for (std::string command; monitor->err == 0 && command.find("\"SREM\"") == std::string::npos;) {
+    command = TextOf(ReadReply(monitor.get()));
+    if (command.find("\"SUBSCRIBE\"") != std::string::npos) ++subscriptions;
+  }
+  EXPECT_EQ(subscriptions, 2);
+  kill(daemon_.Pid(), SIGHUP);
+  ExpectItServes();
 }
 
 TEST_F(Faults, AnnouncementsOfAnyBytesAndLengthsDoNoHarm) {

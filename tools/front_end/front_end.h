@@ -59,8 +59,7 @@ std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndReq
 /// Announces a stored request. True when a listener took the announcement.
 bool AnnounceRequest(redisContext* redis, std::string_view channel, const StoredRequest& stored);
 
-/// Announces it again and again until a listener takes it or `patience` is over: a service is ready a moment before its
-/// listeners have subscribed.
+/// Announces it again and again until a listener takes it or `patience` is over: the service may be starting.
 bool AnnounceUntilTaken(redisContext* redis, std::string_view channel, const StoredRequest& stored,
                         std::chrono::milliseconds patience);
 

@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "foundation/logging.h"
 #include "requests/event_service/patch_event_service.h"
 #include "requests/event_service/submit_test_event.h"
 #include "requests/gates.h"
@@ -39,13 +40,14 @@ void Say(const char* text) {
   std::fflush(stdout);
 }
 
-void Listen() {
+void Listen(ListenerOpening& opening) {
   const RedisContext subscriber = ConnectRedis();
   if (!subscriber) return Say("Failed to connect to Redis");
   RedisContext redis = ConnectRedis();
   if (!redis) return Say("Failed to connect to Redis");
   const RedisReply reply = SendArguments(subscriber.get(), {"SUBSCRIBE", kEventServiceChannel});
   if (!IsArray(reply)) return Say("Failed to subscribe channel.");
+  opening.End();
   UnsettledProperties unsettled;
   ServeRequests(subscriber.get(), {.redis = std::move(redis), .settings = ProcessSettings(), .unsettled = &unsettled},
                 kEventServiceRoutes);
@@ -53,14 +55,14 @@ void Listen() {
 
 }  // namespace
 
-const ServiceRoutes kEventServiceRoutes = {kRoutes, RefuseMethod};
+const ServiceRoutes kEventServiceRoutes = {"EventService", kRoutes, RefuseMethod};
 
 void* EventServiceListenerThread(void*) {
+  ListenerOpening opening;
   try {
-    Listen();
+    Listen(opening);
   } catch (const std::exception& error) {
-    std::printf("The EventService listener ended: %s\n", error.what());
-    std::fflush(stdout);
+    LogError("The EventService listener ended: %s", error.what());
   }
   return nullptr;
 }

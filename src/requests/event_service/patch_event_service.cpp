@@ -99,7 +99,7 @@ WriteOutcome WriteChanges(redisContext* redis, const ServiceValues& changed) {
                        .isSwitchWritten = switchAt && IsInteger(replies[*switchAt])};
   if (!outcome.isComplete) return outcome;
   if (!IsInteger(replies[etagAt])) LogError("Failed to set the etag of the EventService.");
-  outcome.eventGroupId = SettleEventGroupId(redis, replies[drawAt].get());
+  outcome.eventGroupId = SettleEventGroupId(redis, replies, drawAt);
   return outcome;
 }
 

@@ -85,7 +85,8 @@ bool RestorePersistentProperties(redisContext* redis, const ServiceSettings& set
   const ServiceValues changed = ChangedValues(properties.values, *stored);
   if (changed.empty()) return true;
   AppendServiceWrites(pipeline, changed);
-  AppendServiceEtag(pipeline);
+  // Start-up sets the password to null; putting it back makes no other content.
+  if (changed.size() > changed.count(kSmtpPassword)) AppendServiceEtag(pipeline);
   if (AllIntegers(pipeline.Execute())) return true;
   LogError("Failed to write the persistent properties into the database.");
   return false;

@@ -68,6 +68,7 @@ const ServiceProperty* FindProperty(std::string_view path) {
 
 std::optional<Fault> CheckValue(const ServiceProperty& property, const Json& value) {
   if (value.is_null() && property.nullable) return std::nullopt;
+  if (const std::optional<Fault> fault = CheckOverfull(value)) return fault;
   return property.check(value);
 }
 
@@ -99,7 +100,10 @@ class Judge {
  private:
   void JudgeSmtp(const Json& value, bool isServed) {
     if (!isServed) return Report(PropertyMessage(FaultKind::kNotWritable, kSmtp));
-    if (!value.is_object()) return Refuse(PropertyMessage(Fault{FaultKind::kType}, value, kSmtp, numbers_));
+    if (!value.is_object()) {
+      const Fault fault = CheckOverfull(value).value_or(Fault{FaultKind::kType});
+      return Refuse(PropertyMessage(fault, value, kSmtp, numbers_));
+    }
     for (const auto& [name, member] : value.items()) {
       const std::string path = std::string(kSmtp) + '/' + name;
       if (FindProperty(path) != nullptr) {

@@ -24,30 +24,6 @@ constexpr int kMaxKeyDraws = 10;
 
 constexpr std::string_view kSeverities[] = {"OK", "Warning", "Critical"};
 
-/// Takes a run of characters off the beginning; false when there is none.
-bool TakeRun(std::string_view& text, bool (*belongs)(char)) {
-  const auto end = std::ranges::find_if_not(text, belongs);
-  const bool some = end != text.begin();
-  text.remove_prefix(static_cast<size_t>(end - text.begin()));
-  return some;
-}
-
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-bool IsLetterOrDigit(char c) { return IsDigit(c) || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
-bool IsKeyCharacter(char c) { return IsLetterOrDigit(c) || c == '.'; }
-
-bool TakeDot(std::string_view& text) {
-  const bool isDot = text.starts_with('.');
-  if (isDot) text.remove_prefix(1);
-  return isDot;
-}
-
-/// Registry.Major.Minor.Key
-bool IsMessageId(std::string_view text) {
-  return TakeRun(text, IsLetterOrDigit) && TakeDot(text) && TakeRun(text, IsDigit) && TakeDot(text) &&
-         TakeRun(text, IsDigit) && TakeDot(text) && TakeRun(text, IsKeyCharacter) && text.empty();
-}
-
 /// A reference is stored as one word of a marker.
 bool IsOneWord(std::string_view text) {
   return !text.empty() && std::ranges::none_of(text, [](unsigned char c) { return c <= ' ' || c == 0x7F; });
@@ -71,7 +47,7 @@ constexpr Parameter kParameters[] = {
     {"EventType", [](const Json& value) { return CheckInWords(value, kEventTypes); }},
     {"Message", [](const Json& value) { return CheckText(value); }},
     {"MessageArgs", [](const Json& value) { return CheckArray(value); }},
-    {"MessageId", [](const Json& value) { return CheckForm(value, IsMessageId); }},
+    {"MessageId", [](const Json& value) { return CheckText(value); }},
     {"MessageSeverity", [](const Json& value) { return CheckInWords(value, kSeverities); }},
     {"OriginOfCondition", [](const Json& value) { return CheckForm(value, IsOneWord); }},
     {"Severity", [](const Json& value) { return CheckText(value); }},
@@ -80,7 +56,8 @@ constexpr Parameter kParameters[] = {
 std::optional<Fault> CheckParameter(std::string_view name, const Json& value) {
   const auto parameter = std::ranges::find(kParameters, name, &Parameter::name);
   if (parameter == std::end(kParameters)) return Fault{FaultKind::kUnknown};
-  return parameter->check(value);
+  const std::optional<Fault> overfull = CheckOverfull(value);
+  return overfull ? overfull : parameter->check(value);
 }
 
 // ---- Acting ---------------------------------------------------------------------------------------------------------
@@ -177,10 +154,6 @@ std::optional<Answer> TrySubmit(redisContext* redis, TestEventInput& input) {
 
 std::vector<Message> JudgeTestEvent(const Json& parameters, const NumberTexts& numbers) {
   std::vector<Message> faults;
-  if (!parameters.contains("MessageId")) {
-    faults.push_back(
-        {"Base.1.12.ActionParameterMissing", {std::string(kSubmitTestEventAction), "MessageId"}, {"MessageId"}});
-  }
   const auto report = [&](const std::optional<Fault>& fault, const Json& value, const std::string& path) {
     if (fault) faults.push_back(ParameterMessage(*fault, value, path, kSubmitTestEventAction, numbers));
     return fault.has_value();

@@ -11,7 +11,8 @@
 
 namespace event_service {
 
-/// The faults of the action's parameters, a missing MessageId first, then in the order of their names.
+/// The faults of the action's parameters, in the order of their names. Which of them must be there, and the form of a
+/// MessageId, are for the script to judge.
 std::vector<Message> JudgeTestEvent(const Json& parameters, const NumberTexts& numbers);
 
 /// What a test event gets where its client gave nothing.

@@ -46,6 +46,7 @@ void PropertyJudge::JudgeValue(const PropertyRule& rule, const Json& value, cons
 
 /// The value itself, not what it contains.
 std::optional<Fault> PropertyJudge::CheckValue(const PropertyRule& rule, const Json& value) const {
+  if (const std::optional<Fault> fault = CheckOverfull(value)) return fault;
   switch (rule.kind) {
     case PropertyKind::kText:
       return CheckTextValue(rule, value);
