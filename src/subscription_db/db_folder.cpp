@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <system_error>
 
 #include "foundation/durable_file.h"
 #include "foundation/logging.h"
@@ -20,8 +19,6 @@ namespace {
 
 constexpr int kLockTries = 100;
 constexpr std::chrono::microseconds kLockInterval{100'000};
-
-std::string ReasonOf(int error) { return std::generic_category().message(error); }
 
 void WarnOfOtherWriters(const Descriptor& folder, const std::string& path) {
   struct stat status;

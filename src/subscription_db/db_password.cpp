@@ -1,7 +1,6 @@
 // The password of the database file: read once, generated when there is none, never logged.
 #include <cerrno>
 #include <optional>
-#include <system_error>
 
 #include "foundation/durable_file.h"
 #include "foundation/logging.h"
@@ -14,8 +13,6 @@ namespace {
 
 constexpr std::string_view kAlphabet = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 constexpr size_t kPasswordLength = 16;
-
-std::string ReasonOf(int error) { return std::generic_category().message(error); }
 
 }  // namespace
 

@@ -31,6 +31,8 @@ std::string NameOfOlder(const std::string& path) {
 
 }  // namespace
 
+std::string ReasonOf(int error) { return std::generic_category().message(error); }
+
 bool MakePrivate(const std::string& path) {
   // A descriptor that needs no right to read, and that no FIFO keeps waiting.
   const Descriptor file(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -99,7 +101,7 @@ bool KeepAside(const std::string& path, const std::string& from) {
   const bool isReady =
       MakePrivate(from) && (!FileIsThere(keptAs) || std::rename(keptAs.c_str(), NameOfOlder(keptAs).c_str()) == 0);
   if (!isReady || std::rename(from.c_str(), keptAs.c_str()) != 0 || !SyncFolderOf(path)) {
-    LogError("Failed to keep the file %s aside: %s.", path.c_str(), std::generic_category().message(errno).c_str());
+    LogError("Failed to keep the file %s aside: %s.", path.c_str(), ReasonOf(errno).c_str());
     return false;
   }
   LogError("The file %s could not be read and is kept as %s.", path.c_str(), keptAs.c_str());

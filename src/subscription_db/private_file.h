@@ -9,6 +9,9 @@
 
 namespace event_service {
 
+/// The system's text for an error number.
+std::string ReasonOf(int error);
+
 /// Makes a file this user's alone (mode 600), and keeps what it holds. False with errno when it cannot be done, for
 /// anything but a regular file as WhyNotRegular says; symbolic links are not followed. Logs nothing.
 [[nodiscard]] bool MakePrivate(const std::string& path);
