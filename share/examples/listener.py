@@ -22,4 +22,6 @@ class Listener(http.server.BaseHTTPRequestHandler):
 
 
 port = int(sys.argv[1]) if len(sys.argv) > 1 else 8888
-http.server.ThreadingHTTPServer(("127.0.0.1", port), Listener).serve_forever()
+server = http.server.ThreadingHTTPServer(("127.0.0.1", port), Listener)
+print(f"Listening on http://127.0.0.1:{port}/", flush=True)
+server.serve_forever()

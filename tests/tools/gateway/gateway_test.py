@@ -396,7 +396,7 @@ class Clients(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             pathlib.Path(folder, "sandbox").symlink_to(sandbox.root)
             pathlib.Path(folder, "share").symlink_to(TREE / "share")
-            run = subprocess.run(["bash", "-euo", "pipefail", "-c", lines], cwd=folder, capture_output=True, text=True)
+            run = subprocess.run(["bash", "-euo", "pipefail", "-c", lines], cwd=folder, capture_output=True, text=True, timeout=120)
             listened, streamed = (pathlib.Path(folder, name).read_text() for name in ("listener.log", "stream.log"))
         self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
         self.assertIn("ResourceEvent.1.2.ResourceChanged /redfish/v1/EventService (Context: my first subscription)", listened)
