@@ -22,6 +22,23 @@ void CheckDestinations(std::string_view text) {
     if (!IsDestinationFor(protocol, text)) continue;
     Require(IsVisible(text), "a destination holds neither blanks nor control characters");
     Require(text.find_first_of("\"<>\\^`{|}") == std::string_view::npos, "nor what no URI may hold");
+    const size_t begin = text.find("://") == std::string_view::npos ? 0 : text.find("://") + 3;
+    const std::string_view authority = text.substr(begin, text.find_first_of("/?#", begin) - begin);
+    const bool isMail = protocol == "SMTP";
+    const size_t user = authority.rfind('@');
+    Require(isMail || user == std::string_view::npos || authority.substr(0, user).find(':') == std::string_view::npos,
+            "nor a password");
+  }
+}
+
+/// Whatever a password is made of, it is not shown with the destination that it stands in.
+void CheckPasswords(std::string_view text) {
+  constexpr std::string_view kMark = "-secret-";
+  const bool isPartOfUri = text.starts_with("//") || text.find('@') != std::string_view::npos;
+  if (isPartOfUri || text.find(kMark) != std::string_view::npos) return;
+  for (const char* prefix : {"https://user:", "snmp://:", "mailto:user:", "user:"}) {
+    const std::string destination = prefix + std::string(text) + std::string(kMark) + "@host";
+    Require(WithoutPassword(destination).find(kMark) == std::string::npos, "no password is shown");
   }
 }
 
@@ -55,6 +72,7 @@ void CheckKey(std::string_view text, bool (*isKey)(std::string_view), const char
 
 void Fuzz(std::string_view input) {
   CheckDestinations(input);
+  CheckPasswords(input);
   CheckReference(input);
   CheckTimeStamp(input);
   CheckKey(input, IsSnmpAuthenticationKey, "{24,96}");

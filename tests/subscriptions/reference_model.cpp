@@ -99,7 +99,7 @@ Json WithoutPassword(const Json& value) {
   const std::string text = value.is_string() ? value.get<std::string>() : "";
   const size_t at = text.rfind('@');
   if (at == std::string::npos) return value;
-  static const std::regex kScheme("^(?:[\\s\\S]*?://|mailto:)", std::regex::icase);
+  static const std::regex kScheme("^(?:[^:]*://|mailto:)", std::regex::icase);
   const std::string user = std::regex_replace(text.substr(0, at), kScheme, "", std::regex_constants::format_first_only);
   return user.find(':') == std::string::npos ? value : Json("..." + text.substr(at));
 }

@@ -152,8 +152,9 @@ std::string WithoutPassword(std::string_view destination) {
   const size_t at = destination.rfind('@');
   if (at == std::string_view::npos) return std::string(destination);
   std::string_view userInfo = destination.substr(0, at);
-  if (const size_t authority = userInfo.find("://"); authority != std::string_view::npos) {
-    userInfo.remove_prefix(authority + 3);
+  // A later "://" may be a part of the password.
+  if (const size_t colon = userInfo.find(':'); colon != userInfo.npos && userInfo.substr(colon).starts_with("://")) {
+    userInfo.remove_prefix(colon + 3);
   } else if (IsMailUri(userInfo)) {
     userInfo.remove_prefix(kMailScheme.size());
   }

@@ -1,4 +1,4 @@
-/// Secrets in bodies, made recognisable.
+/// What messages about a body hold: no secrets, which are made recognisable, and nothing without end.
 #pragma once
 
 #include <algorithm>
@@ -14,6 +14,9 @@ namespace event_service::fuzz {
 
 inline constexpr std::string_view kMark = "@secret@";
 
+/// True for a body that holds the mark by itself; nothing can be told from it.
+inline bool HoldsMark(const Json& body) { return body.dump().find(kMark) != std::string::npos; }
+
 /// The body with every text marked that is a secret, or stands in a member whose name makes it one.
 inline Json WithMarkedSecrets(Json value, bool isSecret = false) {
   constexpr std::string_view kSecrets[] = {"AuthenticationKey", "EncryptionKey", "HttpHeaders", "Password",
@@ -27,10 +30,14 @@ inline Json WithMarkedSecrets(Json value, bool isSecret = false) {
   return value;
 }
 
-inline void RequireNoSecretIn(const std::vector<Message>& messages) {
+/// The messages about a marked body, or about any.
+inline void CheckMessages(const std::vector<Message>& messages) {
+  constexpr std::ptrdiff_t kMostCharacters = 256;
   for (const Message& message : messages) {
     for (const std::string& argument : message.args) {
       Require(argument.find(kMark) == std::string::npos, "no message repeats a secret");
+      const auto beginsCharacter = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; };
+      Require(std::ranges::count_if(argument, beginsCharacter) <= kMostCharacters, "no argument is longer");
     }
   }
 }
