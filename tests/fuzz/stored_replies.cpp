@@ -35,7 +35,7 @@ void Fuzz(std::string_view input) {
     case '1':
       return Read(redis, {.knownKind = ContainerKind::kObject, .withControlFields = true});
     case '2':
-      return Read(redis, {.knownKind = ContainerKind::kArray, .followForeignMarkers = false});
+      return Read(redis, {.knownKind = ContainerKind::kArray});
     case '3':
       return Read(redis, {.ownKeysOnly = true, .onlyMembersOf = &kOnly});
     case '4':

@@ -18,8 +18,8 @@ const Json kValues = Json::parse(R"([
     "user@host", "https://user@host/", "https://@h/", "//host/x", "HTTP://host:/", "https://host:0/", "https:host",
     "https://*/", "http://[::1", "https://[v1.a]/", "redfish-sse://h", "syslog://h@h", "MAILTO:a@b", "mailto:@b",
     "mailto:a@b,", "mailto:a%0dRcpt@b", "mailto:a@b?subject=x", "mailto:-a@b", "Total_Num_Subscriber", "Members", "_.",
-    "-a", "snmp://", "snmp://[::1]:162", "snmp://u:p@h", "https://u:p@ss@h/", "u:p@h", "u:p://s@h", "https://[fe80::1%25eth0.1]/",
-    "[::1%25]", "a..b", "-a.b", "a.-b"])");
+    "-a", "snmp://", "snmp://[::1]:162", "snmp://u:p@h", "https://u:p@ss@h/", "u:p@h", "u:p://s@h",
+    "https://[fe80::1%25eth0.1]/", "[::1%25]", "a..b", "-a.b", "a.-b"])");
 
 const Json kNames = Json::parse(R"([
     "Actions", "Context", "Description", "Destination", "EventFormatType", "EventTypes", "HeartbeatIntervalMinutes",
