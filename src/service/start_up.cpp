@@ -2,6 +2,8 @@
 
 #include <malloc.h>
 
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <regex>
 #include <stdexcept>
@@ -9,6 +11,7 @@
 #include <utility>
 
 #include "foundation/logging.h"
+#include "foundation/service_manager.h"
 #include "platform/conf_parser/conf_parser.h"
 #include "service/event_group_id.h"
 #include "service/event_service_init.h"
@@ -103,6 +106,9 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
   // The front end hands over requests from here on.
   if (!IsInteger(SendArguments(redis.get(), {"SREM", "&&AccessBlockList", "EventService"}))) {
     LogError("EventService is ready, but fail to remove it from the block list.");
+  }
+  if (!TellServiceManagerReady()) {
+    LogError("Failed to tell the service manager that the service is ready: %s.", std::strerror(errno));
   }
   try {
     steps.createGeneratedDestinations(redis.get(), settings);

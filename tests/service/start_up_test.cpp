@@ -1,5 +1,11 @@
 #include "service/start_up.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -54,6 +60,28 @@ TEST_F(StartUpTest, AStartFillsSettingsStateAndQueues) {
     EXPECT_EQ(dump["map script runs"], trips == 13 ? "1" : "2");
     ListAppend(redis(), "&&/redfish/v1/JsonSchemas/Members", "/New");
     AddRegistry("New.json", "\"New\"");
+  }
+}
+
+TEST_F(StartUpTest, TheServiceManagerIsToldAfterTheListenersRun) {
+  const std::string path = Sandbox().Root() + "/notify";
+  const struct {
+    std::string variable, boundTo;
+  } cases[] = {{path, path}, {"@" + path, std::string("\0", 1) + path}, {path + "2", ""}, {std::string(200, 'x'), ""}};
+  for (const auto& row : cases) {
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    row.boundTo.copy(address.sun_path, sizeof address.sun_path);
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + row.boundTo.size());
+    ASSERT_TRUE(row.boundTo.empty() || bind(manager, reinterpret_cast<sockaddr*>(&address), length) == 0);
+    setenv("NOTIFY_SOCKET", row.variable.c_str(), 1);
+    EXPECT_EQ(Start(), 0);
+    unsetenv("NOTIFY_SOCKET");
+    char message[32] = "";
+    recv(manager, message, sizeof message - 1, MSG_DONTWAIT);
+    close(manager);
+    EXPECT_STREQ(message, row.boundTo.empty() ? "" : "READY=1") << row.variable;
+    EXPECT_EQ(errors_.starts_with("Failed to tell the service manager"), row.boundTo.empty()) << errors_;
   }
 }
 
