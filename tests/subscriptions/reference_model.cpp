@@ -199,7 +199,8 @@ class Model {
     for (const auto& [name, value] : element.items()) {
       if (PassedOver(name)) continue;
       const std::string text = value.is_string() ? value.get<std::string>() : "\n";
-      const bool isText = std::none_of(text.begin(), text.end(), [](char c) { return (c >= 0 && c < 32) || c == 127; });
+      const bool isText =
+          std::none_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 32 || c == 127; });
       const std::string lower = std::regex_replace(name, std::regex("H"), "h");
       const bool isName = Matches(name, "[-!#$%&'*+.^_`|~0-9A-Za-z]+") &&
                           !In(lower, {"host", "Content-Length", "Transfer-Encoding", "Connection", "UPGRADE"});

@@ -247,26 +247,63 @@ size_t OpenDescriptors(pid_t pid) {
   return static_cast<size_t>(std::distance(begin(folder), end(folder)));
 }
 
-TEST_F(Soak, ManyChangesCostNeitherMemoryNorDescriptorsNorKeys) {
+// What is measured is the daemon that ships, run by the machine itself.
+#if defined(NDEBUG) && defined(__x86_64__)
+constexpr bool kHasBudget = true;
+#else
+constexpr bool kHasBudget = false;
+#endif
+
+TEST_F(Soak, TheIdleDaemonKeepsWithinItsBudget) {
+  for (int i = 0; i < 20; ++i) Create({{"Destination", "https://c.example.com"}, {"Protocol", "Redfish"}});
+  daemon_.Kill();
+  FillRedis();
+  for (int i = 0; i < 3000; ++i) {
+    const std::string key = "/redfish/v1/schemas/registries/Many.1.0.0.json/Messages/Message" + std::to_string(i);
+    ASSERT_TRUE(HashWrite(redis(), key, "Severity", "\"OK\""));
+  }
+  ASSERT_TRUE(StartDaemon());
+  AskShort("HEAD", kCollection);
+  const struct {
+    const char* figure;
+    long most;  // KiB
+  } budget[] = {{"VmRSS", 5376}, {"RssAnon", 1280}, {"VmSize", 10240}};
+  for (const auto& row : budget) {
+    const long figure = StatusFigure(daemon_.Pid(), row.figure);
+    std::printf("%s %ld KiB, at most %ld\n", row.figure, figure, row.most);
+    EXPECT_TRUE(!kHasBudget || figure <= row.most) << row.figure;
+  }
+}
+
+TEST_F(Soak, ManyRequestsCostNeitherMemoryNorDescriptorsNorKeys) {
   const std::string uri = Create(kEveryKind[0]);
-  const auto change = [&](int times) {
-    for (int i = 0; i < times; ++i) {
+  const auto ask = [&](int cycles) {
+    for (int i = 0; i < cycles; ++i) {
       const Json body = {{"Context", std::to_string(i)}, {"HttpHeaders", Json::array({{{"X-A", std::to_string(i)}}})}};
       ASSERT_EQ(AskShort("PATCH", uri, body.dump()), "OK_RES Base.1.12.Success()");
+      const Json attempts = {{"DeliveryRetryAttempts", 1 + i % 10}};
+      ASSERT_EQ(AskShort("PATCH", kService, attempts.dump()), "OK_RES Base.1.12.Success()");
+      ASSERT_EQ(AskShort("GET", uri), "");
+      ASSERT_NE(AskShort("POST", kCollection, R"({"Protocol": "Carrier pigeon"})").substr(0, 2), "OK");
+      ASSERT_EQ(AskShort("DELETE", Create(kEveryKind[1])), "OK_EMPTY");
     }
   };
-  change(50);  // what is allocated once has been by then
+  // The events about the changes, queued or stored, are the delivery side's.
+  const auto countKeys = [&] {
+    return std::ranges::count_if(
+        Dump(), [](const auto& entry) { return entry.first.find("/EventService/Actions/") == std::string::npos; });
+  };
+  ask(10);  // what is allocated once has been by then
   const long memory = StatusFigure(daemon_.Pid(), "RssAnon");
   const size_t descriptors = OpenDescriptors(daemon_.Pid());
-  const size_t keys = Dump().size();
-  change(Times(100));
+  const auto keys = countKeys();
+  ask(Times(20));
   std::printf("RssAnon %ld -> %ld KiB\n", memory, StatusFigure(daemon_.Pid(), "RssAnon"));
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_LE(StatusFigure(daemon_.Pid(), "RssAnon"), memory + 64);
 #endif
   EXPECT_EQ(OpenDescriptors(daemon_.Pid()), descriptors);
-  // The events about the changes are the delivery side's, and lie in its queue.
-  EXPECT_EQ(Dump().size(), keys);
+  EXPECT_EQ(countKeys(), keys);
 }
 
 }  // namespace
