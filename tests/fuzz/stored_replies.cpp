@@ -31,11 +31,12 @@ void Fuzz(std::string_view input) {
   CannedConnection connection(input);
   redisContext* const redis = connection.redis();
   static const Json kOnly = {{"a", 1}};
+  std::set<std::string, std::less<>> overfull;
   switch (choice.empty() ? '0' : choice.front()) {
     case '1':
       return Read(redis, {.knownKind = ContainerKind::kObject, .withControlFields = true});
     case '2':
-      return Read(redis, {.knownKind = ContainerKind::kArray});
+      return Read(redis, {.knownKind = ContainerKind::kArray, .overfullMembers = &overfull});
     case '3':
       return Read(redis, {.ownKeysOnly = true, .onlyMembersOf = &kOnly});
     case '4':
