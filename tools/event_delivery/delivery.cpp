@@ -19,9 +19,10 @@ constexpr seconds kRedisPatience{5};
 constexpr milliseconds kFirstPause{100};
 constexpr milliseconds kLongestPause{10000};
 constexpr seconds kLongestWait{60};
-constexpr seconds kFarewell{2};           // for what is being sent when the program ends
-constexpr seconds kAskAgain{1};           // when nobody took a request
-constexpr seconds kTimeForChange{30};     // until a subscription that should have been changed is served again
+constexpr seconds kFarewell{2};        // for what is being sent when the program ends
+constexpr seconds kAskAgain{1};        // when nobody took a request
+constexpr seconds kTimeForChange{30};  // until a subscription that should have been changed is served again
+constexpr size_t kLongestShown = 256;
 constexpr size_t kShortestDeletable = 8;  // the service deletes no subscription with a shorter Id
 
 RedisContext Connect() {
@@ -51,6 +52,15 @@ std::vector<size_t> AllRecords(const Json& document) {
   std::vector<size_t> records(document["Events"].size());
   for (size_t i = 0; i < records.size(); ++i) records[i] = i;
   return records;
+}
+
+/// For the log; a whole document is not repeated there.
+std::string ShownKey(const std::string& text) {
+  if (!text.starts_with("&&")) return "a document";
+  std::string shown = text.substr(0, kLongestShown);
+  std::ranges::replace_if(
+      shown, [](unsigned char c) { return c < ' ' || c == '\x7f'; }, '?');
+  return shown;
 }
 
 /// What the service is asked to do with a subscription whose retries have failed.
@@ -189,8 +199,7 @@ bool Delivery::Dispatch(const std::string& text) {
   const bool isEvent = Read(element);
   if (redis_->err != 0) return false;
   if (!isEvent) {
-    LogError("An element of the queue is no event that can be delivered: %.*s",
-             static_cast<int>(text.starts_with("&&") ? std::min<size_t>(text.size(), 256) : 0), text.c_str());
+    LogError("An element of the queue is no event that can be delivered: %s", ShownKey(text).c_str());
     return IsInteger(SendArguments(redis_.get(), {"LREM", kTakenList, "1", text}));
   }
   const std::optional<std::vector<Receiver>> receivers = ReceiversOf(element.document);
