@@ -112,7 +112,7 @@ steady_clock::time_point EventStream::LastPush() {
   return lastPush_;
 }
 
-EventStreams::EventStreams(std::function<bool(const std::string& uri)> deleteSubscription)
+EventStreams::EventStreams(Deletion deleteSubscription)
     : deleteSubscription_(std::move(deleteSubscription)), wakeUp_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
 EventStreams::~EventStreams() {
@@ -153,7 +153,7 @@ void EventStreams::Wake() {
   eventfd_write(wakeUp_, 1);
 }
 
-void EventStreams::Deleted(const std::string& uri) {
+void EventStreams::ForgetDeletion(const std::string& uri) {
   const std::lock_guard lock(mutex_);
   deleting_.erase(uri);
 }
@@ -275,7 +275,7 @@ void EventStreams::Delete(const std::string& uri) {
     const std::lock_guard lock(mutex_);
     if (!deleting_.insert(uri).second) return;
   }
-  if (!deleteSubscription_(uri)) Deleted(uri);
+  if (!deleteSubscription_(uri, [this, uri] { ForgetDeletion(uri); })) ForgetDeletion(uri);
 }
 
 }  // namespace event_service

@@ -63,9 +63,11 @@ class EventStream {
 
 class EventStreams {
  public:
-  /// `deleteSubscription` is asked to delete the subscription at a URI and to call Deleted afterwards; false when it
-  /// cannot take the job now.
-  explicit EventStreams(std::function<bool(const std::string& uri)> deleteSubscription);
+  /// Takes the order to delete the subscription at a URI and calls `done` when it has been carried out, whatever came
+  /// of it: what still exists then is found by the next comparison. False when it cannot take the order now.
+  using Deletion = std::function<bool(const std::string& uri, const std::function<void()>& done)>;
+
+  explicit EventStreams(Deletion deleteSubscription);
   ~EventStreams();
 
   void Start();
@@ -76,7 +78,6 @@ class EventStreams {
   std::shared_ptr<EventStream> Create();
   /// Something may have ended: streams and subscriptions are compared at once.
   void Wake();
-  void Deleted(const std::string& uri);
 
  private:
   using Streams = std::vector<std::shared_ptr<EventStream>>;
@@ -91,7 +92,9 @@ class EventStreams {
   void EndWithoutSubscription(const std::set<std::string>& channels);
   void Delete(const std::string& uri);
 
-  const std::function<bool(const std::string& uri)> deleteSubscription_;
+  void ForgetDeletion(const std::string& uri);
+
+  const Deletion deleteSubscription_;
   std::mutex mutex_;
   std::vector<std::weak_ptr<EventStream>> streams_;
   std::set<std::string> deleting_;  // URIs

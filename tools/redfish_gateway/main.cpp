@@ -58,14 +58,12 @@ HttpAnswer RefuseUnread(const Gateway& gateway, int status) {
 int Run(const GatewaySettings& settings) {
   const sigset_t endSignals = BlockEndSignals();
   WorkerPool workers(kWorkers, {.answer = settings.answerTime});
-  EventStreams* deleted = nullptr;
-  EventStreams streams([&](const std::string& uri) {
-    return workers.Submit([&deleted, uri](FrontEndLink& link) {
+  EventStreams streams([&](const std::string& uri, const std::function<void()>& done) {
+    return workers.Submit([uri, done](FrontEndLink& link) {
       DeleteStreamSubscription(link, uri);
-      deleted->Deleted(uri);
+      done();
     });
   });
-  deleted = &streams;
   Gateway gateway{settings, streams};
   if (!LoadOwnResources(gateway, Environment("REDFISH_REGISTRIES"))) return 1;
   HttpServer server(workers,
