@@ -95,6 +95,11 @@ class Sandbox:
         self.programs[name].send_signal(number)
         if number == signal.SIGKILL:
             self.programs[name].wait()
+        if number == signal.SIGSTOP:
+            # A stop is complete when each thread has come to it.
+            tasks = pathlib.Path(f"/proc/{self.programs[name].pid}/task")
+            stopped = lambda: all((task / "stat").read_text().split(") ")[1][0] == "T" for task in tasks.iterdir())
+            assert eventually(stopped), f"{name} does not stop"
 
     def stop(self):
         for program in reversed(self.programs.values()):
