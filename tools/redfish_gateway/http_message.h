@@ -20,7 +20,8 @@ class EventStream;
 struct IgnoringCase {
   using is_transparent = void;
   bool operator()(std::string_view a, std::string_view b) const {
-    const int order = strncasecmp(a.data(), b.data(), std::min(a.size(), b.size()));
+    const size_t common = std::min(a.size(), b.size());
+    const int order = common == 0 ? 0 : strncasecmp(a.data(), b.data(), common);  // an empty view may have no address
     return order != 0 ? order < 0 : a.size() < b.size();
   }
 };
