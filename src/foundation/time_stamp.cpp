@@ -1,8 +1,13 @@
 #include "foundation/time_stamp.h"
 
+#include <mutex>
+
 namespace event_service {
 
 std::optional<std::tm> LocalTime(std::time_t time) {
+  // The C library may do without, but does not promise it: the zone is the process's.
+  static std::mutex mutex;
+  const std::lock_guard guard(mutex);
   tzset();  // localtime_r alone goes on with the zone of its first call
   std::tm local{};
   if (localtime_r(&time, &local) == nullptr) return std::nullopt;
