@@ -130,8 +130,8 @@ TEST_F(LifeTest, AFailedCommandLeavesOneStepUndoneAtMostAndIsTold) {
        }},
       {"DELETE", Json(),
        [&] {
-         return Steps{!KeyListing(redis(), "*Subscriptions/trap-tls*").empty(), !KeyListing(redis(), "&&subs:*").empty(),
-                      !Elements(kMembers).empty()};
+         return Steps{!KeyListing(redis(), "*Subscriptions/trap-tls*").empty(),
+                      !KeyListing(redis(), "&&subs:*").empty(), !Elements(kMembers).empty()};
        }},
   };
   for (const auto& row : cases) {
