@@ -101,7 +101,7 @@ demo() {
 
   part "Bad test events are refused, each for its reason"
   request POST "$test_event" '{"EventId": "7"}'
-  holds 'HTTP 400' 'ActionParameterMissing: EventService.SubmitTestEvent, MessageId.'
+  holds 'HTTP 400' Base.1.12.ActionParameterMissing '"EventService.SubmitTestEvent"'
   request POST "$test_event" '{"MessageId": "ResourceEvent.1.2.ResourceChanged", "EventGroupId": "seven"}'
   holds 'HTTP 400' Base.1.12.ActionParameterValueTypeError
 
@@ -146,16 +146,16 @@ demo() {
 
   part "Bad subscriptions are refused, with a message for each property, and nothing is created"
   request POST "$collection" '{"Destination": "ftp://example.com", "Protocol": "Redfish", "Colour": "red"}'
-  holds 'HTTP 400' 'PropertyUnknown: Colour.' Base.1.12.PropertyValueFormatError '#/Destination'
+  holds 'HTTP 400' Base.1.12.PropertyUnknown '"Colour"' Base.1.12.PropertyValueFormatError '#/Destination'
   request POST "$collection" '{"Destination": "https://example.com", "Protocol": "Redfish",
   "MessageIds": ["Base.1.12.Success"], "RegistryPrefixes": ["Base"]}'
-  holds 'HTTP 400' 'UnprocessableEntity: RegistryPrefixes, MessageIds.'
+  holds 'HTTP 400' ExtendedError.1.2.UnprocessableEntity '"RegistryPrefixes"' '"MessageIds"'
   request GET "$collection"
   holds '"Members@odata.count": 2'
 
   part "The subscription is changed"
   request PATCH "$member" '{"Context": "rack 8", "Protocol": "SMTP"}'
-  holds 'HTTP 200' '"Context": "rack 8"' 'PropertyNotWritable: Protocol.'
+  holds 'HTTP 200' '"Context": "rack 8"' Base.1.12.PropertyNotWritable
   request PATCH "$member" '{"Context": "rack 8"}'
   holds 'HTTP 200' Base.1.12.NoOperation
 
