@@ -85,11 +85,18 @@ uint32_t SettleEventGroupId(redisContext* redis, std::span<const RedisReply> rep
   return static_cast<uint32_t>(maximum);
 }
 
+void DrawEventGroupId(redisContext* redis, RedisPipeline& pipeline, uint32_t& id) {
+  const size_t draw = AppendEventGroupIdDraw(pipeline);
+  const size_t commands = pipeline.Size() - draw;
+  pipeline.Then([=, &id](Replies replies) { id = SettleEventGroupId(redis, replies.last(commands), 0); });
+}
+
 uint32_t NextEventGroupId(redisContext* redis) {
+  uint32_t id = 0;
   RedisPipeline pipeline(redis);
-  AppendEventGroupIdDraw(pipeline);
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  return SettleEventGroupId(redis, replies, 0);
+  DrawEventGroupId(redis, pipeline, id);
+  pipeline.Execute();
+  return id;
 }
 
 }  // namespace event_service

@@ -21,6 +21,10 @@ void ForgetMaxEventGroupId();
 /// counter that cannot be incremented, or is below 1, is logged and restarts at 1.
 uint32_t NextEventGroupId(redisContext* redis);
 
+/// The same as a step of a batch: `id` is set when the batch has been executed. The maximum is read along while it is
+/// not known; one more round trip is made at the maximum only.
+void DrawEventGroupId(redisContext* redis, RedisPipeline& pipeline, uint32_t& id);
+
 /// The same in two halves, so that the draw can travel with other commands: append it, which gives its position, then
 /// settle it out of the replies of the whole batch. The maximum is read along while it is not known, so that settling
 /// needs no round trip but at the maximum itself.

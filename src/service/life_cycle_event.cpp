@@ -58,6 +58,12 @@ bool CheckLifeCycleReply(const redisReply* reply, std::string_view resourcePath)
   return false;
 }
 
+void RaiseLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event) {
+  if (!AppendLifeCycleEvent(pipeline, digest, event)) return;
+  pipeline.Then(
+      [path = std::string(event.resourcePath)](Replies replies) { CheckLifeCycleReply(replies.back().get(), path); });
+}
+
 bool RaiseLifeCycleEvent(redisContext* redis, const LifeCycleEvent& event) {
   if (!LifeCycleEventsEnabled()) return true;
   if (event.change.empty() || event.resourcePath.empty()) return false;

@@ -33,6 +33,10 @@ void ForgetLifeCycleSetting();
 /// false.
 bool RaiseLifeCycleEvent(redisContext* redis, const LifeCycleEvent& event);
 
+/// The same as a step of a batch, with the script's digest at hand. Nothing is sent when the feature is off, or kind or
+/// path is empty. The texts of `event` need not live until the batch is executed.
+void RaiseLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event);
+
 /// The same in two halves, with the script's digest at hand, so that events can travel with other commands. Append
 /// gives false when nothing was appended: the feature is off, or kind or path is empty.
 bool AppendLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event);
