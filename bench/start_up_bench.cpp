@@ -144,8 +144,8 @@ void RunDiscovery(redisContext* redis) {
   const std::vector<RedisReply> found = pipeline.Execute();
   AllowedValuesTable allowed;
   InitMessageIds(found[0].get(), allowed);
-  allowed["ResourceTypes"] = SortedOnce(ElementsOf(found[1].get()));
-  allowed["RegistryPrefixes"] = SortedOnce(ElementsOf(found[2].get()));
+  allowed["ResourceTypes"] = SortedOnce(TextsOf(found[1]));
+  allowed["RegistryPrefixes"] = SortedOnce(TextsOf(found[2]));
   benchmark::DoNotOptimize(allowed);
 }
 

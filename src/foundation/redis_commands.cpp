@@ -117,6 +117,14 @@ std::string_view TextOf(const redisReply* reply) {
   return hasText ? std::string_view(reply->str, reply->len) : std::string_view();
 }
 
+std::vector<std::string_view> TextsOf(const redisReply* reply) {
+  std::vector<std::string_view> texts;
+  if (!IsArray(reply)) return texts;
+  texts.reserve(reply->elements);
+  for (const redisReply* element : std::span(reply->element, reply->elements)) texts.push_back(TextOf(element));
+  return texts;
+}
+
 std::string HashRead(redisContext* redis, std::string_view key, std::string_view field) {
   const RedisReply reply = SendArguments(redis, {"HGET", key, field});
   return IsString(reply) ? std::string(TextOf(reply)) : std::string();
@@ -155,14 +163,9 @@ bool KeyExists(redisContext* redis, std::string_view key) {
 bool KeyDelete(redisContext* redis, std::string_view key) { return IsInteger(SendArguments(redis, {"DEL", key})); }
 
 std::vector<std::string> KeyListing(redisContext* redis, std::string_view pattern) {
-  std::vector<std::string> keys;
   const RedisReply reply = SendArguments(redis, {"keys", pattern});
-  if (!IsArray(reply)) return keys;
-  keys.reserve(reply->elements);
-  for (const redisReply* key : std::span(reply->element, reply->elements)) {
-    if (IsString(key)) keys.emplace_back(TextOf(key));
-  }
-  return keys;
+  const std::vector<std::string_view> keys = TextsOf(reply);
+  return {keys.begin(), keys.end()};
 }
 
 std::string EscapeGlob(std::string_view text) {

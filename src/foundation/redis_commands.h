@@ -74,6 +74,11 @@ bool IsWrongType(const RedisReply& reply);
 std::string_view TextOf(const redisReply* reply);
 inline std::string_view TextOf(const RedisReply& reply) { return TextOf(reply.get()); }
 
+/// The texts of an array reply's elements, empty where one has none; no texts for any other reply and for a null one.
+/// They live as long as the reply.
+std::vector<std::string_view> TextsOf(const redisReply* reply);
+inline std::vector<std::string_view> TextsOf(const RedisReply& reply) { return TextsOf(reply.get()); }
+
 /// The text of a field; empty for a missing field, an error or no reply.
 std::string HashRead(redisContext* redis, std::string_view key, std::string_view field);
 /// Sets one field to the text as it stands. True exactly when Redis answered with an integer, as for every write below.

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "foundation/logging.h"
+#include "foundation/text_numbers.h"
 #include "platform/conf_parser/conf_parser.h"
 #include "service/redis_keys.h"
 
@@ -18,7 +19,6 @@ constexpr std::string_view kNoResourceTypes[] = {
     "odata", "odata-v4", "redfish-schema", "redfish-payload-annotations", "redfish-schema-v1", "redfish-error"};
 
 // The classes of the patterns. "." matches no line end.
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsWord(char c) { return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
 constexpr std::string_view kLineEnds = "\r\n";
 
@@ -104,7 +104,7 @@ void DiscoveryReads::Take(std::span<RedisReply> replies) {
 void DiscoveryReads::AppendPrefixes(RedisPipeline& pipeline) {
   first_ = pipeline.Size();
   if (HasElements(registryPrefixes.length.get())) return;
-  for (const std::string_view key : ElementsOf(registryPrefixes.source.get())) {
+  for (const std::string_view key : TextsOf(registryPrefixes.source)) {
     pipeline.Append({"HGET", key, "RegistryPrefix"});
   }
 }
@@ -120,7 +120,7 @@ bool InitResourceTypes(redisContext* redis, const ListReads& reads) {
     return false;
   }
   std::vector<std::string> types;
-  for (const std::string_view element : ElementsOf(reads.source.get())) {
+  for (const std::string_view element : TextsOf(reads.source)) {
     const std::optional<std::string_view> name = SchemaNameOf(element);
     if (!name || std::ranges::find(kNoResourceTypes, *name) != std::end(kNoResourceTypes)) continue;
     types.push_back('"' + std::string(*name) + '"');
@@ -153,7 +153,7 @@ bool InitRegistryPrefixes(redisContext* redis, const FilePaths& paths, const Lis
 }
 
 void InitMessageIds(const redisReply* messageKeys, AllowedValuesTable& allowedValues) {
-  const std::vector<std::string_view> keys = ElementsOf(messageKeys);
+  const std::vector<std::string_view> keys = TextsOf(messageKeys);
   std::vector<std::string> ids;
   ids.reserve(keys.size());
   for (const std::string_view key : keys) {
@@ -165,14 +165,6 @@ void InitMessageIds(const redisReply* messageKeys, AllowedValuesTable& allowedVa
     return;
   }
   allowedValues["MessageIds"] = std::move(ids);
-}
-
-std::vector<std::string_view> ElementsOf(const redisReply* reply) {
-  std::vector<std::string_view> texts;
-  if (!IsArray(reply)) return texts;
-  texts.reserve(reply->elements);
-  for (const redisReply* element : std::span(reply->element, reply->elements)) texts.push_back(TextOf(element));
-  return texts;
 }
 
 std::vector<std::string> SortedOnce(std::span<const std::string_view> texts) {

@@ -68,9 +68,6 @@ inline constexpr std::string_view kMessageKeys = "&&/redfish/v1/schemas/registri
 /// Sets the allowed "MessageIds" to the ids that the keys stand for; logged, and nothing set, when there is none.
 void InitMessageIds(const redisReply* messageKeys, AllowedValuesTable& allowedValues);
 
-/// The texts of an array reply, which they live as long as; none for any other reply.
-std::vector<std::string_view> ElementsOf(const redisReply* reply);
-
 /// The texts in ascending order, each once.
 std::vector<std::string> SortedOnce(std::span<const std::string_view> texts);
 

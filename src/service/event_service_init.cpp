@@ -62,9 +62,9 @@ bool PublishMembersCount(redisContext* redis, SubscriptionsState& state, const r
 /// Allowed values and filter bits from the lists as Redis holds them.
 void LoadDiscoveredLists(const redisReply* types, const redisReply* prefixes, ServiceSettings& settings,
                          SubscriptionsState& state) {
-  const std::vector<std::string_view> prefixesInOrder = ElementsOf(prefixes);
+  const std::vector<std::string_view> prefixesInOrder = TextsOf(prefixes);
   state.registryPrefixBits = MakeRegistryPrefixBits(prefixesInOrder);
-  settings.allowedValues["ResourceTypes"] = SortedOnce(ElementsOf(types));
+  settings.allowedValues["ResourceTypes"] = SortedOnce(TextsOf(types));
   settings.allowedValues["RegistryPrefixes"] = SortedOnce(prefixesInOrder);
 }
 

@@ -11,6 +11,7 @@
 
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
+#include "resource_store/member_uri.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_reader.h"
 #include "service/discovery.h"
@@ -20,14 +21,7 @@
 namespace event_service {
 namespace {
 
-/// The Id that a member's URI ends with; empty for a URI that is not one level below the collection.
-std::string_view IdOf(std::string_view uri) {
-  if (!uri.starts_with(kSubscriptionsUri)) return {};
-  uri.remove_prefix(kSubscriptionsUri.size());
-  if (!uri.starts_with('/')) return {};
-  uri.remove_prefix(1);
-  return uri.find('/') == std::string_view::npos ? uri : std::string_view();
-}
+std::string_view IdOf(std::string_view uri) { return MemberIdOf(kSubscriptionsUri, uri); }
 
 /// The fields that decide what becomes of a member; a missing one is empty.
 struct Traits {
@@ -45,7 +39,7 @@ void AppendTraitsRead(RedisPipeline& pipeline, std::string_view uri) {
 }
 
 Traits TraitsOf(const redisReply* reply) {
-  std::vector<std::string_view> texts = ElementsOf(reply);
+  std::vector<std::string_view> texts = TextsOf(reply);
   texts.resize(6);
   return {texts[0], texts[1], texts[2], texts[3], texts[4], texts[5]};
 }
@@ -74,11 +68,11 @@ struct Collection {
 Collection TakeCollection(const redisReply* memberEntries, const redisReply* keys) {
   Collection collection;
   std::set<std::string_view> named;
-  for (const std::string_view entry : ElementsOf(memberEntries)) {
+  for (const std::string_view entry : TextsOf(memberEntries)) {
     const std::string_view uri = MemberUriOf(entry);
     if (!IdOf(uri).empty() && named.insert(uri).second) collection.members.push_back(uri);
   }
-  for (const std::string_view uri : ElementsOf(keys)) {
+  for (const std::string_view uri : TextsOf(keys)) {
     if (!IdOf(uri).empty() && !named.contains(uri)) collection.strangers.push_back(uri);
   }
   return collection;
@@ -183,7 +177,7 @@ bool ReconcileMembers(redisContext* redis, const ServiceSettings& settings, Subs
   for (const std::string_view uri : strangers) AppendTraitsRead(pipeline, uri);
   const size_t leftovers = pipeline.Size();
   // What a start that was killed has left of its requests: headers stand in them.
-  for (const std::string_view key : ElementsOf(listing[3].get())) pipeline.Append({"UNLINK", key});
+  for (const std::string_view key : TextsOf(listing[3])) pipeline.Append({"UNLINK", key});
   const std::vector<RedisReply> replies = pipeline.Execute();
   const std::span all(replies);
   if (!AllIntegers(all.subspan(leftovers))) LogError("Failed to remove the requests of an earlier start.");

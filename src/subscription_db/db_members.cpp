@@ -1,9 +1,9 @@
 // Changes of the members in the database file.
-#include <algorithm>
 #include <utility>
 
 #include "foundation/logging.h"
 #include "resource_store/json_text.h"
+#include "resource_store/member_uri.h"
 #include "subscription_db/db_document.h"
 #include "subscription_db/subscription_db.h"
 
@@ -21,14 +21,6 @@ DbValue ParseText(const std::string& text) {
 }
 
 std::string TextOfValue(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
-
-/// True for the URI of a member of the collection: the resource loader refuses a whole file for any other.
-bool IsMemberUri(std::string_view uri) {
-  if (!uri.starts_with(kDbCollection)) return false;
-  uri.remove_prefix(kDbCollection.size());
-  const bool isPlain = std::ranges::none_of(uri, [](unsigned char c) { return c <= ' ' || c == 0x7f; });
-  return uri.size() > 1 && uri.rfind('/') == 0 && isPlain;
-}
 
 json_t* FindMember(const json_t* members, std::string_view uri) {
   for (size_t i = 0; i < json_array_size(members); ++i) {
@@ -51,7 +43,7 @@ bool RemoveMember(json_t* members, std::string_view uri, bool logOthers) {
 /// Whether the file can hold this member. The resource loader refuses a whole file for one that it cannot load.
 bool CanHold(const json_t* member) {
   const char* uri = UriOfMember(member);
-  if (uri != nullptr && IsMemberUri(uri)) return true;
+  if (uri != nullptr && CanBeStoredAsMember(kDbCollection, uri)) return true;
   LogError("The DB file cannot hold a subscription with the URI \"%s\".", uri != nullptr ? uri : "");
   return false;
 }

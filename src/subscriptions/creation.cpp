@@ -13,6 +13,7 @@
 #include "foundation/time_stamp.h"
 #include "requests/property_faults.h"
 #include "requests/request_body.h"
+#include "resource_store/json_text.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_writer.h"
 #include "service/event_group_id.h"
@@ -229,7 +230,7 @@ std::optional<Answer> Creation::Write() {
 
 /// Makes the resource a member of the collection.
 std::optional<Answer> Creation::Enrol() {
-  const std::string etag = Json(NewEtag()).dump();
+  const std::string etag = JsonText(NewEtag());
   RedisPipeline pipeline(redis_);
   const size_t etagWrite = pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, etag});
   const size_t firstWrite = pipeline.Append({"HSET", request_.announcement.requestKey, kLocationField, uri_});

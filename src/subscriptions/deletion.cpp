@@ -13,6 +13,7 @@
 #include "foundation/random.h"
 #include "foundation/redis_pipeline.h"
 #include "requests/event_submission.h"
+#include "resource_store/json_text.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_walk.h"
 #include "service/event_group_id.h"
@@ -188,7 +189,7 @@ void MemberDeletion::Remove(uint32_t eventGroupId) {
   const size_t entry = AppendMemberRemoval(pipeline, kSubscriptionsUri, uri_);
   const size_t keys = pipeline.Size();
   AppendUnlink(pipeline, keys_);
-  const size_t etag = pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, Json(NewEtag()).dump()});
+  const size_t etag = pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, JsonText(NewEtag())});
   const size_t storedEtag = pipeline.Append({"HGET", kSubscriptionsUri, kEtagField});
   AppendMembersLength(pipeline);
   std::vector<RedisReply> replies = pipeline.Execute();
@@ -252,7 +253,7 @@ void RemoveStrayEntry(Request& request, const std::string& uri) {
   for (const std::string& key : traces.indexKeys) pipeline.Append({"HDEL", key, MemberIdOf(uri)});
   const size_t keys = pipeline.Size();
   AppendUnlink(pipeline, traces.keys);
-  const size_t etag = pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, Json(NewEtag()).dump()});
+  const size_t etag = pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, JsonText(NewEtag())});
   const size_t storedEtag = pipeline.Append({"HGET", kSubscriptionsUri, kEtagField});
   const std::vector<RedisReply> replies = pipeline.Execute();
   if (!AllIntegers(std::span(replies).first(keys))) LogError("Failed to remove the origin index of %s.", uri.c_str());

@@ -5,6 +5,7 @@
 
 #include "foundation/logging.h"
 #include "foundation/random.h"
+#include "resource_store/json_text.h"
 #include "resource_store/resource_reader.h"
 #include "resource_store/resource_writer.h"
 #include "service/event_group_id.h"
@@ -57,8 +58,8 @@ bool ApplyMemberChange(Request& request, RedisPipeline& writes, MemberChange cha
   const size_t propertyWrites = writes.Size();
   const bool takesSequence = change.nextSequence != kNoSequence;
   if (takesSequence) AppendSequenceStore(writes, change.nextSequence);
-  const size_t etagWrite = writes.Append({"HSET", uri, kEtagField, Json(etag).dump()});
-  const size_t collectionWrite = writes.Append({"HSET", kSubscriptionsUri, kEtagField, Json(NewEtag()).dump()});
+  const size_t etagWrite = writes.Append({"HSET", uri, kEtagField, JsonText(etag)});
+  const size_t collectionWrite = writes.Append({"HSET", kSubscriptionsUri, kEtagField, JsonText(NewEtag())});
   const size_t collectionEtag = writes.Append({"HGET", kSubscriptionsUri, kEtagField});
   const size_t draw = AppendEventGroupIdDraw(writes);
   const std::vector<RedisReply> replies = writes.Execute();

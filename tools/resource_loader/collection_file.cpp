@@ -1,12 +1,12 @@
 #include "tools/resource_loader/collection_file.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <set>
 #include <system_error>
 #include <utility>
 
 #include "foundation/durable_file.h"
+#include "resource_store/member_uri.h"
 
 namespace event_service {
 namespace {
@@ -22,20 +22,12 @@ std::string TextOf(const Json& object, const char* name) {
   return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
-/// True for a URI of one more segment, in characters that a marker can hold.
-bool IsDirectlyUnder(std::string_view collectionUri, std::string_view uri) {
-  if (!uri.starts_with(collectionUri) || uri.size() < collectionUri.size() + 2) return false;
-  if (uri[collectionUri.size()] != '/') return false;
-  uri.remove_prefix(collectionUri.size() + 1);
-  return std::ranges::none_of(uri, [](unsigned char c) { return c <= ' ' || c == '/' || c == 0x7f; });
-}
-
 /// Why a member cannot be loaded; empty when it can.
 std::string FaultOfMember(const Json& member, std::string_view collectionUri) {
   if (!member.is_object()) return "is no object";
   const std::string uri = TextOf(member, kId);
   if (uri.empty()) return "has no @odata.id";
-  if (!IsDirectlyUnder(collectionUri, uri)) return "does not lie in the collection";
+  if (!CanBeStoredAsMember(collectionUri, uri)) return "does not lie in the collection";
   if (!NestsWithin(member)) return "is nested too deep";
   return {};
 }

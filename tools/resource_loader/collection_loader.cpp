@@ -17,11 +17,7 @@ struct PresentState {
   std::vector<std::string> nestedKeys;  // all that lie below the collection's key
 };
 
-std::vector<std::string> TextsOf(const redisReply* reply) {
-  std::vector<std::string> texts;
-  for (size_t i = 0; i < reply->elements; ++i) texts.emplace_back(TextOf(reply->element[i]));
-  return texts;
-}
+std::vector<std::string> CopiesOf(std::span<const std::string_view> texts) { return {texts.begin(), texts.end()}; }
 
 std::string ReadPresentState(redisContext* redis, std::string_view collectionUri, PresentState& present) {
   RedisPipeline pipeline(redis);
@@ -33,7 +29,7 @@ std::string ReadPresentState(redisContext* redis, std::string_view collectionUri
   if (type != "hash" && type != "none") return "the collection's key does not hold a hash";
   if (!IsArray(replies[1])) return "the list of members cannot be read";
   if (!IsArray(replies[2])) return "the keys of the collection cannot be listed";
-  present = {TextsOf(replies[1].get()), TextsOf(replies[2].get())};
+  present = {CopiesOf(TextsOf(replies[1])), CopiesOf(TextsOf(replies[2]))};
   return {};
 }
 

@@ -229,7 +229,7 @@ std::optional<size_t> AppendServiceWrites(RedisPipeline& pipeline, const Service
 }
 
 size_t AppendServiceEtag(RedisPipeline& pipeline) {
-  return pipeline.Append({"HSET", kEventServiceUri, "@odata.etag", Json(NewEtag()).dump()});
+  return pipeline.Append({"HSET", kEventServiceUri, "@odata.etag", JsonText(NewEtag())});
 }
 
 }  // namespace event_service

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <chrono>
 
+#include "foundation/text_numbers.h"
+
 namespace event_service {
 namespace {
-
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
 /// Takes the text apart from its beginning; fails once and for all at the first character that does not fit.
 class Scanner {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "resource_store/member_uri.h"
 #include "service/redis_keys.h"
 
 namespace event_service {
@@ -27,10 +28,7 @@ std::string MemberUri(std::string_view id) {
   return uri;
 }
 
-std::string_view MemberIdOf(std::string_view uri) {
-  const std::string_view id = TextBehindCollection(uri);
-  return id.find('/') == std::string_view::npos ? id : std::string_view{};
-}
+std::string_view MemberIdOf(std::string_view uri) { return MemberIdOf(kSubscriptionsUri, uri); }
 
 bool IsUndeletableSubscriptionUri(std::string_view uri) {
   const std::string_view rest = TextBehindCollection(uri);
