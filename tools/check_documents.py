@@ -1,0 +1,168 @@
+#!/usr/bin/env python3
+"""Checks what docs/ claims to hold completely.
+
+  docs/architecture.md  names every source file of src/ and every folder of tools, tests, bench and packaging; its
+                        tables of files name none that is not there
+  docs/operations.md    has every line that the daemon and its tools log or print, and no other; every fixed path, every
+                        environment variable and every configuration key that the code asks for
+
+A log line is a text of the code that reads like a sentence. In docs/operations.md it stands in backquotes in the first
+column of a table headed "Log line", words in capitals in the place of what the code fills in.
+
+  check_documents.py [TREE]       checks TREE, by default the tree that this script stands in
+  check_documents.py --self-test  shows that each kind of fault is found
+"""
+
+import pathlib
+import re
+import sys
+import tempfile
+
+LOGGING = ["src", "tools/event_delivery", "tools/redfish_gateway"]
+# Beginnings of texts that read like sentences and are no lines: parts of messages, resources and HTTP headers.
+NO_LINES = (
+    "The request body submitted contain no data",
+    "Add properties in the JSON object",
+    "This resource represents the target of an event subscription",
+    "The event subscription has been terminated.",
+    "Content-Type: ",
+    "OData-Version: ",
+    "Basic ",
+    "User Session",
+)
+
+# Raw strings and comments are left out; a text ends at the last of several that stand behind each other.
+NO_CODE = re.compile(r'R"(\w*)\(.*?\)\1"|("(?:\\.|[^"\\\n])*")|//[^\n]*|/\*.*?\*/|^\s*#\s*include[^\n]*', re.S | re.M)
+TEXT = re.compile(r'"(?:\\.|[^"\\\n])*"(?:\s*"(?:\\.|[^"\\\n])*")*')
+FILLED_IN = re.compile(r"%[-+ #0-9.*]*(?:hh|h|ll|l|z)?[a-zA-Z]")
+
+
+def sources(tree, *folders):
+    for folder in folders:
+        yield from sorted(p for p in (tree / folder).rglob("*") if p.suffix in (".h", ".cpp"))
+
+
+def texts(path):
+    """The string literals of a file, those that the compiler joins as one."""
+    code = NO_CODE.sub(lambda match: match.group(2) or " ", path.read_text(encoding="utf-8"))
+    for match in TEXT.finditer(code):
+        text = re.sub(r'"\s*"', "", match.group())[1:-1]
+        yield text.replace(r"\"", '"').replace(r"\n", "")
+
+
+def is_line(text):
+    begins = re.match(r"[A-Z\[%]", text) or text.endswith(".")
+    return begins and " " in text and re.search("[a-z]{2}", text) and not text.startswith(NO_LINES)
+
+
+def pattern(text):
+    """What a line can look like in the end; one that begins or ends in the middle is completed by the code."""
+    filled = ".*".join(re.escape(part) for part in FILLED_IN.split(text))
+    return re.compile((".+" if text[0] == " " else "") + filled + (".*" if text[-1] in " =" else ""))
+
+
+def rows(document, heading):
+    """The first cells of the tables whose first heading begins so."""
+    is_inside = False
+    for line in document.splitlines():
+        cells = [cell.strip() for cell in line.split("|")]
+        if len(cells) < 3:
+            is_inside = False
+        elif cells[1].startswith(heading):
+            is_inside = True
+        elif is_inside:
+            yield cells[1]
+
+
+def map_faults(tree, document):
+    named = {pathlib.PurePosixPath(name).name for name in re.findall(r"`([\w./-]+)`", document)}
+    for path in sources(tree, "src"):
+        if not {path.stem, path.name} & named:
+            yield f"architecture.md does not name {path.relative_to(tree)}"
+    for top in ("tools", "tests", "bench", "packaging"):
+        for folder in [tree / top] + sorted((tree / top).glob("[a-z]*/")):
+            if folder.is_dir() and folder.name not in named:
+                yield f"architecture.md does not name {folder.relative_to(tree)}"
+    stems = {path.stem for path in sources(tree, "src", "tools", "tests", "bench")}
+    for cell in rows(document, "File"):
+        for name in re.findall(r"`([^`]+)`", cell):
+            if pathlib.PurePosixPath(name).stem not in stems:
+                yield f"architecture.md names {name}, which is not there"
+
+
+def line_faults(tree, document):
+    documented = [line for cell in rows(document, "Log line") for line in re.findall(r"`([^`]+)`", cell)]
+    patterns = {}
+    for path in sources(tree, *LOGGING):
+        for text in filter(is_line, texts(path)):
+            patterns[text] = pattern(text)
+            if not any(patterns[text].fullmatch(line) for line in documented):
+                yield f'operations.md lacks "{text}" of {path.relative_to(tree)}'
+    for line in documented:
+        if not any(expression.fullmatch(line) for expression in patterns.values()):
+            yield f'operations.md has "{line}", which nothing writes'
+
+
+def name_faults(tree, document):
+    for path in sources(tree, *LOGGING):
+        code = path.read_text(encoding="utf-8")
+        names = re.findall(r'getenv\("(\w+)"\)', code)
+        names += re.findall(r'getConfigValue\([^"()]*(?:\(\)[^"()]*)*"(\w+)"', code)
+        if path.name == "file_paths.h":
+            names += re.findall(r' = "(/[^"]+?)/?";', code)
+        for name in names:
+            if not re.search(rf"(?<!\w){re.escape(name)}(?!\w)", document):
+                yield f"operations.md does not name {name} of {path.relative_to(tree)}"
+
+
+def faults(tree):
+    yield from map_faults(tree, (tree / "docs/architecture.md").read_text(encoding="utf-8"))
+    operations = (tree / "docs/operations.md").read_text(encoding="utf-8")
+    yield from line_faults(tree, operations)
+    yield from name_faults(tree, operations)
+
+
+def self_test():
+    """Builds a sound tree, then breaks it in one way after the other."""
+    sound = {
+        "src/foundation/log.cpp": '// "This is none."\nLogError("Line %zu of %s"\n  " fails.", n); getenv("ROOT"); // "No."\n',
+        "src/foundation/file_paths.h": 'std::string log = "/var/log/";\n',
+        "tools/watch/main.cpp": "", "tests/a_test.cpp": "", "bench/a_bench.cpp": "", "packaging/debian/prerm": "",
+        "docs/architecture.md": "`log` `tests` `bench` `tools/watch` `tools` `packaging` `debian`\n\n| File |\n|---|\n| `file_paths` |\n",
+        "docs/operations.md": "ROOT /var/log\n\n| Log line | |\n|---|---|\n| `Line N of FILE fails.` | |\n",
+    }
+    broken = {
+        "a file that is not in the map": {"src/foundation/new.h": ""},
+        "a folder that is not in the map": {"tools/new/main.cpp": ""},
+        "a file that is only in the map": {"docs/architecture.md": sound["docs/architecture.md"] + "| `gone` |\n"},
+        "a line without a word": {"src/foundation/new/log.h": 'LogError("Nothing works.");'},
+        "a line that nothing writes": {"docs/operations.md": sound["docs/operations.md"] + "| `All is well.` | |\n"},
+        "a changed line": {"docs/operations.md": sound["docs/operations.md"].replace("fails", "failed")},
+        "a path": {"src/foundation/file_paths.h": 'std::string log = "/var/nginx";\n'},
+        "a variable": {"src/foundation/log.h": 'getenv("HOME");\n'},
+        "a key": {"src/foundation/log.h": 'getConfigValue(Paths().file, "KEY", 128);\n'},
+    }
+    failed = False
+    for name, extra in [("a sound tree", {}), *broken.items()]:
+        with tempfile.TemporaryDirectory() as folder:
+            for file, text in {**sound, **extra}.items():
+                path = pathlib.Path(folder) / file
+                path.parent.mkdir(parents=True, exist_ok=True)
+                path.write_text(text, encoding="utf-8")
+            found = list(faults(pathlib.Path(folder)))
+            if (len(found) > 0) != (len(extra) > 0):
+                failed = True
+                print(f"{name}: found {found}")
+    return 1 if failed else 0
+
+
+def main(arguments):
+    if arguments == ["--self-test"]:
+        return self_test()
+    found = list(faults(pathlib.Path(arguments[0]) if arguments else pathlib.Path(__file__).resolve().parent.parent))
+    print("\n".join(found), end="\n" if found else "")
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
