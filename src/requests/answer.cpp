@@ -5,8 +5,10 @@
 
 namespace event_service {
 
+Answer Succeed(std::string_view messageId) { return Answer{kOkRes, {Message{std::string(messageId)}}}; }
+
 Answer Refuse(std::string_view status, std::string_view messageId, std::vector<std::string> args, std::string logText) {
-  return Answer{status, {Message{std::string(messageId), std::move(args), {}}}, std::move(logText), {}};
+  return Answer{status, {Message{std::string(messageId), std::move(args)}}, std::move(logText)};
 }
 
 Answer DatabaseError(std::string logText) {
@@ -25,7 +27,7 @@ Answer NoOperationAnswer(std::string_view messageId) {
   const nlohmann::json body = {
       {"error",
        {{"code", messageId}, {"message", kText}, {"@Message.ExtendedInfo", nlohmann::json::array({message})}}}};
-  return Answer{kOkRes, {}, {}, body.dump()};
+  return Answer{.status = kOkRes, .body = body.dump()};
 }
 
 }  // namespace event_service

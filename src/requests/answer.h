@@ -26,20 +26,26 @@ inline constexpr std::string_view kOperationFailedMessage = "Base.1.12.Operation
 /// One entry of the extended information. An empty id lists an entry that holds nothing.
 struct Message {
   std::string id;  // "Base.1.12.ResourceCannotBeDeleted"
-  std::vector<std::string> args;
-  std::vector<std::string> relatedProperties;  // property paths, without "#/"
+  std::vector<std::string> args = {};
+  std::vector<std::string> relatedProperties = {};  // property paths, without "#/"
 };
 
-/// The end of a request, good or bad. A handler returns one; the listener alone writes it.
+/// The end of a request, good or bad. A handler returns one, which the listener writes.
 struct Answer {
-  std::string_view status;  // empty: no status is written
-  std::vector<Message> messages;
-  std::string logText;  // an error line; empty: none (or logged already)
-  std::string body;     // the response body as JSON text; empty: none
+  std::string_view status = {};  // empty: no status is written
+  std::vector<Message> messages = {};
+  std::string logText = {};  // an error line; empty: none (or logged already)
+  std::string body = {};     // the response body as JSON text; empty: none
 };
 
-/// Nothing is written: the front end reads the resource itself, or the handler has set the status.
+/// Nothing is to be told: the front end reads the resource itself, or the delivery side has asked.
 inline Answer NoAnswer() { return {}; }
+
+/// The handler has written the status itself, since a write that fails makes another answer.
+inline Answer StatusIsWritten() { return {}; }
+
+/// The usual success: "OK_RES" with one message.
+Answer Succeed(std::string_view messageId = kSuccessMessage);
 
 /// The usual refusal: one status, one message with its arguments.
 Answer Refuse(std::string_view status, std::string_view messageId, std::vector<std::string> args = {},

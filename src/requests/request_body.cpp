@@ -1,6 +1,7 @@
 #include "requests/request_body.h"
 
-#include "requests/property_faults.h"
+#include "requests/body_cleaning.h"
+#include "requests/value_checks.h"
 
 namespace event_service {
 
@@ -9,6 +10,12 @@ RequestBody::RequestBody(std::string_view key)
             &document_) {}
 
 bool RequestBody::TakeRoot(const redisReply* hashReply) { return Finish(walk_.TakeRoot(hashReply)); }
+
+void RequestBody::AskLevel(RedisPipeline& pipeline) {
+  if (IsComplete()) return;
+  walk_.AskLevel(pipeline);
+  pipeline.Then([this](Replies) { Finish(!HasFailed()); });
+}
 
 bool RequestBody::TakeLevel(std::span<const RedisReply> replies) { return Finish(walk_.TakeLevel(replies)); }
 

@@ -12,14 +12,15 @@
 
 namespace event_service {
 
-/// Reads a body level by level, so that a handler can put its other commands into the same batches:
+/// Reads a body level by level. Each is a step of a batch, in which a handler's other commands travel as well:
 ///
 ///   RequestBody body(request.record.requestData);
-///   do {
-///     RedisPipeline pipeline(redis);
-///     body.AppendLevel(pipeline);
-///     if (!body.TakeLevel(pipeline.Execute())) return DatabaseError("...");
-///   } while (!body.IsComplete());
+///   RedisPipeline pipeline(redis);
+///   while (!body.IsComplete()) {
+///     body.AskLevel(pipeline);
+///     pipeline.Execute();
+///     if (body.HasFailed()) return DatabaseError("...");
+///   }
 ///
 /// A field may point to any key: only the front end writes such markers, since strings keep their quotes there. An
 /// element of a list may be a client's string, so only markers to the list's own keys are followed from there.
@@ -32,11 +33,15 @@ class RequestBody {
 
   bool IsComplete() const { return walk_.Done(); }
 
-  /// Appends the commands that read the next level; nothing when the body is complete.
-  void AppendLevel(RedisPipeline& pipeline) { walk_.AppendLevel(pipeline); }
+  /// True, as ResourceWalk says it, after a failed command or a stored text that is no JSON. A key that does not exist
+  /// held an empty body.
+  bool HasFailed() const { return walk_.HasFailed(); }
 
-  /// Takes that level's replies out of those of the whole batch. False, as ResourceWalk says it, for a failed command
-  /// or a stored text that is no JSON. A key that does not exist held an empty body.
+  /// A step that reads the next level; nothing when the body is complete. The body outlives the batch.
+  void AskLevel(RedisPipeline& pipeline);
+
+  /// The same in two halves; false when the level could not be taken.
+  void AppendLevel(RedisPipeline& pipeline) { walk_.AppendLevel(pipeline); }
   bool TakeLevel(std::span<const RedisReply> replies);
 
   /// What the client sent, without control fields and annotations; valid once the body is complete. A member that holds

@@ -97,4 +97,13 @@ std::string JsonText(const Json& value) {
   return quoted.append("\"").append(*text).append("\"");
 }
 
+std::string TolerantJsonText(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+std::string_view TextMember(const Json& object, std::string_view name) {
+  if (!object.is_object()) return {};
+  const auto member = object.find(name);
+  if (member == object.end() || !member->is_string()) return {};
+  return member->get_ref<const std::string&>();
+}
+
 }  // namespace event_service

@@ -18,6 +18,13 @@ bool ParseJsonText(std::string_view text, Json& value, bool& exact);
 /// The compact JSON text of a value; throws Json::type_error for a string that is not UTF-8, as Json::dump does.
 std::string JsonText(const Json& value);
 
+/// The same without throwing, for what holds any bytes: those that are not UTF-8 become the replacement character.
+std::string TolerantJsonText(const Json& value);
+
+/// The text of a member that is a string; empty for a missing one, for any other type and for what is no object. Lives
+/// as long as the object.
+std::string_view TextMember(const Json& object, std::string_view name);
+
 /// Parses a JSON text that others have written. A discarded value for what is not one whole text: anything with a NUL,
 /// which the parser takes for the end; and for one that nests deeper than kMaxNesting. The parser and the destructor of
 /// values do not recurse, but copying, comparing and dumping them does.

@@ -50,8 +50,21 @@ ResourceWalk::ResourceWalk(std::string_view key, const ReadOptions& options, Jso
   if (document != nullptr) *document = EmptyContainer(kind);
 }
 
+void ResourceWalk::AskLevel(RedisPipeline& pipeline) {
+  AppendCommands(pipeline);
+  pipeline.Then([this](Replies replies) { TakeReplies(replies); });
+}
+
 void ResourceWalk::AppendLevel(RedisPipeline& pipeline) {
   firstReply_ = pipeline.Size();
+  AppendCommands(pipeline);
+}
+
+bool ResourceWalk::TakeLevel(std::span<const RedisReply> replies) {
+  return TakeReplies(replies.subspan(std::min(firstReply_, replies.size())));
+}
+
+void ResourceWalk::AppendCommands(RedisPipeline& pipeline) const {
   if (Done()) return;
   if (!typeKnown_) {
     pipeline.Append({"TYPE", nodes_.front().key});
@@ -66,11 +79,9 @@ void ResourceWalk::AppendLevel(RedisPipeline& pipeline) {
   }
 }
 
-bool ResourceWalk::TakeLevel(std::span<const RedisReply> replies) {
+bool ResourceWalk::TakeReplies(std::span<const RedisReply> replies) {
   if (Done()) return true;
-  const auto reply = [&](size_t i) {
-    return firstReply_ + i < replies.size() ? replies[firstReply_ + i].get() : nullptr;
-  };
+  const auto reply = [&](size_t i) { return i < replies.size() ? replies[i].get() : nullptr; };
   if (!typeKnown_) return TakeType(reply(0));
 
   const size_t begin = std::exchange(levelBegin_, nodes_.size());
@@ -81,8 +92,8 @@ bool ResourceWalk::TakeLevel(std::span<const RedisReply> replies) {
 
 bool ResourceWalk::ReadLevel(redisContext* redis) {
   RedisPipeline pipeline(redis);
-  AppendLevel(pipeline);
-  if (!typeKnown_) return TakeLevel(pipeline.Execute());
+  AppendCommands(pipeline);
+  if (!typeKnown_) return TakeReplies(pipeline.Execute());
   size_t index = std::exchange(levelBegin_, nodes_.size());
   bool complete = true;
   pipeline.Execute([&](const RedisReply& reply) { complete &= TakeReply(nodes_[index++], reply.get()); });

@@ -1,15 +1,15 @@
 /// A walk through a stored document, level by level: what reading and deleting documents are built on.
 ///
-/// A caller that has other commands for Redis puts them into the same batches as the walk's levels:
+/// A level is a step of a batch, in which a caller's other commands travel as well:
 ///
 ///   Json body;
 ///   ResourceWalk walk(bodyKey, {.knownKind = ContainerKind::kObject}, &body);
+///   RedisPipeline pipeline(redis);
+///   pipeline.Ask({"EXISTS", memberUri}, [&](const RedisReply& reply) { ... });   // travels with the first level
 ///   while (!walk.Done()) {
-///     RedisPipeline pipeline(redis);
-///     walk.AppendLevel(pipeline);
-///     const size_t exists = pipeline.Append({"EXISTS", memberUri});   // travels with the level
-///     const std::vector<RedisReply> replies = pipeline.Execute();
-///     if (!walk.TakeLevel(replies)) return false;
+///     walk.AskLevel(pipeline);
+///     pipeline.Execute();
+///     if (walk.HasFailed()) return false;
 ///   }
 #pragma once
 
@@ -76,13 +76,17 @@ class ResourceWalk {
   /// True when every level has been taken.
   bool Done() const { return levelBegin_ == nodes_.size(); }
 
-  /// Appends the commands that read the next level: TYPE at first unless the kind is known, then one HGETALL or LRANGE
-  /// for each key. Nothing when the walk is done.
-  void AppendLevel(RedisPipeline& pipeline);
+  /// True, after one "[ERROR]" line on standard error for the whole walk, once a reply has been missing or of the wrong
+  /// type, a stored value neither marker nor JSON text, or the nesting too deep. A reader stops there; a deletion goes
+  /// on with the keys that are left.
+  bool HasFailed() const { return failed_; }
 
-  /// Takes that level's replies out of those of the whole batch. False, after one "[ERROR]" line on standard error for
-  /// the whole walk, when a reply is missing or of the wrong type, a stored value is neither marker nor JSON text, or
-  /// the nesting is too deep. A reader stops there; a deletion goes on with the keys that are left.
+  /// A step that reads the next level: TYPE at first unless the kind is known, then one HGETALL or LRANGE for each key.
+  /// Nothing when the walk is done. The walk outlives the batch.
+  void AskLevel(RedisPipeline& pipeline);
+
+  /// The same in two halves; false when the level could not be taken.
+  void AppendLevel(RedisPipeline& pipeline);
   bool TakeLevel(std::span<const RedisReply> replies);
 
   /// Both at once, in a batch of its own.
@@ -109,6 +113,8 @@ class ResourceWalk {
     std::string path{};    // kept when number texts are wanted
   };
 
+  void AppendCommands(RedisPipeline& pipeline) const;
+  bool TakeReplies(std::span<const RedisReply> replies);
   bool TakeType(const redisReply* reply);
   bool TakeReply(const Node& node, const redisReply* reply);
   bool TakeHash(const Node& node, std::span<redisReply* const> items);

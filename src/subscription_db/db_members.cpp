@@ -20,8 +20,6 @@ DbValue ParseText(const std::string& text) {
   return DbValue(json_loads(text.c_str(), JSON_DECODE_ANY, nullptr));
 }
 
-std::string TextOfValue(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
-
 json_t* FindMember(const json_t* members, std::string_view uri) {
   for (size_t i = 0; i < json_array_size(members); ++i) {
     const char* present = UriOfMember(json_array_get(members, i));
@@ -139,7 +137,7 @@ bool SubscriptionDb::InsertDbSubscription(std::string_view id, const std::string
 bool SubscriptionDb::WriteBackDbSubscriptions(std::span<const Json> members, std::string_view collectionEtag) {
   std::vector<std::string> texts;
   for (const Json& member : members) {
-    std::string text = TextOfValue(member);
+    std::string text = TolerantJsonText(member);
     if (CanHold(ParseText(text).get())) texts.push_back(std::move(text));
   }
   const bool all = texts.size() == members.size();
@@ -161,7 +159,7 @@ bool SubscriptionDb::DeleteDbSubscription(std::string_view uri, std::string_view
 
 bool SubscriptionDb::UpdateDbSubscription(std::string_view uri, const Json& changes,
                                           const std::vector<std::string>& removed, std::string_view collectionEtag) {
-  Edit edit = [uri = std::string(uri), text = TextOfValue(changes), removed](json_t* members) {
+  Edit edit = [uri = std::string(uri), text = TolerantJsonText(changes), removed](json_t* members) {
     json_t* member = FindMember(members, uri);
     const DbValue parsed = ParseText(text);
     if (member == nullptr || !json_is_object(parsed.get())) {

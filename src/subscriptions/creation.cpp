@@ -11,7 +11,7 @@
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
 #include "foundation/time_stamp.h"
-#include "requests/property_faults.h"
+#include "requests/fault_messages.h"
 #include "requests/request_body.h"
 #include "resource_store/json_text.h"
 #include "resource_store/resource_editor.h"
@@ -20,8 +20,8 @@
 #include "service/members_count.h"
 #include "service/redis_keys.h"
 #include "service/subscription_log.h"
-#include "subscriptions/announced_events.h"
 #include "subscriptions/judgement/creation_check.h"
+#include "subscriptions/life_cycle_batch.h"
 #include "subscriptions/member_change.h"
 #include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/filter_mask.h"
@@ -281,7 +281,7 @@ Answer Creation::Announce() {
   if (isMetricReport) pipeline.Append({"HINCRBY", kMetricReportKey, kMetricReportField, "1"});
   const size_t indexWrites = pipeline.Size();
 
-  AnnouncedEvents events(request_, pipeline, eventGroupId_);
+  LifeCycleBatch events(request_, pipeline, eventGroupId_);
   events.AppendForMember("add", uri_);
   events.AppendForCollection();
   const bool isCountSent = AppendMembersCount(pipeline, membersLength_.get());
@@ -299,7 +299,7 @@ Answer Creation::Announce() {
   if (!isCountSent || !SettleMembersCount(state_, membersLength_.get(), replies.back().get(), 1)) {
     return DatabaseError("DatabaseOperationError: Failed to update Members count.");
   }
-  return Answer{kOkRes, {{"Base.1.12.Created", {}, {}}}, {}, {}};
+  return Succeed("Base.1.12.Created");
 }
 
 /// The log tells what failed before it tells what failed because of it.

@@ -12,7 +12,8 @@
 #include "foundation/logging.h"
 #include "foundation/random.h"
 #include "foundation/redis_pipeline.h"
-#include "requests/event_submission.h"
+#include "requests/event_handover.h"
+#include "requests/event_object.h"
 #include "resource_store/json_text.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_walk.h"
@@ -20,7 +21,7 @@
 #include "service/members_count.h"
 #include "service/redis_keys.h"
 #include "service/subscription_log.h"
-#include "subscriptions/announced_events.h"
+#include "subscriptions/life_cycle_batch.h"
 #include "subscriptions/member_change.h"
 #include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/member_uri.h"
@@ -30,8 +31,6 @@
 
 namespace event_service {
 namespace {
-
-constexpr int kMostEventKeyDraws = 10;
 
 // What the steps of a deletion ask of the member.
 constexpr std::string_view kMembersNeeded[] = {"Context",  "EventFormatType",      "OriginResources",
@@ -90,7 +89,6 @@ class MemberDeletion {
  private:
   void TakeLevel(ResourceWalk& walk, std::span<const RedisReply> replies);
   void AddTraces();
-  void ChooseEventKey(const RedisReply& exists);
   void AppendIndexRemoval(RedisPipeline& pipeline) const;
   bool HaveSucceeded(std::span<const RedisReply> replies);
 
@@ -100,7 +98,7 @@ class MemberDeletion {
   Json destination_;
   std::vector<std::string> keys_;
   std::vector<std::string> indexKeys_;
-  std::string eventKey_ = NewEventObjectKey();
+  EventObjectKey eventKey_;
   std::string enqueueDigest_;
   std::string collectionEtag_;  // as stored after the removal
   RedisReply membersLength_;
@@ -114,7 +112,7 @@ std::optional<Answer> MemberDeletion::Read(std::optional<uint32_t>& eventGroupId
   RedisPipeline first(redis_);
   walk.AppendLevel(first);
   const size_t digest = first.Append({"HGET", kScriptDigests, kEnqueueScript});
-  const size_t exists = first.Append({"EXISTS", eventKey_});
+  eventKey_.AskWhetherFree(first);
   const std::vector<RedisReply> firstReplies = first.Execute();
   if (SaysMissing(firstReplies.front())) return MemberMissing(uri_);
   if (IsFailure(firstReplies.front())) {
@@ -122,7 +120,7 @@ std::optional<Answer> MemberDeletion::Read(std::optional<uint32_t>& eventGroupId
   }
   TakeLevel(walk, firstReplies);
   enqueueDigest_ = TextOf(firstReplies[digest]);
-  ChooseEventKey(firstReplies[exists]);
+  static_cast<void>(eventKey_.Claim(redis_));  // another object in its place changes nothing else
   while (!walk.Done() || !eventGroupId) {
     RedisPipeline next(redis_);
     const bool isLevelOpen = !walk.Done();
@@ -153,14 +151,6 @@ void MemberDeletion::AddTraces() {
   std::ranges::move(traces->indexKeys, std::back_inserter(indexKeys_));
 }
 
-void MemberDeletion::ChooseEventKey(const RedisReply& exists) {
-  bool isFree = IsInteger(exists) && exists->integer == 0;
-  for (int draw = 0; !isFree && draw < kMostEventKeyDraws; ++draw) {
-    eventKey_ = NewEventObjectKey();
-    isFree = !KeyExists(redis_, eventKey_);
-  }
-}
-
 void MemberDeletion::AppendIndexRemoval(RedisPipeline& pipeline) const {
   for (const std::string& key : indexKeys_) pipeline.Append({"HDEL", key, MemberIdOf(uri_)});
   if (IsMetricReportDestination(destination_)) {
@@ -179,9 +169,9 @@ void MemberDeletion::Remove(uint32_t eventGroupId) {
   const std::string_view id = MemberIdOf(uri_);
   const std::string_view transport = SyslogTransport(destination_);
   RedisPipeline pipeline(redis_);
-  const bool isEventBuilt = AppendTerminatedEvent(pipeline, eventKey_, uri_, destination_, eventGroupId);
+  const bool isEventBuilt = AppendTerminatedEvent(pipeline, eventKey_.Text(), uri_, destination_, eventGroupId);
   const size_t enqueue = pipeline.Size();
-  AppendEnqueueEvent(pipeline, enqueueDigest_, eventKey_);
+  AppendEnqueueEvent(pipeline, enqueueDigest_, eventKey_.Text());
   const size_t syslog = pipeline.Size();
   if (!transport.empty()) pipeline.Append({"RPUSH", kSyslogQueue, SyslogDeleteMessage(id)});
   const size_t index = pipeline.Size();
@@ -201,7 +191,7 @@ void MemberDeletion::Remove(uint32_t eventGroupId) {
   }
   std::vector<std::string> messages;
   // A missing reply has its line.
-  if (!SettleEnqueueEvent(redis_, replies[enqueue].get(), eventKey_, messages) && replies[enqueue]) {
+  if (!SettleEnqueueEvent(redis_, replies[enqueue].get(), eventKey_.Text(), messages) && replies[enqueue]) {
     LogError("Failed to notify the termination of %s.", uri_.c_str());
   }
   if (!HaveSucceeded(range(syslog, index))) LogError("Failed to tell syslog about the end of %s.", uri_.c_str());
@@ -305,7 +295,7 @@ Answer DeleteEventDestination(Request& request) {
   deletion.RemoveFromFile();
 
   RedisPipeline last(request.redis);
-  AnnouncedEvents events(request, last, *eventGroupId);
+  LifeCycleBatch events(request, last, *eventGroupId);
   events.AppendForMember("remove", deletion.Uri());
   events.AppendForCollection();
   const size_t count = last.Size();
@@ -322,7 +312,7 @@ Answer DeleteEventDestination(Request& request) {
     hasFailed = true;
   }
   if (isStatusDue && !IsStatusSet(replies.back())) hasFailed = true;
-  return hasFailed ? DatabaseError({}) : NoAnswer();
+  return hasFailed ? DatabaseError({}) : StatusIsWritten();
 }
 
 Answer DeleteAllSseSubscriptions(Request& request) {
@@ -342,7 +332,7 @@ Answer DeleteAllSseSubscriptions(Request& request) {
   }
   RedisPipeline last(request.redis);
   if (!deleted.empty()) {
-    AnnouncedEvents events(request, last, *eventGroupId);
+    LifeCycleBatch events(request, last, *eventGroupId);
     for (const std::string& uri : deleted) events.AppendForMember("remove", uri);
     events.AppendForCollection();
     events.Check(last.Execute());
@@ -352,7 +342,7 @@ Answer DeleteAllSseSubscriptions(Request& request) {
   }
   if (request.IsFromEventing()) return NoAnswer();
   last.Append({"HSET", request.announcement.responseKey, kReturnStatus, kOkEmpty});
-  return IsStatusSet(last.Execute().front()) ? NoAnswer() : DatabaseError({});
+  return IsStatusSet(last.Execute().front()) ? StatusIsWritten() : DatabaseError({});
 }
 
 }  // namespace event_service

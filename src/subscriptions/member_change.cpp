@@ -11,7 +11,7 @@
 #include "service/event_group_id.h"
 #include "service/redis_keys.h"
 #include "service/subscription_log.h"
-#include "subscriptions/announced_events.h"
+#include "subscriptions/life_cycle_batch.h"
 #include "subscriptions/resource/event_destination.h"
 
 namespace event_service {
@@ -83,7 +83,7 @@ bool ApplyMemberChange(Request& request, RedisPipeline& writes, MemberChange cha
     WriteIntoFile(request, change, TextOf(replies[collectionEtag]));
   }
   RedisPipeline announcement(request.redis);
-  AnnouncedEvents events(request, announcement, eventGroupId);
+  LifeCycleBatch events(request, announcement, eventGroupId);
   events.AppendForMember(change.eventKind, uri);
   events.Check(announcement.Execute());
   LogSubscriptionChange(uri, change.done, change.who);

@@ -7,7 +7,7 @@
 
 #include "foundation/durable_file.h"
 #include "foundation/redis_pipeline.h"
-#include "requests/property_faults.h"
+#include "requests/fault_messages.h"
 #include "requests/request_body.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_walk.h"

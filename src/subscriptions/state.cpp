@@ -89,7 +89,7 @@ Answer ResumeSubscription(Request& request, std::string_view uri) {
   if (!ChangeState(request, uri, stored, kStateEnabled, "client")) {
     return DatabaseError("DatabaseOperationError: Failed to set State.");
   }
-  return Answer{kOkRes, {{std::string(kSuccessMessage), {}, {}}}, {}, {}};
+  return Succeed();
 }
 
 Answer ApplyDeliveryState(Request& request) {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "foundation/logging.h"
+#include "resource_store/json_text.h"
 #include "subscriptions/resource/event_destination.h"
 
 namespace event_service {
@@ -11,7 +12,7 @@ namespace {
 constexpr std::string_view kAnswerTimeout = "5";  // seconds
 
 std::string CompactText(const Json& message) {
-  return message.dump(-1, ' ', false, Json::error_handler_t::replace);  // an Id may come from anywhere
+  return TolerantJsonText(message);  // an Id may come from anywhere
 }
 
 std::string AnswerKey(std::string_view id) { return std::string(kSyslogQueue).append("/").append(id); }

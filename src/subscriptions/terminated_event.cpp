@@ -4,22 +4,14 @@
 
 #include "foundation/random.h"
 #include "foundation/time_stamp.h"
-#include "requests/event_submission.h"
+#include "requests/event_object.h"
 #include "subscriptions/resource/event_destination.h"
 
 namespace event_service {
 
-namespace {
-
-std::string RandomDecimal() { return std::to_string(static_cast<uint32_t>(KernelNumber())); }
-
-}  // namespace
-
-std::string NewEventObjectKey() { return "&&/redfish/v1/EventService/Actions/" + RandomDecimal(); }
-
 bool AppendTerminatedEvent(RedisPipeline& pipeline, std::string_view key, std::string_view uri, const Json& destination,
                            uint32_t eventGroupId) {
-  const std::string eventId = RandomDecimal();
+  const std::string eventId = std::to_string(static_cast<uint32_t>(KernelNumber()));
   Json event = {{"EventGroupId", eventGroupId},
                 {"EventId", eventId},
                 {"EventTimestamp", TimeStamp()},

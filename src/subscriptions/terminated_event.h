@@ -10,9 +10,6 @@
 
 namespace event_service {
 
-/// A new key for an event object; EXISTS tells whether it is free.
-std::string NewEventObjectKey();
-
 /// Appends the writes of the event object under `key`: Base SubscriptionTerminated, for the destination stored at `uri`
 /// alone, which the control field "&&EventDestination" names. Every reply is an integer.
 [[nodiscard]] bool AppendTerminatedEvent(RedisPipeline& pipeline, std::string_view key, std::string_view uri,

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "requests/property_faults.h"
+#include "requests/body_cleaning.h"
 #include "requests/request_body.h"
 #include "resource_store/json_text.h"
 #include "resource_store/resource_reader.h"

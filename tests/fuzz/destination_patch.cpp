@@ -1,7 +1,7 @@
 // PATCH of a subscription: the body in the first line, the stored resource in the second.
 #include <algorithm>
 
-#include "requests/property_faults.h"
+#include "requests/body_cleaning.h"
 #include "resource_store/json_text.h"
 #include "subscriptions/judgement/patch_check.h"
 #include "subscriptions/resource/event_destination.h"

@@ -1,9 +1,9 @@
 // A request: the announcement in the first line, then the replies that give its record and its body.
 #include "requests/request.h"
 
+#include "requests/body_cleaning.h"
 #include "requests/event_service/service_properties.h"
-#include "requests/event_service/submit_test_event.h"
-#include "requests/property_faults.h"
+#include "requests/event_service/test_event.h"
 #include "requests/request_body.h"
 #include "subscriptions/judgement/creation_check.h"
 #include "subscriptions/judgement/patch_check.h"

@@ -1,9 +1,9 @@
 // The EventService's bodies: PATCH, and the parameters of a test event.
+#include "requests/body_cleaning.h"
+#include "requests/event_object.h"
 #include "requests/event_service/persistent_properties.h"
 #include "requests/event_service/service_properties.h"
-#include "requests/event_service/submit_test_event.h"
-#include "requests/event_submission.h"
-#include "requests/property_faults.h"
+#include "requests/event_service/test_event.h"
 #include "resource_store/json_text.h"
 #include "tests/fuzz/messages.h"
 

@@ -1,6 +1,7 @@
 /// Events: those of the action SubmitTestEvent, those of resources' life cycles, and the scripts that take them over.
+#include "requests/event_object.h"
+#include "requests/event_service/submit_test_event.h"
 #include "requests/event_service/time_stamp_form.h"
-#include "requests/event_submission.h"
 #include "tests/requests/event_service_test.h"
 #include "tests/requests/schema_check.h"
 

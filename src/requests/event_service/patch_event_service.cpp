@@ -164,7 +164,7 @@ Answer PatchEventService(const Request& request) {
   ServicePatchJudgement judgement =
       JudgeServicePatch(input.body.Document(), input.body.Numbers(), !request.settings.protocolOnly);
   const bool nothingToUpdate = judgement.accepted.empty() && !judgement.messages.empty();
-  if (judgement.isUnacceptable || nothingToUpdate) return Answer{kFailure, std::move(judgement.messages), {}, {}};
+  if (judgement.isUnacceptable || nothingToUpdate) return Answer{kFailure, std::move(judgement.messages)};
 
   ServiceValues changed = ChangedValues(judgement.accepted, input.stored);
   for (const auto& accepted : judgement.accepted) {
@@ -175,8 +175,8 @@ Answer PatchEventService(const Request& request) {
   if (!changed.empty()) {
     if (auto refusal = ApplyChanges(request, input.stored, changed)) return *std::move(refusal);
   }
-  if (judgement.messages.empty()) return Refuse(kOkRes, kSuccessMessage);
-  return Answer{kOkRes, std::move(judgement.messages), {}, {}};
+  if (judgement.messages.empty()) return Succeed();
+  return Answer{kOkRes, std::move(judgement.messages)};
 }
 
 }  // namespace event_service

@@ -4,6 +4,8 @@
 #include <span>
 
 #include "foundation/random.h"
+#include "requests/fault_messages.h"
+#include "requests/value_checks.h"
 #include "resource_store/json_text.h"
 #include "resource_store/store_encoding.h"
 #include "service/redis_keys.h"

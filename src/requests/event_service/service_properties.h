@@ -10,7 +10,7 @@
 
 #include "foundation/redis_pipeline.h"
 #include "requests/answer.h"
-#include "requests/property_faults.h"
+#include "resource_store/resource_walk.h"
 #include "service/settings.h"
 
 namespace event_service {

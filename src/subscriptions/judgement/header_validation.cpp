@@ -4,7 +4,8 @@
 
 #include <algorithm>
 
-#include "requests/property_faults.h"
+#include "requests/body_cleaning.h"
+#include "requests/fault_messages.h"
 #include "subscriptions/judgement/array_patch.h"
 #include "subscriptions/judgement/header_validator_module.h"
 

@@ -4,7 +4,9 @@
 #include <iterator>
 #include <string_view>
 
-#include "requests/property_faults.h"
+#include "requests/body_cleaning.h"
+#include "requests/fault_messages.h"
+#include "requests/value_checks.h"
 #include "subscriptions/judgement/array_patch.h"
 #include "subscriptions/judgement/header_validation.h"
 #include "subscriptions/judgement/uri_forms.h"

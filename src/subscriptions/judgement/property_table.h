@@ -7,7 +7,7 @@
 #include <span>
 #include <string_view>
 
-#include "requests/property_faults.h"
+#include "requests/value_checks.h"
 #include "resource_store/resource_walk.h"
 #include "service/settings.h"
 

@@ -5,7 +5,7 @@
 
 #include "foundation/logging.h"
 #include "platform/data_encrypt/data_encrypt.h"
-#include "requests/property_faults.h"
+#include "requests/value_checks.h"
 #include "resource_store/json_text.h"
 #include "service/static_tables.h"
 #include "subscriptions/resource/member_uri.h"
@@ -208,12 +208,6 @@ std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destinat
   return keys;
 }
 
-std::string_view TextMember(const Json& object, std::string_view name) {
-  const auto member = object.find(name);
-  if (member == object.end() || !member->is_string()) return {};
-  return member->get_ref<const std::string&>();
-}
-
 std::string_view SyslogTransport(const Json& destination) {
   const std::string_view protocol = TextMember(destination, "Protocol");
   if (protocol == "SyslogTCP") return "TCP";
@@ -222,7 +216,7 @@ std::string_view SyslogTransport(const Json& destination) {
 }
 
 std::string FileText(const Json& destination) {
-  return destination.dump(-1, ' ', false, Json::error_handler_t::replace);  // control fields hold any byte
+  return TolerantJsonText(destination);  // control fields hold any byte
 }
 
 }  // namespace event_service

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "resource_store/json_text.h"
 #include "resource_store/store_encoding.h"
 #include "service/settings.h"
 
@@ -63,9 +64,6 @@ void AddSnmpAllowableValues(Json& snmp, const ServiceSettings& settings);
 /// Every key that the resource takes when it is written at `uri`. `sequence` is the first sequence id that
 /// the writer gets.
 std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destination, int64_t sequence);
-
-/// The text of a string member; empty for a missing one and for any other type.
-std::string_view TextMember(const Json& object, std::string_view name);
 
 /// "TCP" or "TLS" for a destination whose protocol is SyslogTCP or SyslogTLS; empty for any other.
 std::string_view SyslogTransport(const Json& destination);

@@ -1,5 +1,5 @@
-/// How a value in a request body can be at fault, and the Redfish message that says so: what the EventService, the
-/// subscriptions and the actions judge alike. Pure functions.
+/// How a value in a request body can be at fault: what the EventService, the subscriptions and the actions judge alike.
+/// Pure functions.
 #pragma once
 
 #include <cstddef>
@@ -7,11 +7,9 @@
 #include <limits>
 #include <optional>
 #include <span>
-#include <string>
 #include <string_view>
 
-#include "requests/answer.h"
-#include "resource_store/resource_walk.h"
+#include "resource_store/store_encoding.h"
 
 namespace event_service {
 
@@ -35,38 +33,6 @@ struct Fault {
   FaultKind kind;
   size_t limit = 0;  // in bytes, for kTooLong
 };
-
-/// The message for a fault of a property. `property` is its path ("SMTP/Port", "MessageIds/2", from MemberPath and
-/// ElementPath): as it stands it is the related property, a JSON pointer, and as the client wrote the names it is the
-/// property argument. The value is shown decoded when it is a string, otherwise as compact JSON, cut to
-/// 256 characters; secrets inside objects and arrays (SMTP password, SNMP credentials, header values) show as null.
-/// `numbers` holds the numbers that Json cannot give back as they were written.
-Message PropertyMessage(const Fault& fault, const Json& value, std::string_view property,
-                        const NumberTexts& numbers = {});
-
-/// The same for faults that carry no value.
-Message PropertyMessage(FaultKind kind, std::string_view property);
-
-/// The message for a fault of an action's parameter; `action` is its full name ("EventService.SubmitTestEvent").
-Message ParameterMessage(const Fault& fault, const Json& value, std::string_view parameter, std::string_view action,
-                         const NumberTexts& numbers = {});
-
-/// "SMTP/Port" for the member "Port" of "SMTP", "Port" without a parent. A "~" or "/" inside the name is escaped as in
-/// a JSON pointer.
-std::string MemberPath(std::string_view parent, std::string_view name);
-
-/// "MessageIds/2" for the third element of "MessageIds".
-std::string ElementPath(std::string_view property, size_t index);
-
-/// True for the members of a body that are neither stored nor refused: control fields ("&&...") and annotations
-/// ("...@odata.*", "...@Redfish.*", "...@Message.*").
-bool IsPassedOver(std::string_view memberName);
-
-/// Takes those members out of a body, at every level. The "@odata.id" of a link is no annotation: it stays in the
-/// elements of OriginResources and MetricReportDefinitions, and, to be shown, in objects that hold nothing else where
-/// no object is accepted. It stays so in an element of HttpHeaders, too: that may have been the string "&&ObjectRef
-/// ...".
-void RemovePassedOver(Json& body);
 
 /// What stands for a member of a body that holds more objects and lists than are read; no JSON text gives such a value.
 inline Json OverfullValue() { return Json::binary({}); }

@@ -1,11 +1,11 @@
-#include "requests/event_submission.h"
+#include "requests/event_handover.h"
 
 #include <span>
+#include <utility>
 
 #include "foundation/logging.h"
 #include "resource_store/json_text.h"
 #include "resource_store/resource_editor.h"
-#include "resource_store/resource_writer.h"
 #include "service/redis_keys.h"
 
 namespace event_service {
@@ -29,25 +29,6 @@ void TakeMessages(const redisReply& reply, std::vector<std::string>& messages) {
 }
 
 }  // namespace
-
-bool AppendEventObject(RedisPipeline& pipeline, std::string_view key, const std::string& id, const std::string& name,
-                       Json event) {
-  const std::string listKey = ChildKey(key, "Events");
-  const std::string eventKey = ChildKey(listKey, "0");
-  const Json object = {{"@odata.type", "#Event.v1_7_0.Event"},
-                       {"Id", id},
-                       {"Name", name},
-                       {"Events@odata.count", 1},
-                       {"&&ResourceType", "\"EventService\""}};
-  event["MemberId"] = "0";
-  int64_t sequence = kNoSequence;  // the list's one element has a key of a fixed name
-  if (!AppendDocument(pipeline, eventKey, event, sequence) || !AppendDocument(pipeline, key, object, sequence)) {
-    return false;
-  }
-  pipeline.Append({"HSET", key, "Events", "&&Array Events " + listKey});
-  pipeline.Append({"RPUSH", listKey, "&&Object " + eventKey});
-  return true;
-}
 
 void AppendEnqueueEvent(RedisPipeline& pipeline, std::string_view digest, std::string_view eventHashId) {
   pipeline.Append({"EVALSHA", digest, "1", eventHashId});
@@ -78,22 +59,14 @@ bool EnqueueEvent(redisContext* redis, std::string_view eventHashId, std::vector
   return SettleEnqueueEvent(redis, replies.front().get(), eventHashId, messages);
 }
 
-std::optional<Answer> NotifyTestEvent(redisContext* redis, std::string_view eventHashId) {
-  std::vector<std::string> messages;
-  if (EnqueueEvent(redis, eventHashId, messages)) return std::nullopt;
-  // A refusal without arguments counts as a failed operation, whatever message it names.
-  if (messages.size() < 2) {
-    return Refuse(kException, kOperationFailedMessage, {}, "OperationFailed: Failed to notify event occurs.");
-  }
-  const std::string messageId = std::move(messages.front());
-  messages.erase(messages.begin());
-  if (messageId == "Base.1.12.ActionParameterMissing") {
-    messages.emplace(messages.begin(), kSubmitTestEventAction);
-  } else if (messageId == "Base.1.12.ActionParameterValueTypeError" ||
-             messageId == "Base.1.12.ActionParameterValueFormatError") {
-    messages.emplace_back(kSubmitTestEventAction);
-  }
-  return Refuse(kFailure, messageId, std::move(messages));
+void EnqueueEvent(RedisPipeline& pipeline, redisContext* redis, std::string_view digest, std::string_view eventHashId,
+                  std::function<void(HandOver)> take) {
+  pipeline.Ask({"EVALSHA", digest, "1", eventHashId},
+               [redis, key = std::string(eventHashId), take = std::move(take)](const RedisReply& reply) {
+                 std::vector<std::string> messages;
+                 const bool isTaken = SettleEnqueueEvent(redis, reply.get(), key, messages);
+                 take(isTaken ? HandOver::kTaken : reply ? HandOver::kRefused : HandOver::kLost);
+               });
 }
 
 }  // namespace event_service

@@ -14,9 +14,9 @@
 
 namespace event_service {
 
-class AnnouncedEvents {
+class LifeCycleBatch {
  public:
-  AnnouncedEvents(const Request& request, RedisPipeline& pipeline, uint32_t eventGroupId)
+  LifeCycleBatch(const Request& request, RedisPipeline& pipeline, uint32_t eventGroupId)
       : digest_(request.record.lifeCycleDigest), pipeline_(pipeline), eventGroupId_(eventGroupId) {}
 
   void AppendForMember(std::string_view change, std::string_view uri);

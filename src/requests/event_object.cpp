@@ -1,0 +1,57 @@
+#include "requests/event_object.h"
+
+#include <cstdint>
+#include <utility>
+
+#include "foundation/random.h"
+#include "resource_store/resource_writer.h"
+
+namespace event_service {
+namespace {
+
+constexpr std::string_view kPrefix = "&&/redfish/v1/EventService/Actions/";
+constexpr int kMostDraws = 10;
+
+}  // namespace
+
+void EventObjectKey::Draw() { text_ = std::string(kPrefix) + std::to_string(static_cast<uint32_t>(KernelNumber())); }
+
+void EventObjectKey::AskWhetherFree(RedisPipeline& pipeline) {
+  pipeline.Ask({"EXISTS", text_},
+               [this](const RedisReply& reply) { isFree_ = IsInteger(reply) && reply->integer == 0; });
+}
+
+bool EventObjectKey::Claim(redisContext* redis) {
+  RedisPipeline pipeline(redis);
+  for (int draws = 1; !isFree_ && draws < kMostDraws; ++draws) {
+    Draw();
+    AskWhetherFree(pipeline);
+    pipeline.Execute();
+  }
+  return isFree_;
+}
+
+bool AppendEventObject(RedisPipeline& pipeline, std::string_view key, const std::string& id, const std::string& name,
+                       Json event) {
+  const std::string listKey = ChildKey(key, "Events");
+  const std::string eventKey = ChildKey(listKey, "0");
+  const Json object = {{"@odata.type", "#Event.v1_7_0.Event"},
+                       {"Id", id},
+                       {"Name", name},
+                       {"Events@odata.count", 1},
+                       {"&&ResourceType", "\"EventService\""}};
+  event["MemberId"] = "0";
+  int64_t sequence = kNoSequence;  // the list's one element has a key of a fixed name
+  if (!AppendDocument(pipeline, eventKey, event, sequence) || !AppendDocument(pipeline, key, object, sequence)) {
+    return false;
+  }
+  pipeline.Append({"HSET", key, "Events", "&&Array Events " + listKey});
+  pipeline.Append({"RPUSH", listKey, "&&Object " + eventKey});
+  return true;
+}
+
+std::vector<std::string> EventObjectKeys(const std::string& key) {
+  return {key, key + "/Events", key + "/Events/0", key + "/Events/0/MessageArgs"};
+}
+
+}  // namespace event_service
