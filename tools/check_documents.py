@@ -2,7 +2,7 @@
 """Checks what docs/ claims to hold completely.
 
   docs/architecture.md  names every source file of src/ and every folder of tools, tests, bench and packaging; its
-                        tables of files name none that is not there
+                        tables of files name none that is not there; nor does any document name a path that is not
   docs/operations.md    has every line that the daemon and its tools log or print, and no other; every fixed path, every
                         environment variable and every configuration key that the code asks for
 
@@ -90,6 +90,16 @@ def map_faults(tree, document):
                 yield f"architecture.md names {name}, which is not there"
 
 
+def path_faults(tree, name, document):
+    """Paths of files and folders of the tree, those of src/ with or without "src/" and their suffix."""
+    for path in re.findall(r"`([a-z_]+/[\w./-]+)`", document):
+        top = path.split("/")[0]
+        is_ours = (tree / "src" / top).is_dir() or top in ("bench", "docs", "packaging", "scripts", "src", "tests", "tools")
+        exists = any((base / (path + suffix)).exists() for base in (tree, tree / "src") for suffix in ("", ".h", ".cpp"))
+        if is_ours and not exists and not re.search("[A-Z]{3}", path) and not path.startswith("docs/figures/"):
+            yield f"{name} names {path}, which is not there"
+
+
 def line_faults(tree, document):
     documented = [line for cell in rows(document, "Log line") for line in re.findall(r"`([^`]+)`", cell)]
     patterns = {}
@@ -116,6 +126,9 @@ def name_faults(tree, document):
 
 
 def faults(tree):
+    for document in [tree / "README.md", *sorted((tree / "docs").glob("*.md"))]:
+        if document.exists():
+            yield from path_faults(tree, document.name, document.read_text(encoding="utf-8"))
     yield from map_faults(tree, (tree / "docs/architecture.md").read_text(encoding="utf-8"))
     operations = (tree / "docs/operations.md").read_text(encoding="utf-8")
     yield from line_faults(tree, operations)
@@ -135,6 +148,7 @@ def self_test():
         "a file that is not in the map": {"src/foundation/new.h": ""},
         "a folder that is not in the map": {"tools/new/main.cpp": ""},
         "a file that is only in the map": {"docs/architecture.md": sound["docs/architecture.md"] + "| `gone` |\n"},
+        "a path that is not there": {"docs/why.md": "see `foundation/gone`"},
         "a line without a word": {"src/foundation/new/log.h": 'LogError("Nothing works.");'},
         "a line that nothing writes": {"docs/operations.md": sound["docs/operations.md"] + "| `All is well.` | |\n"},
         "a changed line": {"docs/operations.md": sound["docs/operations.md"].replace("fails", "failed")},
