@@ -1,7 +1,7 @@
 /// The process log: error and debug lines in the file that the configuration names, or on standard error.
 ///
-/// main owns the one logger; every thread writes to it. Each line is one open-append-close, so that a line is never
-/// torn and a rotated or removed file never keeps a descriptor.
+/// Startup owns the one logger (service/start_up.cpp); every thread writes to it. Each line is one open-append-close,
+/// so that a line is never torn and a rotated or removed file never keeps a descriptor.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +31,8 @@ class Logger {
   int32_t level_ = 1;      // 1: error and debug lines, 0: error lines only
 };
 
-/// Makes `logger` the process's log; null sends every line to standard error. Called by main only (and by tests).
+/// Makes `logger`, which its caller keeps alive, the process's log; null sends every line to standard error. Called by
+/// the main thread only (and by tests).
 void SetLogger(const Logger* logger);
 
 /// `text` with "?" for every control character: what a client sent can neither begin a line nor steer a terminal.

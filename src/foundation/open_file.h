@@ -1,5 +1,5 @@
-/// Opening files so that no open waits and nothing is used that somebody else has laid out under the name: a FIFO, a
-/// link to another file, a file that others may write. Nothing here logs: the log itself is opened by it.
+/// Opening files so that no open waits and nothing is used that somebody else has put under the name: a FIFO, a link to
+/// another file, a file that others may write. Nothing here logs: the log itself is opened by it.
 #pragma once
 
 #include <sys/stat.h>

@@ -15,7 +15,7 @@ uint32_t RandomNumber(const char* device = "/dev/urandom");
 uint64_t KernelNumber();
 
 /// A new entity tag: a random hexadecimal text in the double quotes that belong to it, such as "3F2A9C01D4E5B677"
-/// (Redfish Specification, "ETags").
+/// (DSP0266, ETags).
 std::string NewEtag();
 
 }  // namespace event_service

@@ -36,24 +36,24 @@ using RedisReply = std::unique_ptr<redisReply, RedisReplyDeleter>;        // nul
 RedisReply SendArguments(redisContext* redis, std::span<const std::string_view> arguments);
 RedisReply SendArguments(redisContext* redis, std::initializer_list<std::string_view> arguments);
 
-/// The room that one command takes at most in the wire format, in bytes.
+/// The most bytes that one command takes in the wire format.
 size_t CommandRoom(std::span<const std::string_view> arguments);
 
-/// Puts one command in the wire format where there is as much room, and returns its end.
+/// Writes one command in the wire format to `out`, a buffer of at least CommandRoom bytes, and returns its end.
 char* PutCommand(char* out, std::span<const std::string_view> arguments);
 
-/// Hands commands in the wire format over to the server, whose replies wait in its buffers meanwhile: this cannot
-/// dead-lock. False when the connection fails; it counts as failed from then on.
+/// Sends commands in the wire format. The server buffers its replies meanwhile, so this cannot dead-lock. False when
+/// the connection fails; it counts as failed from then on.
 bool SendText(redisContext* redis, std::string_view commands);
 
 /// The next reply, null when it cannot be read.
 RedisReply ReadReply(redisContext* redis);
 
-/// Gives back the room in which a large reply has come, which the library keeps until the next one. Nothing is done
-/// while a part of a reply waits in it.
+/// Releases the buffer of a large reply, which the library keeps until the next one. Does nothing while a part of a
+/// reply waits in it.
 void ReleaseReplyRoom(redisContext* redis);
 
-/// Makes reading from this connection fail when nothing comes for so long (0: never). False when that cannot be set.
+/// Makes reading from this connection fail after so long without data (0: never). False when that cannot be set.
 [[nodiscard]] bool LimitWaiting(redisContext* redis, std::chrono::milliseconds patience);
 
 /// What a reply is; false for a null one.

@@ -6,7 +6,7 @@
 namespace event_service {
 namespace {
 
-// The room that the thread's last pipeline has grown, for its next one; more than a usual request needs is given back.
+// The buffer of the thread's last pipeline, for its next one; one larger than a usual request needs is released.
 constexpr size_t kMostRoomKept = 16 * 1024;
 thread_local std::string room;
 

@@ -57,8 +57,8 @@ class RedisPipeline {
 
  private:
   redisContext* redis_;
-  std::string commands_;  // in the wire format, and room for more
-  size_t used_ = 0;       // of it
+  std::string commands_;  // a buffer of commands in the wire format
+  size_t used_ = 0;       // bytes of it
   size_t count_ = 0;
 
   struct Step {
