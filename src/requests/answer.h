@@ -54,7 +54,8 @@ Answer Refuse(std::string_view status, std::string_view messageId, std::vector<s
 /// "EXCEPTION" with "ExtendedError.1.2.DatabaseOperationError", the answer to a Redis command that failed.
 Answer DatabaseError(std::string logText);
 
-/// The answer to a PATCH or resume that changes nothing: "OK_RES" with a Redfish error object as its body.
+/// The answer to a PATCH or resume that changes nothing (DSP0266, PATCH): "OK_RES" with a Redfish error object as its
+/// body.
 Answer NoOperationAnswer(std::string_view messageId = "Base.1.12.NoOperation");
 
 }  // namespace event_service

@@ -1,4 +1,4 @@
-/// What is passed over in a request body: members that are neither stored nor refused.
+/// What is passed over in a request body (DSP0266, PATCH): members that are neither stored nor refused.
 #pragma once
 
 #include <string_view>

@@ -1,4 +1,4 @@
-/// JSON texts: those that the store holds, one by one, mostly short strings and numbers, and whole ones from outside.
+/// JSON texts: stored values, mostly short strings and numbers, and whole documents that others have written.
 #pragma once
 
 #include <string>

@@ -21,8 +21,7 @@ std::optional<ContainerKind> GetResourceType(redisContext* redis, std::string_vi
 /// neither marker nor JSON text, or when containers lie deeper than kMaxNesting; `document` is then unspecified.
 bool ReadResource(redisContext* redis, std::string_view key, Json& document, const ReadOptions& options = {});
 
-/// The same for a hash whose HGETALL reply is at hand already, so that a caller can fetch it together with other
-/// things.
+/// The same for a hash whose HGETALL reply the caller has fetched together with other things.
 bool ReadResource(redisContext* redis, std::string_view key, const redisReply* hashReply, Json& document,
                   ReadOptions options = {});
 

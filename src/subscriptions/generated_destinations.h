@@ -9,7 +9,7 @@
 
 namespace event_service {
 
-/// How long start-up waits for the listener.
+/// How long startup waits for the listener.
 struct GenerationLimits {
   std::chrono::milliseconds untilHeard{5000};  // for the listener to have subscribed
   std::chrono::milliseconds perAnswer{30000};  // syslog destinations take up to 5 seconds, the file some more

@@ -1,5 +1,5 @@
-/// Whether a subscription is delivered to: its Status/State. After the creation it changes at the word of the delivery
-/// side, which suspends, and of clients, who resume.
+/// Whether events are delivered to a subscription: its Status/State. After the creation it is changed by the delivery
+/// side, which suspends, and by clients, who resume.
 #pragma once
 
 #include <string_view>

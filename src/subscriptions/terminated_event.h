@@ -1,4 +1,4 @@
-/// The last event that a destination gets: its subscription has ended (Redfish Specification, "Event service").
+/// The last event that a destination gets: its subscription has ended (DSP0266, Eventing).
 #pragma once
 
 #include <cstdint>

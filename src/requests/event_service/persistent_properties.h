@@ -23,8 +23,8 @@ std::string FormatPersistentProperties(const ServiceValues& values);
 /// Adds the changed values to the file. False after a logged line; the file then stays as it was.
 [[nodiscard]] bool SavePersistentProperties(const std::string& file, const ServiceValues& changed);
 
-/// Start-up: writes the file's values into Redis where they differ. True also without a file; lines that cannot be used
-/// are logged and passed over. False after one logged line.
+/// At startup: writes the file's values into Redis where they differ. True also without a file; lines that cannot be
+/// used are logged and passed over. False after one logged line.
 bool RestorePersistentProperties(redisContext* redis, const ServiceSettings& settings);
 
 }  // namespace event_service

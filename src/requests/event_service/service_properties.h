@@ -30,7 +30,8 @@ struct ServicePatchJudgement {
   bool isUnacceptable = false;    // one of them has a value that refuses the whole PATCH
 };
 
-/// Judges a PATCH body against the table of properties.
+/// Judges a PATCH body against the table of properties: those that can never be updated do not stop the others
+/// (DSP0266, PATCH).
 ServicePatchJudgement JudgeServicePatch(const Json& body, const NumberTexts& numbers, bool smtpIsServed);
 
 /// Whether a kept value is one that a PATCH would have accepted; a password is judged in its encrypted form. Integers

@@ -1,4 +1,4 @@
-/// What a PATCH makes of an array (Redfish Specification, "PATCH on array properties").
+/// What a PATCH makes of an array (DSP0266, PATCH on array properties).
 #pragma once
 
 #include "resource_store/store_encoding.h"

@@ -1,4 +1,5 @@
-/// The rules that a creation has to keep across its properties. Pure functions.
+/// The rules that a creation has to keep across its properties, such as that RegistryPrefixes and MessageIds exclude
+/// each other (DSP0266, Eventing). Pure functions.
 #pragma once
 
 #include <optional>

@@ -1,4 +1,5 @@
-/// What becomes of a PATCH of a subscription. Pure but for the header validator module.
+/// What becomes of a PATCH of a subscription: which properties change, or why none does (DSP0266, PATCH). Pure but for
+/// the header validator module.
 #pragma once
 
 #include <optional>

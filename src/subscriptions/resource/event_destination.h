@@ -36,7 +36,7 @@ struct NewDestination {
   std::string passwordLine = {};  // encrypts the SNMP secrets
   bool isSse = false;             // the front end opened a stream for it
   std::string sseChannel = {};    // of that stream
-  std::string timeStamp = {};     // of the stream's opening
+  std::string timeStamp = {};     // when the stream was opened
 };
 
 /// The resource that the body makes, complete but for "&&CRUDprefix", which a member gets when it has been written

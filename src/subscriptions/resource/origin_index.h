@@ -1,5 +1,6 @@
 /// The index from origins to subscriptions that event delivery reads: one hash for each origin path, with one field for
-/// each subscription, which holds its filter mask.
+/// each subscription, which holds its filter mask. SubordinateResources widens OriginResources to everything below them
+/// (DSP0266, Eventing).
 #pragma once
 
 #include <string>
