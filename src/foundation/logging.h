@@ -19,6 +19,7 @@ class Logger {
 
   /// True when the lines go to a file.
   bool IsEnabled() const { return enabled_; }
+  /// False when LOG_LEVEL is "error".
   bool WritesDebugLines() const { return level_ > 0; }
 
   /// Appends one line; never fails its caller. `tag` is "[Error]" or "[Debug]".

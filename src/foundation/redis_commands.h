@@ -85,7 +85,9 @@ std::string HashRead(redisContext* redis, std::string_view key, std::string_view
 bool HashWrite(redisContext* redis, std::string_view key, std::string_view field, std::string_view value);
 /// Sets one field to the value between two double quotes: a JSON string, for texts that need no escaping.
 bool HashWriteQuoted(redisContext* redis, std::string_view key, std::string_view field, std::string_view value);
+/// Removes one field; a missing one is removed already.
 bool HashFieldDelete(redisContext* redis, std::string_view key, std::string_view field);
+/// Appends one element at the tail (RPUSH).
 bool ListAppend(redisContext* redis, std::string_view key, std::string_view value);
 /// The number of elements, 0 for a missing list; -1 when Redis does not answer with an integer.
 long long ListLength(redisContext* redis, std::string_view key);
@@ -93,6 +95,7 @@ long long ListLength(redisContext* redis, std::string_view key);
 bool ListRemove(redisContext* redis, std::string_view key, std::string_view value);
 /// True exactly when Redis answers with the integer 1.
 bool KeyExists(redisContext* redis, std::string_view key);
+/// Deletes one key, whatever its type; a missing one is deleted already.
 bool KeyDelete(redisContext* redis, std::string_view key);
 /// The names of the keys that match a glob pattern; empty also when there is no usable reply.
 std::vector<std::string> KeyListing(redisContext* redis, std::string_view pattern);

@@ -28,6 +28,7 @@ using Replies = std::span<RedisReply>;
 /// sent. Belongs to the thread of its connection, which must outlive it.
 class RedisPipeline {
  public:
+  /// `redis` is not null and the calling thread's; with a failed connection every reply is null.
   explicit RedisPipeline(redisContext* redis);
   ~RedisPipeline();
   RedisPipeline(const RedisPipeline&) = delete;
@@ -37,6 +38,7 @@ class RedisPipeline {
   size_t Append(std::initializer_list<std::string_view> arguments);
   size_t Append(std::span<const std::string_view> arguments);
 
+  /// The number of commands that Execute will send.
   size_t Size() const { return count_; }
 
   /// Ends a step: `take` gets the replies to what was appended since the step before it. Execute calls the steps in

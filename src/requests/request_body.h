@@ -26,6 +26,7 @@ namespace event_service {
 /// element of a list may be a client's string, so only markers to the list's own keys are followed from there.
 class RequestBody {
  public:
+  /// `key` is where the body is stored; an empty key stands for an empty body.
   explicit RequestBody(std::string_view key);
 
   /// Takes the first level from an HGETALL reply of the body's key that the caller has fetched. False as for TakeLevel.

@@ -45,6 +45,7 @@ inline std::optional<Fault> CheckOverfull(const Json& value) {
 std::optional<Fault> CheckText(const Json& value, size_t limit = kMaxStringBytes);
 /// The same, without control characters: such a text becomes a line, or a part of one, somewhere else.
 std::optional<Fault> CheckLine(const Json& value);
+/// true or false.
 std::optional<Fault> CheckBoolean(const Json& value);
 /// Whole numbers, in any notation ("2.5e1" and "25.0" are 25), within the range.
 std::optional<Fault> CheckInteger(const Json& value, int64_t smallest = std::numeric_limits<int64_t>::min(),

@@ -17,7 +17,10 @@ struct PersistentProperties {
   std::vector<size_t> unusableLines;  // numbers from 1
 };
 
+/// The content of the file, line by line; a line without "=", of an unknown property or with an unacceptable value is
+/// unusable.
 PersistentProperties ParsePersistentProperties(std::string_view text);
+/// The content of the file for these values, sorted by name.
 std::string FormatPersistentProperties(const ServiceValues& values);
 
 /// Adds the changed values to the file. False after a logged line; the file then stays as it was.
