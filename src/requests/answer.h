@@ -1,6 +1,7 @@
 /// How a request ends, as a value: what goes under the response key, and the line for the log.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,6 +30,9 @@ struct Message {
   std::vector<std::string> args = {};
   std::vector<std::string> relatedProperties = {};  // property paths, without "#/"
 };
+
+/// So many messages an answer holds. What a client does wrong beyond these it finds out when it has mended them.
+inline constexpr size_t kMostMessages = 64;
 
 /// The end of a request, good or bad. A handler returns one, which the listener writes.
 struct Answer {

@@ -9,9 +9,6 @@
 namespace event_service {
 namespace {
 
-// What a client does wrong beyond these it finds out when it has mended them.
-constexpr size_t kMostMessages = 64;
-
 /// Appends a list under the entry and the entry's field that leads to it; nothing for an empty list.
 void AppendList(RedisPipeline& pipeline, const std::string& entryKey, std::string_view name,
                 const std::vector<std::string>& elements, std::string_view prefix) {

@@ -83,6 +83,7 @@ class Creation {
   std::optional<Answer> DisableSnmpTrap();
   void Persist();
   Answer Announce();
+  Answer Failed(const char* logText);
   Answer WriteFailed();
   void TakeBack();
 
@@ -255,10 +256,7 @@ std::optional<Answer> Creation::Enrol() {
 
 std::optional<Answer> Creation::DisableSnmpTrap() {
   if (!IsSnmpTrapDestination(uri_, TextMember(destination_, "SubscriptionType"))) return std::nullopt;
-  if (!SetState(redis_, uri_, kStateDisabled)) {
-    TakeBack();
-    return DatabaseError("DatabaseOperationError: Failed to set State.");
-  }
+  if (!SetState(redis_, uri_, kStateDisabled)) return Failed("DatabaseOperationError: Failed to set State.");
   destination_["Status"]["State"] = kStateDisabled;
   return std::nullopt;
 }
@@ -303,11 +301,13 @@ Answer Creation::Announce() {
 }
 
 /// The log tells what failed before it tells what failed because of it.
-Answer Creation::WriteFailed() {
-  LogError("DatabaseOperationError: Failed to create event destination object.");
+Answer Creation::Failed(const char* logText) {
+  LogError("%s", logText);
   TakeBack();
   return DatabaseError({});
 }
+
+Answer Creation::WriteFailed() { return Failed("DatabaseOperationError: Failed to create event destination object."); }
 
 /// Removes what the creation may have written, however far it got. The syslog forwarder is not told, and counters that
 /// have moved stay.

@@ -1,5 +1,4 @@
-/// The platform's header validator: what it is asked, and what becomes of its answers and failures. The built-in check
-/// of headers is judged by the reference model.
+/// The platform's header validator: what it is asked, and what becomes of its answers and failures.
 #include <filesystem>
 #include <thread>
 

@@ -96,6 +96,7 @@ TEST_F(LifeTest, WhatIsNoMemberStaysAndLeavesTheCollection) {
   const RedisContext connection = proxy.Connect();
   const LogCapture log;
   const Json body = {{"Status", {{"State", "Disabled"}}}};
+  state_->subscriptionCount = 0;  // it must not pass below
   PrepareGet(MakeRequest("GET", uri));
   for (const char* method : {"PATCH", "POSTACTION", "STATE", "DELETE"}) {
     EXPECT_EQ(Handle(method, uri, body).status, kNotFound) << method;
@@ -153,6 +154,8 @@ TEST_F(LifeTest, AFailedCommandLeavesOneStepUndoneAtMostAndIsTold) {
       EXPECT_TRUE(isRefused ? isTold : undone == 0);
       EXPECT_TRUE(isTold || *row.method != 'D' || !Elements("queued").empty());
       EXPECT_TRUE(!isCreation || steps[0] || !steps[1]) << "a part is listed";
+      EXPECT_TRUE(!isCreation || Field(uri, "&&CRUDprefix").empty() || !Elements(kMembers).empty())
+          << "a part is whole";
       EXPECT_TRUE(!isCreation || isRefused == (state_->subscriptionCount == 0));
       if (isCut) return;  // nothing can follow or be taken back
       const size_t known = isCreation ? state_->syslogTlsDestinationIds.size() : state_->subscriptionCount;

@@ -35,7 +35,7 @@ Message NameFault(const Header& header) {
   return PropertyMessage({FaultKind::kFormat}, header.name, ElementPath(kProperty, header.element));
 }
 
-/// Collects the headers of one element, or what is wrong with them.
+/// Collects the headers of one element, or what is wrong with them, as far as an answer holds it.
 void JudgeElement(const Json& element, size_t index, std::vector<Header>& headers, std::vector<Message>& faults) {
   const std::string path = ElementPath(kProperty, index);
   // A lone reference may have been a string that reads like its marker.
@@ -44,7 +44,7 @@ void JudgeElement(const Json& element, size_t index, std::vector<Header>& header
     return;
   }
   for (const auto& [name, value] : element.items()) {
-    if (IsPassedOver(name)) continue;
+    if (IsPassedOver(name) || faults.size() >= kMostMessages) continue;
     const std::string_view text = value.is_string() ? value.get_ref<const std::string&>() : std::string_view();
     const Header header{index, name, text};
     if (!IsHeaderName(name) || BelongsToConnection(name)) {

@@ -24,9 +24,9 @@ void PropertyJudge::JudgeMembers(const Json::const_iterator& first, const Json::
     const std::string path = MemberPath(parentPath, member.key());
     const PropertyRule* rule = FindRule(rules, member.key());
     if (rule == nullptr) {
-      faults_.push_back(PropertyMessage(FaultKind::kUnknown, path));
+      Report(Fault{FaultKind::kUnknown}, nullptr, path);
     } else if (!IsWritable(*rule, circumstances_.isCreation)) {
-      faults_.push_back(PropertyMessage(FaultKind::kNotWritable, path));
+      Report(Fault{FaultKind::kNotWritable}, nullptr, path);
     } else if (!(rule->hangsOnProtocol && circumstances_.protocolRefused)) {
       JudgeValue(*rule, *member, path);
     }
@@ -120,12 +120,17 @@ void PropertyJudge::JudgeHeaderArray(const Json& value) {
       JudgeHeaders(value, circumstances_.stored, circumstances_.settings.paths.headerValidatorModule);
   hasUnacceptableValue_ |= !findings.faults.empty();
   moduleFailed_ |= findings.moduleFailed;
+  findings.faults.resize(std::min(findings.faults.size(), kMostMessages - faults_.size()));
   std::ranges::move(findings.faults, std::back_inserter(faults_));
 }
 
 void PropertyJudge::Refuse(Fault fault, const Json& value, const std::string& path) {
   hasUnacceptableValue_ = true;
-  faults_.push_back(PropertyMessage(fault, value, path, circumstances_.numbers));
+  Report(fault, value, path);
+}
+
+void PropertyJudge::Report(Fault fault, const Json& value, const std::string& path) {
+  if (faults_.size() < kMostMessages) faults_.push_back(PropertyMessage(fault, value, path, circumstances_.numbers));
 }
 
 }  // namespace event_service

@@ -21,7 +21,7 @@ class PropertyJudge {
   /// Judges top-level properties, in key order.
   void JudgeProperties(const Json::const_iterator& first, const Json::const_iterator& last);
 
-  /// One message for each fault, in the order in which they were found.
+  /// One message for each fault, in the order in which they were found, as far as an answer holds them.
   const std::vector<Message>& Faults() const { return faults_; }
   /// Whether a value was unacceptable; otherwise every fault is a property that a client cannot write here.
   bool HasUnacceptableValue() const { return hasUnacceptableValue_; }
@@ -39,6 +39,7 @@ class PropertyJudge {
   void JudgeReference(const Json& value, const std::string& path);
   void JudgeHeaderArray(const Json& value);
   void Refuse(Fault fault, const Json& value, const std::string& path);
+  void Report(Fault fault, const Json& value, const std::string& path);
 
   const BodyCircumstances& circumstances_;
   std::vector<Message> faults_;

@@ -1,0 +1,327 @@
+/// What a creation and a PATCH may hold: rows of values, without Redis.
+#include <regex>
+
+#include "subscriptions/judgement/creation_check.h"
+#include "subscriptions/judgement/patch_check.h"
+#include "subscriptions/resource/filter_mask.h"
+#include "tests/subscriptions/subscriptions_fixture.h"
+
+namespace event_service {
+namespace {
+
+/// With lists of discovered values, or with empty ones.
+ServiceSettings MakeSettings(bool hasDiscovered) {
+  ServiceSettings settings;
+  settings.subordinateResourcesSupported = settings.includeOriginOfConditionSupported = hasDiscovered;
+  settings.paths.headerValidatorModule = "/nonexistent/module";
+  for (const char* name : {"MessageIds", "ResourceTypes", "RegistryPrefixes"}) {
+    if (hasDiscovered) settings.allowedValues[name] = {"\"Base\"", "\"Base.1.12.Success\"", "\"Task\""};
+  }
+  return settings;
+}
+const ServiceSettings kEverything = MakeSettings(true);
+const ServiceSettings kNothing = MakeSettings(false);
+
+std::string Check(const Json& body, const CreationCircumstances& circumstances) {
+  const Answer answer = CheckCreation(body, circumstances).value_or(Answer{});
+  return InShort(answer) + answer.logText;
+}
+
+const std::string kHex64 = std::string(64, 'a');
+
+TEST(Judgement, EachPropertyHasItsValues) {
+  const Names arrays = {"EventTypes",      "MessageIds",       "MetricReportDefinitions",
+                        "OriginResources", "RegistryPrefixes", "ResourceTypes",
+                        "SyslogFilters"};
+  const Names choices = {"DeliveryRetryPolicy",         "EventFormatType",         "SubscriptionType",
+                         "SNMP/AuthenticationProtocol", "SNMP/EncryptionProtocol", "SyslogFilters/0/LowestSeverity"};
+  const Names flags = {"IncludeOriginOfCondition", "SendHeartbeat", "SubordinateResources", "VerifyCertificate"};
+  const Names references = {"MetricReportDefinitions/0", "OriginResources/0"};
+  const Names discovered = {"MessageIds/0", "RegistryPrefixes/0", "ResourceTypes/0"};
+  const Names keys = {"SNMP/AuthenticationKey", "SNMP/EncryptionKey"};
+  const struct {
+    std::string fault;  // empty: the values are taken
+    Names paths;
+    std::string values;
+    const char* kind = "SMTP";  // of the body in which they stand
+  } rows[] = {
+      {"PropertyNotWritable",
+       {"Actions", "Certificates", "ClientCertificates", "OEMProtocol", "OEMSubscriptionType", "Oem", "Status",
+        "SNMP/AuthenticationKeySet", "SNMP/EncryptionKeySet"},
+       "[null, 1]"},
+      {"PropertyUnknown", {"Foo", "protocol", "SNMP/Foo", "SyslogFilters/0/Foo"}, "[null, 1]"},
+      {"", {"&&SSE-CHANNEL", "A@odata.type", "SNMP/x@Redfish.y", "@Message.z"}, "[null, 1]"},
+      {"", {"Context", "Description"}, R"([null, "", "&&Object x", "a\r\nb"])"},
+      {"", {"Name"}, R"(["", "x"])"},
+      {"PropertyValueTypeError", {"Context", "Description"}, "[5, true, {}, []]"},
+      {"PropertyValueTypeError", {"Destination", "Id", "Name", "Protocol", "SNMP"}, "[null, 5, []]"},
+      {"PropertyValueFormatError", {"Context", "Description", "Destination", "Id", "Name"}, R"(["a\u0000b"])"},
+      {"", choices, "[null]"},
+      {"PropertyValueTypeError", choices, "[5, {}, []]"},
+      {"PropertyValueNotInList", choices, R"(["", "none"])"},
+      {"", {"DeliveryRetryPolicy"}, R"(["TerminateAfterRetries", "SuspendRetries", "RetryForeverWithBackoff"])"},
+      {"", {"EventFormatType"}, R"(["Event", "MetricReport"])"},
+      {"", {"SNMP/AuthenticationProtocol"}, R"(["None", "HMAC384_SHA512"])"},
+      {"", {"SNMP/EncryptionProtocol"}, R"(["None", "CFB128_AES128"])"},
+      {"", {"SyslogFilters/0/LowestSeverity"}, R"(["Emergency", "All"])"},
+      {"", {"SubscriptionType"}, R"(["RedfishEvent", "SNMPTrap", "SNMPInform"])"},
+      {"", {"SubscriptionType"}, R"(["Syslog"])", "TLS"},
+      {"PropertyValueNotInList", {"SubscriptionType"}, R"(["Syslog", "SSE"])"},
+      {"PropertyValueNotInList", {"Protocol"}, R"(["FTP", "redfish", "SNMPv4", "OEM"])"},
+      {"", flags, "[null, true, false]"},
+      {"PropertyValueTypeError", flags, R"([0, "true", []])"},
+      {"", {"HeartbeatIntervalMinutes"}, "[null, 1, 25.0, 65535, 65535.0]"},
+      {"PropertyValueTypeError", {"HeartbeatIntervalMinutes"}, R"([1.5, "5", true, []])"},
+      {"PropertyValueOutOfRange", {"HeartbeatIntervalMinutes"}, "[0, -1, 65536, 1e30]"},
+      {"", {"Id"}, R"(["", "a", "_.", "A-z_0.9", ")" + kHex64 + "\"]"},
+      {"PropertyValueFormatError",
+       {"Id"},
+       R"(["-a", ".a", "a b", "a/b", "é", "Members", "Actions", "CHANNEL", "SSE-ALL", "Total_Num_Subscriber", "a)" +
+           kHex64 + "\"]"},
+      {"", arrays, "[[]]"},
+      {"PropertyValueTypeError", arrays, R"([null, 5, {}, "x"])"},
+      {"", {"EventTypes/0"}, R"(["StatusChange", "Other"])"},
+      {"PropertyValueNotInList", {"EventTypes/0", "SyslogFilters/0/LogFacilities/0"}, R"(["", "alert"])"},
+      {"PropertyValueTypeError", {"EventTypes/0", "SyslogFilters/0/LogFacilities/1"}, R"([5, {}, "&&Object x"])"},
+      {"PropertyValueTypeError", {"EventTypes/0", "SyslogFilters/0/LogFacilities"}, "[null]"},
+      {"", discovered, R"(["Base", "Task"])"},
+      {"PropertyValueNotInList", discovered, R"([null, "base"])"},
+      {"PropertyValueTypeError", discovered, R"([5, {}, "&&Array x"])"},
+      {"", references, R"([{"@odata.id": "/redfish/v1/a#/b/0"}, {"@odata.id": "/redfish/v1/..a"}])"},
+      {"PropertyValueTypeError", references, R"([null, 5, "/redfish/v1/a", [], {}, {"@odata.id": 1}])"},
+      {"PropertyValueFormatError", references,
+       R"([{"@odata.id": "/redfish/v1/a/../b"}, {"@odata.id": "/redfish/v1/."}, {"@odata.id": "/other"},
+           {"@odata.id": "/redfish/v1/a b"}])"},
+      {"", {"SyslogFilters/0"}, R"([null, {}, {"LogFacilities": [null, "Kern", "Local7"], "LowestSeverity": null}])"},
+      {"PropertyValueTypeError", {"SyslogFilters/0"}, R"([5, "x", []])"},
+      {"", {"HttpHeaders"}, R"([[], [{}], [{"A": "", "b": "a b"}, {"A": "c"}]])"},
+      {"PropertyValueError", {"HttpHeaders"}, R"([null, 5, {}, "x"])"},
+      {"PropertyValueError", {"HttpHeaders/0"}, R"([null, "x", [], {"@odata.id": "/x"}])"},
+      {"PropertyValueError", {"HttpHeaders/0/A"}, R"([null, 5, {}, "a\r\nb", "\u0000", "\u007f"])"},
+      {"", {"SNMP/TrapCommunity"}, R"([null, "", "public"])"},
+      {"PropertyValueError", {"SNMP/TrapCommunity"}, R"([5, {}, "a\u0000b"])"},
+      {"", keys, R"(["x", "hex:", "Passphrase:a b", "Hex:0123456789abcdefABCDEF00", "Hex:)" + kHex64 + "\"]"},
+      {"", {"SNMP/AuthenticationKey"}, "[\"Hex:" + kHex64 + kHex64.substr(32) + "\"]"},
+      {"", {"SNMP/EncryptionKey"}, R"(["Hex:0123456789abcdef"])"},
+      {"PropertyValueError", keys, R"([null, 5, "", "a\nb", "é", "Hex:", "Passphrase:", "Hex:0123456789abcde",
+           "Hex:g123456789abcdefABCDEF00"])"},
+      {"PropertyValueError",
+       {"SNMP/AuthenticationKey"},
+       "[\"Hex:0123456789abcdef0123456\", \"Hex:" + kHex64 + kHex64.substr(31) + "\"]"},
+      {"PropertyValueError", {"SNMP/EncryptionKey"}, "[\"Hex:a" + kHex64 + "\"]"},
+      {"",
+       {"Destination"},
+       R"(["https://host", "HTTP://host:/", "https://[fe80::1%25eth0.1]/", "http://a_b.c:80/x?y#z"])",
+       "metrics"},
+      {"PropertyValueFormatError",
+       {"Destination"},
+       R"(["", "host", "http://", "https:host", "https://*/", "http://[::1", "https://[v1.a]/", "https://host:0/",
+           "https://host:65536/", "//host/x", "redfish-sse://h", "https://user@host/", "https://@h/", "https://a..b",
+           "https://-a.b", "https://a.-b", "https://h/ x", "https://[::1%25]"])",
+       "metrics"},
+      {"", {"Destination"}, R"(["host", "host:162", "[::1]:162", "snmp://u@h", "SNMP://[fe80::1]/"])", "trap"},
+      {"PropertyValueFormatError",
+       {"Destination"},
+       R"(["fe80::1", "host:", "host/", "user@host", "snmp://", "https://h"])",
+       "inform"},
+      {"", {"Destination"}, R"(["mailto:a@b", "MAILTO:a+b.c=d@b.c"])"},
+      {"PropertyValueFormatError",
+       {"Destination"},
+       R"(["mailto:a", "a@b", "mailto:@b", "mailto:a@b,", "mailto:a%0dRcpt@b", "mailto:a@b?subject=x", "mailto:-a@b"])"},
+      {"", {"Destination"}, R"(["10.0.0.2:514", "[fe80::1]", "syslog://[::1]:6514"])", "TCP"},
+      {"PropertyValueFormatError", {"Destination"}, R"(["syslog://h@h", "tcp://h", "h?x", "h#x", "[::1%25]"])", "TLS"},
+  };
+  for (const auto& row : rows) {
+    for (const std::string& path : row.paths) {
+      for (const Json& value : Json::parse(row.values)) {
+        Json body = kBodies[row.kind];
+        body[Json::json_pointer("/" + path)] = value;
+        const bool isUri = row.fault == "PropertyValueFormatError" && value.is_object();
+        const Json& shown = isUri ? value["@odata.id"] : value;
+        const std::string text = shown.is_string() ? shown.get<std::string>() : shown.dump();
+        const bool namesValue = row.fault.starts_with("PropertyValue") && row.fault != "PropertyValueError";
+        std::string expected = "FAILURE " + row.fault + "(" + (namesValue ? text + ", " : "") + path + ") @" + path;
+        if (row.fault.empty()) expected.clear();
+        EXPECT_EQ(Check(body, {.settings = kEverything}), expected) << value;
+      }
+    }
+  }
+}
+
+TEST(Judgement, TextsAndArraysHaveTheirLimits) {
+  const auto check = [](const std::string& path, const Json& value) {
+    Json body = kBodies["metrics"];
+    body[Json::json_pointer("/" + path)] = value;
+    return Check(body, {.settings = kNothing});
+  };
+  for (const auto& [path, limit] : {std::pair("Context", 1024),
+                                    {"Name", 1024},
+                                    {"MessageIds/0", 1024},
+                                    {"SNMP/AuthenticationProtocol", 1024},
+                                    {"Destination", 2048}}) {
+    const std::string longest = "https://" + std::string(static_cast<size_t>(limit) - 8, 'x');
+    const std::string text = longest.substr(0, 64) + ", " + std::to_string(limit) + ") @" + path;
+    EXPECT_EQ(check(path, longest).find("TooLong"), std::string::npos) << path;
+    EXPECT_EQ(check(path, longest + "x"), "FAILURE StringValueTooLong(" + text) << path;
+  }
+  for (const auto& [path, limit] :
+       {std::pair("SNMP/TrapCommunity", 1024u), {"SNMP/EncryptionKey", 1024u}, {"HttpHeaders/0/ABCDE", 8192u - 5}}) {
+    EXPECT_EQ(check(path, std::string(limit, 'x')), "");
+    EXPECT_EQ(check(path, std::string(limit + 1, 'x')),
+              "FAILURE PropertyValueError(" + std::string(path) + ") @" + path);
+  }
+  const Json reference = {{"@odata.id", "/redfish/v1/a"}};
+  for (const auto& [path, element] : {std::pair("SyslogFilters", Json()),
+                                      {"MetricReportDefinitions", reference},
+                                      {"HttpHeaders", Json{{"A", "b"}}},
+                                      {"EventTypes", Json("Other")}}) {
+    EXPECT_EQ(check(path, Json(256, element)), "");
+    EXPECT_EQ(check(path, Json(257, element)), "FAILURE PropertyValueError(" + std::string(path) + ") @" + path);
+  }
+  Json unknown = Json::object();
+  for (int i = 0; i < 1000; ++i) unknown["a b" + std::to_string(i)] = "";
+  EXPECT_EQ(CheckCreation(unknown, {.settings = kNothing})->messages.size(), kMostMessages);
+  EXPECT_EQ(CheckCreation({{"HttpHeaders", {unknown}}, {"Id", 5}}, {.settings = kNothing})->messages.size(),
+            kMostMessages);
+  unknown["b"] = unknown["VerifyCertificate"] = 1;  // what is not listed refuses all the same
+  EXPECT_EQ(JudgePatch(unknown, Json::object(), kNothing).answer->status, kFailure);
+}
+
+TEST(Judgement, HeaderNamesAreTokensOfTheClient) {
+  for (const char* name : {"x!#$%&'*+-.^_`|~9", "Upgrade2", "X-Host"}) {
+    EXPECT_EQ(Check({{"Protocol", "SMTP"}, {"Destination", "mailto:a@b"}, {"HttpHeaders", {{{name, "x"}}}}},
+                    {.settings = kNothing}),
+              "");
+  }
+  for (const char* name : {"", "bad header", "a:b", "N\r\n", "\xc3\xa9", "host", "CONTENT-LENGTH", "Transfer-Encoding",
+                           "Connection", "upgrade"}) {
+    const std::string refused =
+        "FAILURE PropertyValueFormatError(" + std::string(name) + ", HttpHeaders/0) @HttpHeaders/0";
+    EXPECT_EQ(Check({{"HttpHeaders", {{{name, 5}, {"A", "x"}}}}}, {.settings = kNothing}), refused);
+  }
+}
+
+TEST(Judgement, TheFirstFindingGroupAnswers) {
+  const CreationCircumstances poor{.settings = kNothing, .syslogTlsDestinations = 3};
+  const CreationCircumstances rich{.settings = kEverything, .syslogTlsDestinations = 2};
+  const CreationCircumstances stream{.settings = kEverything, .isSse = true};
+  const std::string notImplemented = "NOT_SUPPORTED ExtendedError.1.2.NotImplemented(";
+  const std::string unprocessable = "FAILURE ExtendedError.1.2.UnprocessableEntity(";
+  const std::string noProtocol =
+      "EXCEPTION ExtendedError.1.2.DatabaseOperationError()Failed to get the protocol value from the request.";
+  const std::string bothFilters =
+      ")Filter parameter for events and metric reports should not be supplied at the same request.";
+  const std::string wrongFormat = ", EventFormatType)Filter parameter and event format type is conflict.";
+  const std::string bothIds =
+      "RegistryPrefixes, MessageIds)MessageIds and RegistryPrefix should not be supplied at the same request.";
+  const std::string noCommunity = "Protocol, SNMP/TrapCommunity)SNMP/TrapCommunity is required for SNMPv1 or SNMPv2c.";
+  const struct {
+    const CreationCircumstances& world;
+    const char* body;
+    std::string outcome;
+  } rows[] = {
+      {poor, R"({"IncludeOriginOfCondition": 5, "SubordinateResources": null, "Protocol": "SyslogTLS"})",
+       notImplemented + "SubordinateResources, IncludeOriginOfCondition)"},
+      {poor, R"({"IncludeOriginOfCondition": true})", notImplemented + "IncludeOriginOfCondition)"},
+      {poor, R"({"Protocol": "SyslogTLS", "Foo": 1})",
+       "FAILURE CreateLimitReachedForResource()Cannot create the new event destination for syslog because the maximum "
+       "number of remote server destination entries has been reached."},
+      {poor, R"({"Protocol": "SyslogTCP", "Destination": "h"})", ""},
+      {rich, R"({"Protocol": "SyslogTLS", "Destination": "h"})", ""},
+      {poor, R"({"RegistryPrefixes": [], "Zoo": 1})", notImplemented + "RegistryPrefixes)"},
+      {poor, R"({"RegistryPrefixes": {}, "Foo": 1})",
+       "FAILURE PropertyUnknown(Foo) @Foo, PropertyValueTypeError({}, RegistryPrefixes) @RegistryPrefixes"},
+      {poor,
+       R"({"MessageIds": [null, "any"], "ResourceTypes": [null], "Protocol": "SMTP", "Destination": "mailto:a@b"})",
+       ""},
+      {rich,
+       R"({"Protocol": "FTP", "Destination": 5, "SubscriptionType": "Syslog", "a~/b": 1, "SNMP": {"EncryptionKey": 5},
+          "HeartbeatIntervalMinutes": {"Password": "x"}, "MetricReportDefinitions": [{"@odata.id": "/x"}, 5]})",
+       "FAILURE PropertyValueTypeError({\"Password\":null}, HeartbeatIntervalMinutes) @HeartbeatIntervalMinutes, "
+       "PropertyValueFormatError(/x, MetricReportDefinitions/0) @MetricReportDefinitions/0, "
+       "PropertyValueTypeError(5, MetricReportDefinitions/1) @MetricReportDefinitions/1, "
+       "PropertyValueNotInList(FTP, Protocol) @Protocol, PropertyValueError(SNMP/EncryptionKey) @SNMP/EncryptionKey, "
+       "PropertyUnknown(a~/b) @a~0~1b"},
+      {rich, R"({"Protocol": "Redfish", "Destination": "https://u:p@ss@h/"})",
+       "FAILURE PropertyValueFormatError(...@h/, Destination) @Destination"},
+      {rich, R"({"Protocol": "SNMPv3", "Destination": "u:p://s@h"})",
+       "FAILURE PropertyValueFormatError(...@h, Destination) @Destination"},
+      {rich, R"({"MetricReportDefinitions": [], "SubordinateResources": null, "OriginResources": []})",
+       unprocessable + "OriginResources, MetricReportDefinitions" + bothFilters},
+      {rich, R"({"EventFormatType": "MetricReport", "IncludeOriginOfCondition": false})",
+       unprocessable + "IncludeOriginOfCondition" + wrongFormat},
+      {rich, R"({"EventFormatType": "Event", "MetricReportDefinitions": []})",
+       unprocessable + "MetricReportDefinitions" + wrongFormat},
+      {rich, R"({"MessageIds": [], "RegistryPrefixes": []})", unprocessable + bothIds},
+      {rich, R"({"Destination": "any", "SubscriptionType": "Syslog"})", noProtocol},
+      {rich, R"({"Protocol": "SNMPv3", "SubscriptionType": null})",
+       unprocessable + "SubscriptionType, Protocol)SubscriptionType is required for SNMP."},
+      {rich, R"({"Protocol": "SNMPv1", "SubscriptionType": "SNMPTrap", "SNMP": {"TrapCommunity": ""}})",
+       unprocessable + noCommunity},
+      {rich, R"({"Protocol": "SNMPv2c", "SubscriptionType": "SNMPTrap"})", unprocessable + noCommunity},
+      {rich, R"({"Protocol": "SNMPv3", "SubscriptionType": "SNMPTrap"})",
+       "FAILURE CreateFailedMissingReqProperties(Destination) @Destination"},
+      {stream, R"({"Protocol": "Redfish", "Destination": "any text", "SubscriptionType": "SSE"})", ""},
+      {stream, R"({"Protocol": "Redfish"})", ""},
+      {stream, R"({"Protocol": "SMTP", "Destination": 5})", "FAILURE PropertyValueNotInList(SMTP, Protocol) @Protocol"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(Check(Json::parse(row.body), row.world), row.outcome) << row.body;
+}
+
+TEST(Judgement, APatchChangesWhatItMay) {
+  const Json stored =
+      Json::parse(R"({"Context": "c", "VerifyCertificate": false, "HttpHeaders": [{"A": "1"}, {"B": "2"}],
+      "SyslogFilters": [{"LogFacilities": ["Kern"]}, {"LowestSeverity": "All"}],
+      "SNMP": {"AuthenticationProtocol": "HMAC_MD5", "EncryptionKeySet": true}})");
+  const std::string noOperation = "OK_RES";
+  const struct {
+    const char* body;
+    std::string outcome;  // an answer that ends the request, or the changes with the messages
+    bool everythingCounts = false;
+  } rows[] = {
+      {R"({"Context": "c", "DeliveryRetryPolicy": null, "SNMP": {"AuthenticationProtocol": "HMAC_MD5"}})", noOperation},
+      {R"({"Context": "c", "SNMP": {"AuthenticationProtocol": "HMAC_MD5"}})",
+       R"({"Context":"c","SNMP":{"AuthenticationProtocol":"HMAC_MD5"}})", true},
+      {R"({"@odata.etag": "x", "Context@Redfish.Copy": 1, "&&Privileges": "x", "SNMP": {}})", noOperation},
+      {R"({"Context": null, "SNMP": {"EncryptionKey": null}})", R"({"Context":null,"SNMP":{"EncryptionKey":null}})"},
+      {R"({"HttpHeaders": [{}, {}]})", noOperation},
+      {R"({"HttpHeaders": [{}, {"B": "2"}]})", R"({"HttpHeaders":[{"A":"1"},{"B":"2"}]})"},
+      {R"({"HttpHeaders": [null, {}, {}, {"C": ""}]})", R"({"HttpHeaders":[{"B":"2"},{"C":""}]})"},
+      {R"({"SyslogFilters": [{"LogFacilities": ["Kern"]}, {}, {}]})", noOperation},
+      {R"({"SyslogFilters": [{}]})", R"({"SyslogFilters":[{"LogFacilities":["Kern"]}]})"},
+      {R"({"SyslogFilters": [{}, null, {"LogFacilities": ["User"], "x@odata.count": 1}]})",
+       R"({"SyslogFilters":[{"LogFacilities":["Kern"]},{"LogFacilities":["User"]}]})"},
+      {R"({"SyslogFilters": [{"Foo": 1}, {"Foo": 1}], "Context": "d"})",
+       R"({"Context":"d"} PropertyUnknown(SyslogFilters/0/Foo) @SyslogFilters/0/Foo, )"
+       "PropertyUnknown(SyslogFilters/1/Foo) @SyslogFilters/1/Foo"},
+      {R"({"Context": "c", "Foo": 1})", "OK_RES PropertyUnknown(Foo) @Foo"},
+      {R"({"Id": "x", "SNMP": {"EncryptionKeySet": true}})",
+       "FAILURE PropertyNotWritable(Id) @Id, PropertyNotWritable(SNMP/EncryptionKeySet) @SNMP/EncryptionKeySet"},
+      {R"({"Context": "f", "Foo": 1, "VerifyCertificate": 1})",
+       "FAILURE PropertyUnknown(Foo) @Foo, PropertyValueTypeError(1, VerifyCertificate) @VerifyCertificate"},
+      {R"({"SyslogFilters": [null, {"LogFacilities": [{}]}]})",
+       "FAILURE PropertyValueTypeError({}, SyslogFilters/1/LogFacilities/0) @SyslogFilters/1/LogFacilities/0"},
+      {R"({"HttpHeaders": [null, {}, "x", {"@odata.id": "/x y"}]})",
+       "FAILURE PropertyValueError(HttpHeaders/2) @HttpHeaders/2, PropertyValueError(HttpHeaders/3) @HttpHeaders/3"},
+  };
+  for (const auto& row : rows) {
+    PatchJudgement judgement = JudgePatch(Json::parse(row.body), stored, kEverything, {}, row.everythingCounts);
+    Answer answer = judgement.answer.value_or(Answer{{}, judgement.notUpdatable, {}, {}});
+    const std::string text = (judgement.answer ? "" : judgement.changes.dump()) + InShort(answer);
+    EXPECT_EQ(text, row.outcome) << row.body;
+    EXPECT_EQ(answer.body.empty(), row.outcome != noOperation) << row.body;
+  }
+}
+
+TEST(FilterMask, RemembersSoManyPrefixesOfClients) {
+  RegistryPrefixBits bits = {{"Base", 4}};
+  Json body;
+  for (int i = 0; i < 2000; ++i) body["MessageIds"].push_back("Prefix" + std::to_string(i) + ".1.0.A");
+  EXPECT_EQ(FilterMask(body, bits), 0);
+  EXPECT_EQ(bits.size(), 1024u);
+  body["MessageIds"].push_back("Base.1.12.A");
+  EXPECT_EQ(FilterMask(body, bits), 4);
+}
+
+}  // namespace
+}  // namespace event_service
