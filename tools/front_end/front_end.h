@@ -1,7 +1,7 @@
 /// The web front end's side of a request: keeps the request in Redis, announces it, waits for the answer and reads it.
 ///
-/// For the request tool, the whole-daemon tests and a development gateway. The keys are those that docs/protocol.md
-/// describes; connections are found as the daemon finds them.
+/// For the tools request and redfish-gateway, the benchmarks and the whole-daemon tests. The keys are those that
+/// docs/protocol.md describes; connections are found as the daemon finds them.
 #pragma once
 
 #include <chrono>
