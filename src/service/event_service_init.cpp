@@ -110,7 +110,7 @@ bool RegisterAndDiscover(RedisPipeline& pipeline, std::span<const RedisReply> qu
 
 /// From the database file to the settings, in its order.
 bool LoadAndDiscover(redisContext* redis, ServiceSettings& settings, SubscriptionsState& state) {
-  const bool restored = state.db.InitSubscriptionDb() && ReconcileMembers(redis, settings, state);
+  const bool restored = state.db.Start().InitSubscriptionDb() && ReconcileMembers(redis, settings, state);
   const std::vector<RedisReply> lengths = restored ? ReadLengths(redis) : std::vector<RedisReply>();
   RedisPipeline pipeline(redis);
   if (!restored || !PublishMembersCount(redis, state, lengths.front().get()) ||
@@ -125,10 +125,10 @@ bool LoadAndDiscover(redisContext* redis, ServiceSettings& settings, Subscriptio
 
 bool EventServiceInit(redisContext* redis, ServiceSettings& settings, SubscriptionsState& state) {
   ReadTlsSettings(settings);
-  if (LoadAndDiscover(redis, settings, state) && state.db.SettleStart()) return true;
+  if (LoadAndDiscover(redis, settings, state) && state.db.Start().SettleStart()) return true;
   // A file may have been passed over only because Redis went away under the loader. What fails here is logged, and the
   // next start begins with it.
-  [[maybe_unused]] const bool putBack = state.db.PutBackFiles();
+  [[maybe_unused]] const bool putBack = state.db.Start().PutBackFiles();
   return false;
 }
 

@@ -110,7 +110,7 @@ bool CompleteOurs(redisContext* redis, std::span<const Member> members, const Se
 /// Rebuilds what memory knows of the members; returns those that the file should hold and does not.
 std::vector<std::string_view> RememberMembers(std::span<const Member> members, const ServiceSettings& settings,
                                               SubscriptionsState& state) {
-  const std::vector<std::string>& restoredUris = state.db.RestoredUris();
+  const std::vector<std::string>& restoredUris = state.db.Start().RestoredUris();
   const std::set<std::string_view> restored(restoredUris.begin(), restoredUris.end());
   std::vector<std::string_view> missing;
   state.syslogTlsDestinationIds.clear();

@@ -64,7 +64,7 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
   ForgetLifeCycleSetting();
 
   ProcessLog log(settings.paths.configuration);
-  if (!state.db.PrepareFiles()) return kFailed;
+  if (!state.db.Start().PrepareFiles()) return kFailed;
 
   RedisContext redis(redisConnectContext());
   if (!redis) {

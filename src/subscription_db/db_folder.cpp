@@ -10,9 +10,8 @@
 
 #include "foundation/durable_file.h"
 #include "foundation/logging.h"
-#include "subscription_db/db_document.h"
+#include "subscription_db/db_start.h"
 #include "subscription_db/private_file.h"
-#include "subscription_db/subscription_db.h"
 
 namespace event_service {
 namespace {
@@ -30,7 +29,7 @@ void WarnOfOtherWriters(const Descriptor& folder, const std::string& path) {
 
 }  // namespace
 
-bool SubscriptionDb::PrepareFiles() {
+bool DbStart::PrepareFiles() {
   const FilePaths& paths = environment_.paths;
   if (!LockFolder()) return false;
   for (const std::string& name :
@@ -40,7 +39,7 @@ bool SubscriptionDb::PrepareFiles() {
   return PutBackFiles() && ProvideDatabaseFile();
 }
 
-bool SubscriptionDb::LockFolder() {
+bool DbStart::LockFolder() {
   if (folderLock_) return true;
   const std::string path = FolderOf(environment_.paths.databaseFile);
   // Left to the shell commands: a cipher tool that outlives its daemon keeps the next one waiting.
@@ -57,13 +56,13 @@ bool SubscriptionDb::LockFolder() {
                path.c_str());
       return false;
     }
-    Sleep(environment_, kLockInterval);
+    environment_.sleep(kLockInterval);
   }
   folderLock_ = std::move(folder);
   return true;
 }
 
-bool SubscriptionDb::DropForeignName(const std::string& path) const {
+bool DbStart::DropForeignName(const std::string& path) const {
   const FilePaths& paths = environment_.paths;
   // A database file that is not encrypted has a second name while it is moved.
   const std::string names[] = {paths.databaseFile, AsideName(paths.databaseFile), paths.plainDatabaseFile,
@@ -72,7 +71,7 @@ bool SubscriptionDb::DropForeignName(const std::string& path) const {
   return DropForeignFile(path, static_cast<nlink_t>(std::max<long>(ours, 1)));
 }
 
-bool SubscriptionDb::ProvideDatabaseFile() {
+bool DbStart::ProvideDatabaseFile() {
   const std::string& databaseFile = environment_.paths.databaseFile;
   if (FileIsThere(databaseFile)) {
     if (MakePrivate(databaseFile)) return true;
@@ -84,7 +83,7 @@ bool SubscriptionDb::ProvideDatabaseFile() {
   return plainFileIsDerived_;
 }
 
-bool SubscriptionDb::CopyDefaultData() const {
+bool DbStart::CopyDefaultData() const {
   const std::string& source = environment_.paths.defaultDatabaseFile;
   const std::string& plainFile = environment_.paths.plainDatabaseFile;
   // The tool keeps the mode of a file that is there.
@@ -94,7 +93,7 @@ bool SubscriptionDb::CopyDefaultData() const {
   return false;
 }
 
-bool SubscriptionDb::PutBackFiles() {
+bool DbStart::PutBackFiles() {
   const std::string& databaseFile = environment_.paths.databaseFile;
   const std::string& plainFile = environment_.paths.plainDatabaseFile;
   const bool isUndone = FileIsThere(AsideName(databaseFile)) || FileIsThere(AsideName(plainFile));
@@ -113,7 +112,7 @@ bool SubscriptionDb::PutBackFiles() {
   return PutBackLegacyFile();
 }
 
-bool SubscriptionDb::PutBackLegacyFile() const {
+bool DbStart::PutBackLegacyFile() const {
   const std::string& databaseFile = environment_.paths.databaseFile;
   const std::string legacyFile = LegacyName(environment_.paths);
   if (!FileIsThere(legacyFile) || FileIsFilled(databaseFile)) return true;
@@ -126,7 +125,7 @@ bool SubscriptionDb::PutBackLegacyFile() const {
   return false;
 }
 
-bool SubscriptionDb::SettleStart() {
+bool DbStart::SettleStart() {
   const FilePaths& paths = environment_.paths;
   const std::string plainAside = AsideName(paths.plainDatabaseFile);
   const std::string databaseAside = AsideName(paths.databaseFile);

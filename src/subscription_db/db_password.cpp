@@ -1,4 +1,5 @@
-// The password of the database file: read once, generated when there is none, never logged.
+#include "subscription_db/db_password.h"
+
 #include <cerrno>
 #include <optional>
 
@@ -6,7 +7,6 @@
 #include "foundation/logging.h"
 #include "foundation/random.h"
 #include "subscription_db/private_file.h"
-#include "subscription_db/subscription_db.h"
 
 namespace event_service {
 namespace {
@@ -16,7 +16,7 @@ constexpr size_t kPasswordLength = 16;
 
 }  // namespace
 
-bool SubscriptionDb::SecurePasswordFile() {
+bool DbPassword::SecureFile() const {
   if (MakePrivate(environment_.paths.passwordFile) || errno == ENOENT) return true;
   // It is neither read nor written over, whatever it is.
   LogError("Failed to read password: %s.", ReasonOf(errno).c_str());
@@ -24,29 +24,29 @@ bool SubscriptionDb::SecurePasswordFile() {
   return false;
 }
 
-bool SubscriptionDb::ReadDbPassword() {
+bool DbPassword::ReadDbPassword() {
   if (!password_.empty()) return true;
   const std::optional<std::string> line = ReadFirstLine(environment_.paths.passwordFile);
   const int error = line ? 0 : errno;
   if (line) password_ = *line;
   // A start asks twice, and the first one of all has no such file.
-  if (error != 0 && error != ENOENT && error != passwordError_) {
+  if (error != 0 && error != ENOENT && error != loggedError_) {
     LogError("Failed to read password: %s.", ReasonOf(error).c_str());
   }
-  passwordError_ = error;
+  loggedError_ = error;
   return error == 0;
 }
 
-bool SubscriptionDb::EnsureDbPassword() {
+bool DbPassword::EnsureDbPassword() {
   const bool read = ReadDbPassword();
   if (read && !password_.empty()) return true;
   // What cannot be read now may still be the only key to a file that is kept aside.
   const std::string& path = environment_.paths.passwordFile;
   if (!read && FileIsThere(path) && !KeepAside(path, path)) return false;
-  return GeneratePassword();
+  return Generate();
 }
 
-bool SubscriptionDb::GeneratePassword() {
+bool DbPassword::Generate() {
   std::string password;
   while (password.size() < kPasswordLength) password += kAlphabet[RandomNumber() % kAlphabet.size()];
   const std::string& path = environment_.paths.passwordFile;
@@ -62,8 +62,7 @@ bool SubscriptionDb::GeneratePassword() {
   return true;
 }
 
-void SubscriptionDb::KeepPasswordFile() const {
-  // Whatever is encrypted with a password that stands in no file is lost with this process.
+void DbPassword::KeepInFile() const {
   const std::string& path = environment_.paths.passwordFile;
   if (ReadFirstLine(path) == password_) return;
   if (ReplaceFile(path, password_)) {

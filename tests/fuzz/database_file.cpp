@@ -69,7 +69,7 @@ void Fuzz(std::string_view input) {
   if (!DbValue(json_loads(change.dump().c_str(), 0, nullptr))) return;
 
   SubscriptionDb db({.paths = paths, .runShell = RunCommand, .sleep = [](std::chrono::microseconds) {}});
-  Require(db.EnsureDbPassword(), "there is a password");
+  Require(db.File().Password().EnsureDbPassword(), "there is a password");
   const auto take = [&](bool isChanged, const char* what) {
     if (!document || !before) return std::optional<CollectionFile>();
     Require(isChanged, what);

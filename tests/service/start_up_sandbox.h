@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -52,7 +53,8 @@ class StartUpSandbox : public RedisTest {
     WriteFile(ProcessPaths().configuration, "LOG_FILE=" + log + "\n" + configuration);
     calls.clear();
     settings_ = ServiceSettings();
-    state_ = SubscriptionsState();
+    std::destroy_at(&state_);  // a process's state is neither copied nor moved
+    std::construct_at(&state_);
     const int status = RunStartUp(steps_, settings_, state_);
     errors_.clear();
     std::istringstream lines(ReadFile(log));

@@ -141,7 +141,7 @@ TEST_F(DbSandboxTest, APasswordIsTheFirstLineOfItsFileOrGeneratedOnce) {
     LayOut("");
     WriteFile(Paths().passwordFile, row.content);
     std::filesystem::permissions(Paths().passwordFile, std::filesystem::perms(0600));
-    EXPECT_TRUE(NewDb().EnsureDbPassword()) << row.content;
+    EXPECT_TRUE(NewDb().File().Password().EnsureDbPassword()) << row.content;
     const std::string password = ReadFile(Paths().passwordFile);
     EXPECT_EQ(password == row.content, row.isUsed) << row.content;
     EXPECT_TRUE(row.isUsed || std::regex_match(password, std::regex("[0-9A-Za-z]{16}"))) << password;

@@ -49,7 +49,7 @@ inline Json DocumentOf(std::string_view ids, const std::string& etag = "\"0\"") 
 inline void StoreText(const FilePaths& paths, const std::string& plainText) {
   SubscriptionDb db({.paths = paths});
   WriteFile(paths.plainDatabaseFile, plainText);
-  ASSERT_TRUE(db.EnsureDbPassword() && db.EncodeDbFile());
+  ASSERT_TRUE(db.File().Password().EnsureDbPassword() && db.File().EncodeDbFile());
 }
 
 /// A file by its letter: the (D)atabase file, the (P)lain file, the password file (K), the (L)egacy file's second name,
@@ -85,9 +85,9 @@ inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
 
 /// What start-up does with the files, in its order; without `succeeds` a later step fails.
 inline bool StartDb(SubscriptionDb& db, bool succeeds = true) {
-  if (!db.PrepareFiles()) return false;
-  if (db.InitSubscriptionDb() && succeeds && db.SettleStart()) return true;
-  return db.PutBackFiles() && false;
+  if (!db.Start().PrepareFiles()) return false;
+  if (db.Start().InitSubscriptionDb() && succeeds && db.Start().SettleStart()) return true;
+  return db.Start().PutBackFiles() && false;
 }
 
 /// The text with the files' letters for their paths, and "N" for the numbers of descriptors and of older files.

@@ -41,7 +41,7 @@ TEST_F(DbSandboxTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
     EXPECT_EQ(Stored(), DocumentOf(row.ids));
     std::vector<std::string> uris;
     for (const char id : row.ids) uris.push_back(kUris + id);
-    EXPECT_EQ(db.RestoredUris(), uris);
+    EXPECT_EQ(db.Start().RestoredUris(), uris);
     EXPECT_EQ(FileNames(), row.filesAfter);
     for (const auto& [name, content] : Files()) {
       const bool isKeptAside = name.find(".unreadable") != std::string::npos;
@@ -59,13 +59,13 @@ TEST_F(DbSandboxTest, ALoaderThatCannotTellIsRunThreeTimesThenTheStartFailsAndLe
     for (const int status : {75, 126, 127, -1, 128 + 9}) {
       LayOut(files);
       SubscriptionDb db = NewDb();
-      ASSERT_TRUE(db.PrepareFiles());
+      ASSERT_TRUE(db.Start().PrepareFiles());
       const auto before = Files();
       // What does not load is passed over before the loader is lost.
       loads_ = std::string(files).find("P:A P/") != std::string::npos ? std::vector{1} : std::vector<int>();
       loads_.insert(loads_.end(), 3, status);
-      EXPECT_FALSE(db.InitSubscriptionDb());
-      EXPECT_TRUE(db.PutBackFiles());
+      EXPECT_FALSE(db.Start().InitSubscriptionDb());
+      EXPECT_TRUE(db.Start().PutBackFiles());
       EXPECT_EQ(Files(), before) << files << " " << status;
       const bool isDamaged = std::string(files).find(" D/") != std::string::npos;  // decoding is tried thrice as well
       EXPECT_EQ(waits_, std::vector<std::chrono::microseconds>(isDamaged ? 4 : 2, std::chrono::seconds(1))) << files;
@@ -135,17 +135,17 @@ TEST_F(DbSandboxTest, TheFolderIsOneDaemonsAndItsCommandsAlone) {
   SubscriptionDb later = NewDb();
   {
     SubscriptionDb first = NewDb();
-    EXPECT_TRUE(first.PrepareFiles());
-    EXPECT_FALSE(later.PrepareFiles());
+    EXPECT_TRUE(first.Start().PrepareFiles());
+    EXPECT_FALSE(later.Start().PrepareFiles());
     RunShell("sleep 1 &");
   }
-  EXPECT_FALSE(later.PrepareFiles());
+  EXPECT_FALSE(later.Start().PrepareFiles());
   EXPECT_EQ(waits_, std::vector<std::chrono::microseconds>(200, std::chrono::milliseconds(100))) << "10 s each";
   const std::string kLine =
       "Another daemon, or a command that it left running, uses the folder FOLDER; the start is given up.\n";
   EXPECT_EQ(Errors(), kLine + kLine);
   SubscriptionDb patient({.paths = Paths()});
-  EXPECT_TRUE(patient.PrepareFiles());
+  EXPECT_TRUE(patient.Start().PrepareFiles());
 }
 
 TEST_F(DbSandboxTest, WhatAStartTakesChangesCanBeMadeTo) {

@@ -75,7 +75,7 @@ void SubscriptionsTest::SetUp() {
 
   WriteFile(settings_.paths.passwordFile, "secret");
   WriteFile(settings_.paths.plainDatabaseFile, R"({"Members": [], "@odata.etag": "\"0\""})");
-  ASSERT_TRUE(state_->db.EncodeDbFile());
+  ASSERT_TRUE(state_->db.File().EncodeDbFile());
   FillRedis();
 }
 
@@ -132,7 +132,7 @@ void SubscriptionsTest::FailEachCommand(const std::function<void()>& prepare,
     for (const bool isCut : {false, true}) {
       SCOPED_TRACE((isCut ? "connection cut before command " : "failed command ") + std::to_string(n));
       FillRedis();
-      *state_ = SubscriptionsState();
+      state_.emplace();
       prepare();
       const RedisContext connection = proxy.Connect();
       proxy.Reset(isCut ? RedisFaults{.cutAfter = n - 1} : RedisFaults{.failedCommand = n});
@@ -155,7 +155,7 @@ Json SubscriptionsTest::Stored(const std::string& uri) {
 }
 
 Json SubscriptionsTest::InFile() {
-  const DbValue root = state_->db.LoadDb();
+  const DbValue root = state_->db.File().LoadDb();
   const std::unique_ptr<char, decltype(&std::free)> text(json_dumps(root.get(), 0), std::free);
   Json file = Json::parse(text ? text.get() : "{}");
   Json members;

@@ -1,13 +1,21 @@
-// Changes of the members in the database file.
+#include "subscription_db/subscription_db.h"
+
+#include <jansson.h>
+
 #include <utility>
 
 #include "foundation/logging.h"
 #include "resource_store/json_text.h"
 #include "resource_store/member_uri.h"
-#include "subscription_db/db_document.h"
-#include "subscription_db/subscription_db.h"
 
 namespace event_service {
+
+/// What a change logs when there is no document to change, or one without members.
+struct DbLoadFailureLines {
+  const char* noRoot;
+  const char* noMembers;
+};
+
 namespace {
 
 constexpr const char* kMembers = "Members";
@@ -81,20 +89,21 @@ constexpr DbLoadFailureLines kLoadFailureLines = {"Cannot load database from fil
 constexpr DbLoadFailureLines kInsertFailureLines = {"DB root object is empty.",
                                                     "Subscription DB file lack of \"Members\" field."};
 
-}  // namespace
-
-bool SubscriptionDb::SetDbEtag(json_t* root, std::string_view collectionEtag) {
+/// Sets the root's "@odata.etag" to the text that the stored etag stands for; without it the file is still worth
+/// writing.
+void SetDbEtag(json_t* root, std::string_view collectionEtag) {
   const Json stored = ParseOutsideText(collectionEtag);
   const std::string etag = stored.is_string() ? stored.get<std::string>() : std::string(collectionEtag);
   // A NUL would make the whole file unreadable.
   const bool isText = etag.find('\0') == std::string::npos;
-  if (isText && json_object_set_new(root, "@odata.etag", json_string(etag.c_str())) == 0) return true;
+  if (isText && json_object_set_new(root, "@odata.etag", json_string(etag.c_str())) == 0) return;
   LogError("Failed to set etag into db file.");
-  return false;
 }
 
+}  // namespace
+
 bool SubscriptionDb::ChangeMembers(Edit edit, std::string_view collectionEtag, const DbLoadFailureLines& lines) {
-  const DbValue root = LoadDb();
+  const DbValue root = file_.LoadDb();
   json_t* members = json_object_get(root.get(), kMembers);
   if (!json_is_array(members)) {
     LogError("%s", root ? lines.noMembers : lines.noRoot);
@@ -103,9 +112,9 @@ bool SubscriptionDb::ChangeMembers(Edit edit, std::string_view collectionEtag, c
   }
   for (const Edit& earlier : unwritten_) earlier(members);
   if (!edit(members)) return false;
-  SetDbEtag(root.get(), collectionEtag);  // without it the file is still worth writing
-  const bool written = DumpDbFile(root.get());
-  if (written || plainFileIsAhead_) {
+  SetDbEtag(root.get(), collectionEtag);
+  const bool written = file_.DumpDbFile(root.get());
+  if (written || file_.IsPlainFileAhead()) {
     unwritten_.clear();  // a plain file that is ahead holds them, and is encrypted before anything else happens
   } else {
     KeepUnwritten(std::move(edit));
@@ -174,13 +183,13 @@ bool SubscriptionDb::UpdateDbSubscription(std::string_view uri, const Json& chan
 }
 
 bool SubscriptionDb::RefreshDbEtag(std::string_view collectionEtag) {
-  const DbValue root = LoadDb();
+  const DbValue root = file_.LoadDb();
   if (!root) {
     LogError("%s", kLoadFailureLines.noRoot);
     return false;
   }
   SetDbEtag(root.get(), collectionEtag);
-  return DumpDbFile(root.get());
+  return file_.DumpDbFile(root.get());
 }
 
 }  // namespace event_service

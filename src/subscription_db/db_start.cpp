@@ -1,4 +1,6 @@
-// What start-up does with the files: it takes the first of plain file, database file and default data that loads.
+#include "subscription_db/db_start.h"
+
+#include <jansson.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -6,9 +8,7 @@
 
 #include "foundation/durable_file.h"
 #include "foundation/logging.h"
-#include "subscription_db/db_document.h"
 #include "subscription_db/private_file.h"
-#include "subscription_db/subscription_db.h"
 
 namespace event_service {
 namespace {
@@ -26,12 +26,12 @@ bool IsNotTheFile(int status) {
 
 }  // namespace
 
-bool SubscriptionDb::InitSubscriptionDb() {
+bool DbStart::InitSubscriptionDb() {
   const FilePaths& paths = environment_.paths;
   LogDebug("The subscription DB file path is %s.", paths.databaseFile.c_str());
   LogDebug("The subscription plain DB file path is %s.", paths.plainDatabaseFile.c_str());
   LogDebug("The subscription password file path is %s.", paths.passwordFile.c_str());
-  if (!SecurePasswordFile() || !DropForeignName(paths.plainDatabaseFile)) return false;
+  if (!file_.Password().SecureFile() || !DropForeignName(paths.plainDatabaseFile)) return false;
 
   const std::string plainAside = AsideName(paths.plainDatabaseFile);
   if (CheckDbFile(paths.plainDatabaseFile) == DbFileState::kFilled) {
@@ -56,29 +56,29 @@ bool SubscriptionDb::InitSubscriptionDb() {
   return FinishStart();
 }
 
-SubscriptionDb::Restored SubscriptionDb::LoadDatabaseFile() {
+DbStart::Restored DbStart::LoadDatabaseFile() {
   const FilePaths& paths = environment_.paths;
   if (CheckDbFile(paths.databaseFile) != DbFileState::kFilled) return Restored::kRefused;
-  const bool isEncrypted = ReadDbPassword() && !password_.empty() && !IsLegacyFile();
+  const bool isEncrypted = file_.Password().ReadDbPassword() && !file_.Password().Text().empty() && !IsLegacyFile();
   if (!isEncrypted && !NameLegacyFile()) return Restored::kNotNow;
   plainFileIsDerived_ = true;
-  const bool isPlain = isEncrypted ? DecodeDbFile(true) : MoveLegacyFile();
+  const bool isPlain = isEncrypted ? file_.DecodeDbFile(true) : MoveLegacyFile();
   return isPlain ? RestoreDbToRedis(paths.plainDatabaseFile) : Restored::kRefused;
 }
 
-bool SubscriptionDb::FinishStart() {
-  if (!EnsureDbPassword()) return false;
+bool DbStart::FinishStart() {
+  if (!file_.Password().EnsureDbPassword()) return false;
   plainFileIsDerived_ = false;  // from here on the database file may be a part
-  return EncodeDbFile();
+  return file_.EncodeDbFile();
 }
 
-bool SubscriptionDb::IsLegacyFile() const {
+bool DbStart::IsLegacyFile() const {
   // A start that failed may have generated a password after the move.
   const std::string& databaseFile = environment_.paths.databaseFile;
   return IsSameFile(databaseFile, LegacyName(environment_.paths)) && ReadDbDocument(databaseFile);
 }
 
-bool SubscriptionDb::NameLegacyFile() {
+bool DbStart::NameLegacyFile() {
   const std::string& databaseFile = environment_.paths.databaseFile;
   const std::string legacyFile = LegacyName(environment_.paths);
   if (IsSameFile(databaseFile, legacyFile)) return true;
@@ -89,14 +89,14 @@ bool SubscriptionDb::NameLegacyFile() {
   return false;
 }
 
-bool SubscriptionDb::MoveLegacyFile() {
+bool DbStart::MoveLegacyFile() {
   const std::string command = "mv " + environment_.paths.databaseFile + " " + environment_.paths.plainDatabaseFile;
   if (environment_.runShell(command) == 0) return true;
   LogError("Failed to move subscription DB file.");
   return false;
 }
 
-bool SubscriptionDb::FallBackToDefaultData() {
+bool DbStart::FallBackToDefaultData() {
   const std::string& databaseFile = environment_.paths.databaseFile;
   const std::string& plainFile = environment_.paths.plainDatabaseFile;
   const std::string databaseAside = AsideName(databaseFile);
@@ -121,7 +121,7 @@ bool SubscriptionDb::FallBackToDefaultData() {
   return isUsable;
 }
 
-bool SubscriptionDb::CanWritePlainFile() const {
+bool DbStart::CanWritePlainFile() const {
   // On a full disk a decryption fails just as with a damaged file, which says nothing about the file.
   const std::string& plainFile = environment_.paths.plainDatabaseFile;
   const uint64_t size = FileSize(environment_.paths.databaseFile);
@@ -131,12 +131,12 @@ bool SubscriptionDb::CanWritePlainFile() const {
   return written;
 }
 
-SubscriptionDb::Restored SubscriptionDb::RestoreDbToRedis(const std::string& plainFile) {
+DbStart::Restored DbStart::RestoreDbToRedis(const std::string& plainFile) {
   const std::string command =
       environment_.paths.resourceLoader + " UPDATE " + plainFile + " " + std::string(kDbCollection);
   int status = environment_.runShell(command);
   for (int runs = 1; runs < kRestoreRuns && IsNotTheFile(status); ++runs) {
-    Sleep(environment_, kRestoreInterval);
+    environment_.sleep(kRestoreInterval);
     LogDebug("Retry to restore subscriptions by db file.");
     status = environment_.runShell(command);
   }
@@ -145,7 +145,7 @@ SubscriptionDb::Restored SubscriptionDb::RestoreDbToRedis(const std::string& pla
   return IsNotTheFile(status) ? Restored::kNotNow : Restored::kRefused;
 }
 
-bool SubscriptionDb::TakeUris(const std::string& plainFile) {
+bool DbStart::TakeUris(const std::string& plainFile) {
   restoredUris_.clear();
   const DbValue root = ReadDbDocument(plainFile);
   const json_t* members = json_object_get(root.get(), "Members");
