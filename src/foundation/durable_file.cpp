@@ -68,7 +68,7 @@ bool SyncFolderOf(const std::string& path) {
 }
 
 bool ReplaceFile(const std::string& path, std::string_view content) {
-  // One fixed name: whatever an interrupted run left behind goes with the next.
+  // The name is fixed, so that the next run overwrites what an interrupted one has left.
   const std::string temporary = path + ".new";
   if (WriteNewFile(temporary, content) && std::rename(temporary.c_str(), path.c_str()) == 0) return SyncFolderOf(path);
   unlink(temporary.c_str());

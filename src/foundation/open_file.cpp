@@ -13,7 +13,7 @@ bool IsOwn(const struct stat& status, nlink_t names) {
   return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink <= names;
 }
 
-/// Hands the descriptor on when it is good, closes it otherwise.
+/// Returns the descriptor when it is good and closes it otherwise.
 int Checked(int file, int error) {
   if (error == 0) return file;
   close(file);

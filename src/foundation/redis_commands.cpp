@@ -184,7 +184,7 @@ bool HashBatchWrite(redisContext* redis, const HashBatch& batch) {
     for (const auto& [field, value] : fields) pipeline.Append({"HSET", key, field, value});
   }
   const std::vector<RedisReply> replies = pipeline.Execute();
-  // Replies are missing from the first failed read to the end, so the last one tells.
+  // From the first failed read on every reply is missing, so it is enough to look at the last.
   if (!replies.empty() && !replies.back()) LogError("Failed to get reply from database.");
   return AllIntegers(replies);
 }

@@ -40,8 +40,8 @@ struct Free {
 using CText = std::unique_ptr<char, Free>;  // a text in a buffer from the C allocator
 using ConnectionInfo = std::unique_ptr<RedisConnectionInfo, Free>;
 
-/// The answer of the first lookup that succeeded, and the file it came from. Filled by the main thread before it starts
-/// any other.
+/// The result of the first lookup that succeeded, and the file that it came from. The main thread fills it before it
+/// starts any other.
 struct LookupCache {
   std::string redisConfiguration;  // empty: nothing has been found yet
   RedisConnectionInfo info;

@@ -45,7 +45,7 @@ bool IsSecretName(std::string_view name) {
   return std::ranges::find(kSecrets, name) != std::end(kSecrets);
 }
 
-/// Blots out the secrets of a value that is about to be shown.
+/// Replaces the secrets in a value that is about to be shown by null.
 void HideSecrets(Json& value) {
   if (!value.is_structured()) return;
   for (auto item = value.begin(); item != value.end(); ++item) {

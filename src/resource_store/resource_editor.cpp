@@ -19,7 +19,7 @@ constexpr std::string_view kHiddenUriPrefix = "&&";
 // What an element is for the moment between being chosen and being removed; readers skip it.
 constexpr std::string_view kRemovedElement = "&&Removed";
 
-/// Takes the walk to its end whatever fails on the way. False when something did.
+/// Walks to the end whatever fails on the way. False when something did.
 bool FinishAll(redisContext* redis, ResourceWalk& walk) {
   bool complete = true;
   while (!walk.Done()) complete &= walk.ReadLevel(redis);

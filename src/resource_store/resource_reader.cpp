@@ -3,7 +3,7 @@
 namespace event_service {
 namespace {
 
-/// Takes the walk to its end or to its first failure.
+/// Walks to the end or to the first failure.
 bool Finish(redisContext* redis, ResourceWalk& walk) {
   while (!walk.Done()) {
     if (!walk.ReadLevel(redis)) return false;
