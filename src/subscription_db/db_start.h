@@ -1,5 +1,5 @@
-/// What a start does with the files: it keeps other daemons out, takes the first of plain file, database file and
-/// default data that loads into Redis, and sets aside what it passes over until it has come to its end.
+/// What startup does with the files: it keeps other daemons out, takes the first of plain file, database file and
+/// default data that loads into Redis, and sets aside what it passes over until startup has succeeded.
 #pragma once
 
 #include <memory>
@@ -15,23 +15,23 @@ class DbStart {
  public:
   explicit DbStart(EncryptedFile& file) : file_(file), environment_(file.Environment()) {}
 
-  /// What comes before anything else touches the files: keeps other daemons out (and waits for one that is ending),
-  /// puts the files right that an earlier start has left half-way, and copies the default data into the plain file
-  /// where there is no database file. False after a logged line; the start must not go on then.
+  /// Comes before anything else touches the files: locks the folder (and waits for a daemon that is ending), puts back
+  /// what an earlier startup has left half-way, and copies the default data into the plain file where there is no
+  /// database file. False after a logged line; startup must not go on then.
   [[nodiscard]] bool PrepareFiles();
 
-  /// Puts the files back that a start which failed or was cut short has set aside or moved, so that the next one finds
-  /// what that one found. Called when a step after InitSubscriptionDb fails, and by PrepareFiles: default data would
-  /// otherwise be copied over a moved file. False, after a logged line, when a file cannot be put back.
+  /// Puts the files back that a startup which failed or was cut short has set aside or moved, so that the next one
+  /// finds what that one found. Called when a step after InitSubscriptionDb fails, and by PrepareFiles: default data
+  /// would otherwise be copied over a moved file. False, after a logged line, when a file cannot be put back.
   [[nodiscard]] bool PutBackFiles();
 
-  /// The start-up procedure: takes the plain file when there is one, else decrypts the database file, else falls back
+  /// The startup procedure: takes the plain file when there is one, else decrypts the database file, else falls back
   /// to the default data; has what it found loaded into Redis; leaves an encrypted file. False after a logged line.
   /// Files that were passed over are set aside until SettleStart or PutBackFiles.
   [[nodiscard]] bool InitSubscriptionDb();
 
-  /// Keeps for good what InitSubscriptionDb has set aside: the start has come to its end, and changes may follow.
-  /// False, after a logged line, when that fails; a later start would undo those changes, so this one must fail.
+  /// Keeps for good what InitSubscriptionDb has set aside: startup has succeeded, and changes may follow. False, after
+  /// a logged line, when that fails; a later startup would undo those changes, so this one must fail.
   [[nodiscard]] bool SettleStart();
 
   /// The URIs of the members of the file as InitSubscriptionDb left it, in the file's order.

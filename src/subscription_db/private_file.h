@@ -28,9 +28,10 @@ std::string ReasonOf(int error);
 /// to the disk. Logs nothing.
 [[nodiscard]] bool WritePrivateFile(const std::string& path, std::string_view content);
 
-/// The same with so many blanks.
+/// The same with `size` blanks, to learn whether there is space.
 [[nodiscard]] bool WriteBlanks(const std::string& path, uint64_t size);
 
+/// True for whatever has this name, a dangling link included.
 bool FileIsThere(const std::string& path);
 /// The size of a regular file; 0 for anything else. Links are not followed.
 uint64_t FileSize(const std::string& path);
@@ -38,7 +39,7 @@ inline bool FileIsFilled(const std::string& path) { return FileSize(path) > 0; }
 /// True when both names stand for one and the same file. Links are not followed.
 bool IsSameFile(const std::string& path, const std::string& other);
 
-/// The name of a file that a start has set aside and that is put back unless the start comes to its end.
+/// The name of a file that startup has set aside; it is put back unless startup succeeds.
 std::string AsideName(const std::string& path);
 
 /// The second name of an unencrypted database file while it is moved and encrypted.

@@ -1,8 +1,8 @@
-/// The encrypted file of subscriptions: what survives restarts, loss of power and an emptied Redis.
+/// The encrypted file of subscriptions: what survives restarts (DSP0266, Eventing), loss of power and an emptied Redis.
 ///
 /// At rest there are only the encrypted database file and the password file. A change decrypts into a plain working
-/// file, changes the document, writes the plain file and encrypts it back (encrypted_file.h); a start takes what it
-/// finds (db_start.h). Used by start-up, then by the Subscriptions listener only.
+/// file, changes the document, writes the plain file and encrypts it back (encrypted_file.h). What startup loads is
+/// db_start.h's subject. Used by startup, then by the Subscriptions listener only.
 #pragma once
 
 #include <deque>
@@ -28,7 +28,7 @@ class SubscriptionDb {
  public:
   explicit SubscriptionDb(DbEnvironment environment = {}) : file_(std::move(environment)), start_(file_) {}
 
-  /// What start-up does with the files, before the first change.
+  /// What startup does with the files, before the first change.
   DbStart& Start() { return start_; }
   EncryptedFile& File() { return file_; }
 
