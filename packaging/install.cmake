@@ -21,8 +21,10 @@ configure_file(packaging/event-service.pc.in ${CMAKE_BINARY_DIR}/event-service.p
 install(FILES ${CMAKE_BINARY_DIR}/event-service.pc DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgconfig)
 
 install(FILES packaging/systemd/event-service.service DESTINATION lib/systemd/system)
-install(FILES README.md docs/architecture.md docs/decisions.md docs/operations.md docs/performance.md docs/protocol.md
-        DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# As they lie in the tree, so that their links hold.
+file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
+install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME copyright)
 # Without a configuration the service runs with its defaults, and its log goes to the journal.
 set(ROOT "")
