@@ -2,7 +2,8 @@
 """Checks what docs/ claims to hold completely.
 
   docs/architecture.md  names every source file of src/ and every folder of tools, tests, bench and packaging; its
-                        tables of files name none that is not there; nor does any document name a path that is not
+                        tables of files name none that is not there; nor does any document name a path
+                        or hold a link that leads nowhere
   docs/operations.md    has every line that the daemon and its tools log or print, and no other; every fixed path, every
                         environment variable and every configuration key that the code asks for
 
@@ -18,6 +19,7 @@ import re
 import sys
 import tempfile
 
+TOP_FOLDERS = ("bench", "docs", "packaging", "scripts", "share", "src", "tests", "tools")
 LOGGING = ["src", "tools/event_delivery", "tools/redfish_gateway"]
 # Beginnings of texts that read like sentences and are no lines: parts of messages, resources and HTTP headers.
 NO_LINES = (
@@ -90,13 +92,25 @@ def map_faults(tree, document):
                 yield f"architecture.md names {name}, which is not there"
 
 
+def link_faults(path, document):
+    """Links to files that are not there, or to no heading of theirs."""
+    for target, heading in re.findall(r"\]\((?!http)([^)#]*)#?([^)]*)\)", document):
+        file = path.parent / target if target else path
+        text = file.read_text(encoding="utf-8") if file.is_file() else ""
+        titles = re.findall("^#+ (.*)", text, re.M)
+        headings = {re.sub(r"[^\w -]", "", title.strip().lower()).replace(" ", "-") for title in titles}
+        if not file.exists() or (heading and heading not in headings):
+            yield f"{path.name} leads to {target}#{heading}, which is not there"
+
+
 def path_faults(tree, name, document):
     """Paths of files and folders of the tree, those of src/ with or without "src/" and their suffix."""
     for path in re.findall(r"`([a-z_]+/[\w./-]+)`", document):
         top = path.split("/")[0]
-        is_ours = (tree / "src" / top).is_dir() or top in ("bench", "docs", "packaging", "scripts", "src", "tests", "tools")
-        exists = any((base / (path + suffix)).exists() for base in (tree, tree / "src") for suffix in ("", ".h", ".cpp"))
-        if is_ours and not exists and not re.search("[A-Z]{3}", path) and not path.startswith("docs/figures/"):
+        is_ours = (tree / "src" / top).is_dir() or top in TOP_FOLDERS
+        candidates = [base / (path + suffix) for base in (tree, tree / "src") for suffix in ("", ".h", ".cpp")]
+        is_pattern = re.search("[A-Z]{3}", path) or path.startswith("docs/figures/")
+        if is_ours and not is_pattern and not any(candidate.exists() for candidate in candidates):
             yield f"{name} names {path}, which is not there"
 
 
@@ -128,7 +142,9 @@ def name_faults(tree, document):
 def faults(tree):
     for document in [tree / "README.md", *sorted((tree / "docs").glob("*.md"))]:
         if document.exists():
-            yield from path_faults(tree, document.name, document.read_text(encoding="utf-8"))
+            text = document.read_text(encoding="utf-8")
+            yield from path_faults(tree, document.name, text)
+            yield from link_faults(document, text)
     yield from map_faults(tree, (tree / "docs/architecture.md").read_text(encoding="utf-8"))
     operations = (tree / "docs/operations.md").read_text(encoding="utf-8")
     yield from line_faults(tree, operations)
@@ -138,10 +154,11 @@ def faults(tree):
 def self_test():
     """Builds a sound tree, then breaks it in one way after the other."""
     sound = {
-        "src/foundation/log.cpp": '// "This is none."\nLogError("Line %zu of %s"\n  " fails.", n); getenv("ROOT"); // "No."\n',
+        "src/foundation/log.cpp": '// "None."\nLogError("Line %zu of %s"\n  " fails.", n); getenv("ROOT"); // "No."\n',
         "src/foundation/file_paths.h": 'std::string log = "/var/log/";\n',
         "tools/watch/main.cpp": "", "tests/a_test.cpp": "", "bench/a_bench.cpp": "", "packaging/debian/prerm": "",
-        "docs/architecture.md": "`log` `tests` `bench` `tools/watch` `tools` `packaging` `debian`\n\n| File |\n|---|\n| `file_paths` |\n",
+        "docs/architecture.md": "`log` `tests` `bench` `tools/watch` `tools` `packaging` `debian`\n"
+                                "\n| File |\n|---|\n| `file_paths` |\n",
         "docs/operations.md": "ROOT /var/log\n\n| Log line | |\n|---|---|\n| `Line N of FILE fails.` | |\n",
     }
     broken = {
@@ -149,6 +166,7 @@ def self_test():
         "a folder that is not in the map": {"tools/new/main.cpp": ""},
         "a file that is only in the map": {"docs/architecture.md": sound["docs/architecture.md"] + "| `gone` |\n"},
         "a path that is not there": {"docs/why.md": "see `foundation/gone`"},
+        "a link to no heading": {"docs/why.md": "# Why?\n[why](#why) [where](operations.md#where)"},
         "a line without a word": {"src/foundation/new/log.h": 'LogError("Nothing works.");'},
         "a line that nothing writes": {"docs/operations.md": sound["docs/operations.md"] + "| `All is well.` | |\n"},
         "a changed line": {"docs/operations.md": sound["docs/operations.md"].replace("fails", "failed")},
