@@ -4,8 +4,8 @@
   docs/architecture.md  names every source file of src/ and every folder of tools, tests, bench and packaging; its
                         tables of files name none that is not there; nor does any document name a path
                         or hold a link that leads nowhere
-  docs/operations.md    has every line that the daemon and its tools log or print, and no other; every fixed path, every
-                        environment variable and every configuration key that the code asks for
+  docs/operations.md    has every line that the daemon and its tools log or print, and no other; every fixed path and
+                        every configuration key that the code asks for. Some document names each environment variable
 
 A log line is a text of the code that reads like a sentence. In docs/operations.md it stands in backquotes in the first
 column of a table headed "Log line", words in capitals in the place of what the code fills in.
@@ -127,11 +127,21 @@ def line_faults(tree, document):
             yield f'operations.md has "{line}", which nothing writes'
 
 
+def variable_faults(tree, documents):
+    """Environment variables that a program, a script or a test asks for."""
+    asked = r'getenv\("(\w+)"|environ(?:\.get)?[\[(]["\'](\w+)|\$\{((?:EVENT_SERVICE|REDFISH|FUZZ)_\w+):'
+    for folder in ("src", "tools", "tests", "bench", "scripts"):
+        for path in sorted((tree / folder).rglob("*")):
+            if path.is_file() and path.name != "check_documents.py" and "__pycache__" not in path.parts:
+                for match in re.finditer(asked, path.read_text(encoding="utf-8", errors="ignore")):
+                    if not re.search(rf"(?<!\w){match.group(match.lastindex)}(?!\w)", documents):
+                        yield f"no document names {match.group(match.lastindex)} of {path.relative_to(tree)}"
+
+
 def name_faults(tree, document):
     for path in sources(tree, *LOGGING):
         code = path.read_text(encoding="utf-8")
-        names = re.findall(r'getenv\("(\w+)"\)', code)
-        names += re.findall(r'getConfigValue\([^"()]*(?:\(\)[^"()]*)*"(\w+)"', code)
+        names = re.findall(r'getConfigValue\([^"()]*(?:\(\)[^"()]*)*"(\w+)"', code)
         if path.name == "file_paths.h":
             names += re.findall(r' = "(/[^"]+?)/?";', code)
         for name in names:
@@ -140,13 +150,13 @@ def name_faults(tree, document):
 
 
 def faults(tree):
-    for document in [tree / "README.md", *sorted((tree / "docs").glob("*.md"))]:
-        if document.exists():
-            text = document.read_text(encoding="utf-8")
-            yield from path_faults(tree, document.name, text)
-            yield from link_faults(document, text)
-    yield from map_faults(tree, (tree / "docs/architecture.md").read_text(encoding="utf-8"))
-    operations = (tree / "docs/operations.md").read_text(encoding="utf-8")
+    documents = {path: path.read_text(encoding="utf-8") for path in [tree / "README.md", *(tree / "docs").glob("*.md")]}
+    for path, text in documents.items():
+        yield from path_faults(tree, path.name, text)
+        yield from link_faults(path, text)
+    yield from variable_faults(tree, "".join(documents.values()))
+    yield from map_faults(tree, documents[tree / "docs/architecture.md"])
+    operations = documents[tree / "docs/operations.md"]
     yield from line_faults(tree, operations)
     yield from name_faults(tree, operations)
 
@@ -157,6 +167,7 @@ def self_test():
         "src/foundation/log.cpp": '// "None."\nLogError("Line %zu of %s"\n  " fails.", n); getenv("ROOT"); // "No."\n',
         "src/foundation/file_paths.h": 'std::string log = "/var/log/";\n',
         "tools/watch/main.cpp": "", "tests/a_test.cpp": "", "bench/a_bench.cpp": "", "packaging/debian/prerm": "",
+        "README.md": "",
         "docs/architecture.md": "`log` `tests` `bench` `tools/watch` `tools` `packaging` `debian`\n"
                                 "\n| File |\n|---|\n| `file_paths` |\n",
         "docs/operations.md": "ROOT /var/log\n\n| Log line | |\n|---|---|\n| `Line N of FILE fails.` | |\n",
