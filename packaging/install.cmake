@@ -2,6 +2,7 @@
 if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
   set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Where to install" FORCE)
 endif()
+set(CMAKE_INSTALL_DOCDIR share/doc/event-service CACHE PATH "Where documentation goes")
 include(GNUInstallDirs)
 set(platform ${CMAKE_SOURCE_DIR}/share/platform)
 

@@ -4,7 +4,7 @@ LICENSE = "Apache-2.0"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=3b83ef96387f14655fc854ddc3c6bd57"
 
 # Builds the tree that this recipe lies in; a layer of its own would name a repository in SRC_URI instead.
-inherit externalsrc cmake pkgconfig systemd
+inherit externalsrc cmake pkgconfig systemd useradd
 EXTERNALSRC ?= "${THISDIR}/../.."
 
 DEPENDS = "hiredis jansson libsodium luajit nlohmann-json uriparser"
@@ -27,6 +27,10 @@ PACKAGECONFIG[json-generator] = "-DEVENT_SERVICE_SYSTEM_JSON_GENERATOR=ON,-DEVEN
 do_install:append() {
     install -d -m 0700 ${D}/var/nginx
 }
+
+# The unit names the group of Redis, whose recipe makes it, too.
+USERADD_PACKAGES = "${PN}"
+GROUPADD_PARAM:${PN} = "--system redis"
 
 SYSTEMD_SERVICE:${PN} = "event-service.service"
 FILES:${PN} += "${prefix}/local ${datadir}/event-service ${systemd_system_unitdir} /var/nginx"

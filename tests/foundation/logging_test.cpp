@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <regex>
 
+#include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
 
 namespace event_service {
@@ -34,6 +35,8 @@ class LoggingTest : public testing::Test {
 
 TEST_F(LoggingTest, WhatCannotBeConfiguredIsSaidOnStandardErrorWhichTakesTheLines) {
   const std::string badFile = sandbox_.Root() + "/missing/log";
+  ChildProcess other;  // under an emulator no process has this program's name
+  other.Start({"sleep", "60"}, sandbox_.Root() + "/output");
   const struct {
     std::string configuration;
     std::string said = "";
@@ -42,7 +45,7 @@ TEST_F(LoggingTest, WhatCannotBeConfiguredIsSaidOnStandardErrorWhichTakesTheLine
       {useFile_},
       {"", "Log filename is not specified." + kInstead, false},
       {"LOG_FILE=" + badFile, "Failed to create the log filename - " + badFile + kInstead, false},
-      {useFile_ + "LOG_SYSTEM=foundation_test", "foundation_test is found." + kInstead, false},
+      {useFile_ + "LOG_SYSTEM=sleep", "sleep is found." + kInstead, false},
       {useFile_ + "LOG_SYSTEM=no-such-process"},
       {useFile_ + "LOG_FILE_SIZE=letters", "Error: Invalid argument\n"},
       {useFile_ + "LOG_FILE_SIZE=2147483648", "Error: Numerical result out of range\n"},
