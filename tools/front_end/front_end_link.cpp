@@ -1,5 +1,7 @@
 #include "tools/front_end/front_end_link.h"
 
+#include <poll.h>
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +27,13 @@ std::string FirstText(const RedisReply& reply) {
   return IsArray(reply) && reply->elements > 0 ? std::string(TextOf(reply->element[0])) : std::string();
 }
 
+/// Between requests nothing is on its way to us, so that whatever can be read there is the end of the connection.
+bool IsUsable(const RedisContext& redis) {
+  if (!redis || redis->err != 0) return false;
+  pollfd file{redis->fd, POLLIN, 0};
+  return poll(&file, 1, 0) == 0;
+}
+
 }  // namespace
 
 RedisContext ConnectPatiently(std::chrono::milliseconds patience) {
@@ -38,7 +47,7 @@ RedisContext ConnectPatiently(std::chrono::milliseconds patience) {
 FrontEndLink::FrontEndLink(FrontEndPatience patience) : patience_(patience) {}
 
 bool FrontEndLink::Connect() {
-  if (redis_ && redis_->err == 0 && subscriber_ && subscriber_->err == 0) return true;
+  if (IsUsable(redis_) && IsUsable(subscriber_)) return true;
   Disconnect();
   redis_ = ConnectPatiently(patience_.reply);
   subscriber_ = ConnectPatiently(patience_.reply);
