@@ -20,7 +20,7 @@ request() {
   printf '\n> %s %s\n' "$1" "$2"
   [[ -z ${3:-} ]] || printf '%s\n' "$3"
   [[ -z ${3:-} ]] || body=(-H 'Content-Type: application/json' -d "$3")
-  answer=$("${gateway_curl[@]}" -i -X "$1" "${body[@]}" "$(secure_address)$2" | tr -d '\r' |
+  answer=$("${gateway_curl[@]}" -i -X "$1" "${body[@]}" "$(address HTTPS)$2" | tr -d '\r' |
     sed -n '1s/HTTP[^ ]*/HTTP/p; /^Location:/p; /^$/,$p') || true
   printf '%s\n' "$answer"
 }
@@ -55,7 +55,7 @@ start_listener() {
 
 open_stream() {
   streamed=$root/stream
-  "${gateway_curl[@]}" -N "$(secure_address)$service/SSE?\$filter=$1" >"$streamed" 9>&- &
+  "${gateway_curl[@]}" -N "$(address HTTPS)$service/SSE?\$filter=$1" >"$streamed" 9>&- &
   stream_pid=$!
   pids+=("$stream_pid")
   arrives "$streamed" ": $collection/"

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,7 +23,8 @@ using namespace std::chrono_literals;
 
 constexpr std::string_view kChannelPrefix = "&&Gateway/SSE/";
 constexpr std::string_view kMembers = "&&/redfish/v1/EventService/Subscriptions/Members";
-constexpr size_t kMostWaitingBytes = size_t{1} << 20;
+constexpr size_t kMostWaitingBytes = size_t{2} << 20;  // two of the largest events
+constexpr auto kTimeForTheRest = 2s;
 constexpr auto kTick = 1000ms;
 constexpr steady_clock::duration kInterval = 1s;  // between comparisons while there are streams
 constexpr steady_clock::duration kIdleInterval = 10s;
@@ -58,6 +60,13 @@ void EventStream::Attach(int socket, std::function<void()> resume) {
   resume_ = std::move(resume);
 }
 
+void EventStream::Detach() {
+  const std::lock_guard lock(mutex_);
+  socket_ = -1;
+  isSuspended_ = false;
+  hasEnded_ = true;
+}
+
 ssize_t EventStream::Take(char* room, size_t size, const std::function<void()>& suspend) {
   const std::lock_guard lock(mutex_);
   if (!waiting_.empty()) {
@@ -83,18 +92,32 @@ void EventStream::Push(std::string_view text) {
   if (hasEnded_) return;
   if (waiting_.size() + text.size() > kMostWaitingBytes) {
     LogError("A stream is closed: its client does not read what it gets.");
-    hasEnded_ = true;
-  } else {
-    waiting_ += text;
-    lastPush_ = steady_clock::now();
+    EndLocked();
+    return;
   }
+  waiting_ += text;
+  lastPush_ = steady_clock::now();
   Resume();
 }
 
 void EventStream::End() {
   const std::lock_guard lock(mutex_);
+  EndLocked();
+}
+
+void EventStream::EndLocked() {
+  if (!hasEnded_) end_ = steady_clock::now();
   hasEnded_ = true;
   Resume();
+}
+
+void EventStream::Tick() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (hasEnded_ && socket_ >= 0 && steady_clock::now() - end_ >= kTimeForTheRest) shutdown(socket_, SHUT_RDWR);
+    if (steady_clock::now() - lastPush_ < kHeartbeatInterval) return;
+  }
+  Push(": heartbeat\n\n");
 }
 
 bool EventStream::HasEnded() {
@@ -105,11 +128,6 @@ bool EventStream::HasEnded() {
 int EventStream::Socket() {
   const std::lock_guard lock(mutex_);
   return socket_;
-}
-
-steady_clock::time_point EventStream::LastPush() {
-  const std::lock_guard lock(mutex_);
-  return lastPush_;
 }
 
 EventStreams::EventStreams(Deletion deleteSubscription)
@@ -193,7 +211,7 @@ void EventStreams::Wait(const Streams& streams) {
   eventfd_read(wakeUp_, &ignored);
   for (size_t i = 0; i < streams.size(); ++i) {
     if (files[i + 2].revents != 0) streams[i]->End();
-    if (steady_clock::now() - streams[i]->LastPush() >= kHeartbeatInterval) streams[i]->Push(": heartbeat\n\n");
+    streams[i]->Tick();
   }
 }
 

@@ -37,6 +37,8 @@ class EventStream {
 
   /// The server's side: the client's socket, and how a connection goes on that Take has suspended.
   void Attach(int socket, std::function<void()> resume);
+  /// The connection goes now: neither is touched any more.
+  void Detach();
   /// Moves text into `room`: its length, 0 after `suspend` has been called because there is none, -1 at the end.
   ssize_t Take(char* room, size_t size, const std::function<void()>& suspend);
 
@@ -45,9 +47,12 @@ class EventStream {
   void End();
   bool HasEnded();
   int Socket();
-  std::chrono::steady_clock::time_point LastPush();
+  /// Sends a heartbeat when the stream has been silent for long, and cuts the connection of a client that does not take
+  /// what is left at the end.
+  void Tick();
 
  private:
+  void EndLocked();
   void Resume();
 
   const std::string channel_;
@@ -55,6 +60,7 @@ class EventStream {
   std::mutex mutex_;
   std::string waiting_;
   std::chrono::steady_clock::time_point lastPush_ = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point end_;
   std::function<void()> resume_;
   int socket_ = -1;
   bool isSuspended_ = false;

@@ -88,32 +88,42 @@ std::string EtagOf(const HttpAnswer& answer) {
   if (!answer.HasDocument() || !answer.document.contains("@odata.id")) return {};
   const auto stored = answer.document.find("@odata.etag");
   if (stored != answer.document.end() && stored->is_string()) return stored->get<std::string>();
+  Json resource = answer.document;
+  resource.erase("@Message.ExtendedInfo");  // said once, about a change
   char etag[24];
-  std::snprintf(etag, sizeof etag, "\"%zX\"", std::hash<std::string>()(answer.document.dump()));
+  std::snprintf(etag, sizeof etag, "\"%zX\"", std::hash<std::string>()(resource.dump()));
   return etag;
 }
 
+/// How tags are compared (RFC 9110, 8.8.3.2): a weak one guards no change.
+enum class Comparison { kWeak, kStrong };
+
 /// True when a list of entity tags ("*", or tags and commas between them) names this one.
-bool NamesEtag(std::string_view list, std::string_view etag) {
+bool NamesEtag(std::string_view list, std::string_view etag, Comparison comparison) {
   if (list == "*") return !etag.empty();
   while (!list.empty()) {
     std::string_view item = list.substr(0, list.find(','));
     list.remove_prefix(std::min(item.size() + 1, list.size()));
     item.remove_prefix(std::min(item.find_first_not_of(" \t"), item.size()));
     item = item.substr(0, item.find_last_not_of(" \t") + 1);
-    if (item.starts_with("W/")) item.remove_prefix(2);
+    if (comparison == Comparison::kWeak && item.starts_with("W/")) item.remove_prefix(2);
     if (item == etag) return true;
   }
   return false;
 }
 
-/// The answer to a change whose If-Match names another state of the resource; nothing when it may go on.
+/// The answer to a change whose If-Match names another state of the resource, or whose If-None-Match names its present
+/// one; nothing when it may go on.
 std::optional<HttpAnswer> BrokenPrecondition(Call& call, const std::vector<const Route*>& routes) {
   const Route* read = RouteFor(routes, "GET");
   if (read == nullptr) return std::nullopt;
   HttpAnswer present = read->handle(call);
   if (present.status != 200) return present;
-  if (NamesEtag(call.http.Header("If-Match"), EtagOf(present))) return std::nullopt;
+  const std::string etag = EtagOf(present);
+  const std::string_view required = call.http.Header("If-Match");
+  const bool holds = (required.empty() || NamesEtag(required, etag, Comparison::kStrong)) &&
+                     !NamesEtag(call.http.Header("If-None-Match"), etag, Comparison::kWeak);
+  if (holds) return std::nullopt;
   return Refuse(call.gateway, 412, "Base.1.12.PreconditionFailed");
 }
 
@@ -122,7 +132,8 @@ HttpAnswer Change(Call& call, const Route& route, const std::vector<const Route*
   std::unique_lock alone(changes, std::defer_lock);
   std::shared_lock shared(changes, std::defer_lock);
   const auto patience = call.gateway.settings.answerTime + std::chrono::seconds(1);
-  const bool isConditional = !call.http.Header("If-Match").empty() && route.method != "POST";
+  const bool hasCondition = !call.http.Header("If-Match").empty() || !call.http.Header("If-None-Match").empty();
+  const bool isConditional = hasCondition && route.method != "POST";
   if (!(isConditional ? alone.try_lock_for(patience) : shared.try_lock_for(patience))) {
     return Unavailable(call.gateway);
   }
@@ -169,12 +180,6 @@ bool HasQuery(const Call& call, std::string_view name) {
   return std::ranges::any_of(call.target.query, [&](const auto& item) { return item.first == name; });
 }
 
-HttpAnswer Unauthorized(const Gateway& gateway) {
-  HttpAnswer answer = Refuse(gateway, 401, "Base.1.12.NoValidSession");
-  answer.headers.emplace_back("WWW-Authenticate", "Basic realm=\"Redfish\"");
-  return answer;
-}
-
 /// Completes the refusal of a method that the resource lacks; without the resource it is 404.
 HttpAnswer NotAllowed(Call& call, const std::vector<const Route*>& routes, HttpAnswer refusal) {
   const Route* read = routes.front()->path.ends_with('*') ? RouteFor(routes, "GET") : nullptr;
@@ -219,17 +224,14 @@ void DescribeResource(const Call& call, HttpAnswer& answer) {
   if (!etag.empty()) answer.headers.emplace_back("ETag", etag);
   const std::string link = SchemaLink(answer.document);
   if (!link.empty()) answer.headers.emplace_back("Link", link);
-  if (IsRead(call.http.method) && !etag.empty() && NamesEtag(call.http.Header("If-None-Match"), etag)) {
+  if (IsRead(call.http.method) && !etag.empty() &&
+      NamesEtag(call.http.Header("If-None-Match"), etag, Comparison::kWeak)) {
     answer.status = 304;
     answer.document = Json(Json::value_t::discarded);
   }
 }
 
-HttpAnswer Dispatch(Call& call) {
-  const std::vector<const Route*> routes = RoutesOf(call.target.path);
-  const Route* route = RouteFor(routes, call.http.method);
-  const bool isOpen = route != nullptr && route->access == Access::kOpen;
-  if (!isOpen && !HasCredentials(call.gateway, call.http)) return Unauthorized(call.gateway);
+HttpAnswer Dispatch(Call& call, const std::vector<const Route*>& routes, const Route* route) {
   if (routes.empty()) return NotFound(call);
   if (route == nullptr) {
     return NotAllowed(
@@ -259,6 +261,7 @@ HttpAnswer Dispatch(Call& call) {
 HttpAnswer RefuseAll(const Gateway& gateway, int status, const std::vector<FrontEndMessage>& messages) {
   HttpAnswer answer{.status = status, .document = gateway.registries.ErrorBody(messages, status)};
   if (status == 503) answer.headers.emplace_back("Retry-After", std::to_string(kRetryAfterSeconds));
+  if (status == 401) answer.headers.emplace_back("WWW-Authenticate", "Basic realm=\"Redfish\"");
   return answer;
 }
 
@@ -279,12 +282,17 @@ HttpAnswer NotFound(const Call& call) {
 }
 
 HttpAnswer Serve(Gateway& gateway, FrontEndLink& link, const HttpRequest& request) {
+  std::optional<RequestTarget> target = ParseTarget(request.target);
+  const std::vector<const Route*> routes = target ? RoutesOf(target->path) : std::vector<const Route*>();
+  const Route* route = RouteFor(routes, request.method);
+  const bool isOpen = route != nullptr && route->access == Access::kOpen;
+  // Before anything else that a header could change about the answer.
+  if (!isOpen && !HasCredentials(gateway, request)) return Refuse(gateway, 401, "Base.1.12.NoValidSession");
   const std::string_view version = request.Header("OData-Version");
   if (!version.empty() && version != "4.0") return Refuse(gateway, 412, "Base.1.12.PreconditionFailed");
-  std::optional<RequestTarget> target = ParseTarget(request.target);
   if (!target) return Refuse(gateway, 404, "Base.1.12.InvalidURI", {request.target});
   Call call{gateway, link, request, std::move(*target)};
-  return Dispatch(call);
+  return Dispatch(call, routes, route);
 }
 
 }  // namespace event_service

@@ -31,10 +31,11 @@ struct HttpRequest {
   std::string target;         // as it was sent: path and query, percent-encoded
   std::string clientAddress;  // "127.0.0.1:40001"
   bool isSecure = false;
-  std::multimap<std::string, std::string, IgnoringCase> headers;
+  std::map<std::string, std::string, IgnoringCase> headers;  // the values of one that stands twice: joined by commas
+  size_t headersSize = 0;
   std::string body;
 
-  /// The value of a header that may stand once; empty when it is missing.
+  /// The value of a header; empty when it is missing.
   std::string_view Header(std::string_view name) const {
     const auto found = headers.find(name);
     return found == headers.end() ? std::string_view() : found->second;

@@ -18,7 +18,11 @@ namespace {
 constexpr size_t kLongestBody = size_t{1} << 20;
 // What a client may send beyond that before the connection is cut instead of answered.
 constexpr size_t kMostSwallowed = 16 * kLongestBody;
-constexpr size_t kConnectionMemory = 32 * 1024;  // headers of a request, and of its answer
+constexpr size_t kLongestTarget = 8 * 1024;
+constexpr size_t kMostHeaders = 16 * 1024;
+// For the headers of a request and those of its answer. What does not fit in here the library refuses by itself, in
+// plain words of its own.
+constexpr size_t kConnectionMemory = 32 * 1024;
 constexpr unsigned kMostConnections = 2000;
 constexpr unsigned kIdleSeconds = 30;
 constexpr const char* kTlsPriorities = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
@@ -43,13 +47,30 @@ ssize_t ReadStream(void* state, uint64_t, char* room, size_t size) {
 
 void CloseStream(void* state) {
   const std::unique_ptr<StreamBody> body(static_cast<StreamBody*>(state));
+  body->stream->Detach();
   body->stream.reset();
   body->closed();
 }
 
-MHD_Result KeepHeader(void* request, MHD_ValueKind, const char* name, const char* value) {
-  static_cast<HttpRequest*>(request)->headers.emplace(name, value == nullptr ? "" : value);
+MHD_Result KeepHeader(void* state, MHD_ValueKind, const char* name, const char* value) {
+  HttpRequest& request = *static_cast<HttpRequest*>(state);
+  const std::string_view text = value == nullptr ? "" : value;
+  const auto [header, isNew] = request.headers.try_emplace(name, text);
+  if (!isNew) header->second.append(", ").append(text);
+  request.headersSize += header->first.size() + text.size();
   return MHD_YES;
+}
+
+/// Why a request is answered before its body has been read, as a status; 0: it is read.
+int StatusUnread(const HttpRequest& request, std::string_view version) {
+  size_t length = 0;
+  const auto given = request.headers.find("Content-Length");
+  const bool hasLength = given != request.headers.end();
+  if (request.target.size() > kLongestTarget) return 414;
+  if (request.headersSize > kMostHeaders) return 431;
+  if (version == "HTTP/1.1" && request.Header("Host").empty()) return 400;
+  if (hasLength && ParseInteger(given->second, length) != std::errc()) return 400;  // also two that differ
+  return length > kMostSwallowed ? 413 : 0;
 }
 
 std::string AddressText(const sockaddr* address) {
@@ -129,14 +150,15 @@ void HttpServer::OnCompleted(void*, MHD_Connection*, void** state, MHD_RequestTe
   *state = nullptr;
 }
 
-MHD_Result HttpServer::OnRequest(void*, MHD_Connection* handle, const char*, const char* method, const char*,
+MHD_Result HttpServer::OnRequest(void*, MHD_Connection* handle, const char*, const char* method, const char* version,
                                  const char* data, size_t* size, void** state) {
   Connection& connection = *static_cast<Connection*>(*state);
   HttpServer& server = connection.server;
   if (connection.state == Connection::State::kAnswered) return server.Queue(connection);
   if (connection.state == Connection::State::kNew || *size > 0) {
-    if (connection.state == Connection::State::kNew) connection.request.method = method;
-    return server.Receive(connection, data, size);
+    if (connection.state == Connection::State::kReceiving) return server.Receive(connection, data, size);
+    connection.request.method = method;
+    return server.Begin(connection, version);
   }
   // Suspended before a worker can resume it.
   MHD_suspend_connection(handle);
@@ -153,20 +175,20 @@ MHD_Result HttpServer::OnRequest(void*, MHD_Connection* handle, const char*, con
   return MHD_YES;
 }
 
-/// Headers first, then the body piece by piece.
+/// The headers are there.
+MHD_Result HttpServer::Begin(Connection& connection, const char* version) {
+  connection.state = Connection::State::kReceiving;
+  MHD_get_connection_values(connection.handle, MHD_HEADER_KIND, KeepHeader, &connection.request);
+  const auto* info = MHD_get_connection_info(connection.handle, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+  if (info != nullptr) connection.request.clientAddress = AddressText(info->client_addr);
+  const int status = StatusUnread(connection.request, version);
+  if (status == 0) return MHD_YES;
+  connection.answer = hooks_.refuse(status);
+  return Queue(connection);
+}
+
+/// A piece of the body.
 MHD_Result HttpServer::Receive(Connection& connection, const char* data, size_t* size) {
-  if (connection.state == Connection::State::kNew) {
-    connection.state = Connection::State::kReceiving;
-    MHD_get_connection_values(connection.handle, MHD_HEADER_KIND, KeepHeader, &connection.request);
-    const auto* info = MHD_get_connection_info(connection.handle, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-    if (info != nullptr) connection.request.clientAddress = AddressText(info->client_addr);
-    size_t length = 0;
-    const bool isTooLong =
-        ParseInteger(connection.request.Header("Content-Length"), length) == std::errc() && length > kMostSwallowed;
-    if (!isTooLong) return MHD_YES;
-    connection.answer = hooks_.refuse(413);
-    return Queue(connection);
-  }
   connection.received += *size;
   if (connection.received > kMostSwallowed) return MHD_NO;
   if (connection.received <= kLongestBody) connection.request.body.append(data, *size);

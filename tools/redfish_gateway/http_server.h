@@ -18,7 +18,7 @@ class HttpServer {
   struct Hooks {
     /// Any worker thread.
     std::function<HttpAnswer(FrontEndLink& link, const HttpRequest& request)> serve;
-    /// For requests that no worker sees: with 413 and 503.
+    /// For requests that no worker sees.
     std::function<HttpAnswer(int status)> refuse;
     /// A client of a stream has gone.
     std::function<void()> streamClosed;
@@ -39,6 +39,7 @@ class HttpServer {
   struct Listener;
 
   bool Listen(const ListenAddress& address, const std::string& certificate, const std::string& key);
+  MHD_Result Begin(Connection& connection, const char* version);
   MHD_Result Receive(Connection& connection, const char* data, size_t* size);
   MHD_Result Queue(Connection& connection);
 

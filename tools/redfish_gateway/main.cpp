@@ -52,7 +52,8 @@ bool FindRedis() {
 }
 
 HttpAnswer RefuseUnread(const Gateway& gateway, int status) {
-  return status == 503 ? Unavailable(gateway) : Refuse(gateway, status, "Base.1.12.UnrecognizedRequestBody");
+  if (status == 503) return Unavailable(gateway);
+  return Refuse(gateway, status, status == 413 ? "Base.1.12.UnrecognizedRequestBody" : "Base.1.12.GeneralError");
 }
 
 int Run(const GatewaySettings& settings) {

@@ -21,7 +21,8 @@ constexpr int64_t kMostTimeout = 86400;
 std::string SessionUri(const std::string& id) { return std::string(kSessions) + "/" + id; }
 
 Json SessionDocument(const Session& session) {
-  return {{"@odata.id", SessionUri(session.id)},
+  return {{"@odata.context", "/redfish/v1/$metadata#Session.Session"},
+          {"@odata.id", SessionUri(session.id)},
           {"@odata.type", "#Session.v1_3_0.Session"},
           {"ClientOriginIPAddress", session.clientAddress},
           {"Id", session.id},
@@ -135,7 +136,8 @@ HttpAnswer CreateSession(Call& call) {
     return Refuse(call.gateway, 401, "Base.1.12.ResourceAtUriUnauthorized",
                   {call.target.path, "wrong user name or password"});
   }
-  const std::string address = call.http.clientAddress.substr(0, call.http.clientAddress.rfind(':'));
+  std::string address = call.http.clientAddress.substr(0, call.http.clientAddress.rfind(':'));
+  std::erase_if(address, [](char c) { return c == '[' || c == ']'; });  // around one of version 6
   const std::optional<Session> session = call.gateway.sessions.Create(name, address);
   if (!session) return Refuse(call.gateway, 503, "Base.1.12.SessionLimitExceeded");
   return {.status = 201,

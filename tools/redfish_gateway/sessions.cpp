@@ -32,7 +32,7 @@ bool EqualSecrets(std::string_view a, std::string_view b) {
 }
 
 void Sessions::DropExpired() {
-  const auto oldest = std::chrono::steady_clock::now() - timeout_;
+  const auto oldest = now_() - timeout_;
   std::erase_if(sessions_, [&](const Session& session) { return session.lastUse < oldest; });
 }
 
@@ -40,7 +40,7 @@ std::optional<Session> Sessions::Create(std::string_view userName, std::string_v
   const std::lock_guard lock(mutex_);
   DropExpired();
   Session session{RandomText(kIdBytes), RandomText(kTokenBytes), std::string(userName), std::string(clientAddress),
-                  std::chrono::steady_clock::now()};
+                  now_()};
   if (sessions_.size() >= kMostSessions || session.id.empty() || session.token.empty()) return std::nullopt;
   sessions_.push_back(session);
   return session;
@@ -51,7 +51,7 @@ bool Sessions::Use(std::string_view token) {
   DropExpired();
   const auto found = std::ranges::find_if(sessions_, [&](const Session& s) { return EqualSecrets(s.token, token); });
   if (found == sessions_.end()) return false;
-  found->lastUse = std::chrono::steady_clock::now();
+  found->lastUse = now_();
   return true;
 }
 

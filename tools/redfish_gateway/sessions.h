@@ -20,6 +20,10 @@ struct Session {
 
 class Sessions {
  public:
+  using Clock = std::chrono::steady_clock;
+
+  Sessions(Clock::time_point (*now)() = Clock::now) : now_(now) {}
+
   /// Nothing when there are as many as there may be, or no random numbers for a token.
   std::optional<Session> Create(std::string_view userName, std::string_view clientAddress);
   /// True for the token of a session that has not timed out; its time begins anew.
@@ -35,6 +39,7 @@ class Sessions {
  private:
   void DropExpired();
 
+  Clock::time_point (*const now_)();
   std::mutex mutex_;
   std::chrono::seconds timeout_{1800};
   std::vector<Session> sessions_;

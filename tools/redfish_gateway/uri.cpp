@@ -3,10 +3,20 @@
 #include <algorithm>
 #include <charconv>
 
+#include "resource_store/store_encoding.h"
+
 namespace event_service {
 namespace {
 
 bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
+
+// What is kept in Redis is JSON text, and so UTF-8.
+bool IsUtf8(const std::string& text) {
+  const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+  const Json value = text;
+  return std::ranges::all_of(text, isAscii) || value.dump(-1, ' ', false, Json::error_handler_t::ignore) ==
+                                                   value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
 
 // In a query "+" stands for a blank, as forms and most clients write it.
 std::optional<std::string> Decode(std::string_view text, bool isQuery) {
@@ -24,7 +34,15 @@ std::optional<std::string> Decode(std::string_view text, bool isQuery) {
     if (IsControl(c)) return std::nullopt;
     decoded += c;
   }
+  if (!IsUtf8(decoded)) return std::nullopt;
   return decoded;
+}
+
+/// A proxy's client names the server as well ("http://host/path").
+std::string_view WithoutServer(std::string_view target) {
+  const size_t server = target.starts_with('/') ? std::string_view::npos : target.find("://");
+  const size_t path = server == std::string_view::npos ? 0 : target.find('/', server + 3);
+  return target.substr(std::min(path, target.size()));
 }
 
 bool IsResourceSegment(std::string_view segment) { return !segment.empty() && segment != "." && segment != ".."; }
@@ -43,6 +61,7 @@ std::vector<std::string_view> Segments(std::string_view path) {
 }
 
 std::optional<RequestTarget> ParseTarget(std::string_view target) {
+  target = WithoutServer(target);
   const size_t mark = std::min(target.find('?'), target.size());
   std::optional<std::string> path = Decode(target.substr(0, mark), false);
   if (!path || !path->starts_with('/')) return std::nullopt;

@@ -14,8 +14,8 @@ struct RequestTarget {
   std::vector<std::pair<std::string, std::string>> query;  // decoded, in their order
 };
 
-/// Nothing for a path that names no resource: one that is not absolute, with "." or ".." or empty segments, with
-/// control characters, with a "/" in its encoded form, or with a broken percent-encoding.
+/// Nothing for a path that names no resource (one that is not absolute, with "." or ".." or empty segments, with a "/"
+/// in its encoded form), and where a percent-encoding is broken or stands for a control character or no UTF-8.
 std::optional<RequestTarget> ParseTarget(std::string_view target);
 
 /// The segments of a path: "/redfish/v1" has two.
