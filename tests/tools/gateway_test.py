@@ -17,13 +17,11 @@ import tempfile
 import time
 import unittest
 import urllib.parse
+import xml.etree.ElementTree
 
-from sandbox import PASSWORD, TREE, USER, Sandbox, eventually, free_port
+from sandbox import COLLECTION, PASSWORD, SERVICE, TEST_EVENT, TREE, USER, Sandbox, eventually, free_port, validate
 
-SERVICE = "/redfish/v1/EventService"
-COLLECTION = SERVICE + "/Subscriptions"
 SESSIONS = "/redfish/v1/SessionService/Sessions"
-TEST_EVENT = SERVICE + "/Actions/EventService.SubmitTestEvent"
 SUBSCRIPTION = {"Destination": "https://192.0.2.1/events", "Protocol": "Redfish", "Context": "rack 7"}
 LOGIN = {"UserName": USER, "Password": PASSWORD}
 
@@ -54,13 +52,16 @@ class Stream:
             line = self.response.readline().decode().strip()
             self.uri = line[2:] if line.startswith(": /redfish/") else None
 
-    def channel(self):
-        return sandbox.redis("hget", self.uri, "&&SSE-CHANNEL")
+    def publish(self, document, times=1):
+        channel = sandbox.redis("hget", self.uri, "&&SSE-CHANNEL")
+        sandbox.redis("-r", str(times), "publish", channel, document)
 
     def event(self):
         """The next event as (id, document); nothing at the end of the stream."""
-        identifier = None
+        identifier, end = None, time.monotonic() + 20
         while line := self.response.readline().decode():
+            if time.monotonic() > end:
+                raise TimeoutError("no event, only heartbeats")
             if line.startswith("id: "):
                 identifier = line[4:-1]
             if line.startswith("data: "):
@@ -83,7 +84,11 @@ class Rules(unittest.TestCase):
         ("GET", "/redfish/v1/", None, {"OData-Version": "4.01"}, 412, "PreconditionFailed"),
         ("GET", "/redfish/v1/odata", None, {"Accept": "application/*;q=0.5"}, 200, None),
         ("GET", "/redfish/v1/odata", None, {"Accept": "text/html, image/png"}, 406, "ResourceAtUriInUnknownFormat"),
+        ("GET", "http://any.host/redfish/v1/", None, {}, 200, None),
         ("DELETE", "/redfish/v1/", None, {}, 405, "MethodNotAllowed"),
+        ("DELETE", "/redfish/v1/SessionService", None, {}, 405, "MethodNotAllowed"),
+        ("OPTIONS", SERVICE, None, {}, 405, "MethodNotAllowed"),
+        ("POST", SERVICE, {}, {}, 405, "MethodNotAllowed"),
         ("PUT", SERVICE, {}, {}, 405, "MethodNotAllowed"),
         ("PATCH", COLLECTION, {}, {}, 405, "MethodNotAllowed"),
         ("GET", TEST_EVENT, None, {}, 405, "MethodNotAllowed"),
@@ -98,7 +103,13 @@ class Rules(unittest.TestCase):
         ("GET", "/redfish/v1/%2e%2e/EventService", None, {}, 404, "InvalidURI"),
         ("GET", "/redfish/v1/EventService%2FSubscriptions", None, {}, 404, "InvalidURI"),
         ("GET", "/redfish/v1/EventService%0", None, {}, 404, "InvalidURI"),
+        ("GET", "/redfish//v1", None, {}, 404, "InvalidURI"),
+        ("GET", SERVICE + "/SSE?$filter=MessageId+eq+'%ff'", None, {}, 404, "InvalidURI"),
+        ("GET", SERVICE + "?" + "x" * 9000, None, {}, 414, "GeneralError"),
+        ("GET", SERVICE, None, {"X-Long": "x" * 17000}, 431, "GeneralError"),
         ("GET", "/redfish/v1/%45ventService/", None, {}, 200, None),
+        ("GET", SERVICE, None, {"Authorization": None, "OData-Version": "4.01"}, 401, "NoValidSession"),
+        ("GET", "/redfish/v1/%ff", None, {"Authorization": None}, 401, "NoValidSession"),
         ("GET", SERVICE, None, {"Authorization": None}, 401, "NoValidSession"),
         ("GET", SERVICE, None, {"Authorization": "Basic YWRtaW46d3Jvbmc="}, 401, "NoValidSession"),
         ("GET", SERVICE, None, {"Authorization": "Basic ???"}, 401, "NoValidSession"),
@@ -109,6 +120,8 @@ class Rules(unittest.TestCase):
         ("POST", SESSIONS, LOGIN | {"Password": "x"}, {"Authorization": None}, 401, "ResourceAtUriUnauthorized"),
         ("POST", SESSIONS, LOGIN | {"Password": 7}, {"Authorization": None}, 400, "PropertyValueError"),
         ("POST", SESSIONS, {"UserName": USER}, {"Authorization": None}, 400, "CreateFailedMissingReqProperties"),
+        ("PATCH", SERVICE, {}, {"If-Match": 'W/"0"'}, 412, "PreconditionFailed"),
+        ("PATCH", SERVICE, {}, {"If-None-Match": "*"}, 412, "PreconditionFailed"),
         ("PATCH", "/redfish/v1/SessionService", {"SessionTimeout": 600}, {}, 200, None),
         ("PATCH", "/redfish/v1/SessionService", {"SessionTimeout": 29}, {}, 400, "PropertyValueOutOfRange"),
         ("PATCH", "/redfish/v1/SessionService", {"Id": "x"}, {}, 400, "PropertyNotWritable"),
@@ -152,7 +165,7 @@ class Rules(unittest.TestCase):
                 self.assertEqual(answer.headers["Cache-Control"], "no-store")
                 is_read = status == 200 and method in ("GET", "HEAD")
                 self.assertEqual("Allow" in answer.headers, is_read or status == 405)
-                self.assertEqual("WWW-Authenticate" in answer.headers, status == 401 and path != SESSIONS)
+                self.assertEqual("WWW-Authenticate" in answer.headers, status == 401)
 
     def test_a_malformed_body_is_answered_with_its_line(self):
         info = sandbox.ask("PATCH", SERVICE, '{"A":\n\n tru}').json["error"]["@Message.ExtendedInfo"]
@@ -231,25 +244,37 @@ class Life(unittest.TestCase):
         self.assertEqual(sandbox.ask("GET", uri).json["Context"], "30")
         sandbox.ask("DELETE", uri)
 
-    @unittest.skipUnless("REDFISH_SCHEMAS" in os.environ, "REDFISH_SCHEMAS names no folder of schemas")
-    def test_every_resource_is_valid(self):
-        body = SUBSCRIPTION | {"OriginResources": [{"@odata.id": "/redfish/v1/Chassis/1"}]}
-        uri = sandbox.ask("POST", COLLECTION, body).headers["Location"]
-        metadata = sandbox.ask("GET", "/redfish/v1/$metadata").text
-        for path in ("/redfish/v1/", SERVICE, COLLECTION, uri, "/redfish/v1/SessionService", SESSIONS):
-            document = sandbox.ask("GET", path).json
+    def test_every_resource_is_found_described_and_valid(self):
+        """Follows every link from the service root, as a validator does."""
+        subscription = SUBSCRIPTION | {"OriginResources": [{"@odata.id": SERVICE}]}
+        created = [sandbox.ask("POST", uri, body).headers["Location"]
+                   for uri, body in ((COLLECTION, subscription), (SESSIONS, LOGIN))]
+        metadata = xml.etree.ElementTree.fromstring(sandbox.ask("GET", "/redfish/v1/$metadata").text)
+        namespaces = {element.get("Namespace") for element in metadata.iter() if element.tag.endswith("}Include")}
+        services = sandbox.ask("GET", "/redfish/v1/odata").json["value"]
+        found, left = set(), {"/redfish/v1/"} | {service["url"] for service in services}
+        while left:
+            path = left.pop()
+            answer = sandbox.ask("GET", path)
+            self.assertEqual(answer.status, 200, path)
+            found.add(path)
+            document = answer.json
+            left |= set(re.findall(r'"@odata.id": "([^"]*)"', answer.text)) - found
             namespace, definition = document["@odata.type"][1:].rsplit(".", 1)
-            self.assertIn(f'Namespace="{namespace}"', metadata)
-            if (pathlib.Path(os.environ["REDFISH_SCHEMAS"]) / f"{namespace}.json").exists():
-                self.check(document, namespace, definition)
+            self.assertEqual(document["@odata.id"], path)
+            self.assertTrue(document["Name"] and (document.get("Id") or "Members" in document))
+            self.assertEqual(answer.headers["Link"],
+                             f"<http://redfish.dmtf.org/schemas/v1/{namespace}.json>; rel=describedby")
+            self.assertEqual(document["@odata.context"], f"/redfish/v1/$metadata#{definition}.{definition}")
+            self.assertIn(namespace, namespaces)
+            self.assertEqual(validate(document, namespace, definition), "", path)
+            for action in document.get("Actions", {}).values():
+                self.assertEqual(sandbox.ask("GET", action["target"]).headers["Allow"], "POST")
+        self.assertLessEqual({SERVICE, COLLECTION, SESSIONS, *created}, found)
         refusal = sandbox.ask("PATCH", SERVICE, {"Id": "x", "Colour": "red"}).json
-        self.check(refusal, "redfish-error.v1_0_1", "RedfishError")
-        sandbox.ask("DELETE", uri)
-
-    def check(self, document, namespace, definition):
-        command = [TREE / "tests/support/validate_schema.py", namespace + ".json", definition]
-        run = subprocess.run(command, input=json.dumps(document), capture_output=True, text=True, check=False)
-        self.assertEqual(run.returncode, 0, document.get("@odata.id", "an error: ") + run.stdout)
+        self.assertEqual(validate(refusal, "redfish-error.v1_0_1", "RedfishError"), "")
+        for uri in created:
+            sandbox.ask("DELETE", uri)
 
 
 class Streams(unittest.TestCase):
@@ -264,16 +289,34 @@ class Streams(unittest.TestCase):
         self.assertEqual((member["SubscriptionType"], member["RegistryPrefixes"]), ("SSE", ["Base", "ResourceEvent"]))
         self.assertEqual(member["OriginResources"], [{"@odata.id": "/redfish/v1/Chassis/1"}])
         self.assertRegex(member["Destination"], r"^redfish-sse://127\.0\.0\.1:\d+$")
-        channel = stream.channel()
-        for number in range(12):  # only what is published here: no event of this origin is raised
-            event = {"MessageId": "Base.1.12.Success", "Message": "a\nb"}
-            document = {"Id": str(number), "Name": "n", "Events": [event]}
-            sandbox.redis("publish", channel, json.dumps(document))
-            self.assertEqual(stream.event(), (str(number), document))
-        sandbox.redis("publish", channel, "{broken")
+        event = {"MessageId": "Base.1.12.Success", "Message": "a\nb", "OriginOfCondition": "/redfish/v1/Chassis/1"}
+        sandbox.redis("hset", "/redfish/v1/Chassis/1", "@odata.type", '"#Chassis.v1_14_0.Chassis"')
+        for number in range(12):
+            self.assertEqual(sandbox.ask("POST", TEST_EVENT, event | {"EventId": str(number)}).status, 200)
+        identifiers = set()
+        for number in range(12):
+            identifier, document = stream.event()
+            identifiers.add(identifier)
+            record = document["Events"][0]
+            self.assertEqual((record["EventId"], record["Message"]), (str(number), "a\nb"))
+            self.assertEqual((document["Id"], document["Context"]), (identifier, member["Context"]))
+            self.assertEqual(validate(document, "Event.v1_7_0", "Event"), "")
+        self.assertEqual(len(identifiers), 12)
+        stream.publish("{broken")
         self.assertEqual(sandbox.ask("DELETE", stream.uri).status, 204)
-        last = stream.event()  # delivery, where it runs, tells the client that this is the end
-        self.assertIsNone(last and stream.event())
+        self.assertEqual(stream.event()[1]["Events"][0]["MessageId"], "Base.1.12.SubscriptionTerminated")
+        self.assertIsNone(stream.event())
+
+    def test_a_client_that_does_not_read_is_cut_off_and_holds_up_nobody(self):
+        silent, reader = Stream(self, secure=True), Stream(self)
+        before = sandbox.resident_memory("redfish-gateway")
+        silent.publish(json.dumps({"Id": "1", "Events": ["x" * 100000]}), 300)
+        self.assertLess(sandbox.resident_memory("redfish-gateway") - before, 16 << 20)
+        reader.publish('{"Id": "mine"}')
+        while reader.event()[0] != "mine":
+            pass
+        self.assertTrue(eventually(lambda: sandbox.ask("GET", silent.uri).status == 404, 10))
+        self.assertEqual(sandbox.ask("GET", reader.uri).status, 200)
 
     def test_a_stream_ends_however_its_subscription_does(self):
         def lose(stream):
@@ -315,12 +358,18 @@ class Sturdiness(unittest.TestCase):
             return b""
 
     def test_what_is_no_http_is_refused_and_the_rest_served_on(self):
-        for raw in (b"\0" * 5000, b"GET\r\n\r\n", b"GET / HTTP/9.9\r\n\r\n", b"A" * 100000, b"\x16\x03\x01\x02\x00",
-                    b"GET / HTTP/1.1\r\n" + b"X: y\r\n" * 20000 + b"\r\n",
-                    b"PATCH /redfish/v1/EventService HTTP/1.1\r\nHost: x\r\nContent-Length: -5\r\n\r\n",
-                    b"PATCH /redfish/v1/EventService HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"):
+        patch = b"PATCH /redfish/v1/EventService HTTP/1.1\r\nHost: x\r\n"
+        for raw, status in (
+            (b"\0" * 5000, b""), (b"GET\r\n\r\n", b""), (b"A" * 100000, b""), (b"\x16\x03\x01\x02\x00", b""),
+            (b"GET / HTTP/9.9\r\n\r\n", b"505"),
+            (b"GET /redfish HTTP/1.1\r\n\r\n", b"400"),
+            (b"GET / HTTP/1.1\r\n" + b"X: y\r\n" * 20000 + b"\r\n", b""),
+            (patch + b"Content-Length: -5\r\n\r\n", b""),
+            (patch + b"Content-Length: 2\r\nContent-Length: 4\r\n\r\n{}{}", b"400"),
+            (patch + b"Transfer-Encoding: chunked\r\n\r\nzz\r\n", b""),
+        ):
             answer = self.send(raw)
-            self.assertTrue(answer == b"" or answer.startswith(b"HTTP/1."), answer)
+            self.assertTrue((answer == b"" and not status) or answer.startswith(b"HTTP/1.1 " + status), answer)
         self.assertTrue(self.serves())
 
     def test_a_thousand_idle_connections_and_half_requests_hold_up_nobody(self):
@@ -361,14 +410,46 @@ class Sturdiness(unittest.TestCase):
             sandbox.send_signal(name, signal.SIGKILL)
         self.assertEqual(sandbox.ask("GET", SERVICE).status, 503)
         self.assertEqual(sandbox.ask("GET", "/redfish/v1/").status, 200)
-        sandbox.start("redis-server", sandbox.root / "etc/redis/redis.conf")
-        self.assertTrue(eventually(lambda: sandbox.redis("ping") == "PONG"))
-        sandbox.fill_redis()
+        sandbox.start_redis()
         self.assertEqual(sandbox.ask("GET", SERVICE).status, 503, "the daemon is not ready")
         sandbox.start_daemon()
         self.assertTrue(eventually(self.serves))
         while stream.event():  # up to its end, with the subscription that Redis has lost
             pass
+
+
+class Listening(unittest.TestCase):
+    def setUp(self):
+        text = sandbox.settings.read_text()
+        self.common = re.sub("(HTTPS?_|PASSWORD).*", "", text)
+        self.addCleanup(sandbox.start_gateway)
+        self.addCleanup(sandbox.settings.write_text, text)
+        sandbox.send_signal("redfish-gateway", signal.SIGTERM)
+
+    def test_what_it_must_not_serve_it_refuses(self):
+        for settings, line in (
+            ("", "names no address to listen on"),
+            ("HTTP_ADDRESS=localhost\nHTTP_PORT=8000", "localhost is no address"),
+            ("HTTP_ADDRESS=127.0.0.1\nHTTP_PORT=70000", "no number from 1 to 65535"),
+            ("PASSWORD=own\nHTTP_ADDRESS=0.0.0.0\nHTTP_PORT=8000", "Beyond loopback only HTTPS"),
+            ("HTTPS_ADDRESS=::\nHTTPS_PORT=8443", "set a PASSWORD of your own"),
+        ):
+            sandbox.settings.write_text(self.common + settings + "\n")
+            self.assertEqual(sandbox.start("redfish-gateway").wait(10), 1, settings)
+            self.assertIn(line, sandbox.logged())
+
+    def test_ip_version_6_and_with_a_password_beyond_loopback(self):
+        sandbox.settings.write_text(
+            f"{self.common}PASSWORD=own\nHTTP_ADDRESS=::1\nHTTP_PORT={sandbox.port}\n"
+            f"HTTPS_ADDRESS=0.0.0.0\nHTTPS_PORT={sandbox.secure_port}\n"
+        )
+        self.addCleanup(sandbox.send_signal, "redfish-gateway", signal.SIGTERM)
+        with sandbox.reached("::1", "own"):
+            sandbox.start_gateway()
+            session = sandbox.ask("POST", SESSIONS, LOGIN | {"Password": "own"}).json
+            self.assertEqual(session["ClientOriginIPAddress"], "::1")
+            self.assertEqual(sandbox.ask("GET", SERVICE, secure=True).status, 200)
+        self.assertEqual(sandbox.ask("GET", SERVICE, secure=True).status, 401)
 
 
 class Clients(unittest.TestCase):

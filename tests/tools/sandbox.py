@@ -14,9 +14,11 @@ import subprocess
 import tempfile
 import time
 
-TREE = pathlib.Path(__file__).resolve().parents[3]
-SETTINGS = "usr/local/etc/nginx/redfish-gateway.conf"
+TREE = pathlib.Path(__file__).resolve().parents[2]
 USER, PASSWORD = "admin", "sandbox"
+SERVICE = "/redfish/v1/EventService"
+COLLECTION = SERVICE + "/Subscriptions"
+TEST_EVENT = SERVICE + "/Actions/EventService.SubmitTestEvent"
 
 
 def free_port():
@@ -48,53 +50,74 @@ class Answer:
         return [message["MessageId"].rsplit(".", 1)[1] for message in info]
 
 
+def validate(document, namespace, definition):
+    """The faults of a document as a schema of REDFISH_SCHEMAS sees them; none where there is no such schema."""
+    if not pathlib.Path(os.environ.get("REDFISH_SCHEMAS", "/nowhere"), namespace + ".json").exists():
+        return ""
+    command = [TREE / "tests/support/validate_schema.py", namespace + ".json", definition]
+    return subprocess.run(command, input=json.dumps(document), capture_output=True, text=True, check=False).stdout
+
+
 class Sandbox:
-    def __init__(self, binaries):
+    def __init__(self, binaries, configuration=""):
+        """`configuration`: further lines for the daemon and for event delivery, where @ROOT@ is the sandbox."""
         self.binaries = pathlib.Path(binaries)
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="gateway.", dir="/tmp"))
         self.programs = {}
         self.port, self.secure_port = free_port(), free_port()
+        self.host, self.password = "127.0.0.1", PASSWORD
         self.address = f"http://127.0.0.1:{self.port}"
         subprocess.run([TREE / "scripts/lay-out-sandbox", self.root, binaries], check=True)
-        settings = self.root / SETTINGS
-        text = settings.read_text().replace("=8000", f"={self.port}").replace("=8443", f"={self.secure_port}")
-        settings.write_text(text.replace("ANSWER_SECONDS=15", "ANSWER_SECONDS=2"))
+        self.settings = self.root / "usr/local/etc/nginx/redfish-gateway.conf"
+        text = self.settings.read_text().replace("=8000", f"={self.port}").replace("=8443", f"={self.secure_port}")
+        self.settings.write_text(text.replace("ANSWER_SECONDS=15", "ANSWER_SECONDS=2"))
+        with open(self.root / "usr/local/etc/nginx/eventingMode.conf", "a") as file:
+            file.write(configuration.replace("@ROOT@", str(self.root)))
+        self.start_redis()
+        self.start_daemon()
+        self.start("event-delivery")
+        self.start_gateway()
+
+    def start(self, name, *arguments):
+        """Starts a program of ours, or another one that has no such name."""
+        ours = self.binaries / name
+        command = ["setpriv", "--pdeathsig", "KILL", ours if ours.exists() else name, *arguments]
+        environment = dict(os.environ, EVENT_SERVICE_ROOT=str(self.root))
+        with open(self.root / f"var/log/{name}.output", "a") as output:
+            self.programs[name] = subprocess.Popen(command, stdout=output, stderr=output, env=environment)
+        return self.programs[name]
+
+    def logged(self):
+        """Everything that anybody has logged."""
+        return "".join(file.read_text(errors="replace") for file in sorted((self.root / "var/log").iterdir()))
+
+    def start_redis(self):
         self.start("redis-server", self.root / "etc/redis/redis.conf")
         assert eventually(lambda: self.redis("ping") == "PONG"), "Redis does not start"
         self.fill_redis()
-        self.start_daemon()
-        if (self.binaries / "event-delivery").exists():
-            self.start(self.binaries / "event-delivery")
-        self.start_gateway()
-
-    def start(self, program, *arguments):
-        name = pathlib.Path(program).name
-        environment = dict(os.environ, EVENT_SERVICE_ROOT=str(self.root))
-        with open(self.root / f"var/log/{name}.output", "a") as output:
-            self.programs[name] = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", program, *arguments], stdout=output, stderr=output, env=environment
-            )
 
     def fill_redis(self):
-        environment = dict(os.environ, EVENT_SERVICE_ROOT=str(self.root))
-        subprocess.run([self.binaries / "load_platform", TREE / "share/platform"], check=True, env=environment)
+        self.redis("flushall")
+        assert self.start("load_platform", TREE / "share/platform").wait() == 0
 
     def start_daemon(self):
-        self.start(self.binaries / "EventService")
+        self.start("EventService")
         ready = lambda: self.redis("sismember", "&&AccessBlockList", "EventService") == "0"
         assert eventually(ready), "the daemon does not start"
 
     def start_gateway(self):
-        self.start(self.binaries / "redfish-gateway")
+        self.start("redfish-gateway")
+
         def answers():
             with contextlib.suppress(OSError):
                 return self.ask("GET", "/redfish").status == 200
-        assert eventually(answers), (self.root / "var/log/redfish-gateway.log").read_text()
+
+        assert eventually(answers), self.logged()
 
     def send_signal(self, name, number):
         self.programs[name].send_signal(number)
-        if number == signal.SIGKILL:
-            self.programs[name].wait()
+        if number in (signal.SIGKILL, signal.SIGTERM):
+            self.programs[name].wait(30)
         if number == signal.SIGSTOP:
             # A stop is complete when each thread has come to it.
             tasks = pathlib.Path(f"/proc/{self.programs[name].pid}/task")
@@ -106,7 +129,21 @@ class Sandbox:
             program.send_signal(signal.SIGCONT)
             program.terminate()
             program.wait(30)
+        findings = [line for line in self.logged().splitlines() if "Sanitizer" in line or "runtime error:" in line]
         shutil.rmtree(self.root)
+        assert not findings, findings
+
+    def resident_memory(self, name):
+        pages = pathlib.Path(f"/proc/{self.programs[name].pid}/statm").read_text().split()[1]
+        return int(pages) * os.sysconf("SC_PAGESIZE")
+
+    @contextlib.contextmanager
+    def reached(self, host, password):
+        """Requests go to another address of the gateway's, with another password."""
+        usual = self.host, self.password
+        self.host, self.password = host, password
+        yield
+        self.host, self.password = usual
 
     def redis(self, *words):
         command = ["redis-cli", "-s", self.root / "run/redis/redis.sock", *words]
@@ -118,13 +155,13 @@ class Sandbox:
     def connect(self, secure=False):
         if secure:
             return http.client.HTTPSConnection("127.0.0.1", self.secure_port, timeout=30, context=self.tls())
-        return http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+        return http.client.HTTPConnection(self.host, self.port, timeout=30)
 
     def ask(self, method, path, body=None, headers=None, credentials=True, secure=False):
         """One request; a body that is no text is sent as JSON."""
         sent = {}
         if credentials:
-            sent["Authorization"] = "Basic " + base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()
+            sent["Authorization"] = "Basic " + base64.b64encode(f"{USER}:{self.password}".encode()).decode()
         if body is not None:
             sent["Content-Type"] = "application/json"
             body = body if isinstance(body, (str, bytes)) else json.dumps(body)
