@@ -17,6 +17,14 @@ void RequestBody::AskLevel(RedisPipeline& pipeline) {
   pipeline.Then([this](Replies) { Finish(!HasFailed()); });
 }
 
+bool RequestBody::ReadRest(RedisPipeline& pipeline) {
+  while (!HasFailed() && !IsComplete()) {
+    AskLevel(pipeline);
+    pipeline.Execute();
+  }
+  return !HasFailed();
+}
+
 bool RequestBody::TakeLevel(std::span<const RedisReply> replies) { return Finish(walk_.TakeLevel(replies)); }
 
 bool RequestBody::Finish(bool isTaken) {

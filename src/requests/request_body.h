@@ -41,6 +41,9 @@ class RequestBody {
   /// A step that reads the next level; nothing when the body is complete. The body outlives the batch.
   void AskLevel(RedisPipeline& pipeline);
 
+  /// Reads the levels that are left, in batches of `pipeline`. False when the body could not be read.
+  bool ReadRest(RedisPipeline& pipeline);
+
   /// The same in two halves; false when the level could not be taken.
   void AppendLevel(RedisPipeline& pipeline) { walk_.AppendLevel(pipeline); }
   bool TakeLevel(std::span<const RedisReply> replies);

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-#include <span>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -22,13 +24,13 @@
 #include "service/subscription_log.h"
 #include "subscriptions/judgement/creation_check.h"
 #include "subscriptions/life_cycle_batch.h"
-#include "subscriptions/member_change.h"
 #include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/filter_mask.h"
 #include "subscriptions/resource/member_uri.h"
 #include "subscriptions/resource/member_weight.h"
 #include "subscriptions/resource/origin_index.h"
 #include "subscriptions/state.h"
+#include "subscriptions/stored_member.h"
 #include "subscriptions/syslog_exchange.h"
 
 namespace event_service {
@@ -46,89 +48,35 @@ std::string GenerateId(RandomSource random) {
 
 Answer BodyUnreadable() { return DatabaseError("DatabaseOperationError: Failed to get request data from database."); }
 
-/// One creation on its way. The steps stand in the order in which they run.
-class Creation {
- public:
-  Creation(Request& request, RandomSource random)
-      : request_(request), redis_(request.redis), state_(*request.subscriptions), random_(random) {
-    about_.isSse = request.record.isSse == "true";
-    about_.privileges = request.record.privileges;
-  }
-
-  Answer Run() {
-    if (auto refusal = ReadBody()) return std::move(*refusal);
-    if (auto refusal = Judge()) return std::move(*refusal);
-    if (auto refusal = Build()) return std::move(*refusal);
-    if (auto refusal = SetUpSyslog()) return std::move(*refusal);
-    if (auto refusal = Write()) return std::move(*refusal);
-    if (auto refusal = Enrol()) return std::move(*refusal);
-    if (auto refusal = DisableSnmpTrap()) return std::move(*refusal);
-    Persist();
-    return Announce();
-  }
-
- private:
-  std::optional<Answer> ReadBody();
-  bool ReadRoot(RequestBody& body);
-  bool ChooseId(const Json& body);
-  void AppendQuestions(RedisPipeline& pipeline, bool asksForId) const;
-  bool TakeAnswers(std::span<const RedisReply> replies, bool asksForId);
-  bool TakeExistence(const RedisReply& exists);
-  std::optional<Answer> Judge();
-  std::optional<Answer> DrawFreeId();
-  std::optional<Answer> Build();
-  std::optional<Answer> SetUpSyslog();
-  std::optional<Answer> Write();
-  std::optional<Answer> Enrol();
-  std::optional<Answer> DisableSnmpTrap();
-  void Persist();
-  Answer Announce();
-  Answer Failed(const char* logText);
-  Answer WriteFailed();
-  void TakeBack();
-
-  Request& request_;
-  redisContext* redis_;
-  SubscriptionsState& state_;
-  RandomSource random_;
-
-  Json body_;
-  NumberTexts numbers_;
-  NewDestination about_;
-  bool isIdGiven_ = false;
-  bool idExists_ = false;
-  std::string uri_;
-  Json destination_;
-  int64_t sequence_ = kNoSequence;    // the first id of the resource's arrays
-  std::string collectionEtag_;        // as stored: the former one until the creation has set its own
-  std::string formerCollectionEtag_;  // for taking back
-  RedisReply membersLength_;
-  uint32_t eventGroupId_ = 0;
+/// What is known before anything is decided.
+struct CreationInput {
+  Json body;
+  NumberTexts numbers;
+  NewDestination about;
+  bool isIdGiven = false;
+  std::optional<bool> idExists = false;  // nothing: Redis does not tell whether there is one that would be replaced
+  std::string collectionEtag;            // as stored
 };
 
-std::optional<Answer> Creation::ReadBody() {
-  RequestBody body(request_.record.requestData);
-  if (!ReadRoot(body)) return BodyUnreadable();
-  const bool asksForId = ChooseId(body.Document());
-  for (bool isFirst = true; isFirst || !body.IsComplete(); isFirst = false) {
-    RedisPipeline pipeline(redis_);
-    body.AppendLevel(pipeline);
-    const size_t questions = pipeline.Size();
-    if (isFirst) AppendQuestions(pipeline, asksForId);
-    const std::vector<RedisReply> replies = pipeline.Execute();
-    const bool isTold = !isFirst || TakeAnswers(std::span(replies).subspan(questions), asksForId);
-    if (!isTold || !body.TakeLevel(replies)) return BodyUnreadable();
-  }
-  numbers_ = body.Numbers();
-  body_ = std::move(body).TakeDocument();
-  return std::nullopt;
-}
+/// What is written.
+struct NewMember {
+  std::string uri;
+  Json destination;
+  int64_t sequence = kNoSequence;  // the first id of its arrays
+};
 
-bool Creation::ReadRoot(RequestBody& body) {
+/// What the member's entry in the collection has led to.
+struct Membership {
+  std::string collectionEtag;  // as stored
+  std::optional<int64_t> membersLength;
+  uint32_t eventGroupId = 0;
+};
+
+bool ReadRoot(const Request& request, RequestBody& body) {
   RedisReply fetched;
-  const redisReply* root = request_.PrefetchedBody();
+  const redisReply* root = request.PrefetchedBody();
   if (root == nullptr) {
-    fetched = SendArguments(redis_, {"HGETALL", request_.record.requestData});
+    fetched = SendArguments(request.redis, {"HGETALL", request.record.requestData});
     root = fetched.get();
   }
   // Redis keeps no empty hash: a body without a field is a body that is not there.
@@ -136,198 +84,208 @@ bool Creation::ReadRoot(RequestBody& body) {
 }
 
 /// Takes the client's Id or draws one. False for an Id that is refused whether or not it exists.
-bool Creation::ChooseId(const Json& body) {
+bool ChooseId(const Json& body, RandomSource random, CreationInput& input) {
   const auto id = body.find("Id");
-  isIdGiven_ = id != body.end() && *id != "";
-  if (!isIdGiven_) {
-    about_.id = GenerateId(random_);
+  input.isIdGiven = id != body.end() && *id != "";
+  if (!input.isIdGiven) {
+    input.about.id = GenerateId(random);
     return true;
   }
   if (!id->is_string() || id->get_ref<const std::string&>().size() > kLongestId) return false;
-  about_.id = id->get<std::string>();
+  input.about.id = id->get<std::string>();
   return true;
 }
 
-/// What else has to be known travels with the body's second level.
-void Creation::AppendQuestions(RedisPipeline& pipeline, bool asksForId) const {
-  pipeline.Append({"HGET", kSubscriptionsUri, kEtagField});
-  if (asksForId) pipeline.Append({"EXISTS", MemberUri(about_.id)});
-  if (about_.isSse) pipeline.Append({"HGET", request_.announcement.requestKey, "&&SSE-CHANNEL"});
+void AskWhetherIdExists(RedisPipeline& pipeline, CreationInput& input) {
+  pipeline.Ask({"EXISTS", MemberUri(input.about.id)}, [&input](const RedisReply& reply) {
+    input.idExists = IsInteger(reply) ? std::optional(reply->integer == 1) : std::nullopt;
+  });
 }
 
-bool Creation::TakeAnswers(std::span<const RedisReply> replies, bool asksForId) {
-  formerCollectionEtag_ = collectionEtag_ = TextOf(replies.front());
-  if (about_.isSse) about_.sseChannel = TextOf(replies.back());
-  return !asksForId || TakeExistence(replies[1]);
-}
-
-/// Without a reply nobody knows whether there is a resource that the creation would replace.
-bool Creation::TakeExistence(const RedisReply& exists) {
-  idExists_ = IsInteger(exists) && exists->integer == 1;
-  return IsInteger(exists);
-}
-
-std::optional<Answer> Creation::Judge() {
-  if (auto refusal = CheckCreation(body_, {.settings = request_.settings,
-                                           .syslogTlsDestinations = state_.syslogTlsDestinationIds.size(),
-                                           .isSse = about_.isSse,
-                                           .numbers = numbers_})) {
-    return refusal;
+/// False when the body cannot be read, or whether the Id exists.
+bool ReadInput(const Request& request, RandomSource random, CreationInput& input) {
+  input.about.isSse = request.record.isSse == "true";
+  input.about.privileges = request.record.privileges;
+  RequestBody body(request.record.requestData);
+  if (!ReadRoot(request, body)) return false;
+  // What else has to be known travels with the body's second level.
+  RedisPipeline pipeline(request.redis);
+  body.AskLevel(pipeline);
+  pipeline.Ask({"HGET", kSubscriptionsUri, kEtagField},
+               [&input](const RedisReply& reply) { input.collectionEtag = TextOf(reply); });
+  if (ChooseId(body.Document(), random, input)) AskWhetherIdExists(pipeline, input);
+  if (input.about.isSse) {
+    pipeline.Ask({"HGET", request.announcement.requestKey, "&&SSE-CHANNEL"},
+                 [&input](const RedisReply& reply) { input.about.sseChannel = TextOf(reply); });
   }
-  if (!idExists_) return std::nullopt;
-  if (!isIdGiven_) return DrawFreeId();
-  return Answer{kFailure, {{"Base.1.12.ResourceAlreadyExists", {"EventDestination", "Id", about_.id}, {"Id"}}}, {}, {}};
+  pipeline.Execute();
+  if (!input.idExists || !body.ReadRest(pipeline)) return false;
+  input.numbers = body.Numbers();
+  input.body = std::move(body).TakeDocument();
+  return true;
 }
 
-std::optional<Answer> Creation::DrawFreeId() {
+std::optional<Answer> DrawFreeId(const Request& request, RandomSource random, CreationInput& input) {
+  RedisPipeline pipeline(request.redis);
   for (int draw = 0; draw < kMostIdRedraws; ++draw) {
-    about_.id = GenerateId(random_);
-    if (!TakeExistence(SendArguments(redis_, {"EXISTS", MemberUri(about_.id)}))) return BodyUnreadable();
-    if (!idExists_) return std::nullopt;
+    input.about.id = GenerateId(random);
+    AskWhetherIdExists(pipeline, input);
+    pipeline.Execute();
+    if (!input.idExists) return BodyUnreadable();
+    if (!*input.idExists) return std::nullopt;
   }
   return Refuse(kException, kOperationFailedMessage, {}, "OperationFailed: Failed to generate an unused Id.");
 }
 
-std::optional<Answer> Creation::Build() {
-  uri_ = MemberUri(about_.id);
-  about_.etag = NewEtag();
-  if (about_.isSse) about_.timeStamp = TimeStamp();
-  if (body_.contains("SNMP")) about_.passwordLine = FirstLineOf(request_.settings.paths.passwordFile);
-  std::optional<Json> destination = BuildEventDestination(body_, about_, request_.settings);
+std::optional<Answer> Judge(const Request& request, RandomSource random, CreationInput& input) {
+  const size_t tlsDestinations = request.subscriptions->syslogTlsDestinationIds.size();
+  if (auto refusal = CheckCreation(input.body, {.settings = request.settings,
+                                                .syslogTlsDestinations = tlsDestinations,
+                                                .isSse = input.about.isSse,
+                                                .numbers = input.numbers})) {
+    return refusal;
+  }
+  if (!*input.idExists) return std::nullopt;
+  if (!input.isIdGiven) return DrawFreeId(request, random, input);
+  return Answer{kFailure, {{"Base.1.12.ResourceAlreadyExists", {"EventDestination", "Id", input.about.id}, {"Id"}}}};
+}
+
+std::optional<Answer> Build(const ServiceSettings& settings, CreationInput& input, NewMember& member) {
+  member.uri = MemberUri(input.about.id);
+  input.about.etag = NewEtag();
+  if (input.about.isSse) input.about.timeStamp = TimeStamp();
+  if (input.body.contains("SNMP")) input.about.passwordLine = FirstLineOf(settings.paths.passwordFile);
+  std::optional<Json> destination = BuildEventDestination(input.body, input.about, settings);
   if (!destination) return Refuse(kException, kOperationFailedMessage);
-  destination_ = std::move(*destination);
-  const std::optional<std::string> heaviest = TooHeavyProperty(WeightsOf(destination_));
+  member.destination = *std::move(destination);
+  const std::optional<std::string> heaviest = TooHeavyProperty(WeightsOf(member.destination));
   if (!heaviest) return std::nullopt;
-  return Answer{kFailure, {PropertyMessage(FaultKind::kValue, MemberPath({}, *heaviest))}, {}, {}};
+  return Answer{kFailure, {PropertyMessage(FaultKind::kValue, MemberPath({}, *heaviest))}};
 }
 
-std::optional<Answer> Creation::SetUpSyslog() {
-  const std::string_view transport = SyslogTransport(destination_);
+std::optional<Answer> SetUpSyslog(const Request& request, const NewMember& member) {
+  const std::string_view transport = SyslogTransport(member.destination);
   if (transport.empty()) return std::nullopt;
-  if (!CreateAtSyslogForwarder(redis_, destination_)) return Refuse(kUnavailable, kOperationFailedMessage);
-  std::vector<std::string>& tlsIds = state_.syslogTlsDestinationIds;
-  if (transport == "TLS" && std::ranges::find(tlsIds, about_.id) == tlsIds.end()) tlsIds.push_back(about_.id);
-  return std::nullopt;
-}
-
-/// The whole resource in one batch.
-std::optional<Answer> Creation::Write() {
-  if (NeedsSequenceIds(destination_)) {
-    sequence_ = NextSequenceId(redis_);
-    if (sequence_ < 0) return WriteFailed();
+  if (!CreateAtSyslogForwarder(request.redis, member.destination)) {
+    return Refuse(kUnavailable, kOperationFailedMessage);
   }
-  RedisPipeline pipeline(redis_);
-  // What an incomplete deletion may have left under an Id that is used again must not be added to.
-  if (isIdGiven_) AppendUnlink(pipeline, DocumentKeys(uri_, destination_, sequence_));
-  int64_t next = sequence_;
-  if (!AppendDocument(pipeline, uri_, destination_, next)) return WriteFailed();
-  const size_t writes = pipeline.Size();
-  if (next != sequence_) AppendSequenceStore(pipeline, next);
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  const bool isSequenceStored = writes == replies.size() || TextOf(replies.back()).starts_with("OK");
-  if (!AllIntegers(std::span(replies).first(writes)) || !isSequenceStored) return WriteFailed();
+  if (transport != "TLS") return std::nullopt;
+  std::vector<std::string>& ids = request.subscriptions->syslogTlsDestinationIds;
+  const std::string_view id = MemberIdOf(member.uri);
+  if (std::ranges::find(ids, id) == ids.end()) ids.emplace_back(id);
   return std::nullopt;
 }
 
-/// Makes the resource a member of the collection.
-std::optional<Answer> Creation::Enrol() {
-  const std::string etag = JsonText(NewEtag());
-  RedisPipeline pipeline(redis_);
-  const size_t etagWrite = pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, etag});
-  const size_t firstWrite = pipeline.Append({"HSET", request_.announcement.requestKey, kLocationField, uri_});
-  // A generated Id has never been used; a given one may stand in the list in some form.
-  if (isIdGiven_) AppendMemberRemoval(pipeline, kSubscriptionsUri, uri_);
-  pipeline.Append({"RPUSH", kSubscriptionsMembersKey, MemberEntry(uri_)});
-  const size_t lastWrite = pipeline.Append({"HSET", uri_, kCrudPrefixField, kEventDestinationPrefix});
-  AppendMembersLength(pipeline);
-  const size_t draw = AppendEventGroupIdDraw(pipeline);
-  std::vector<RedisReply> replies = pipeline.Execute();
-  if (!AllIntegers(std::span(replies).subspan(firstWrite, lastWrite + 1 - firstWrite))) return WriteFailed();
-  if (IsInteger(replies[etagWrite])) {
-    collectionEtag_ = etag;
+/// Removes what the creation may have written, however far it got. The syslog forwarder is not told, and counters that
+/// have moved stay.
+void TakeBack(const Request& request, const CreationInput& input, const NewMember& member) {
+  std::erase(request.subscriptions->syslogTlsDestinationIds, MemberIdOf(member.uri));
+  RedisPipeline pipeline(request.redis);
+  AppendUnlink(pipeline, DocumentKeys(member.uri, member.destination, member.sequence));
+  AppendMemberRemoval(pipeline, kSubscriptionsUri, member.uri);
+  pipeline.Append({"HDEL", request.announcement.requestKey, kLocationField});
+  pipeline.Then([](Replies replies) {
+    if (!AllIntegers(replies)) LogError("Failed to delete data of event destination whencreate failed.");
+  });
+  if (input.collectionEtag.empty()) {
+    pipeline.Append({"HDEL", kSubscriptionsUri, kEtagField});
   } else {
-    LogEtagFailure(kSubscriptionsUri);
+    pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, input.collectionEtag});
   }
-  membersLength_ = std::move(replies[lastWrite + 1]);
-  eventGroupId_ = SettleEventGroupId(redis_, replies, draw);
-  destination_[std::string(kCrudPrefixField)] = kEventDestinationPrefix;
-  return std::nullopt;
+  pipeline.Then([](Replies replies) {
+    if (!AllIntegers(replies)) LogEtagFailure(kSubscriptionsUri);
+  });
+  pipeline.Execute();
 }
 
-std::optional<Answer> Creation::DisableSnmpTrap() {
-  if (!IsSnmpTrapDestination(uri_, TextMember(destination_, "SubscriptionType"))) return std::nullopt;
-  if (!SetState(redis_, uri_, kStateDisabled)) return Failed("DatabaseOperationError: Failed to set State.");
-  destination_["Status"]["State"] = kStateDisabled;
-  return std::nullopt;
+/// Writes the whole resource in one batch.
+bool Write(redisContext* redis, bool isIdGiven, NewMember& member) {
+  if (NeedsSequenceIds(member.destination)) {
+    member.sequence = NextSequenceId(redis);
+    if (member.sequence < 0) return false;
+  }
+  RedisPipeline pipeline(redis);
+  // What an incomplete deletion may have left under an Id that is used again must not be added to.
+  if (isIdGiven) AppendUnlink(pipeline, DocumentKeys(member.uri, member.destination, member.sequence));
+  int64_t next = member.sequence;
+  if (!AppendDocument(pipeline, member.uri, member.destination, next)) return false;
+  bool isWritten = false;
+  pipeline.Then([&isWritten](Replies replies) { isWritten = AllIntegers(replies); });
+  if (next != member.sequence) {
+    AppendSequenceStore(pipeline, next);
+    pipeline.Then([&isWritten](Replies replies) { isWritten &= TextOf(replies.back()).starts_with("OK"); });
+  }
+  pipeline.Execute();
+  return isWritten;
 }
 
-void Creation::Persist() {
-  if (about_.isSse) return;  // a stream does not outlive the service
-  if (!state_.db.InsertDbSubscription(about_.id, FileText(destination_), about_.privileges, collectionEtag_)) {
+/// Makes the resource a member.
+bool AddToCollection(const Request& request, const CreationInput& input, NewMember& member, Membership& membership) {
+  const std::string etag = NewEtag();
+  bool isEtagSet = false;
+  bool isAdded = false;
+  RedisPipeline pipeline(request.redis);
+  SetEtag(pipeline, kSubscriptionsUri, etag, isEtagSet);
+  pipeline.Append({"HSET", request.announcement.requestKey, kLocationField, member.uri});
+  // A generated Id has never been used; a given one may stand in the list in some form.
+  if (input.isIdGiven) AppendMemberRemoval(pipeline, kSubscriptionsUri, member.uri);
+  pipeline.Append({"RPUSH", kSubscriptionsMembersKey, MemberEntry(member.uri)});
+  // Last: it says that the member is whole.
+  pipeline.Append({"HSET", member.uri, kCrudPrefixField, kEventDestinationPrefix});
+  pipeline.Then([&isAdded](Replies replies) { isAdded = AllIntegers(replies); });
+  AskMembersLength(pipeline, membership.membersLength);
+  DrawEventGroupId(request.redis, pipeline, membership.eventGroupId);
+  pipeline.Execute();
+  membership.collectionEtag = isEtagSet ? JsonText(etag) : input.collectionEtag;
+  member.destination[std::string(kCrudPrefixField)] = kEventDestinationPrefix;
+  return isAdded;
+}
+
+bool DisableSnmpTrap(redisContext* redis, NewMember& member) {
+  if (!IsSnmpTrapDestination(member.uri, TextMember(member.destination, "SubscriptionType"))) return true;
+  member.destination["Status"]["State"] = kStateDisabled;
+  return SetState(redis, member.uri, kStateDisabled);
+}
+
+void WriteIntoFile(const Request& request, const CreationInput& input, const NewMember& member,
+                   std::string_view collectionEtag) {
+  if (input.about.isSse) return;  // a stream does not outlive the service
+  SubscriptionDb& db = request.subscriptions->db;
+  if (!db.InsertDbSubscription(input.about.id, FileText(member.destination), input.about.privileges, collectionEtag)) {
     LogError("Failed to insert the subscription to DB file.");
   }
 }
 
-/// Tells event delivery and those who watch the collection.
-Answer Creation::Announce() {
-  RedisPipeline pipeline(redis_);
-  const std::vector<std::string> indexKeys =
-      OriginIndexKeys(destination_, request_.settings.subordinateResourcesSupported);
-  const std::string mask = std::to_string(FilterMask(body_, state_.registryPrefixBits));
-  for (const std::string& key : indexKeys) pipeline.Append({"HSET", key, about_.id, mask});
-  const bool isMetricReport = IsMetricReportDestination(destination_);
-  if (isMetricReport) pipeline.Append({"HINCRBY", kMetricReportKey, kMetricReportField, "1"});
-  const size_t indexWrites = pipeline.Size();
-
-  LifeCycleBatch events(request_, pipeline, eventGroupId_);
-  events.AppendForMember("add", uri_);
-  events.AppendForCollection();
-  const bool isCountSent = AppendMembersCount(pipeline, membersLength_.get());
-  const std::vector<RedisReply> replies = pipeline.Execute();
-
-  if (!AllIntegers(std::span(replies).first(indexWrites))) {
-    if (isMetricReport) {
-      LogError("Failed to increase the counter &&subs:MetricReport");
-    } else {
-      LogError("Failed to write the origin index of %s.", uri_.c_str());
-    }
+/// Tells event delivery where to look for the subscription.
+void EnterIndex(RedisPipeline& pipeline, const Request& request, const Json& body, const NewMember& member) {
+  if (IsMetricReportDestination(member.destination)) {
+    pipeline.Ask({"HINCRBY", kMetricReportKey, kMetricReportField, "1"}, [](const RedisReply& reply) {
+      if (!IsInteger(reply)) LogError("Failed to increase the counter &&subs:MetricReport");
+    });
+    return;
   }
-  events.Check(replies);
-  LogSubscriptionChange(uri_, "added", request_.AskedBy());
-  if (!isCountSent || !SettleMembersCount(state_, membersLength_.get(), replies.back().get(), 1)) {
-    return DatabaseError("DatabaseOperationError: Failed to update Members count.");
+  const std::string mask = std::to_string(FilterMask(body, request.subscriptions->registryPrefixBits));
+  for (const std::string& key : OriginIndexKeys(member.destination, request.settings.subordinateResourcesSupported)) {
+    pipeline.Append({"HSET", key, MemberIdOf(member.uri), mask});
   }
-  return Succeed("Base.1.12.Created");
+  pipeline.Then([&member](Replies replies) {
+    if (!AllIntegers(replies)) LogError("Failed to write the origin index of %s.", member.uri.c_str());
+  });
 }
 
-/// The log tells what failed before it tells what failed because of it.
-Answer Creation::Failed(const char* logText) {
-  LogError("%s", logText);
-  TakeBack();
-  return DatabaseError({});
-}
-
-Answer Creation::WriteFailed() { return Failed("DatabaseOperationError: Failed to create event destination object."); }
-
-/// Removes what the creation may have written, however far it got. The syslog forwarder is not told, and counters that
-/// have moved stay.
-void Creation::TakeBack() {
-  std::erase(state_.syslogTlsDestinationIds, about_.id);
-  RedisPipeline pipeline(redis_);
-  AppendUnlink(pipeline, DocumentKeys(uri_, destination_, sequence_));
-  AppendMemberRemoval(pipeline, kSubscriptionsUri, uri_);
-  pipeline.Append({"HDEL", request_.announcement.requestKey, kLocationField});
-  const size_t removals = pipeline.Size();
-  if (formerCollectionEtag_.empty()) {
-    pipeline.Append({"HDEL", kSubscriptionsUri, kEtagField});
-  } else {
-    pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, formerCollectionEtag_});
-  }
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  if (!AllIntegers(std::span(replies).first(removals))) {
-    LogError("Failed to delete data of event destination whencreate failed.");
-  }
-  if (!IsInteger(replies.back())) LogEtagFailure(kSubscriptionsUri);
+/// Tells event delivery and those who watch the collection, and counts the member. False when it is not counted.
+bool Announce(const Request& request, const CreationInput& input, const NewMember& member,
+              const Membership& membership) {
+  bool isCounted = false;
+  RedisPipeline pipeline(request.redis);
+  EnterIndex(pipeline, request, input.body, member);
+  LifeCycleBatch events(request, pipeline, membership.eventGroupId);
+  events.RaiseForMember("add", member.uri);
+  events.RaiseForCollection();
+  PublishMembersCount(pipeline, *request.subscriptions, membership.membersLength, 1, isCounted);
+  pipeline.Execute();
+  LogSubscriptionChange(member.uri, "added", request.AskedBy());
+  return isCounted;
 }
 
 }  // namespace
@@ -340,6 +298,29 @@ std::optional<Answer> CheckSubscriptionLimit(const Request& request) {
   return Refuse(kUnavailable, "Base.1.12.EventSubscriptionLimitExceeded");
 }
 
-Answer CreateEventDestination(Request& request, RandomSource random) { return Creation(request, random).Run(); }
+Answer CreateEventDestination(Request& request, RandomSource random) {
+  CreationInput input;
+  if (!ReadInput(request, random, input)) return BodyUnreadable();
+  if (auto refusal = Judge(request, random, input)) return *std::move(refusal);
+  NewMember member;
+  if (auto refusal = Build(request.settings, input, member)) return *std::move(refusal);
+  if (auto refusal = SetUpSyslog(request, member)) return *std::move(refusal);
+  Membership membership;
+  if (!Write(request.redis, input.isIdGiven, member) || !AddToCollection(request, input, member, membership)) {
+    LogError("DatabaseOperationError: Failed to create event destination object.");
+    TakeBack(request, input, member);
+    return DatabaseError({});
+  }
+  if (!DisableSnmpTrap(request.redis, member)) {
+    LogError("DatabaseOperationError: Failed to set State.");
+    TakeBack(request, input, member);
+    return DatabaseError({});
+  }
+  WriteIntoFile(request, input, member, membership.collectionEtag);
+  if (!Announce(request, input, member, membership)) {
+    return DatabaseError("DatabaseOperationError: Failed to update Members count.");
+  }
+  return Succeed("Base.1.12.Created");
+}
 
 }  // namespace event_service

@@ -1,21 +1,26 @@
 #include "subscriptions/get_preparation.h"
 
-#include <algorithm>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <utility>
 
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
 #include "resource_store/store_encoding.h"
-#include "subscriptions/member_change.h"
 #include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/member_uri.h"
+#include "subscriptions/stored_member.h"
 
 namespace event_service {
 namespace {
 
-constexpr std::string_view kFlaggedKeys[] = {"AuthenticationKey", "EncryptionKey"};
+/// A key of the SNMP object and the flag that tells whether there is one, as stored.
+struct FlaggedKey {
+  std::string_view name;
+  std::string flagName = std::string(name) + "Set";
+  std::string key = {};
+  std::string flag = {};
+};
 
 bool HoldsText(std::string_view stored) { return !stored.empty() && stored != "null" && stored != "\"\""; }
 
@@ -25,37 +30,39 @@ void PrepareGet(const Request& request) {
   const std::string& uri = request.record.targetUri;
   if (MemberIdOf(uri).empty()) return;
   const std::string snmpKey = ChildKey(uri, "SNMP");
-  RedisPipeline reads(request.redis);
-  const size_t length = reads.Append({"HLEN", uri});
-  const size_t sensitive = reads.Append({"HGET", uri, kSensitiveDataField});
-  const size_t headers = reads.Append({"LLEN", ChildKey(uri, kHeadersPath)});
-  const size_t snmp = reads.Append({"HGET", uri, "SNMP"});
-  const size_t firstKey = reads.Size();
-  for (const std::string_view key : kFlaggedKeys) {
-    reads.Append({"HGET", snmpKey, key});
-    reads.Append({"HGET", snmpKey, std::string(key) + "Set"});
+  std::string storedPaths;
+  bool hasHeaders = false;
+  std::string snmp;
+  FlaggedKey flaggedKeys[] = {{"AuthenticationKey"}, {"EncryptionKey"}};
+
+  RedisPipeline pipeline(request.redis);
+  MemberReads reads(pipeline, uri);
+  reads.AskWhetherThere();
+  reads.AskField(uri, kSensitiveDataField, storedPaths);
+  reads.Ask({"LLEN", ChildKey(uri, kHeadersPath)}, [&](const RedisReply& reply) { hasHeaders = reply->integer > 0; });
+  reads.AskField(uri, "SNMP", snmp);
+  for (FlaggedKey& flagged : flaggedKeys) {
+    reads.AskField(snmpKey, flagged.name, flagged.key);
+    reads.AskField(snmpKey, flagged.flagName, flagged.flag);
   }
-  const std::vector<RedisReply> replies = reads.Execute();
-  if (SaysMissing(replies[length])) return;
-  if (std::ranges::any_of(replies, IsFailure)) {
+  pipeline.Execute();
+  if (reads.IsMissing()) return;
+  if (reads.HasFailed()) {
     LogError("Failed to read the event destination %s for GET.", uri.c_str());
     return;
   }
 
-  RedisPipeline writes(request.redis);
-  const std::string_view storedPaths = TextOf(replies[sensitive]);
-  std::string paths(storedPaths);
-  if (replies[headers]->integer > 0) paths = JoinPaths(std::move(paths), kHeadersPath);
-  if (ParseFieldMarker(TextOf(replies[snmp]))) {
+  std::string paths = storedPaths;
+  if (hasHeaders) paths = JoinPaths(std::move(paths), kHeadersPath);
+  if (ParseFieldMarker(snmp)) {
     paths = JoinPaths(std::move(paths), kSnmpSensitivePaths);
-    for (size_t i = 0; i < std::size(kFlaggedKeys); ++i) {
-      const std::string_view flag = HoldsText(TextOf(replies[firstKey + 2 * i])) ? "true" : "false";
-      if (TextOf(replies[firstKey + 2 * i + 1]) == flag) continue;
-      writes.Append({"HSET", snmpKey, std::string(kFlaggedKeys[i]) + "Set", flag});
+    for (const FlaggedKey& flagged : flaggedKeys) {
+      const std::string_view flag = HoldsText(flagged.key) ? "true" : "false";
+      if (flagged.flag != flag) pipeline.Append({"HSET", snmpKey, flagged.flagName, flag});
     }
   }
-  if (paths != storedPaths) writes.Append({"HSET", uri, kSensitiveDataField, paths});
-  if (writes.Size() > 0 && !AllIntegers(writes.Execute())) {
+  if (paths != storedPaths) pipeline.Append({"HSET", uri, kSensitiveDataField, paths});
+  if (pipeline.Size() > 0 && !AllIntegers(pipeline.Execute())) {
     LogError("Failed to prepare the event destination %s for GET.", uri.c_str());
   }
 }

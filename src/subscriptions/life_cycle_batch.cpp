@@ -5,21 +5,13 @@
 
 namespace event_service {
 
-void LifeCycleBatch::AppendForMember(std::string_view change, std::string_view uri) {
-  Append(change, uri, "EventDestination");
+void LifeCycleBatch::RaiseForMember(std::string_view change, std::string_view uri) {
+  RaiseLifeCycleEvent(pipeline_, digest_, {change, uri, "EventDestination", {}, eventGroupId_});
 }
 
-void LifeCycleBatch::AppendForCollection() { Append("change", kSubscriptionsUri, "EventDestinationCollection"); }
-
-void LifeCycleBatch::Append(std::string_view change, std::string_view path, std::string_view type) {
-  const size_t position = pipeline_.Size();
-  if (AppendLifeCycleEvent(pipeline_, digest_, {change, path, type, {}, eventGroupId_})) {
-    sent_.emplace_back(position, path);
-  }
-}
-
-void LifeCycleBatch::Check(std::span<const RedisReply> replies) const {
-  for (const auto& [position, path] : sent_) CheckLifeCycleReply(replies[position].get(), path);
+void LifeCycleBatch::RaiseForCollection() {
+  RaiseLifeCycleEvent(pipeline_, digest_,
+                      {"change", kSubscriptionsUri, "EventDestinationCollection", {}, eventGroupId_});
 }
 
 }  // namespace event_service

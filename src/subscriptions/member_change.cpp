@@ -5,7 +5,6 @@
 
 #include "foundation/logging.h"
 #include "foundation/random.h"
-#include "resource_store/json_text.h"
 #include "resource_store/resource_reader.h"
 #include "resource_store/resource_writer.h"
 #include "service/event_group_id.h"
@@ -13,6 +12,7 @@
 #include "service/subscription_log.h"
 #include "subscriptions/life_cycle_batch.h"
 #include "subscriptions/resource/event_destination.h"
+#include "subscriptions/stored_member.h"
 
 namespace event_service {
 namespace {
@@ -37,55 +37,41 @@ void WriteIntoFile(Request& request, const MemberChange& change, std::string_vie
 
 }  // namespace
 
-bool SaysMissing(const RedisReply& reply) {
-  if (IsArray(reply)) return reply->elements == 0;
-  return IsInteger(reply) ? reply->integer == 0 : IsWrongType(reply);
-}
-
-Answer MemberMissing(std::string_view uri) {
-  return Refuse(kNotFound, "Base.1.12.ResourceMissingAtURI", {std::string(uri)});
-}
-
-void LogEtagFailure(std::string_view uri) { LogError("Failed to set the etag of %s.", std::string(uri).c_str()); }
-
 bool IsHalfChanged(const Request& request, std::string_view uri) {
   return request.subscriptions->halfChangedUris.contains(uri);
 }
 
 bool ApplyMemberChange(Request& request, RedisPipeline& writes, MemberChange change) {
   const std::string uri(change.uri);
+  bool isWritten = false;
+  writes.Then([&isWritten](Replies replies) { isWritten = AllIntegers(replies); });
+  bool isSequenceStored = true;
+  if (change.nextSequence != kNoSequence) {
+    AppendSequenceStore(writes, change.nextSequence);
+    writes.Then([&](Replies replies) { isSequenceStored = TextOf(replies.back()).starts_with("OK"); });
+  }
   const std::string etag = NewEtag();
-  const size_t propertyWrites = writes.Size();
-  const bool takesSequence = change.nextSequence != kNoSequence;
-  if (takesSequence) AppendSequenceStore(writes, change.nextSequence);
-  const size_t etagWrite = writes.Append({"HSET", uri, kEtagField, JsonText(etag)});
-  const size_t collectionWrite = writes.Append({"HSET", kSubscriptionsUri, kEtagField, JsonText(NewEtag())});
-  const size_t collectionEtag = writes.Append({"HGET", kSubscriptionsUri, kEtagField});
-  const size_t draw = AppendEventGroupIdDraw(writes);
-  const std::vector<RedisReply> replies = writes.Execute();
-  if (!AllIntegers(std::span(replies).first(propertyWrites))) {
+  bool isEtagSet = false;
+  SetEtag(writes, uri, etag, isEtagSet);
+  std::string collectionEtag;
+  RenewCollectionEtag(writes, collectionEtag);
+  uint32_t eventGroupId = 0;
+  DrawEventGroupId(request.redis, writes, eventGroupId);
+  writes.Execute();
+  if (!isWritten) {
     request.subscriptions->halfChangedUris.insert(uri);
     return false;
   }
-  if (takesSequence && !TextOf(replies[propertyWrites]).starts_with("OK")) {
-    LogError("Failed to store the last sequence id that %s took.", uri.c_str());
-  }
-  if (IsInteger(replies[etagWrite])) {
-    change.changes[std::string(kEtagField)] = etag;
-  } else {
-    LogEtagFailure(uri);
-  }
-  if (!IsInteger(replies[collectionWrite])) LogEtagFailure(kSubscriptionsUri);
-  const uint32_t eventGroupId = SettleEventGroupId(request.redis, replies, draw);
+  if (!isSequenceStored) LogError("Failed to store the last sequence id that %s took.", uri.c_str());
+  if (isEtagSet) change.changes[std::string(kEtagField)] = etag;
   if (change.isSse) {
     request.subscriptions->halfChangedUris.erase(uri);
   } else {
-    WriteIntoFile(request, change, TextOf(replies[collectionEtag]));
+    WriteIntoFile(request, change, collectionEtag);
   }
   RedisPipeline announcement(request.redis);
-  LifeCycleBatch events(request, announcement, eventGroupId);
-  events.AppendForMember(change.eventKind, uri);
-  events.Check(announcement.Execute());
+  LifeCycleBatch(request, announcement, eventGroupId).RaiseForMember(change.eventKind, uri);
+  announcement.Execute();
   LogSubscriptionChange(uri, change.done, change.who);
   return true;
 }

@@ -13,16 +13,6 @@
 
 namespace event_service {
 
-/// Whether a reply to HLEN or HGETALL of a member's URI says that there is no such member: a key that holds anything
-/// but a hash is none, and stays.
-bool SaysMissing(const RedisReply& reply);
-
-/// "NOT_FOUND" for a target that does not exist.
-Answer MemberMissing(std::string_view uri);
-
-/// An etag that cannot be set does not stop a change; it is logged.
-void LogEtagFailure(std::string_view uri);
-
 struct MemberChange {
   std::string_view uri = {};
   bool isSse = false;                     // streams are not in the file

@@ -17,6 +17,7 @@
 #include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/member_uri.h"
 #include "subscriptions/resource/member_weight.h"
+#include "subscriptions/stored_member.h"
 #include "subscriptions/syslog_exchange.h"
 
 namespace event_service {
@@ -36,37 +37,29 @@ struct PatchInput {
   RequestBody body;
   Json stored;
   ResourceWalk walk;
-  PropertyWeights weights;
+  std::optional<PropertyWeights> weights;
 };
 
 std::optional<Answer> PatchInput::Read(const Request& request) {
-  bool isFirst = true;
-  while (isFirst || !body.IsComplete() || !walk.Done()) {
-    RedisPipeline pipeline(request.redis);
-    const bool isBodyOpen = !body.IsComplete();
-    const bool isWalkOpen = !walk.Done();
-    walk.AppendLevel(pipeline);
-    body.AppendLevel(pipeline);
-    if (isFirst) AppendWeighing(pipeline, request.record.targetUri);
-    const std::vector<RedisReply> replies = pipeline.Execute();
-    // The body first: it tells the walk how far to go.
-    if (isBodyOpen && !body.TakeLevel(replies)) {
-      return DatabaseError("DatabaseOperationError: Failed to get request data from database.");
+  const std::string& uri = request.record.targetUri;
+  RedisPipeline pipeline(request.redis);
+  MemberReads reads(pipeline, uri);
+  // The body first: it tells the walk how far to go.
+  body.AskLevel(pipeline);
+  reads.AskFirstLevel(walk);
+  AskWeights(pipeline, uri, weights);
+  do {
+    pipeline.Execute();
+    if (body.HasFailed()) return DatabaseError("DatabaseOperationError: Failed to get request data from database.");
+    if (auto refusal = reads.Refusal()) return refusal;
+    if (walk.HasFailed() || !weights) {
+      return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
     }
-    if (isFirst && SaysMissing(replies.front())) return MemberMissing(request.record.targetUri);
-    bool isRead = !isWalkOpen || walk.TakeLevel(replies);
-    if (isFirst) {
-      std::optional<PropertyWeights> taken = TakeWeights(replies.back());
-      isRead = isRead && taken;
-      if (taken) weights = *std::move(taken);
-    }
-    if (!isRead) return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
-    isFirst = false;
-  }
+    body.AskLevel(pipeline);
+    walk.AskLevel(pipeline);
+  } while (pipeline.Size() > 0);
   return std::nullopt;
 }
-
-bool IsStream(const Json& stored) { return TextMember(stored, "SubscriptionType") == "SSE"; }
 
 /// The properties that the resource will hold in the place of its own, complete: "SNMP" with the members that stay,
 /// arrays with their counts, and what follows from them. Nothing when a secret cannot be encrypted (logged).
@@ -184,7 +177,7 @@ Answer PatchEventDestination(Request& request) {
   if (judgement.answer) return *std::move(judgement.answer);
   const std::optional<Json> properties = NewProperties(judgement.changes, input.stored, request.settings);
   if (!properties) return Refuse(kException, kOperationFailedMessage);
-  if (auto refusal = CheckWeight(*properties, std::move(input.weights), judgement.notUpdatable)) {
+  if (auto refusal = CheckWeight(*properties, *std::move(input.weights), judgement.notUpdatable)) {
     return *std::move(refusal);
   }
 

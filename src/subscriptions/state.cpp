@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <optional>
-#include <span>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
@@ -14,6 +12,7 @@
 #include "subscriptions/member_change.h"
 #include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/member_uri.h"
+#include "subscriptions/stored_member.h"
 
 namespace event_service {
 namespace {
@@ -32,24 +31,20 @@ struct StoredState {
   std::string state;       // as stored; empty: the member has none, as streams have none
 };
 
-/// Appends the commands whose replies TakeStateReads takes, as the first of their batch.
-void AppendStateReads(RedisPipeline& pipeline, std::string_view uri) {
-  pipeline.Append({"HLEN", uri});
-  pipeline.Append({"HGET", uri, "SubscriptionType"});
-  pipeline.Append({"HGET", uri, "Status"});
-  pipeline.Append({"HGET", ChildKey(uri, "Status"), "State"});
-}
-
-/// A refusal when there is no such member or Redis does not tell.
-std::optional<Answer> TakeStateReads(std::span<const RedisReply> replies, std::string_view uri, StoredState& stored) {
-  if (SaysMissing(replies[0])) return MemberMissing(uri);
-  if (std::ranges::any_of(replies.first(4), IsFailure)) {
-    return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
-  }
-  stored = {.isSse = TextOf(replies[1]) == "\"SSE\"",
-            .hasStatus = ParseFieldMarker(TextOf(replies[2])).has_value(),
-            .state = std::string(TextOf(replies[3]))};
-  return std::nullopt;
+/// Reads it in one batch with what the pipeline holds already. A refusal when there is no such member or Redis does not
+/// tell.
+std::optional<Answer> ReadState(RedisPipeline& pipeline, std::string_view uri, StoredState& stored) {
+  std::string type;
+  std::string status;
+  MemberReads reads(pipeline, uri);
+  reads.AskWhetherThere();
+  reads.AskField(uri, "SubscriptionType", type);
+  reads.AskField(uri, "Status", status);
+  reads.AskField(ChildKey(uri, "Status"), "State", stored.state);
+  pipeline.Execute();
+  stored.isSse = IsStreamType(type);
+  stored.hasStatus = ParseFieldMarker(status).has_value();
+  return reads.Refusal();
 }
 
 /// False when a write failed.
@@ -80,10 +75,9 @@ bool SetState(redisContext* redis, std::string_view uri, std::string_view state)
 
 Answer ResumeSubscription(Request& request, std::string_view uri) {
   if (MemberIdOf(uri).empty()) return MemberMissing(uri);
-  RedisPipeline reads(request.redis);
-  AppendStateReads(reads, uri);
+  RedisPipeline pipeline(request.redis);
   StoredState stored;
-  if (auto refusal = TakeStateReads(reads.Execute(), uri, stored)) return *std::move(refusal);
+  if (auto refusal = ReadState(pipeline, uri, stored)) return *std::move(refusal);
   const bool isEnabled = stored.state == Quoted(kStateEnabled) && !IsHalfChanged(request, uri);
   if (isEnabled || stored.state.empty()) return NoOperationAnswer();
   if (!ChangeState(request, uri, stored, kStateEnabled, "client")) {
@@ -96,17 +90,12 @@ Answer ApplyDeliveryState(Request& request) {
   const std::string& uri = request.record.targetUri;
   if (MemberIdOf(uri).empty()) return MemberMissing(uri);
   RequestBody body(request.record.requestData);
+  RedisPipeline pipeline(request.redis);
+  body.AskLevel(pipeline);
   StoredState stored;
-  for (bool isFirst = true; !body.IsComplete(); isFirst = false) {
-    RedisPipeline reads(request.redis);
-    if (isFirst) AppendStateReads(reads, uri);
-    body.AppendLevel(reads);
-    const std::vector<RedisReply> replies = reads.Execute();
-    if (!body.TakeLevel(replies)) {
-      return DatabaseError("DatabaseOperationError: Failed to get request data from database.");
-    }
-    if (!isFirst) continue;
-    if (auto refusal = TakeStateReads(replies, uri, stored)) return *std::move(refusal);
+  if (auto refusal = ReadState(pipeline, uri, stored)) return *std::move(refusal);
+  if (!body.ReadRest(pipeline)) {
+    return DatabaseError("DatabaseOperationError: Failed to get request data from database.");
   }
   const auto status = body.Document().find("Status");
   const std::string_view state = status == body.Document().end() ? std::string_view() : TextMember(*status, "State");

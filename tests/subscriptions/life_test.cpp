@@ -55,8 +55,10 @@ TEST_F(LifeTest, EveryKindIsStoredAlikeInRedisAndFileAndLeavesNothing) {
       EXPECT_EQ(decryptHexString(stored["SNMP"]["AuthenticationKey"].get<std::string>(), "secret"), "Passphrase:a b");
     }
     RedisPipeline weighing(redis());
-    AppendWeighing(weighing, uri);
-    EXPECT_EQ(TakeWeights(weighing.Execute().front()), WeightsOf(stored));
+    std::optional<PropertyWeights> weights;
+    AskWeights(weighing, uri, weights);
+    weighing.Execute();
+    EXPECT_EQ(weights, WeightsOf(stored));
     for (const auto& [name, value] : body.items()) EXPECT_TRUE(name == "SNMP" || stored[name] == value) << name;
     EXPECT_TRUE(kind == "stream" || stored["Status"]["State"] == (kind == "trap" ? "Disabled" : "Enabled"));
     EXPECT_EQ(state_->syslogTlsDestinationIds.size(), kind == "TLS" ? 1u : 0u);

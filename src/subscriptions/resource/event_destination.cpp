@@ -208,6 +208,10 @@ std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destinat
   return keys;
 }
 
+bool IsStream(const Json& destination) { return TextMember(destination, "SubscriptionType") == "SSE"; }
+
+bool IsStreamType(std::string_view storedType) { return storedType == "\"SSE\""; }
+
 std::string_view SyslogTransport(const Json& destination) {
   const std::string_view protocol = TextMember(destination, "Protocol");
   if (protocol == "SyslogTCP") return "TCP";

@@ -65,6 +65,11 @@ void AddSnmpAllowableValues(Json& snmp, const ServiceSettings& settings);
 /// the writer gets.
 std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destination, int64_t sequence);
 
+/// True for a subscription that lives as long as a stream of the front end's, by its SubscriptionType: in the resource,
+/// or as Redis holds it.
+bool IsStream(const Json& destination);
+bool IsStreamType(std::string_view storedType);
+
 /// "TCP" or "TLS" for a destination whose protocol is SyslogTCP or SyslogTLS; empty for any other.
 std::string_view SyslogTransport(const Json& destination);
 

@@ -77,6 +77,17 @@ end)
 return weights
 )lua";
 
+std::optional<PropertyWeights> WeightsIn(const RedisReply& reply) {
+  if (!IsArray(reply)) return std::nullopt;
+  PropertyWeights weights;
+  const std::span<redisReply* const> items(reply->element, reply->elements);
+  for (size_t i = 0; i + 1 < items.size(); i += 2) {
+    if (!IsInteger(items[i + 1])) return std::nullopt;
+    weights.emplace(TextOf(items[i]), static_cast<size_t>(items[i + 1]->integer));
+  }
+  return weights;
+}
+
 }  // namespace
 
 PropertyWeights WeightsOf(const Json& properties) {
@@ -87,19 +98,8 @@ PropertyWeights WeightsOf(const Json& properties) {
   return weights;
 }
 
-size_t AppendWeighing(RedisPipeline& pipeline, std::string_view uri) {
-  return pipeline.Append({"EVAL", kWeighScript, "1", uri});
-}
-
-std::optional<PropertyWeights> TakeWeights(const RedisReply& reply) {
-  if (!IsArray(reply)) return std::nullopt;
-  PropertyWeights weights;
-  const std::span<redisReply* const> items(reply->element, reply->elements);
-  for (size_t i = 0; i + 1 < items.size(); i += 2) {
-    if (!IsInteger(items[i + 1])) return std::nullopt;
-    weights.emplace(TextOf(items[i]), static_cast<size_t>(items[i + 1]->integer));
-  }
-  return weights;
+void AskWeights(RedisPipeline& pipeline, std::string_view uri, std::optional<PropertyWeights>& weights) {
+  pipeline.Ask({"EVAL", kWeighScript, "1", uri}, [&weights](const RedisReply& reply) { weights = WeightsIn(reply); });
 }
 
 std::optional<std::string> TooHeavyProperty(const PropertyWeights& weights) {

@@ -19,12 +19,9 @@ using PropertyWeights = std::map<std::string, size_t, std::less<>>;
 /// The weights of a member, or of some of its properties, as they are to be stored.
 PropertyWeights WeightsOf(const Json& properties);
 
-/// Appends the command that weighs the member stored at `uri`, with all that is nested in it, inside Redis: what a
-/// PATCH leaves alone need not be read for that.
-size_t AppendWeighing(RedisPipeline& pipeline, std::string_view uri);
-
-/// Takes its reply. Nothing when it is none.
-std::optional<PropertyWeights> TakeWeights(const RedisReply& reply);
+/// Asks for the weights of the member stored at `uri`, with all that is nested in it: it is weighed inside Redis, since
+/// what a PATCH leaves alone need not be read for that. Nothing when Redis does not tell.
+void AskWeights(RedisPipeline& pipeline, std::string_view uri, std::optional<PropertyWeights>& weights);
 
 /// The heaviest property of a member that weighs more than 64 KiB; nothing for one that does not.
 std::optional<std::string> TooHeavyProperty(const PropertyWeights& weights);
