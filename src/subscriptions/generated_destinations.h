@@ -1,5 +1,5 @@
 /// The subscriptions that a product ships with: a file of creation bodies, handed to the Subscriptions listener at
-/// every start.
+/// every startup.
 #pragma once
 
 #include <chrono>

@@ -15,8 +15,9 @@ class LifeCycleBatch {
   LifeCycleBatch(const Request& request, RedisPipeline& pipeline, uint32_t eventGroupId)
       : digest_(request.record.lifeCycleDigest), pipeline_(pipeline), eventGroupId_(eventGroupId) {}
 
+  /// Raises the event about one member; `change` is "add", "remove", "change" or "status".
   void RaiseForMember(std::string_view change, std::string_view uri);
-  /// The collection's members have changed.
+  /// Raises "change" for the collection, whose members have changed.
   void RaiseForCollection();
 
  private:
