@@ -42,8 +42,15 @@ class ListenerOpening {
   bool hasEnded_ = false;
 };
 
-/// Waits until the openings of so many listeners have ended; each is counted for one wait. False when that takes longer
-/// than `patience`.
+/// The body of a listener's thread: `listen` opens the connections and serves. When it has come to its end, whatever
+/// the reason, the setting "ListenerRecovery" tells what follows: nothing; one line and the end of the process with
+/// status 255; or the end of the other listener, for start-up to connect again.
+void RunListener(const char* name, void (*listen)(ListenerOpening& opening));
+
+/// Forgets the listeners that have ended. Called when none runs, before threads are started.
+void ExpectListeners();
+
+/// Waits until the openings of so many listeners have ended since then. False when that takes longer than `patience`.
 bool AwaitListeners(size_t count, std::chrono::milliseconds patience);
 
 /// One service's requests: its routes, and what answers any other method.
@@ -55,15 +62,16 @@ struct ServiceRoutes {
 
 /// What a listener works with besides its subscription.
 struct ListenerResources {
-  RedisContext redis;  // for commands; one that breaks stays broken
+  RedisContext redis;  // for commands
   const ServiceSettings& settings;
   SubscriptionsState* subscriptions = nullptr;  // null on the EventService side
   UnsettledProperties* unsettled = nullptr;     // null on the Subscriptions side
 };
 
-/// Serves the announcements that arrive on `subscriber`, one after the other, until its connection fails, which leaves
-/// one line. So does a command connection that fails; requests are then still taken, and not answered. Lets no
-/// exception of a request out.
+/// Serves the announcements that arrive on `subscriber`, one after the other, until its connection fails. Without a
+/// recovery that leaves one line, and so does a command connection that fails; requests are then still taken, and not
+/// answered. With one, a command connection that fails ends the serving as well; only to reconnect, one that is closed
+/// while no request is being served is opened again. Lets no exception of a request out.
 void ServeRequests(redisContext* subscriber, ListenerResources resources, const ServiceRoutes& service);
 
 }  // namespace event_service

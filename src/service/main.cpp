@@ -75,6 +75,7 @@ int main() {
       .restorePersistentProperties = RestorePersistentProperties,
       .eventServiceListener = EventServiceListenerThread,
       .subscriptionsListener = SubscriptionsListenerThread,
+      .expectListeners = ExpectListeners,
       .awaitListeners = [](std::chrono::milliseconds patience) { return AwaitListeners(2, patience); },
       .createGeneratedDestinations = CreateGeneratedDestinations,
   };

@@ -114,6 +114,7 @@ std::vector<std::string_view> RememberMembers(std::span<const Member> members, c
   const std::set<std::string_view> restored(restoredUris.begin(), restoredUris.end());
   std::vector<std::string_view> missing;
   state.syslogTlsDestinationIds.clear();
+  state.halfChangedUris.clear();  // Redis holds what the file has given it
   for (const auto& [uri, traits] : members) {
     if (traits.protocol == "\"SyslogTLS\"") state.syslogTlsDestinationIds.emplace_back(IdOf(uri));
     if (restored.contains(uri)) {

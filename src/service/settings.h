@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "foundation/file_paths.h"
+#include "service/listener_recovery.h"
 #include "subscription_db/subscription_db.h"
 
 namespace event_service {
@@ -27,9 +28,10 @@ using RegistryPrefixBits = std::map<std::string, int32_t, std::less<>>;
 /// `text` without the double quotes around it, if there are any: the bare word of a JSON string that needs no escapes.
 std::string_view WithoutQuotes(std::string_view text);
 
-/// Filled by start-up before the listeners start; read-only afterwards.
+/// Filled by start-up before the listeners start; read-only while they run.
 struct ServiceSettings {
   bool protocolOnly = false;  // only Redfish subscriptions are served, SMTP is not initialised
+  ListenerRecovery listenerRecovery = ListenerRecovery::kNone;
   std::string sslSoftwareArg = "''";
   std::string sslOptionArg;
   int32_t maxSubscriptionCount = 100;

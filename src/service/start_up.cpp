@@ -2,13 +2,14 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <regex>
 #include <stdexcept>
+#include <thread>
 #include <typeinfo>
-#include <utility>
 
 #include "foundation/logging.h"
 #include "foundation/service_manager.h"
@@ -16,6 +17,7 @@
 #include "service/event_group_id.h"
 #include "service/event_service_init.h"
 #include "service/life_cycle_event.h"
+#include "service/listener_recovery.h"
 #include "service/queue_init.h"
 #include "service/redis_keys.h"
 
@@ -42,19 +44,175 @@ class ProcessLog {
   void Close() { SetLogger(nullptr); }
 };
 
-/// Queues, service and persistent properties. False when one of the first two failed.
-bool Initialise(const StartUpSteps& steps, redisContext* redis, ServiceSettings& settings, SubscriptionsState& state) {
-  settings.protocolOnly = getConfigValue(settings.paths.configuration, "SupportRedfishProtocolOnly", 128) == "true";
-  if (!InitQueues(redis, settings) || !EventServiceInit(redis, settings, state)) return false;
-  // A failure has been logged; the service works with the properties as they are.
-  [[maybe_unused]] const bool restored = steps.restorePersistentProperties(redis, settings);
+/// What the steps work on.
+struct StartUp {
+  const StartUpSteps& above;
+  ServiceSettings& settings;
+  SubscriptionsState& state;
+  RedisContext redis = nullptr;
+  pthread_t eventServiceListener = {};
+  pthread_t subscriptionsListener = {};
+};
+
+bool PrepareFiles(StartUp& startUp) { return startUp.state.db.Start().PrepareFiles(); }
+
+bool ConnectToRedis(StartUp& startUp) {
+  startUp.redis.reset(redisConnectContext());
+  if (!startUp.redis) LogError("Failed to connect to Redis.");
+  return startUp.redis != nullptr;
+}
+
+bool ReadSwitches(StartUp& startUp) {
+  const std::string& file = startUp.settings.paths.configuration;
+  startUp.settings.protocolOnly = getConfigValue(file, "SupportRedfishProtocolOnly", 128) == "true";
+  startUp.settings.listenerRecovery = ListenerRecoveryFrom(getConfigValue(file, "ListenerRecovery", 128));
   return true;
 }
 
-int ReportException(RedisContext redis, const std::exception& error) {
-  redis.reset();
+bool InitialiseQueues(StartUp& startUp) { return InitQueues(startUp.redis.get(), startUp.settings); }
+
+bool InitialiseService(StartUp& startUp) {
+  return EventServiceInit(startUp.redis.get(), startUp.settings, startUp.state);
+}
+
+/// A failure has been logged; the service works with the properties as they are.
+bool RestorePersistentProperties(StartUp& startUp) {
+  [[maybe_unused]] const bool restored =
+      startUp.above.restorePersistentProperties(startUp.redis.get(), startUp.settings);
+  return true;
+}
+
+bool StartEventServiceListener(StartUp& startUp) {
+  const StartUpSteps& above = startUp.above;
+  above.expectListeners();
+  if (above.createThread(&startUp.eventServiceListener, nullptr, above.eventServiceListener, nullptr) == 0) return true;
+  LogError("Failed to create thread for subscribing PATCH channel.");
+  return false;
+}
+
+bool StartSubscriptionsListener(StartUp& startUp) {
+  const StartUpSteps& above = startUp.above;
+  if (above.createThread(&startUp.subscriptionsListener, nullptr, above.subscriptionsListener, nullptr) == 0) {
+    return true;
+  }
+  LogError("Create thread for subscribe failed.");
+  return false;
+}
+
+bool AwaitListeners(StartUp& startUp) {
+  if (!startUp.above.awaitListeners(kListenerPatience)) {
+    LogError("A listener does not hear its channel yet; the service is ready without it.");
+  }
+  return true;
+}
+
+/// The front end hands over requests from here on.
+bool LeaveBlockList(StartUp& startUp) {
+  if (!IsInteger(SendArguments(startUp.redis.get(), {"SREM", "&&AccessBlockList", "EventService"}))) {
+    LogError("EventService is ready, but fail to remove it from the block list.");
+  }
+  return true;
+}
+
+bool TellServiceManager(StartUp& /*startUp*/) {
+  if (!TellServiceManagerReady()) {
+    LogError("Failed to tell the service manager that the service is ready: %s.", std::strerror(errno));
+  }
+  return true;
+}
+
+bool CreateDestinations(StartUp& startUp) {
+  try {
+    startUp.above.createGeneratedDestinations(startUp.redis.get(), startUp.settings);
+  } catch (const std::exception& error) {
+    LogError("The generated event destinations were given up: %s", error.what());
+  }
+  return true;
+}
+
+bool Disconnect(StartUp& startUp) {
+  startUp.redis.reset();
+  malloc_trim(0);  // what only a start needs goes back to the system
+  return true;
+}
+
+bool JoinListeners(StartUp& startUp) {
+  pthread_join(startUp.eventServiceListener, nullptr);
+  pthread_join(startUp.subscriptionsListener, nullptr);
+  return true;
+}
+
+enum class Phase {
+  kPrepare,     // a step that fails has said why
+  kInitialise,  // a line follows on the step's own, and exceptions are caught
+  kServe,       // with listeners; a step that fails has said why
+};
+
+/// Every step of a start, in its order. The log has been opened before.
+constexpr struct {
+  Phase phase;
+  bool (*run)(StartUp& startUp);  // false: the start has failed
+} kSteps[] = {
+    {Phase::kPrepare, PrepareFiles},
+    {Phase::kPrepare, ConnectToRedis},
+    {Phase::kInitialise, ReadSwitches},
+    {Phase::kInitialise, InitialiseQueues},
+    {Phase::kInitialise, InitialiseService},
+    {Phase::kInitialise, RestorePersistentProperties},
+    {Phase::kServe, StartEventServiceListener},
+    {Phase::kServe, StartSubscriptionsListener},
+    {Phase::kServe, AwaitListeners},
+    {Phase::kServe, LeaveBlockList},
+    {Phase::kServe, TellServiceManager},
+    {Phase::kServe, CreateDestinations},
+    {Phase::kServe, Disconnect},
+    {Phase::kServe, JoinListeners},
+};
+
+/// Runs the steps of a phase up to the first that fails.
+bool Run(Phase phase, StartUp& startUp) {
+  return std::ranges::all_of(kSteps, [&](const auto& step) { return step.phase != phase || step.run(startUp); });
+}
+
+bool ReportException(StartUp& startUp, const std::exception& error) {
+  startUp.redis.reset();
   LogError("Error %s occurs while initializing data.", error.what());
-  return kFailed;
+  return false;
+}
+
+bool Initialise(StartUp& startUp) {
+  try {
+    if (Run(Phase::kInitialise, startUp)) return true;
+    startUp.redis.reset();
+    LogError("Failed to initialize Event Service.");
+    return false;
+  } catch (const std::logic_error& error) {
+    return ReportException(startUp, error);
+  } catch (const std::regex_error& error) {
+    return ReportException(startUp, error);
+  } catch (const std::bad_cast& error) {
+    LogError("Error occurs while initialize data: %s", error.what());
+    return false;
+  }
+}
+
+/// Not while it loads its data.
+bool RedisAnswers() {
+  const RedisContext redis(redisConnectContext());
+  return redis && TextOf(SendArguments(redis.get(), {"PING"})) == "PONG";
+}
+
+/// With no listener running: tries until everything is as after a start.
+void BringUpAgain(StartUp& startUp) {
+  std::chrono::milliseconds pause{};
+  bool isUp = false;
+  while (!isUp) {
+    pause = NextPause(pause);
+    std::this_thread::sleep_for(pause);
+    startUp.settings = ServiceSettings();
+    isUp = RedisAnswers() && Run(Phase::kPrepare, startUp) && Initialise(startUp);
+  }
+  LogDebug("The service is connected to Redis again.");
 }
 
 }  // namespace
@@ -64,63 +222,16 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
   ForgetLifeCycleSetting();
 
   ProcessLog log(settings.paths.configuration);
-  if (!state.db.Start().PrepareFiles()) return kFailed;
-
-  RedisContext redis(redisConnectContext());
-  if (!redis) {
-    LogError("Failed to connect to Redis.");
-    return kFailed;
-  }
-
-  try {
-    if (!Initialise(steps, redis.get(), settings, state)) {
-      redis.reset();
-      LogError("Failed to initialize Event Service.");
+  StartUp startUp{steps, settings, state};
+  if (!Run(Phase::kPrepare, startUp) || !Initialise(startUp)) return kFailed;
+  for (;;) {
+    if (!Run(Phase::kServe, startUp)) {
+      log.Close();
       return kFailed;
     }
-  } catch (const std::logic_error& error) {
-    return ReportException(std::move(redis), error);
-  } catch (const std::regex_error& error) {
-    return ReportException(std::move(redis), error);
-  } catch (const std::bad_cast& error) {
-    LogError("Error occurs while initialize data: %s", error.what());
-    return kFailed;
+    if (settings.listenerRecovery != ListenerRecovery::kReconnect) return 0;
+    BringUpAgain(startUp);
   }
-
-  pthread_t eventServiceListener;
-  if (steps.createThread(&eventServiceListener, nullptr, steps.eventServiceListener, nullptr) != 0) {
-    LogError("Failed to create thread for subscribing PATCH channel.");
-    log.Close();
-    return kFailed;
-  }
-  pthread_t subscriptionsListener;
-  if (steps.createThread(&subscriptionsListener, nullptr, steps.subscriptionsListener, nullptr) != 0) {
-    LogError("Create thread for subscribe failed.");
-    log.Close();
-    return kFailed;
-  }
-
-  if (!steps.awaitListeners(kListenerPatience)) {
-    LogError("A listener does not hear its channel yet; the service is ready without it.");
-  }
-  // The front end hands over requests from here on.
-  if (!IsInteger(SendArguments(redis.get(), {"SREM", "&&AccessBlockList", "EventService"}))) {
-    LogError("EventService is ready, but fail to remove it from the block list.");
-  }
-  if (!TellServiceManagerReady()) {
-    LogError("Failed to tell the service manager that the service is ready: %s.", std::strerror(errno));
-  }
-  try {
-    steps.createGeneratedDestinations(redis.get(), settings);
-  } catch (const std::exception& error) {
-    LogError("The generated event destinations were given up: %s", error.what());
-  }
-
-  redis.reset();
-  malloc_trim(0);  // what only a start needs goes back to the system
-  pthread_join(eventServiceListener, nullptr);
-  pthread_join(subscriptionsListener, nullptr);
-  return 0;
 }
 
 }  // namespace event_service

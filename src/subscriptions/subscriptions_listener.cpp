@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 
-#include <exception>
 #include <string>
 #include <string_view>
 
@@ -116,14 +115,7 @@ void Listen(ListenerOpening& opening) {
 }  // namespace
 
 void* SubscriptionsListenerThread(void* /*unused*/) {
-  {
-    ListenerOpening opening;
-    try {
-      Listen(opening);
-    } catch (const std::exception& error) {
-      LogError("The Subscriptions listener ended: %s", error.what());
-    }
-  }
+  RunListener("Subscriptions", Listen);
   pthread_exit(nullptr);
 }
 

@@ -93,7 +93,7 @@ class StartUpSandbox : public RedisTest {
         thread, nullptr, [](void* result) { return result; }, entry(argument));
   }
 
-  const StartUpSteps steps_{Restore, Listen, Listen, Await, Generate, CreateThread};
+  const StartUpSteps steps_{Restore, Listen, Listen, [] {}, Await, Generate, CreateThread};
   ServiceSettings settings_;
   SubscriptionsState state_;
   std::string errors_;

@@ -149,13 +149,21 @@ TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
   }
 }
 
+TEST(ListenerRecoveryPauses, GrowFromATenthOfASecondToFive) {
+  std::chrono::milliseconds pause{};
+  for (const int expected : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
+    pause = NextPause(pause);
+    EXPECT_EQ(pause.count(), expected);
+  }
+}
+
 TEST_F(StartUpTest, ExceptionsAndMissingThreadsEndItWithTheirLine) {
   const std::exception_ptr noMemory = std::make_exception_ptr(std::bad_alloc());
   const struct {
     std::exception_ptr thrown, thrownLast;
     size_t listeners;
     int status;
-    const char *errors, *calls;
+    const char *errors, *calls, *configuration = "";
   } cases[] = {
       {std::make_exception_ptr(std::out_of_range("stoi")), nullptr, 2, -1,
        "Error stoi occurs while initializing data.\n", ""},
@@ -163,6 +171,8 @@ TEST_F(StartUpTest, ExceptionsAndMissingThreadsEndItWithTheirLine) {
        ""},
       {nullptr, nullptr, 0, -1, "Failed to create thread for subscribing PATCH channel.\n", "restore, "},
       {nullptr, nullptr, 1, -1, "Create thread for subscribe failed.\n", "restore, listen, "},
+      {nullptr, nullptr, 2, -1, "Failed to create thread for subscribing PATCH channel.\n",
+       "restore, listen, listen, await, generate unblockedrestore, ", "ListenerRecovery=reconnect\n"},
       {nullptr, noMemory, 2, 0, "The generated event destinations were given up: std::bad_alloc\n",
        "restore, listen, listen, await, "},
   };
@@ -170,7 +180,7 @@ TEST_F(StartUpTest, ExceptionsAndMissingThreadsEndItWithTheirLine) {
     thrown = row.thrown;
     thrownLast = row.thrownLast;
     listeners = row.listeners;
-    EXPECT_EQ(Start(), row.status) << row.errors;
+    EXPECT_EQ(Start(row.configuration), row.status) << row.errors;
     EXPECT_EQ(errors_, row.errors);
     EXPECT_EQ(calls, row.calls) << row.errors;
   }

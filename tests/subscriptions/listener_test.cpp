@@ -27,6 +27,7 @@ class ListenerTest : public SubscriptionsTest {
   }
   /// Paths, settings and state are changed only while no thread lives.
   void StartThread() {
+    ExpectListeners();
     thread_ = std::thread([] { SubscriptionsListenerThread(nullptr); });
     EXPECT_TRUE(AwaitListeners(1, std::chrono::seconds(5)));
   }

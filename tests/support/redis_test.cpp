@@ -57,8 +57,9 @@ void RedisTest::SetUp() {
   ASSERT_TRUE(SendCommand(redis(), "FLUSHALL"));
 }
 
-void RedisTest::RestartServer() {
-  server_ = std::make_unique<RedisServer>(Sandbox().RedisSocket());
+void RedisTest::RestartServer(const std::string& dataFolder) {
+  if (server_) server_->Kill();
+  server_ = std::make_unique<RedisServer>(Sandbox().RedisSocket(), dataFolder);
   redis_ = Connect();
 }
 

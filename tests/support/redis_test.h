@@ -27,8 +27,8 @@ class RedisTest : public testing::Test {
   redisContext* redis() { return redis_.get(); }
   static const SandboxRoot& Sandbox() { return *sandbox_; }
   static RedisServer& Server() { return *server_; }
-  /// Ends the server, which may have ended already, and goes on with an empty one.
-  void RestartServer();
+  /// Ends the server, which may have ended already, and goes on with an empty one, or with the data in this folder.
+  void RestartServer(const std::string& dataFolder = {});
   /// One more connection to the server.
   static RedisContext Connect();
   DatabaseDump Dump();

@@ -1,10 +1,8 @@
 #include "requests/event_service/event_service_listener.h"
 
 #include <cstdio>
-#include <exception>
 #include <utility>
 
-#include "foundation/logging.h"
 #include "requests/event_service/patch_event_service.h"
 #include "requests/event_service/submit_test_event.h"
 #include "requests/gates.h"
@@ -58,12 +56,7 @@ void Listen(ListenerOpening& opening) {
 const ServiceRoutes kEventServiceRoutes = {"EventService", kRoutes, RefuseMethod};
 
 void* EventServiceListenerThread(void*) {
-  ListenerOpening opening;
-  try {
-    Listen(opening);
-  } catch (const std::exception& error) {
-    LogError("The EventService listener ended: %s", error.what());
-  }
+  RunListener("EventService", Listen);
   return nullptr;
 }
 
