@@ -22,7 +22,7 @@ std::string ArgumentText(const redisReply* element) {
 
 /// The refusal in an array reply: a status that nobody uses, a message id, its arguments.
 void TakeMessages(const redisReply& reply, std::vector<std::string>& messages) {
-  const std::span<redisReply* const> elements(reply.element, reply.elements);
+  const std::span elements(reply.element, reply.elements);
   if (elements.size() < 2) return;
   messages.emplace_back(TextOf(elements[1]));
   for (const redisReply* argument : elements.subspan(2)) messages.push_back(ArgumentText(argument));

@@ -1,7 +1,7 @@
 #include "requests/request.h"
 
-#include <iterator>
 #include <utility>
+#include <vector>
 
 #include "foundation/redis_pipeline.h"
 #include "service/redis_keys.h"
@@ -17,29 +17,24 @@ std::optional<Announcement> ParseAnnouncement(std::string_view text) {
 }
 
 RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey) {
-  const struct {
-    std::string RequestRecord::*member;
-    std::string_view key;
-    std::string_view field;
-  } fields[] = {
-      {&RequestRecord::method, requestKey, kRequestMethod},
-      {&RequestRecord::targetUri, requestKey, kTargetUri},
-      {&RequestRecord::privileges, requestKey, kPrivileges},
-      {&RequestRecord::requestData, requestKey, kRequestData},
-      {&RequestRecord::returnChannel, requestKey, kReturnChannel},
-      {&RequestRecord::isSse, requestKey, kIsSse},
-      {&RequestRecord::serviceEnabled, kEventServiceUri, "ServiceEnabled"},
-      {&RequestRecord::lifeCycleDigest, kScriptDigests, kLifeCycleScript},
-  };
-  RedisPipeline pipeline(redis);
-  for (const auto& field : fields) pipeline.Append({"HGET", field.key, field.field});
-  pipeline.Append({"HGETALL", BodyKeyOf(requestKey)});
-  std::vector<RedisReply> replies = pipeline.Execute();
   RequestRecord record;
-  for (size_t i = 0; i < std::size(fields); ++i) {
-    if (IsString(replies[i])) record.*fields[i].member = TextOf(replies[i]);
-  }
-  record.usualBody = std::move(replies.back());
+  RedisPipeline pipeline(redis);
+  pipeline.Ask({"HMGET", requestKey, kRequestMethod, kTargetUri, kPrivileges, kRequestData, kReturnChannel, kIsSse},
+               [&record](const RedisReply& reply) {
+                 const std::vector<std::string_view> texts = TextsOf(reply);
+                 auto text = texts.begin();
+                 for (std::string* const field : {&record.method, &record.targetUri, &record.privileges,
+                                                  &record.requestData, &record.returnChannel, &record.isSse}) {
+                   if (text != texts.end()) *field = *text++;
+                 }
+               });
+  pipeline.Ask({"HGET", kEventServiceUri, "ServiceEnabled"},
+               [&record](const RedisReply& reply) { record.serviceEnabled = TextOf(reply); });
+  pipeline.Ask({"HGET", kScriptDigests, kLifeCycleScript},
+               [&record](const RedisReply& reply) { record.lifeCycleDigest = TextOf(reply); });
+  pipeline.Ask({"HGETALL", BodyKeyOf(requestKey)},
+               [&record](RedisReply& reply) { record.usualBody = std::move(reply); });
+  pipeline.Execute();
   const redisReply* const body = record.usualBody.get();
   const bool isBodyThere = IsWrongType(record.usualBody) || (IsArray(body) && body->elements > 0);
   if (record.requestData.empty() && isBodyThere) record.requestData = BodyKeyOf(requestKey);

@@ -43,9 +43,8 @@ std::set<std::string> KeysOfRequest(redisContext* redis, std::string_view reques
   AppendListing(pipeline, "", requestKey, below);
   if (!requestKey.starts_with("&&")) AppendListing(pipeline, "&&", requestKey, below);
   std::set<std::string> keys;
-  for (const RedisReply& reply : pipeline.Execute()) {
-    if (!IsArray(reply)) continue;
-    for (const redisReply* key : std::span(reply->element, reply->elements)) keys.emplace(TextOf(key));
+  for (const RedisReply& listing : pipeline.Execute()) {
+    for (const std::string_view key : TextsOf(listing)) keys.emplace(key);
   }
   return keys;
 }
@@ -82,11 +81,14 @@ void ResponseWriter::Append(RedisPipeline& pipeline, std::string_view responseKe
 
 bool PublishAnswer(redisContext* redis, RedisPipeline& pipeline, std::string_view requestKey,
                    std::string_view responseKey, std::string_view returnChannel) {
-  if (!returnChannel.empty()) pipeline.Append({"PUBLISH", returnChannel, responseKey});
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  if (!returnChannel.empty() && IsInteger(replies.back()) && replies.back()->integer >= 1) return true;
-  RemoveRequest(redis, requestKey);
-  return false;
+  bool isHeard = false;
+  if (!returnChannel.empty()) {
+    pipeline.Ask({"PUBLISH", returnChannel, responseKey},
+                 [&isHeard](const RedisReply& hearers) { isHeard = IsInteger(hearers) && hearers->integer >= 1; });
+  }
+  pipeline.Execute();
+  if (!isHeard) RemoveRequest(redis, requestKey);
+  return isHeard;
 }
 
 }  // namespace event_service

@@ -22,24 +22,20 @@ namespace {
 /// What a PATCH starts from.
 struct PatchInput {
   RequestBody body;
-  StoredService stored;
+  std::optional<StoredService> stored = {};
 };
 
 std::optional<Answer> ReadInput(const Request& request, PatchInput& input) {
+  const auto bodyUnreadable = [] { return DatabaseError("DatabaseOperationError: Gets request data failed."); };
+  if (request.record.requestData.empty()) return bodyUnreadable();
   RedisPipeline pipeline(request.redis);
-  input.body.AppendLevel(pipeline);
-  const size_t serviceAt = AppendServiceRead(pipeline);
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  std::optional<StoredService> stored = TakeStoredService(replies, serviceAt);
-  // A record that names no body reads as the hash under an empty key, which nobody writes.
-  bool isRead = !request.record.requestData.empty() && input.body.TakeLevel(replies);
-  while (isRead && !input.body.IsComplete()) {
-    input.body.AppendLevel(pipeline);
-    isRead = input.body.TakeLevel(pipeline.Execute());
+  ReadStoredService(pipeline, input.stored);
+  while (!input.body.IsComplete()) {
+    input.body.AskLevel(pipeline);
+    pipeline.Execute();
+    if (input.body.HasFailed()) return bodyUnreadable();
   }
-  if (!isRead) return DatabaseError("DatabaseOperationError: Gets request data failed.");
-  if (!stored) return DatabaseError("DatabaseOperationError: Gets EventService data failed.");
-  input.stored = *std::move(stored);
+  if (!input.stored) return DatabaseError("DatabaseOperationError: Gets EventService data failed.");
   return std::nullopt;
 }
 
@@ -62,44 +58,34 @@ std::optional<Answer> AddPassword(const ServiceValues& accepted, const ServiceSe
   return std::nullopt;
 }
 
-/// Asks the Subscriptions listener, which owns them, to delete the SSE subscriptions.
-class SseDeletion {
- public:
-  void Append(RedisPipeline& pipeline) {
-    pipeline.Append({"HSET", key_, kRequestMethod, "DELETE"});
-    pipeline.Append({"HSET", key_, kTargetUri, "SSE-ALL"});
-    publishAt_ = pipeline.Append({"PUBLISH", kSubscriptionsChannel, key_ + ' ' + std::string(kFromEventing)});
-  }
-  void Settle(redisContext* redis, const std::vector<RedisReply>& replies) const {
-    const RedisReply& published = replies[publishAt_];
-    if (IsInteger(published) && published->integer >= 1) return;
-    LogError("The SSE subscriptions could not be deleted: nobody listens for the request.");
-    KeyDelete(redis, key_);
-  }
-
- private:
-  std::string key_ = std::string(kEndOfStreamsPrefix) + std::to_string(RandomNumber());
-  size_t publishAt_ = 0;
-};
+/// A step that asks the Subscriptions listener, which owns them, to delete the SSE subscriptions.
+void EndStreams(redisContext* redis, RedisPipeline& pipeline) {
+  const std::string key = std::string(kEndOfStreamsPrefix) + std::to_string(RandomNumber());
+  pipeline.Append({"HSET", key, kRequestMethod, "DELETE"});
+  pipeline.Append({"HSET", key, kTargetUri, "SSE-ALL"});
+  pipeline.Ask({"PUBLISH", kSubscriptionsChannel, key + ' ' + std::string(kFromEventing)},
+               [redis, key](const RedisReply& hearers) {
+                 if (IsInteger(hearers) && hearers->integer >= 1) return;
+                 LogError("The SSE subscriptions could not be deleted: nobody listens for the request.");
+                 KeyDelete(redis, key);
+               });
+}
 
 /// What Redis took of a change.
 struct WriteOutcome {
-  bool isComplete = false;
-  bool isSwitchWritten = false;  // ServiceEnabled, whatever became of the others
-  uint32_t eventGroupId = 0;     // of a complete one
+  ServiceWrites values = {};
+  uint32_t eventGroupId = 0;
 };
 
 WriteOutcome WriteChanges(redisContext* redis, const ServiceValues& changed) {
+  WriteOutcome outcome;
+  bool isEtagWritten = false;
   RedisPipeline pipeline(redis);
-  const std::optional<size_t> switchAt = AppendServiceWrites(pipeline, changed);
-  const size_t etagAt = AppendServiceEtag(pipeline);
-  const size_t drawAt = AppendEventGroupIdDraw(pipeline);
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  WriteOutcome outcome{.isComplete = AllIntegers(std::span(replies).first(etagAt)),
-                       .isSwitchWritten = switchAt && IsInteger(replies[*switchAt])};
-  if (!outcome.isComplete) return outcome;
-  if (!IsInteger(replies[etagAt])) LogError("Failed to set the etag of the EventService.");
-  outcome.eventGroupId = SettleEventGroupId(redis, replies, drawAt);
+  WriteServiceValues(pipeline, changed, outcome.values);
+  WriteServiceEtag(pipeline, isEtagWritten);
+  DrawEventGroupId(redis, pipeline, outcome.eventGroupId);
+  pipeline.Execute();
+  if (outcome.values.areComplete && !isEtagWritten) LogError("Failed to set the etag of the EventService.");
   return outcome;
 }
 
@@ -119,17 +105,14 @@ void KeepChanges(const Request& request, const StoredService& former, const Serv
 
 void Announce(const Request& request, uint32_t eventGroupId, bool turnsOff) {
   RedisPipeline pipeline(request.redis);
-  const bool raises = AppendLifeCycleEvent(pipeline, request.record.lifeCycleDigest,
-                                           {.change = "change",
-                                            .resourcePath = kEventServiceUri,
-                                            .resourceType = "EventService",
-                                            .extraText = {},
-                                            .eventGroupId = eventGroupId});
-  SseDeletion sseDeletion;
-  if (turnsOff) sseDeletion.Append(pipeline);
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  if (raises) CheckLifeCycleReply(replies.front().get(), kEventServiceUri);
-  if (turnsOff) sseDeletion.Settle(request.redis, replies);
+  RaiseLifeCycleEvent(pipeline, request.record.lifeCycleDigest,
+                      {.change = "change",
+                       .resourcePath = kEventServiceUri,
+                       .resourceType = "EventService",
+                       .extraText = {},
+                       .eventGroupId = eventGroupId});
+  if (turnsOff) EndStreams(request.redis, pipeline);
+  pipeline.Execute();
 }
 
 bool TurnsOff(const Request& request, const ServiceValues& changed, const StoredService& stored) {
@@ -141,17 +124,16 @@ bool TurnsOff(const Request& request, const ServiceValues& changed, const Stored
 std::optional<Answer> ApplyChanges(const Request& request, const StoredService& stored, const ServiceValues& changed) {
   const bool turnsOff = TurnsOff(request, changed, stored);
   const WriteOutcome outcome = WriteChanges(request.redis, changed);
-  if (outcome.isComplete) {
+  if (outcome.values.areComplete) {
     KeepChanges(request, stored, changed);
     Announce(request, outcome.eventGroupId, turnsOff);
     return std::nullopt;
   }
   for (const auto& [path, value] : changed) request.unsettled->insert(path);
-  if (turnsOff && outcome.isSwitchWritten) {
+  if (turnsOff && outcome.values.isSwitchWritten) {
     RedisPipeline pipeline(request.redis);
-    SseDeletion sseDeletion;
-    sseDeletion.Append(pipeline);
-    sseDeletion.Settle(request.redis, pipeline.Execute());
+    EndStreams(request.redis, pipeline);
+    pipeline.Execute();
   }
   return DatabaseError("DatabaseOperationError: Failed to update the EventService.");
 }
@@ -159,21 +141,21 @@ std::optional<Answer> ApplyChanges(const Request& request, const StoredService& 
 }  // namespace
 
 Answer PatchEventService(const Request& request) {
-  PatchInput input{.body = RequestBody(request.record.requestData), .stored = {}};
+  PatchInput input{.body = RequestBody(request.record.requestData)};
   if (auto refusal = ReadInput(request, input)) return *std::move(refusal);
   ServicePatchJudgement judgement =
       JudgeServicePatch(input.body.Document(), input.body.Numbers(), !request.settings.protocolOnly);
   const bool nothingToUpdate = judgement.accepted.empty() && !judgement.messages.empty();
   if (judgement.isUnacceptable || nothingToUpdate) return Answer{kFailure, std::move(judgement.messages)};
 
-  ServiceValues changed = ChangedValues(judgement.accepted, input.stored);
+  ServiceValues changed = ChangedValues(judgement.accepted, *input.stored);
   for (const auto& accepted : judgement.accepted) {
     if (request.unsettled->contains(accepted.first)) changed.insert(accepted);
   }
   if (auto refusal = AddPassword(judgement.accepted, request.settings, changed)) return *std::move(refusal);
   if (changed.empty() && judgement.messages.empty()) return NoOperationAnswer();
   if (!changed.empty()) {
-    if (auto refusal = ApplyChanges(request, input.stored, changed)) return *std::move(refusal);
+    if (auto refusal = ApplyChanges(request, *input.stored, changed)) return *std::move(refusal);
   }
   if (judgement.messages.empty()) return Succeed();
   return Answer{kOkRes, std::move(judgement.messages)};

@@ -75,19 +75,23 @@ bool RestorePersistentProperties(redisContext* redis, const ServiceSettings& set
   if (settings.protocolOnly) std::erase_if(properties.values, [](const auto& v) { return IsSmtpPath(v.first); });
   if (properties.values.empty()) return true;
 
+  std::optional<StoredService> stored;
   RedisPipeline pipeline(redis);
-  const size_t first = AppendServiceRead(pipeline);
-  const std::optional<StoredService> stored = TakeStoredService(pipeline.Execute(), first);
+  ReadStoredService(pipeline, stored);
+  pipeline.Execute();
   if (!stored) {
     LogError("Failed to read the EventService for its persistent properties.");
     return false;
   }
   const ServiceValues changed = ChangedValues(properties.values, *stored);
   if (changed.empty()) return true;
-  AppendServiceWrites(pipeline, changed);
+  ServiceWrites writes;
+  WriteServiceValues(pipeline, changed, writes);
+  bool isEtagWritten = true;
   // Start-up sets the password to null; putting it back makes no other content.
-  if (changed.size() > changed.count(kSmtpPassword)) AppendServiceEtag(pipeline);
-  if (AllIntegers(pipeline.Execute())) return true;
+  if (changed.size() > changed.count(kSmtpPassword)) WriteServiceEtag(pipeline, isEtagWritten);
+  pipeline.Execute();
+  if (writes.areComplete && isEtagWritten) return true;
   LogError("Failed to write the persistent properties into the database.");
   return false;
 }

@@ -137,10 +137,10 @@ class Judge {
   ServicePatchJudgement& judgement_;
 };
 
-StoredService::Fields FieldsOf(const redisReply& reply) {
+StoredService::Fields FieldsOf(const RedisReply& hash) {
   StoredService::Fields fields;
-  const std::span<redisReply* const> words(reply.element, reply.elements);
-  for (size_t i = 0; i + 1 < words.size(); i += 2) fields.emplace(TextOf(words[i]), TextOf(words[i + 1]));
+  const std::vector<std::string_view> texts = TextsOf(hash);
+  for (size_t i = 0; i + 1 < texts.size(); i += 2) fields.emplace(texts[i], texts[i + 1]);
   return fields;
 }
 
@@ -183,17 +183,13 @@ bool AcceptKeptValue(std::string_view path, Json& value) {
   return !CheckValue(*property, value);
 }
 
-size_t AppendServiceRead(RedisPipeline& pipeline) {
-  const size_t first = pipeline.Append({"HGETALL", kEventServiceUri});
+void ReadStoredService(RedisPipeline& pipeline, std::optional<StoredService>& stored) {
+  pipeline.Append({"HGETALL", kEventServiceUri});
   pipeline.Append({"HGETALL", kSmtpKey});
-  return first;
-}
-
-std::optional<StoredService> TakeStoredService(std::span<const RedisReply> replies, size_t first) {
-  const RedisReply& service = replies[first];
-  const RedisReply& smtp = replies[first + 1];
-  if (!IsArray(service) || !IsArray(smtp)) return std::nullopt;
-  return StoredService{FieldsOf(*service), FieldsOf(*smtp)};
+  pipeline.Then([&stored](Replies hashes) {
+    if (!std::ranges::all_of(hashes, [](const RedisReply& hash) { return IsArray(hash); })) return;
+    stored = StoredService{FieldsOf(hashes.front()), FieldsOf(hashes.back())};
+  });
 }
 
 std::optional<Json> StoredValue(std::string_view path, const StoredService& stored) {
@@ -216,22 +212,29 @@ ServiceValues ChangedValues(const ServiceValues& values, const StoredService& st
   return changed;
 }
 
-std::optional<size_t> AppendServiceWrites(RedisPipeline& pipeline, const ServiceValues& values) {
-  std::optional<size_t> switchAt;
+void WriteServiceValues(RedisPipeline& pipeline, const ServiceValues& values, ServiceWrites& writes) {
+  const auto takeAll = [&writes](Replies replies) {
+    if (!AllIntegers(replies)) writes.areComplete = false;
+  };
   for (const auto& [path, value] : values) {
     const Place place = PlaceOf(path);
-    const size_t at = pipeline.Append({"HSET", place.key, place.field, StoredText(path, value)});
-    if (path == kServiceEnabled) switchAt = at;
+    pipeline.Append({"HSET", place.key, place.field, StoredText(path, value)});
     if (path == kSmtpPassword) pipeline.Append({"HSET", kSmtpKey, "Password", "null"});  // what clients see
+    const bool isSwitch = path == kServiceEnabled;
+    pipeline.Then([&writes, isSwitch, takeAll](Replies replies) {
+      takeAll(replies);
+      if (isSwitch) writes.isSwitchWritten = AllIntegers(replies);
+    });
   }
   // A resource that was loaded without the object gets it now.
   const bool writesSmtp = std::ranges::any_of(values, [](const auto& value) { return IsSmtpPath(value.first); });
   if (writesSmtp) pipeline.Append({"HSET", kEventServiceUri, kSmtp, "&&Object SMTP " + std::string(kSmtpKey)});
-  return switchAt;
+  pipeline.Then(takeAll);
 }
 
-size_t AppendServiceEtag(RedisPipeline& pipeline) {
-  return pipeline.Append({"HSET", kEventServiceUri, "@odata.etag", JsonText(NewEtag())});
+void WriteServiceEtag(RedisPipeline& pipeline, bool& isWritten) {
+  pipeline.Ask({"HSET", kEventServiceUri, "@odata.etag", JsonText(NewEtag())},
+               [&isWritten](const RedisReply& reply) { isWritten = IsInteger(reply); });
 }
 
 }  // namespace event_service

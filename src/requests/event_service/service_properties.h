@@ -45,9 +45,8 @@ struct StoredService {
   Fields smtp;
 };
 
-/// Reads both hashes in one batch: append, then take the two replies from `first` on. Nothing when one is no hash.
-size_t AppendServiceRead(RedisPipeline& pipeline);
-std::optional<StoredService> TakeStoredService(std::span<const RedisReply> replies, size_t first);
+/// A step that reads both hashes. `stored` stays empty when one is no hash; it outlives the batch.
+void ReadStoredService(RedisPipeline& pipeline, std::optional<StoredService>& stored);
 
 /// The value of a property as it is stored, the password encrypted; null for a missing one, nothing for what is no
 /// JSON.
@@ -56,11 +55,16 @@ std::optional<Json> StoredValue(std::string_view path, const StoredService& stor
 /// Those of the values that differ from what is stored.
 ServiceValues ChangedValues(const ServiceValues& values, const StoredService& stored);
 
-/// Appends the writes of the values; every reply is an integer. Gives the position of that of ServiceEnabled, if it is
-/// among them.
-std::optional<size_t> AppendServiceWrites(RedisPipeline& pipeline, const ServiceValues& values);
+/// What Redis took of the values.
+struct ServiceWrites {
+  bool areComplete = true;
+  bool isSwitchWritten = false;  // ServiceEnabled is among them and was written, whatever became of the others
+};
 
-/// Appends the write of a new entity tag of the EventService and returns its position.
-size_t AppendServiceEtag(RedisPipeline& pipeline);
+/// Steps that write the values. `writes` tells how when the batch has been executed, which it outlives.
+void WriteServiceValues(RedisPipeline& pipeline, const ServiceValues& values, ServiceWrites& writes);
+
+/// A step that writes a new entity tag of the EventService.
+void WriteServiceEtag(RedisPipeline& pipeline, bool& isWritten);
 
 }  // namespace event_service
