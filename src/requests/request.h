@@ -18,6 +18,9 @@ inline constexpr std::string_view kPrivileges = "&&Privileges";
 inline constexpr std::string_view kRequestData = "&&RequestData";
 inline constexpr std::string_view kReturnChannel = "&&ReturnChannel";
 inline constexpr std::string_view kIsSse = "&&IsSSE";
+inline constexpr std::string_view kSseChannel = "&&SSE-CHANNEL";
+// And the one that a creation adds.
+inline constexpr std::string_view kLocation = "&&Location";
 
 /// The second word of the announcement of a request that the event-delivery side sends: it expects no answer. It means
 /// something for DELETE and PATCH only, but no key of that name is ever written.

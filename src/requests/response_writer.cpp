@@ -9,11 +9,11 @@
 namespace event_service {
 namespace {
 
-/// Appends a list under the entry and the entry's field that leads to it; nothing for an empty list.
+/// Appends a list below the entry and the entry's field that leads to it; nothing for an empty list.
 void AppendList(RedisPipeline& pipeline, const std::string& entryKey, std::string_view name,
                 const std::vector<std::string>& elements, std::string_view prefix) {
   if (elements.empty()) return;
-  const std::string listKey = entryKey + '/' + std::string(name);
+  const std::string listKey = EntryListKey(entryKey, name);
   pipeline.Append({"HSET", entryKey, "&&" + std::string(name), listKey});
   for (const std::string& element : elements) {
     pipeline.Append({"RPUSH", listKey, std::string(prefix) + element});
@@ -24,9 +24,9 @@ void AppendEntry(RedisPipeline& pipeline, const std::string& listKey, unsigned n
   const std::string entryKey = listKey + '/' + std::to_string(number);
   pipeline.Append({"RPUSH", listKey, entryKey});
   if (message.id.empty()) return;
-  pipeline.Append({"HSET", entryKey, "&&MessageId", message.id});
-  AppendList(pipeline, entryKey, "MessageArgs", message.args, "");
-  AppendList(pipeline, entryKey, "RelatedProperties", message.relatedProperties, "#/");
+  pipeline.Append({"HSET", entryKey, kMessageId, message.id});
+  AppendList(pipeline, entryKey, kMessageArgs, message.args, "");
+  AppendList(pipeline, entryKey, kRelatedProperties, message.relatedProperties, "#/");
 }
 
 void AppendListing(RedisPipeline& pipeline, std::string_view prefix, std::string_view key, std::string_view suffix) {
@@ -58,16 +58,22 @@ void RemoveRequest(redisContext* redis, std::string_view requestKey) {
 
 }  // namespace
 
+std::string AnswerBodyKey(std::string_view responseKey) { return std::string(responseKey) + "/ResponseData"; }
+std::string MessageListKey(std::string_view responseKey) { return std::string(responseKey) + "/ExtendedInfo"; }
+std::string EntryListKey(std::string_view entryKey, std::string_view name) {
+  return std::string(entryKey) + '/' + std::string(name);
+}
+
 void ResponseWriter::Append(RedisPipeline& pipeline, std::string_view responseKey, const Answer& answer) {
   const std::string key(responseKey);
   if (!answer.status.empty()) pipeline.Append({"HSET", key, kReturnStatus, answer.status});
   if (!answer.body.empty()) {
-    const std::string bodyKey = key + "/ResponseData";
+    const std::string bodyKey = AnswerBodyKey(key);
     pipeline.Append({"HSET", key, "&&ResponseData", bodyKey});
-    pipeline.Append({"HSET", bodyKey, "&&RawJSON", answer.body});
+    pipeline.Append({"HSET", bodyKey, kRawJson, answer.body});
   }
   if (answer.messages.empty()) return;
-  const std::string listKey = key + "/ExtendedInfo";
+  const std::string listKey = MessageListKey(key);
   pipeline.Append({"HSET", key, "&&ExtendedInfo", listKey});
   if (key != lastResponseKey_) {
     lastResponseKey_ = key;

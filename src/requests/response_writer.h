@@ -9,6 +9,18 @@
 
 namespace event_service {
 
+// Below a response key, beside its status.
+inline constexpr std::string_view kRawJson = "&&RawJSON";
+inline constexpr std::string_view kMessageId = "&&MessageId";
+inline constexpr std::string_view kMessageArgs = "MessageArgs";
+inline constexpr std::string_view kRelatedProperties = "RelatedProperties";
+
+/// The hash of an answer's body, and the list of its entries' keys.
+std::string AnswerBodyKey(std::string_view responseKey);
+std::string MessageListKey(std::string_view responseKey);
+/// A list of one entry, by its name.
+std::string EntryListKey(std::string_view entryKey, std::string_view name);
+
 /// The one writer of a listener. It numbers the entries of an answer across calls: the same response key again goes on
 /// counting, another begins at 1.
 class ResponseWriter {

@@ -9,8 +9,8 @@ namespace event_service {
 /// names none: another resource, the collection itself, or something below a member.
 std::string_view MemberIdOf(std::string_view collectionUri, std::string_view uri);
 
-/// True for such a URI in characters that a marker can hold: no blanks, no controls. The resource loader refuses a whole
-/// file for any other.
+/// True for such a URI in characters that a marker can hold: no blanks, no controls. The resource loader refuses a
+/// whole file for any other.
 bool CanBeStoredAsMember(std::string_view collectionUri, std::string_view uri);
 
 }  // namespace event_service

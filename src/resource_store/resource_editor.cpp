@@ -21,9 +21,8 @@ constexpr std::string_view kRemovedElement = "&&Removed";
 
 /// Walks to the end whatever fails on the way. False when something did.
 bool FinishAll(redisContext* redis, ResourceWalk& walk) {
-  bool complete = true;
-  while (!walk.Done()) complete &= walk.ReadLevel(redis);
-  return complete;
+  while (!walk.Done()) walk.ReadLevel(redis);
+  return !walk.HasFailed();
 }
 
 /// The keys of what a marker of the container at `key` leads to, as far as they lie below `key`. False when they could
@@ -67,13 +66,16 @@ bool UpdateProperty(redisContext* redis, std::string_view key, std::string_view 
     LogStoreError("Takes Array Sequence Id failed!", {{kLogResource, key}});
     return false;
   }
+  bool isWritten = false;
   RedisPipeline pipeline(redis);
   if (!AppendPropertyWrites(pipeline, key, name, value, next, oldKeys)) return false;
-  const size_t writes = pipeline.Size();
-  if (countsIds) AppendSequenceStore(pipeline, next);
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  return CheckWriteReplies(redis, std::span(replies).first(writes), key) &&
-         (!countsIds || CheckStatus(redis, replies.back(), key));
+  pipeline.Then([&](Replies writes) { isWritten = CheckWriteReplies(redis, writes, key); });
+  if (countsIds) {
+    AppendSequenceStore(pipeline, next);
+    pipeline.Then([&](Replies store) { isWritten = isWritten && CheckStatus(redis, store.front(), key); });
+  }
+  pipeline.Execute();
+  return isWritten;
 }
 
 bool RemoveProperty(redisContext* redis, std::string_view key, std::string_view name) {
@@ -101,13 +103,15 @@ bool DeleteResource(redisContext* redis, std::string_view key) {
 bool ClearArray(redisContext* redis, std::string_view key) {
   ResourceWalk walk(key, {.knownKind = ContainerKind::kArray, .ownKeysOnly = true});
   if (!FinishAll(redis, walk)) return false;
+  bool isCleared = false;
   RedisPipeline pipeline(redis);
   const std::vector<std::string> keys = walk.Keys();
   AppendUnlink(pipeline, std::span(keys).subspan(1));
-  pipeline.Append({"LTRIM", key, "1", "0"});
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  return CheckWriteReplies(redis, std::span(replies).first(replies.size() - 1), key) &&
-         CheckStatus(redis, replies.back(), key);
+  pipeline.Then([&](Replies unlink) { isCleared = CheckWriteReplies(redis, unlink, key); });
+  pipeline.Ask({"LTRIM", key, "1", "0"},
+               [&](const RedisReply& reply) { isCleared = isCleared && CheckStatus(redis, reply, key); });
+  pipeline.Execute();
+  return isCleared;
 }
 
 bool RemoveArrayElement(redisContext* redis, std::string_view key, size_t index) {
@@ -122,12 +126,15 @@ bool RemoveArrayElement(redisContext* redis, std::string_view key, size_t index)
   if (!CollectNested(redis, key, ParseElementMarker(TextOf(element)), nested)) return false;
 
   // Redis removes by value only: the element first becomes one that nothing else equals.
+  bool isRemoved = false;
   RedisPipeline pipeline(redis);
-  pipeline.Append({"LSET", key, position, kRemovedElement});
+  pipeline.Ask({"LSET", key, position, kRemovedElement},
+               [&](const RedisReply& reply) { isRemoved = CheckStatus(redis, reply, key); });
   pipeline.Append({"LREM", key, "1", kRemovedElement});
   AppendUnlink(pipeline, nested);
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  return CheckStatus(redis, replies.front(), key) && CheckWriteReplies(redis, std::span(replies).subspan(1), key);
+  pipeline.Then([&](Replies removals) { isRemoved = isRemoved && CheckWriteReplies(redis, removals, key); });
+  pipeline.Execute();
+  return isRemoved;
 }
 
 std::string MembersKey(std::string_view collectionUri) { return ChildKey(collectionUri, "Members"); }
@@ -160,10 +167,8 @@ bool AddToCollection(redisContext* redis, std::string_view collectionUri, std::s
     LogStoreError(entries ? "Gets redis resource failed." : "Redis get reply failed!", {{kLogResource, key}});
     return false;
   }
-  const std::span listed(entries->element, entries->elements);
-  if (std::ranges::any_of(listed, [&](const redisReply* entry) { return IsMemberEntry(TextOf(entry), memberUri); })) {
-    return true;
-  }
+  const auto isOfMember = [memberUri](std::string_view entry) { return MemberUriOf(entry) == memberUri; };
+  if (std::ranges::any_of(TextsOf(entries), isOfMember)) return true;
   RedisPipeline pipeline(redis);
   pipeline.Append({"RPUSH", key, MemberEntry(memberUri)});
   return CheckWriteReplies(redis, pipeline.Execute(), key);

@@ -1,4 +1,7 @@
 /// Changing stored documents: single properties, nested values, array elements, collections, whole deletion.
+///
+/// The daemon's handlers send their changes in batches. UpdateProperty, RemoveProperty, ClearArray, RemoveArrayElement,
+/// AddToCollection and RemoveFromCollection stand here for boards, whose other services keep their resources with them.
 #pragma once
 
 #include <cstddef>
@@ -40,11 +43,6 @@ std::string MemberEntry(std::string_view memberUri);
 /// The member's URI that an entry stands for; empty for a text that is no entry. Three forms are known: our own,
 /// "&&ObjectRef " + uri as the encoding has it for any reference, and the URI alone, both written by other loaders.
 std::string_view MemberUriOf(std::string_view entry);
-
-/// True when `entry` stands for this member, in any form.
-inline bool IsMemberEntry(std::string_view entry, std::string_view memberUri) {
-  return !memberUri.empty() && MemberUriOf(entry) == memberUri;
-}
 
 /// Appends the removal of a member's entry, in every form, to a pipeline: one LREM for each, answered by integers.
 /// Returns the position of the first.

@@ -25,9 +25,9 @@ bool ReadResource(redisContext* redis, std::string_view key, Json& document, con
 bool ReadResource(redisContext* redis, std::string_view key, const redisReply* hashReply, Json& document,
                   ReadOptions options = {});
 
-/// The keys that belong to the document, the resource key first, each once. False as for ReadResource, but values that
-/// are no markers are not looked at. With `ownKeysOnly`, keys that do not lie under the document's own key are neither
-/// listed nor walked.
+/// For boards, as GetResourceType: the keys that belong to the document, the resource key first, each once. False as
+/// for ReadResource, but values that are no markers are not looked at. With `ownKeysOnly`, keys that do not lie under
+/// the document's own key are neither listed nor walked.
 bool CollectResourceKeys(redisContext* redis, std::string_view key, std::vector<std::string>& keys,
                          bool ownKeysOnly = false);
 

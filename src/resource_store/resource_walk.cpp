@@ -94,10 +94,10 @@ bool ResourceWalk::ReadLevel(redisContext* redis) {
   RedisPipeline pipeline(redis);
   AppendCommands(pipeline);
   if (!typeKnown_) return TakeReplies(pipeline.Execute());
+  // Reply by reply: a large level is never in memory whole.
   size_t index = std::exchange(levelBegin_, nodes_.size());
-  bool complete = true;
-  pipeline.Execute([&](const RedisReply& reply) { complete &= TakeReply(nodes_[index++], reply.get()); });
-  return complete;
+  pipeline.Execute([&](const RedisReply& reply) { TakeReply(nodes_[index++], reply.get()); });
+  return !failed_;
 }
 
 bool ResourceWalk::TakeRoot(const redisReply* hashReply) {

@@ -89,7 +89,7 @@ class ResourceWalk {
   void AppendLevel(RedisPipeline& pipeline);
   bool TakeLevel(std::span<const RedisReply> replies);
 
-  /// Both at once, in a batch of its own.
+  /// Reads the next level in a batch of its own. False when the walk has failed.
   bool ReadLevel(redisContext* redis);
 
   /// Takes the first level from an HGETALL reply of the document's key that the caller has fetched. The kind must be

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "resource_store/store_log.h"
@@ -83,10 +84,22 @@ bool ShapeArray(Json::array_t& array, const ArrayConfiguration& arrays) {
   return true;
 }
 
-// Recursion bounded like AppendContainer's.
-bool ShapeArraysIn(Json& value, const ArrayConfiguration& arrays) {
+/// False, after a line, when one of the arrays is too long. Recursion bounded like AppendContainer's.
+bool ShapeArrays(Json& value, const ArrayConfiguration& arrays) {
   if (value.is_array() && !ShapeArray(value.get_ref<Json::array_t&>(), arrays)) return false;
-  return std::ranges::all_of(value, [&](Json& item) { return !item.is_structured() || ShapeArraysIn(item, arrays); });
+  return std::ranges::all_of(value, [&](Json& item) { return !item.is_structured() || ShapeArrays(item, arrays); });
+}
+
+/// Forms the keys in the writer's order, because the elements of arrays take sequence ids. Recursion bounded likewise.
+void CollectKeys(std::string key, const Json& value, int64_t& sequence, std::vector<std::string>& keys) {
+  int64_t noSequence = kNoSequence;
+  for (auto item = value.begin(); item != value.end(); ++item) {
+    if (!item->is_structured()) continue;
+    std::string name = value.is_object() ? item.key() : std::string();
+    std::string childKey = DumpItem(key, value.is_object() ? &noSequence : &sequence, std::move(name), *item).childKey;
+    if (!IsReference(*item)) CollectKeys(std::move(childKey), *item, sequence, keys);
+  }
+  keys.push_back(std::move(key));
 }
 
 bool WriteShaped(redisContext* redis, std::string_view key, const Json& document) {
@@ -133,6 +146,12 @@ bool AppendDocument(RedisPipeline& pipeline, std::string_view key, const Json& d
   if (!IsWritable(key, document)) return false;
   AppendContainer(pipeline, key, document, sequence);
   return true;
+}
+
+std::vector<std::string> DocumentKeys(std::string_view key, const Json& document, int64_t sequence) {
+  std::vector<std::string> keys;
+  CollectKeys(std::string(key), document, sequence, keys);
+  return keys;
 }
 
 void AppendUnlink(RedisPipeline& pipeline, std::span<const std::string> keys) {
@@ -200,10 +219,6 @@ bool ReadArrayConfiguration(const Json& configuration, ArrayConfiguration& resul
       .maxSize = static_cast<size_t>(std::min<uint64_t>(maxSize->get<uint64_t>(), std::numeric_limits<size_t>::max())),
       .fillNull = fillNull->get<bool>()};
   return true;
-}
-
-bool ShapeArrays(Json& document, const ArrayConfiguration& arrays) {
-  return arrays.style == 0 || ShapeArraysIn(document, arrays);
 }
 
 bool WriteResource(redisContext* redis, std::string_view key, const Json& document, const ArrayConfiguration& arrays) {

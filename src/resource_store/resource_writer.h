@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/redis_commands.h"
 #include "foundation/redis_pipeline.h"
@@ -36,6 +37,9 @@ bool NeedsSequenceIds(const Json& document);
 [[nodiscard]] bool AppendDocument(RedisPipeline& pipeline, std::string_view key, const Json& document,
                                   int64_t& sequence);
 
+/// Every key that AppendDocument writes to; `sequence` is the first id that it gets.
+std::vector<std::string> DocumentKeys(std::string_view key, const Json& document, int64_t sequence);
+
 /// Appends one UNLINK of all these keys, answered by an integer; nothing when there are none.
 void AppendUnlink(RedisPipeline& pipeline, std::span<const std::string> keys);
 
@@ -56,7 +60,7 @@ void AppendPropertyRemoval(RedisPipeline& pipeline, std::string_view key, std::s
 /// NULL result.").
 bool CheckWriteReplies(const redisContext* redis, std::span<const RedisReply> replies, std::string_view key);
 
-/// How stored arrays are shaped.
+/// How stored arrays are shaped. For boards: the daemon stores arrays as they are.
 struct ArrayConfiguration {
   /// 0 as given; 1 fixed length: never longer than maxSize, filled up with null when fillNull; 2 variable length: null
   /// elements are dropped; 3 rigid: every element keeps its position, null stays.
@@ -69,10 +73,6 @@ struct ArrayConfiguration {
 /// ("[INFO] Input Array style =..."). False, after one "[ERROR]" line, when they cannot be read or the style is none of
 /// 0 to 3.
 bool ReadArrayConfiguration(const Json& configuration, ArrayConfiguration& result);
-
-/// Shapes every array of a document. False, after one "[ERROR]" line, when one of them is too long; the document is
-/// then unspecified.
-[[nodiscard]] bool ShapeArrays(Json& document, const ArrayConfiguration& arrays);
 
 /// Writes a whole document under `key`; every array in it is shaped by `arrays` first. An array that is too long
 /// refuses the whole before anything is written. Takes the counter, sends one pipeline, stores the counter back if it

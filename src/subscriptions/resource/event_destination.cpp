@@ -104,18 +104,6 @@ bool ListsPath(std::string_view paths, std::string_view path) {
   return false;
 }
 
-/// Forms the keys in the writer's order, because the elements of arrays take sequence ids. As deep as the document.
-void CollectKeys(std::string key, const Json& value, int64_t& sequence, std::vector<std::string>& keys) {
-  int64_t noSequence = kNoSequence;
-  for (auto item = value.begin(); item != value.end(); ++item) {
-    if (!item->is_structured()) continue;
-    std::string name = value.is_object() ? item.key() : std::string();
-    std::string childKey = DumpItem(key, value.is_object() ? &noSequence : &sequence, std::move(name), *item).childKey;
-    if (!IsReference(*item)) CollectKeys(std::move(childKey), *item, sequence, keys);
-  }
-  keys.push_back(std::move(key));
-}
-
 }  // namespace
 
 Json BuildDefaultEventDestination(std::string_view privileges) {
@@ -200,12 +188,6 @@ std::string JoinPaths(std::string paths, std::string_view added) {
     added.remove_prefix(std::min(comma + 1, added.size()));
   }
   return paths;
-}
-
-std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destination, int64_t sequence) {
-  std::vector<std::string> keys;
-  CollectKeys(std::string(uri), destination, sequence, keys);
-  return keys;
 }
 
 bool IsStream(const Json& destination) { return TextMember(destination, "SubscriptionType") == "SSE"; }

@@ -61,10 +61,6 @@ void SetCount(Json& destination, const std::string& property);
 /// Adds to an SNMP object the lists of values that a client may choose from.
 void AddSnmpAllowableValues(Json& snmp, const ServiceSettings& settings);
 
-/// Every key that the resource takes when it is written at `uri`. `sequence` is the first sequence id that
-/// the writer gets.
-std::vector<std::string> DocumentKeys(std::string_view uri, const Json& destination, int64_t sequence);
-
 /// True for a subscription that lives as long as a stream of the front end's, by its SubscriptionType: in the resource,
 /// or as Redis holds it.
 bool IsStream(const Json& destination);

@@ -1,0 +1,78 @@
+/// The other end of the request protocol: keeps a request in Redis, announces it, waits for the answer and reads it.
+///
+/// Start-up sends requests of its own in this way, and so do the front ends among the tools. The keys are those that
+/// docs/protocol.md describes.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/redis_commands.h"
+#include "resource_store/store_encoding.h"
+
+namespace event_service {
+
+/// One request as a client made it.
+struct FrontEndRequest {
+  std::string method;  // as the record names it: "PATCH", "POSTCREATE", "POSTACTION", "DELETE", "GET", "HEAD"
+  std::string targetUri;
+  std::optional<Json> body;
+  std::string privileges = "ConfigureManager";
+  std::string sseChannel = {};  // not empty: the request opens a stream of server-sent events
+};
+
+/// Where a request lies in Redis. Every key begins with the request key.
+struct StoredRequest {
+  std::string requestKey;
+  std::string responseKey;
+  std::string returnChannel;
+  std::vector<std::string> keys = {};  // all that were written
+};
+
+struct FrontEndMessage {
+  std::string id;
+  std::vector<std::string> args;
+  std::vector<std::string> relatedProperties;  // "#/Context"
+};
+
+struct FrontEndAnswer {
+  std::string status;  // empty: none was written, as for GET
+  std::vector<FrontEndMessage> messages;
+  std::string body;      // JSON text; empty: none
+  std::string location;  // of the created resource; empty: none
+};
+
+/// Where a request is kept and answered.
+struct RequestPlace {
+  std::string_view keyPrefix = "&&Request:";  // a random number follows
+  std::string_view returnChannel = {};        // empty: one of the request's own
+};
+
+/// Keeps the request under fresh keys. Nothing when a write fails. One round trip, three for a body with objects inside
+/// arrays.
+std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndRequest& request,
+                                          const RequestPlace& place = {});
+
+/// A connection on which the answer will come. Reading from it fails after `patience`; null when it cannot be opened.
+RedisContext ListenForAnswer(const StoredRequest& stored, std::chrono::milliseconds patience);
+
+/// Announces a stored request. True when a listener took the announcement.
+bool AnnounceRequest(redisContext* redis, std::string_view channel, const StoredRequest& stored);
+
+/// Announces it again and again until a listener takes it or `patience` is over: the service may be starting.
+bool AnnounceUntilTaken(redisContext* redis, std::string_view channel, const StoredRequest& stored,
+                        std::chrono::milliseconds patience);
+
+/// Waits on a subscribed connection for the answer's message. False when it does not come in time.
+bool AwaitAnswer(redisContext* subscriber, const StoredRequest& stored, std::chrono::milliseconds patience);
+
+/// What the daemon left under the response key, empty where it left nothing.
+FrontEndAnswer ReadAnswer(redisContext* redis, const StoredRequest& stored);
+
+/// Removes every key of the request, the answer's included. Two round trips.
+void RemoveRequest(redisContext* redis, const StoredRequest& stored);
+
+}  // namespace event_service
