@@ -58,9 +58,9 @@ def is_line(text):
 
 
 def pattern(text):
-    """What a line can look like in the end; one that begins or ends in the middle is completed by the code."""
-    filled = ".*".join(re.escape(part) for part in FILLED_IN.split(text))
-    return re.compile((".+" if text[0] == " " else "") + filled + (".*" if text[-1] in " =" else ""))
+    """What stands for a line in the document. One that begins or ends in the middle is completed by the code."""
+    filled = "(?:[A-Z&_]+|[a-z]{0,9} ?)".join(re.escape(part) for part in FILLED_IN.split(text))
+    return re.compile((".+" if text[0] == " " else "") + filled + (r"[A-Z]+\b.*" if text[-1] in " =" else ""))
 
 
 def rows(document, heading):
