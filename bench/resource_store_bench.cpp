@@ -133,8 +133,8 @@ void ReadDocument(benchmark::State& state) {
     levels.emplace_back(keys.begin() + static_cast<ptrdiff_t>(found), keys.end());
     found = keys.size();
     RedisPipeline pipeline(theRedis);
-    walk.AppendLevel(pipeline);
-    walk.TakeLevel(pipeline.Execute());
+    walk.AskLevel(pipeline);
+    pipeline.Execute();
   }
   Compare(
       state, [] {}, [&] { ReadRaw(levels); },

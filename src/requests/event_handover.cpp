@@ -28,14 +28,9 @@ void TakeMessages(const redisReply& reply, std::vector<std::string>& messages) {
   for (const redisReply* argument : elements.subspan(2)) messages.push_back(ArgumentText(argument));
 }
 
-}  // namespace
-
-void AppendEnqueueEvent(RedisPipeline& pipeline, std::string_view digest, std::string_view eventHashId) {
-  pipeline.Append({"EVALSHA", digest, "1", eventHashId});
-}
-
-bool SettleEnqueueEvent(redisContext* redis, const redisReply* reply, std::string_view eventHashId,
-                        std::vector<std::string>& messages) {
+/// Takes the script's reply: false, with what `messages` tells, unless the event was queued or discarded.
+bool TakeReply(redisContext* redis, const redisReply* reply, std::string_view eventHashId,
+               std::vector<std::string>& messages) {
   if (reply == nullptr) {
     LogError("EVALSHA command failed");
     return false;
@@ -47,16 +42,16 @@ bool SettleEnqueueEvent(redisContext* redis, const redisReply* reply, std::strin
   return IsInteger(reply);
 }
 
+}  // namespace
+
 bool EnqueueEvent(redisContext* redis, std::string_view eventHashId, std::vector<std::string>& messages) {
   if (eventHashId.empty()) {
     LogError("strEventHashId is empty.");
     return false;
   }
   const std::string digest = HashRead(redis, kScriptDigests, kEnqueueScript);
-  RedisPipeline pipeline(redis);
-  AppendEnqueueEvent(pipeline, digest, eventHashId);
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  return SettleEnqueueEvent(redis, replies.front().get(), eventHashId, messages);
+  const RedisReply reply = SendArguments(redis, {"EVALSHA", digest, "1", eventHashId});
+  return TakeReply(redis, reply.get(), eventHashId, messages);
 }
 
 void EnqueueEvent(RedisPipeline& pipeline, redisContext* redis, std::string_view digest, std::string_view eventHashId,
@@ -64,7 +59,7 @@ void EnqueueEvent(RedisPipeline& pipeline, redisContext* redis, std::string_view
   pipeline.Ask({"EVALSHA", digest, "1", eventHashId},
                [redis, key = std::string(eventHashId), take = std::move(take)](const RedisReply& reply) {
                  std::vector<std::string> messages;
-                 const bool isTaken = SettleEnqueueEvent(redis, reply.get(), key, messages);
+                 const bool isTaken = TakeReply(redis, reply.get(), key, messages);
                  take(isTaken ? HandOver::kTaken : reply ? HandOver::kRefused : HandOver::kLost);
                });
 }

@@ -32,9 +32,4 @@ enum class HandOver {
 void EnqueueEvent(RedisPipeline& pipeline, redisContext* redis, std::string_view digest, std::string_view eventHashId,
                   std::function<void(HandOver)> take);
 
-/// The same in two halves.
-void AppendEnqueueEvent(RedisPipeline& pipeline, std::string_view digest, std::string_view eventHashId);
-bool SettleEnqueueEvent(redisContext* redis, const redisReply* reply, std::string_view eventHashId,
-                        std::vector<std::string>& messages);
-
 }  // namespace event_service

@@ -9,12 +9,16 @@ RequestBody::RequestBody(std::string_view key)
     : walk_(key, {.knownKind = ContainerKind::kObject, .overfullMembers = &overfullMembers_, .numberTexts = &numbers_},
             &document_) {}
 
-bool RequestBody::TakeRoot(const redisReply* hashReply) { return Finish(walk_.TakeRoot(hashReply)); }
+bool RequestBody::TakeRoot(const redisReply* hashReply) {
+  walk_.TakeRoot(hashReply);
+  Finish();
+  return !HasFailed();
+}
 
 void RequestBody::AskLevel(RedisPipeline& pipeline) {
   if (IsComplete()) return;
   walk_.AskLevel(pipeline);
-  pipeline.Then([this](Replies) { Finish(!HasFailed()); });
+  pipeline.Then([this](Replies) { Finish(); });
 }
 
 bool RequestBody::ReadRest(RedisPipeline& pipeline) {
@@ -25,15 +29,12 @@ bool RequestBody::ReadRest(RedisPipeline& pipeline) {
   return !HasFailed();
 }
 
-bool RequestBody::TakeLevel(std::span<const RedisReply> replies) { return Finish(walk_.TakeLevel(replies)); }
-
-bool RequestBody::Finish(bool isTaken) {
-  if (!isTaken || !walk_.Done()) return isTaken;
+void RequestBody::Finish() {
+  if (HasFailed() || !IsComplete()) return;
   RemovePassedOver(document_);
   for (const std::string& name : overfullMembers_) {
     if (const auto member = document_.find(name); member != document_.end()) *member = OverfullValue();
   }
-  return true;
 }
 
 }  // namespace event_service

@@ -29,7 +29,7 @@ class RequestBody {
   /// `key` is where the body is stored; an empty key stands for an empty body.
   explicit RequestBody(std::string_view key);
 
-  /// Takes the first level from an HGETALL reply of the body's key that the caller has fetched. False as for TakeLevel.
+  /// Takes the first level from an HGETALL reply of the body's key that the caller has fetched. False when it fails.
   bool TakeRoot(const redisReply* hashReply);
 
   bool IsComplete() const { return walk_.Done(); }
@@ -44,10 +44,6 @@ class RequestBody {
   /// Reads the levels that are left, in batches of `pipeline`. False when the body could not be read.
   bool ReadRest(RedisPipeline& pipeline);
 
-  /// The same in two halves; false when the level could not be taken.
-  void AppendLevel(RedisPipeline& pipeline) { walk_.AppendLevel(pipeline); }
-  bool TakeLevel(std::span<const RedisReply> replies);
-
   /// What the client sent, without control fields and annotations; valid once the body is complete. A member that holds
   /// more than a body may is an OverfullValue, which every check refuses.
   const Json& Document() const { return document_; }
@@ -56,7 +52,7 @@ class RequestBody {
   const NumberTexts& Numbers() const { return numbers_; }
 
  private:
-  bool Finish(bool isTaken);
+  void Finish();
 
   Json document_;
   NumberTexts numbers_;

@@ -152,12 +152,11 @@ std::string_view MemberUriOf(std::string_view entry) {
   return uri;
 }
 
-size_t AppendMemberRemoval(RedisPipeline& pipeline, std::string_view collectionUri, std::string_view memberUri) {
+void AppendMemberRemoval(RedisPipeline& pipeline, std::string_view collectionUri, std::string_view memberUri) {
   const std::string key = MembersKey(collectionUri);
-  const size_t first = pipeline.Append({"LREM", key, "0", MemberEntry(memberUri)});
+  pipeline.Append({"LREM", key, "0", MemberEntry(memberUri)});
   pipeline.Append({"LREM", key, "0", std::string(kReferencePrefix).append(memberUri)});
   pipeline.Append({"LREM", key, "0", memberUri});
-  return first;
 }
 
 bool AddToCollection(redisContext* redis, std::string_view collectionUri, std::string_view memberUri) {

@@ -45,8 +45,7 @@ std::string MemberEntry(std::string_view memberUri);
 std::string_view MemberUriOf(std::string_view entry);
 
 /// Appends the removal of a member's entry, in every form, to a pipeline: one LREM for each, answered by integers.
-/// Returns the position of the first.
-size_t AppendMemberRemoval(RedisPipeline& pipeline, std::string_view collectionUri, std::string_view memberUri);
+void AppendMemberRemoval(RedisPipeline& pipeline, std::string_view collectionUri, std::string_view memberUri);
 
 /// Adds the member's entry to the collection unless one stands there in any form. False, after one "[ERROR]" line, when
 /// a command fails.

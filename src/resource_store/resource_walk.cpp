@@ -55,15 +55,6 @@ void ResourceWalk::AskLevel(RedisPipeline& pipeline) {
   pipeline.Then([this](Replies replies) { TakeReplies(replies); });
 }
 
-void ResourceWalk::AppendLevel(RedisPipeline& pipeline) {
-  firstReply_ = pipeline.Size();
-  AppendCommands(pipeline);
-}
-
-bool ResourceWalk::TakeLevel(std::span<const RedisReply> replies) {
-  return TakeReplies(replies.subspan(std::min(firstReply_, replies.size())));
-}
-
 void ResourceWalk::AppendCommands(RedisPipeline& pipeline) const {
   if (Done()) return;
   if (!typeKnown_) {

@@ -85,10 +85,6 @@ class ResourceWalk {
   /// Nothing when the walk is done. The walk outlives the batch.
   void AskLevel(RedisPipeline& pipeline);
 
-  /// The same in two halves; false when the level could not be taken.
-  void AppendLevel(RedisPipeline& pipeline);
-  bool TakeLevel(std::span<const RedisReply> replies);
-
   /// Reads the next level in a batch of its own. False when the walk has failed.
   bool ReadLevel(redisContext* redis);
 
@@ -133,7 +129,6 @@ class ResourceWalk {
   std::deque<Node> nodes_;                        // in the order of their visit; those from levelBegin_ on are pending
   std::unordered_set<std::string_view> visited_;  // the keys of nodes_
   size_t levelBegin_ = 0;
-  size_t firstReply_ = 0;  // of the appended level, in its batch
   bool typeKnown_;
   bool failed_ = false;
 };

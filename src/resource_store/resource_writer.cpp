@@ -131,8 +131,8 @@ bool StoreSequenceId(redisContext* redis, int64_t next) {
   return TextOf(SendArguments(redis, {"SET", kSequenceKey, LastIdText(next)})).starts_with("OK");
 }
 
-size_t AppendSequenceStore(RedisPipeline& pipeline, int64_t next) {
-  return pipeline.Append({"SET", kSequenceKey, LastIdText(next)});
+void AppendSequenceStore(RedisPipeline& pipeline, int64_t next) {
+  pipeline.Append({"SET", kSequenceKey, LastIdText(next)});
 }
 
 bool NeedsSequenceIds(const Json& document) {

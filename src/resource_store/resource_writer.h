@@ -23,7 +23,7 @@ int64_t NextSequenceId(redisContext* redis);
 bool StoreSequenceId(redisContext* redis, int64_t next);
 
 /// The same as part of a batch; its reply is a status, not an integer.
-size_t AppendSequenceStore(RedisPipeline& pipeline, int64_t next);
+void AppendSequenceStore(RedisPipeline& pipeline, int64_t next);
 
 /// True when some key of the stored document holds a sequence id: an element of an array is an object or array other
 /// than a reference. A caller of AppendDocument needs no counter otherwise.

@@ -13,16 +13,6 @@
 namespace event_service::fuzz {
 namespace {
 
-bool ReadBody(redisContext* redis, const RequestRecord& record, RequestBody& body) {
-  if (!body.TakeRoot(record.usualBody.get())) return false;
-  while (!body.IsComplete()) {
-    RedisPipeline pipeline(redis);
-    body.AppendLevel(pipeline);
-    if (!body.TakeLevel(pipeline.Execute())) return false;
-  }
-  return true;
-}
-
 /// Names of members may be any bytes here, as in Redis; a judge must bear what they are.
 void Judge(const Json& body, const NumberTexts& numbers) {
   static const ServiceSettings settings;
@@ -43,7 +33,8 @@ void Fuzz(std::string_view input) {
   CannedConnection connection(input);
   const RequestRecord record = ReadRequestRecord(connection.redis(), announcement->requestKey);
   RequestBody body(record.requestData);
-  if (!ReadBody(connection.redis(), record, body)) return;
+  RedisPipeline pipeline(connection.redis());
+  if (!body.TakeRoot(record.usualBody.get()) || !body.ReadRest(pipeline)) return;
   for (const auto& member : body.Document().items()) Require(!IsPassedOver(member.key()), "a body is cleaned");
   Require(NestsWithin(body.Document()), "a body nests no deeper than the limit");
   Judge(body.Document(), body.Numbers());

@@ -1,4 +1,5 @@
-// The EventService's bodies: PATCH, and the parameters of a test event.
+// The EventService's bodies: PATCH, and the parameters of a test event. The same texts as the file of what a PATCH
+// keeps.
 #include "requests/body_cleaning.h"
 #include "requests/event_object.h"
 #include "requests/event_service/persistent_properties.h"
@@ -30,6 +31,9 @@ void CheckTestEvent(const Json& parameters) {
 }  // namespace
 
 void Fuzz(std::string_view input) {
+  const ServiceValues read = ParsePersistentProperties(input).values;
+  const PersistentProperties again = ParsePersistentProperties(FormatPersistentProperties(read));
+  Require(again.unusableLines.empty() && again.values == read, "what was read from the file is written and read again");
   Json body = ParseOutsideText(input);
   if (!body.is_object() || HoldsMark(body)) return;
   RemovePassedOver(body);

@@ -1,12 +1,84 @@
 /// What the EventService answers to requests that change nothing: refused, without effect, or failed on the way.
-#include "tests/requests/event_service_test.h"
-
 #include <filesystem>
+
+#include "requests/event_service/service_properties.h"
+#include "requests/event_service/test_event.h"
+#include "tests/requests/event_service_test.h"
 
 namespace event_service {
 namespace {
 
 using namespace std::string_literals;
+
+// ---- Judged as values
+// ------------------------------------------------------------------------------------------------
+
+TEST(Judgement, EachFaultOfAValueHasItsMessage) {
+  const struct {
+    std::string body, faults;
+  } patches[] = {
+      {R"({"SMTP": [{"Password": "s", "HttpHeaders": [1]}, 2]})",
+       R"(PropertyValueTypeError([{"HttpHeaders":null,"Password":null},2], SMTP))"},
+      {R"({"SMTP": {"Port": 65536}})", "PropertyValueOutOfRange(65536, SMTP/Port)"},
+      {R"({"SMTP": {"Password": ["s3cret"]}})", "PropertyValueError(SMTP/Password)"},
+      {R"({"SMTP": {"Authentication": "A"}})", "PropertyValueNotInList(A, SMTP/Authentication)"},
+      {R"({"SMTP": {"FromAddress": "a\r\nBcc: c"}})", "PropertyValueFormatError(a\r\nBcc: c, SMTP/FromAddress)"},
+      {R"({"SMTP": {"Username": "\u0000"}})", "PropertyValueFormatError("s + '\0' + ", SMTP/Username)"},
+      {R"({"SMTP": {"Username": "\u00e4)" + std::string(1024, 'x') + "\"}}",
+       "StringValueTooLong(\xC3\xA4" + std::string(63, 'x') + ", 1024)"},
+      {R"({"Name": "n", "a@b.org": {}})", "PropertyNotWritable(Name) PropertyUnknown(a@b.org)"},
+      {R"({"DeliveryRetryAttempts": 2.5})", "PropertyValueTypeError(2.5, DeliveryRetryAttempts)"},
+      {R"({"DeliveryRetryAttempts": 1e99})", "PropertyValueOutOfRange(1e+99, DeliveryRetryAttempts)"},
+      {R"({"DeliveryRetryIntervalSeconds": -1})", "PropertyValueOutOfRange(-1, DeliveryRetryIntervalSeconds)"},
+      {R"({"DeliveryRetryAttempts": null})", "PropertyValueTypeError(null, DeliveryRetryAttempts)"},
+  };
+  for (const auto& row : patches) {
+    const Answer answer{{}, JudgeServicePatch(Json::parse(row.body), {}, true).messages};
+    EXPECT_EQ(Summary(answer), " " + row.faults) << row.body;
+  }
+  EXPECT_EQ(Summary({{}, JudgeServicePatch({{"SMTP", {{"Port", 1}}}}, {}, false).messages}),
+            " PropertyNotWritable(SMTP)");
+  const struct {
+    const char* parameters;
+    std::string faults;
+  } events[] = {
+      {R"({"Bogus": 1})", "Unknown(#, Bogus)"},
+      {R"({"MessageId": 5})", "ValueTypeError(5, MessageId, #)"},
+      {R"({"EventTimestamp": "20"})", "ValueFormatError(20, EventTimestamp, #)"},
+      {R"({"EventType": "Other2"})", "ValueNotInList(Other2, EventType, #)"},
+      {R"({"MessageSeverity": "B"})", "ValueNotInList(B, MessageSeverity, #)"},
+      {R"({"EventGroupId": 9223372036854775808})", "ValueFormatError(9223372036854775808, EventGroupId, #)"},
+      {R"({"EventId": 7})", "ValueTypeError(7, EventId, #)"},
+      {R"({"MessageArgs": ["a", 2]})", "ValueTypeError(2, MessageArgs/1, #)"},
+      {R"({"OriginOfCondition": "/ "})", "ValueFormatError(/ , OriginOfCondition, #)"},
+  };
+  for (const auto& row : events) {
+    EXPECT_EQ(Summary({{}, JudgeTestEvent(Json::parse(row.parameters), {})}), " ActionParameter" + row.faults);
+  }
+}
+
+TEST(Judgement, RelatedPropertiesAreJsonPointers) {
+  const Json body = Json::parse(R"({"SMTP": {"Port": true, "a/b~c": 1}})");
+  const Answer answer{{}, JudgeServicePatch(body, {}, true).messages};
+  EXPECT_EQ(Summary(answer), " PropertyValueTypeError(true, SMTP/Port) PropertyUnknown(SMTP/a/b~c)");
+  EXPECT_EQ(answer.messages[0].relatedProperties, Lines{"SMTP/Port"});
+  EXPECT_EQ(answer.messages[1].relatedProperties, Lines{"SMTP/a~1b~0c"});
+}
+
+TEST(NoOperation, HasOneFixedBody) {
+  const char* const text =
+      "The request body submitted contain no data to act upon and no changes to the resource took place.";
+  const Json message = {{"@odata.type", "#Message.v1_1_2.Message"},
+                        {"MessageId", "M"},
+                        {"Message", text},
+                        {"MessageSeverity", "Warning"},
+                        {"Resolution", "Add properties in the JSON object and resubmit the request."}};
+  const Json error = {{"code", "M"}, {"message", text}, {"@Message.ExtendedInfo", {message}}};
+  EXPECT_EQ(Json::parse(NoOperationAnswer("M").body), Json({{"error", error}}));
+}
+
+// ---- In Redis
+// --------------------------------------------------------------------------------------------------------
 
 TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
   const Json lists(std::vector<Json>(256, Json{1}));
@@ -16,40 +88,17 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
   } cases[] = {
       {"PATCH", R"({"ServiceEnabled": "yes", "Bogus": 1, "Name": 1, "DeliveryRetryIntervalSeconds": 5})",
        "FAILURE PropertyUnknown(Bogus) PropertyNotWritable(Name) PropertyValueTypeError(yes, ServiceEnabled)"},
-      {"PATCH", R"({"SMTP": [{"Password": "s", "HttpHeaders": [1]}, 2]})",
-       R"(FAILURE PropertyValueTypeError([{"HttpHeaders":null,"Password":null},2], SMTP))"},
-      {"PATCH", R"({"SMTP": {"Port": 65536}})", "FAILURE PropertyValueOutOfRange(65536, SMTP/Port)"},
-      {"PATCH", R"({"SMTP": {"Password": ["s3cret"]}})", "FAILURE PropertyValueError(SMTP/Password)"},
-      {"PATCH", R"({"SMTP": {"Authentication": "A"}})", "FAILURE PropertyValueNotInList(A, SMTP/Authentication)"},
-      {"PATCH", R"({"SMTP": {"FromAddress": "a@b\r\nBcc: c"}})",
-       "FAILURE PropertyValueFormatError(a@b\r\nBcc: c, SMTP/FromAddress)"},
-      {"PATCH", R"({"SMTP": {"Username": "\u0000"}})",
-       "FAILURE PropertyValueFormatError("s + '\0' + ", SMTP/Username)"},
       {"PATCH", Json{{"SMTP", {{"Port", lists}, {"Username", lists}, {"A", lists}, {"B", lists}}}, {"Name", 1}}.dump(),
        "FAILURE PropertyNotWritable(Name) PropertyValueError(SMTP)"},
-      {"PATCH", R"({"SMTP": {"Username": "\u00e4)" + std::string(1024, 'x') + "\"}}",
-       "FAILURE StringValueTooLong(\xC3\xA4" + std::string(63, 'x') + ", 1024)"},
-      {"PATCH", R"({"Name": "n", "a@b.org": {}})", "FAILURE PropertyNotWritable(Name) PropertyUnknown(a@b.org)"},
       {"PATCH", R"({"Name": "n", "DeliveryRetryAttempts": 3})", "OK_RES PropertyNotWritable(Name)"},
       {"PATCH", R"({"@odata.etag": "x", "A@Redfish.B": 1, "&&SMTP": 1, "SMTP": {"@Message.A": 1, "@odata.id": "/"}})",
        "OK_RES"},
       {"PATCH", R"({"ServiceEnabled": true, "SMTP": {"Port": 2.50e1, "FromAddress": null}})", "OK_RES"},
-      {"PATCH", R"({"DeliveryRetryAttempts": 2.5})", "FAILURE PropertyValueTypeError(2.5, DeliveryRetryAttempts)"},
-      {"PATCH", R"({"DeliveryRetryAttempts": 1e99})", "FAILURE PropertyValueOutOfRange(1e+99, DeliveryRetryAttempts)"},
       {"Submit", R"({"Bogus": 1})", "FAILURE ActionParameterUnknown(#, Bogus)"},
-      {"Submit", R"({"MessageId": 5})", "FAILURE ActionParameterValueTypeError(5, MessageId, #)"},
-      {"Submit", R"({"EventTimestamp": "20"})", "FAILURE ActionParameterValueFormatError(20, EventTimestamp, #)"},
-      {"Submit", R"({"EventType": "Other2"})", "FAILURE ActionParameterValueNotInList(Other2, EventType, #)"},
-      {"Submit", R"({"MessageSeverity": "B"})", "FAILURE ActionParameterValueNotInList(B, MessageSeverity, #)"},
-      {"Submit", R"({"EventGroupId": 9223372036854775808})",
-       "FAILURE ActionParameterValueFormatError(9223372036854775808, EventGroupId, #)"},
-      {"Submit", R"({"EventId": 7})", "FAILURE ActionParameterValueTypeError(7, EventId, #)"},
-      {"Submit", R"({"MessageArgs": ["a", 2]})", "FAILURE ActionParameterValueTypeError(2, MessageArgs/1, #)"},
       {"Submit", R"({"MessageArgs": ["&&Object x"]})",
        "FAILURE ActionParameterValueTypeError(&&Object x, MessageArgs/0, #)"},
       {"Submit", R"({"MessageArgs": )" + Json(Lines(257)).dump() + "}",
        "FAILURE ActionParameterValueError(MessageArgs, #)"},
-      {"Submit", R"({"OriginOfCondition": "/ "})", "FAILURE ActionParameterValueFormatError(/ , OriginOfCondition, #)"},
       {"Submit", R"({"OriginOfCondition": "/redfish/v1/No"})", "FAILURE ResourceMissingAtURI(/redfish/v1/No)"},
   };
   HashWrite(redis(), kSmtpKey, "Port", "25.0");
@@ -61,26 +110,14 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
     EXPECT_EQ(Dump(), before) << row.body;
   }
   EXPECT_FALSE(std::filesystem::exists(file_));
-  const Answer pointers = Patch(R"({"SMTP": {"Port": true, "a/b~c": 1}})");
-  EXPECT_EQ(Summary(pointers), "FAILURE PropertyValueTypeError(true, SMTP/Port) PropertyUnknown(SMTP/a/b~c)");
-  EXPECT_EQ(pointers.messages[0].relatedProperties, Lines{"SMTP/Port"});
-  EXPECT_EQ(pointers.messages[1].relatedProperties, Lines{"SMTP/a~1b~0c"});
   const Lines commands = proxy_.commands();
-  EXPECT_EQ(std::ranges::count(commands, "LRANGE &&req/RequestData/MessageArgs 0 256"), 3) << "never more of a list";
-  settings_.protocolOnly = true;
-  EXPECT_EQ(Summary(Patch(R"({"SMTP": {"Port": 1}})")), "FAILURE PropertyNotWritable(SMTP)");
+  EXPECT_EQ(std::ranges::count(commands, "LRANGE &&req/RequestData/MessageArgs 0 256"), 2) << "never more of a list";
 }
 
 TEST_F(EventServiceTest, ABodyThatIsNotNamedLiesUnderItsUsualKey) {
   isBodyNamed_ = false;
   EXPECT_EQ(Summary(Patch(R"({"DeliveryRetryAttempts": 4})")), "OK_RES Success()");
   EXPECT_EQ(Summary(Patch("{}")), "EXCEPTION ExtendedError.1.2.DatabaseOperationError()") << "there is none";
-}
-
-TEST(NoOperation, IsAnErrorObjectWithTheRegistrysMessage) {
-  const Json error = Json::parse(NoOperationAnswer().body)["error"];
-  EXPECT_EQ(error["code"], "Base.1.12.NoOperation");
-  EXPECT_EQ(error["@Message.ExtendedInfo"][0]["Message"], error["message"]);
 }
 
 TEST_F(EventServiceTest, GatesStandInTheirOrder) {

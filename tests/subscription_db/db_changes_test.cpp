@@ -118,12 +118,22 @@ TEST_F(DbSandboxTest, AnUpdateMergesObjectsReplacesTheRestAndTakesOutWhatIsNamed
 TEST_F(DbSandboxTest, AChangeThatFailedIsMadeWithTheNextAndNotAgain) {
   LayOut("D=A");
   SubscriptionDb db = NewDb();
-  fails_ = [](const std::string& command) { return command.find(" -d ") != std::string::npos; };
+  const auto isDecoding = [](const std::string& command) { return command.find(" -d ") != std::string::npos; };
+  fails_ = isDecoding;
   EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
   fails_ = [](const std::string&) { return false; };
   for (const auto& [removed, after] : {std::pair("C", "AB"), {"B", "A"}, {"C", "A"}}) {
     EXPECT_TRUE(db.DeleteDbSubscription(kUris + removed, kEtagText));
     EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << "without " << removed;
+  }
+  for (const auto& [changes, after] : {std::pair(255, "AB"), {256, "A"}}) {  // beyond 256 the oldest is given up
+    fails_ = isDecoding;
+    EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
+    for (int i = 0; i < changes; ++i) EXPECT_FALSE(db.DeleteDbSubscription(kUris + "C", kEtagText));
+    fails_ = [](const std::string&) { return false; };
+    EXPECT_TRUE(db.DeleteDbSubscription(kUris + "D", kEtagText));
+    EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << changes;
+    EXPECT_TRUE(db.DeleteDbSubscription(kUris + "B", kEtagText));
   }
 }
 

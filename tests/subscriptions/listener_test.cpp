@@ -165,12 +165,14 @@ TEST_F(ListenerTest, GeneratedDestinationsExistOnceAfterAnyNumberOfStarts) {
       {"Protocol": "Redfish", "Destination": "https://b", "Context": "x"},
       {"Protocol": "Redfish", "Destination": "https://b", "Context": "x"},
       {"Id": "", "Protocol": "Redfish", "Destination": "https://b"}, 5,
+      {"Protocol": "SNMPv1", "Destination": "c", "SubscriptionType": "SNMPTrap", "SNMP": {"TrapCommunity": "t"}},
+      {"Protocol": "SNMPv2c", "Destination": "c", "SubscriptionType": "SNMPTrap", "SNMP": {"TrapCommunity": "t"}},
       {"Id": {"deep": []}, "Protocol": "Redfish", "Destination": "https://d"}])";
   Send("HEAD", kCollection);
   for (const std::string& file : {bodies, R"({"Members": )" + bodies + "}"}) {
     EXPECT_EQ(generate(file), (Names{"Generated event destination 5 is no JSON object.",
-                                     "Generated event destination 6 was refused: Base.1.12.PropertyValueTypeError"}));
-    EXPECT_EQ(Elements(kMembers).size(), 3u);
+                                     "Generated event destination 8 was refused: Base.1.12.PropertyValueTypeError"}));
+    EXPECT_EQ(Elements(kMembers).size(), 5u);
   }
   StopThread();
   EXPECT_EQ(generate("[{}, {}]"), Names{"Nobody takes the generated event destinations from number 1 on."});

@@ -62,26 +62,21 @@ bool ReadMembers(redisContext* redis, std::span<const std::string> uris, std::ve
   struct Reading {
     Json document;
     std::optional<ResourceWalk> walk;
-    bool isWhole = true;
   };
   std::deque<Reading> readings(uris.size());
   const ReadOptions wholeMember{.knownKind = ContainerKind::kObject, .withControlFields = true, .ownKeysOnly = true};
   for (size_t i = 0; i < uris.size(); ++i) readings[i].walk.emplace(uris[i], wholeMember, &readings[i].document);
-  const auto isOpen = [](const Reading& reading) { return reading.isWhole && !reading.walk->Done(); };
+  const auto isOpen = [](const Reading& reading) { return !reading.walk->HasFailed() && !reading.walk->Done(); };
   while (std::ranges::any_of(readings, isOpen)) {
     RedisPipeline pipeline(redis);
-    std::vector<Reading*> open;
     for (Reading& reading : readings) {
-      if (!isOpen(reading)) continue;
-      reading.walk->AppendLevel(pipeline);
-      open.push_back(&reading);
+      if (isOpen(reading)) reading.walk->AskLevel(pipeline);
     }
-    const std::vector<RedisReply> replies = pipeline.Execute();
+    pipeline.Execute();
     if (redis->err != 0) return false;
-    for (Reading* reading : open) reading->isWhole = reading->walk->TakeLevel(replies);
   }
   for (size_t i = 0; i < uris.size(); ++i) {
-    const bool isThere = readings[i].isWhole && !readings[i].document.empty();
+    const bool isThere = !readings[i].walk->HasFailed() && !readings[i].document.empty();
     members.push_back(isThere ? std::make_shared<const Subscription>(ParseSubscription(uris[i], readings[i].document))
                               : nullptr);
   }

@@ -74,13 +74,15 @@ std::optional<RequestQueue> FrontEndLink::FindQueue(std::string_view method, std
   if (redis == nullptr) return std::nullopt;
   const std::string resource(ResourceOf(targetUri));
   const std::string queue = "/" + std::string(method) + "Q";
+  RequestQueue found;
+  std::string kind;
   RedisPipeline pipeline(redis);
-  pipeline.Append({"SISMEMBER", "&&AccessBlockList", "EventService"});
-  pipeline.Append({"LRANGE", "&&" + resource + queue, "0", "0"});
-  pipeline.Append({"HGET", resource, "&&CRUDprefix"});
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  RequestQueue found{.isBlocked = IsInteger(replies[0]) && replies[0]->integer == 1, .channel = FirstText(replies[1])};
-  const std::string kind(TextOf(replies[2]));
+  pipeline.Ask({"SISMEMBER", "&&AccessBlockList", "EventService"},
+               [&](const RedisReply& reply) { found.isBlocked = IsInteger(reply) && reply->integer == 1; });
+  pipeline.Ask({"LRANGE", "&&" + resource + queue, "0", "0"},
+               [&](const RedisReply& reply) { found.channel = FirstText(reply); });
+  pipeline.Ask({"HGET", resource, "&&CRUDprefix"}, [&](const RedisReply& reply) { kind = TextOf(reply); });
+  pipeline.Execute();
   if (!kind.empty()) found.channel = FirstText(SendArguments(redis, {"LRANGE", kind + queue, "0", "0"}));
   if (redis->err != 0) return std::nullopt;
   return found;

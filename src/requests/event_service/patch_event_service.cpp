@@ -26,14 +26,10 @@ struct PatchInput {
 };
 
 std::optional<Answer> ReadInput(const Request& request, PatchInput& input) {
-  const auto bodyUnreadable = [] { return DatabaseError("DatabaseOperationError: Gets request data failed."); };
-  if (request.record.requestData.empty()) return bodyUnreadable();
   RedisPipeline pipeline(request.redis);
   ReadStoredService(pipeline, input.stored);
-  while (!input.body.IsComplete()) {
-    input.body.AskLevel(pipeline);
-    pipeline.Execute();
-    if (input.body.HasFailed()) return bodyUnreadable();
+  if (request.record.requestData.empty() || !input.body.ReadRest(pipeline)) {
+    return DatabaseError("DatabaseOperationError: Gets request data failed.");
   }
   if (!input.stored) return DatabaseError("DatabaseOperationError: Gets EventService data failed.");
   return std::nullopt;
