@@ -27,8 +27,8 @@ enum class HandOver {
   kLost,     // no reply, which has its line
 };
 
-/// A step that hands the event object over, with the digest at hand. `redis` is the pipeline's connection, on which an
-/// object that was not queued is deleted afterwards.
+/// A step that hands the event object over to the script with this digest. `redis` is the pipeline's connection, on
+/// which an object that was not queued is deleted afterwards.
 void EnqueueEvent(RedisPipeline& pipeline, redisContext* redis, std::string_view digest, std::string_view eventHashId,
                   std::function<void(HandOver)> take);
 

@@ -1,6 +1,6 @@
 /// The other end of the request protocol: keeps a request in Redis, announces it, waits for the answer and reads it.
 ///
-/// Start-up sends requests of its own in this way, and so do the front ends among the tools. The keys are those that
+/// Startup sends requests of its own in this way, and so do the front ends among the tools. The keys are those that
 /// docs/protocol.md describes.
 #pragma once
 

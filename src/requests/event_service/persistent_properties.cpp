@@ -88,7 +88,7 @@ bool RestorePersistentProperties(redisContext* redis, const ServiceSettings& set
   ServiceWrites writes;
   WriteServiceValues(pipeline, changed, writes);
   bool isEtagWritten = true;
-  // Start-up sets the password to null; putting it back makes no other content.
+  // Startup sets the password to null; writing it back changes nothing that a client sees.
   if (changed.size() > changed.count(kSmtpPassword)) WriteServiceEtag(pipeline, isEtagWritten);
   pipeline.Execute();
   if (writes.areComplete && isEtagWritten) return true;
