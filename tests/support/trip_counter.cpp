@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -27,6 +28,16 @@ struct TripCounter::Connection {
     return answered && replies.empty() && ioctl(client, SIOCOUTQ, &unread) == 0 && unread == 0;
   }
 };
+
+/// What the server is asked in the place of a command that fails.
+static const char* InPlaceOf(std::string_view command, RedisFault fault) {
+  if (fault == RedisFault::kNil) return "GET injected-fault";
+  if (fault == RedisFault::kError) return "INJECTED-FAULT";  // an unknown command
+  for (const char* answeredByArray : {"HGETALL ", "HMGET ", "LRANGE ", "KEYS ", "SMEMBERS ", "BLPOP ", "SUBSCRIBE "}) {
+    if (command.starts_with(answeredByArray)) return "EXISTS injected-fault";
+  }
+  return "TIME";  // an array
+}
 
 TripCounter::TripCounter(const std::string& serverSocket) : serverSocket_(serverSocket) {
   static std::atomic<int> count = 0;
@@ -123,9 +134,9 @@ void TripCounter::HandOn(Connection& connection) {
     connection.answered = false;
   }
   redisContext* server = connection.server.get();
-  bool isCut = false;
+  std::optional<RedisFault> end;
   void* next = nullptr;
-  while (redisReaderGetReply(connection.reader.get(), &next) == REDIS_OK && next != nullptr) {
+  while (!end && redisReaderGetReply(connection.reader.get(), &next) == REDIS_OK && next != nullptr) {
     const RedisReply command(static_cast<redisReply*>(next));
     std::vector<const char*> words;
     std::vector<size_t> sizes;
@@ -135,19 +146,25 @@ void TripCounter::HandOn(Connection& connection) {
       sizes.push_back(command->element[i]->len);
       text.append(i > 0 ? " " : "").append(TextOf(command->element[i]));
     }
-    isCut = commands_.size() >= faults_.cutAfter;
-    if (isCut) break;
+    if (commands_.size() >= faults_.cutAfter) end = RedisFault::kCut;
+    if (end) break;
     commands_.push_back(text);
     const bool fails = commands_.size() == faults_.failedCommand ||
                        (!faults_.failedText.empty() && text.find(faults_.failedText) != std::string::npos);
-    // The server answers an unknown command with an error.
-    fails ? redisAppendCommand(server, "INJECTED-FAULT")
-          : redisAppendCommandArgv(server, static_cast<int>(words.size()), words.data(), sizes.data());
+    if (fails && faults_.fault >= RedisFault::kCut) end = faults_.fault;
+    if (end == RedisFault::kCut) break;
+    fails && !end ? redisAppendCommand(server, InPlaceOf(text, faults_.fault))
+                  : redisAppendCommandArgv(server, static_cast<int>(words.size()), words.data(), sizes.data());
   }
   for (int isDone = 0; isDone == 0 && redisBufferWrite(server, &isDone) == REDIS_OK;) continue;
-  // The server still answers what it got and then closes its ends, which closes ours.
-  if (!isCut) return;
-  for (const auto& other : connections_) shutdown(other->server->fd, SHUT_WR);
+  if (end) EndConnections(*end);
+}
+
+void TripCounter::EndConnections(RedisFault fault) {
+  for (const auto& connection : connections_) {
+    // After a cut the server still answers what it got and then closes its ends, which closes ours.
+    fault == RedisFault::kCut ? shutdown(connection->server->fd, SHUT_WR) : shutdown(connection->client, SHUT_RDWR);
+  }
 }
 
 }  // namespace event_service

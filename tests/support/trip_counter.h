@@ -14,10 +14,14 @@
 
 namespace event_service {
 
+/// What becomes of a command. All but kLost keep it from being executed; the last two end every connection.
+enum class RedisFault { kError, kNil, kWrongType, kCut, kLost };
+
 /// What goes wrong, counted in commands.
 struct RedisFaults {
-  size_t failedCommand = 0;     // the first is 1; it is answered by an error and not executed
-  std::string failedText = {};  // so is every command with this in its text, such as "HSET response:1 &&ReturnStatus"
+  size_t failedCommand = 0;  // the first is 1
+  RedisFault fault = RedisFault::kError;
+  std::string failedText = {};  // every command with this in its text fails, such as "HSET response:1 &&ReturnStatus"
   size_t cutAfter = SIZE_MAX;   // so many are answered; the next ends every connection, unseen by the server
 };
 
@@ -46,6 +50,7 @@ class TripCounter {
   void Accept();
   bool Serve(Connection& connection, int clientEvents, int serverEvents);
   void HandOn(Connection& connection);
+  void EndConnections(RedisFault fault);
 
   std::string socketPath_;
   std::string serverSocket_;

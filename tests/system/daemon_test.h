@@ -30,7 +30,9 @@ class DaemonTest : public RedisTest {
   /// A power cycle of the board: the daemon killed, Redis as after a start of the board, the daemon up again.
   void PowerCycle();
 
-  /// Stores a request and announces it, waits for nothing. `body` is JSON text, empty for none.
+  /// Keeps a request in Redis. `body` is JSON text, empty for none.
+  StoredRequest Store(const std::string& httpMethod, const std::string& uri, const std::string& body = "");
+  /// Stores a request and announces it, waits for nothing.
   StoredRequest Announce(const std::string& httpMethod, const std::string& uri, const std::string& body = "");
   /// Sends a request and gives its answer; fails the test when there is none.
   FrontEndAnswer Ask(const std::string& httpMethod, const std::string& uri, const std::string& body = "");

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <random>
 
-#include "tests/support/trip_counter.h"
 #include "tests/system/daemon_test.h"
 
 namespace event_service {
@@ -151,35 +150,6 @@ TEST_F(Faults, KeysThatHoldGarbageAreAnswered) {
     EXPECT_TRUE(status == "FAILURE" || status == "EXCEPTION") << garbage << ": " << status;
   }
   ExpectItServes();
-}
-
-TEST_F(Faults, RedisGoneAtAnyMomentEndsTheProcessAndCostsNoSubscription) {
-  ASSERT_TRUE(StartDaemon());
-  AskShort("POST", kCollection, R"({"Id": "A", "Destination": "https://collector/", "Protocol": "Redfish"})");
-  const RedisContext client = Connect();  // without one, answers are taken back
-  ASSERT_TRUE(SendCommand(client.get(), "PSUBSCRIBE *"));
-  TripCounter proxy(Server().SocketPath());
-  bool isCut = true;
-  // A loader that is cut off is run three times, a second apart, and every place has been cut in its own test.
-  const auto loaderWasCutOff = [] { return Log().find("Failed to restore") != std::string::npos; };
-  for (size_t cutAfter = 0; isCut; cutAfter += loaderWasCutOff() ? 12 : 1) {
-    daemon_.Kill();
-    Sandbox().UseRedis(Server().SocketPath());
-    FillRedis();
-    Sandbox().UseRedis(proxy.SocketPath());
-    proxy.Reset({.cutAfter = cutAfter});
-    const bool serves = StartDaemon();
-    if (serves) {
-      const StoredRequest stored = Announce("PATCH", kService, R"({"DeliveryRetryAttempts": 9})");
-      EXPECT_TRUE(Eventually([&] { return !daemon_.IsRunning() || !ReadAnswer(redis(), stored).status.empty(); }));
-    }
-    isCut = !daemon_.IsRunning();
-    const int status = isCut ? daemon_.ExitStatus() : 0;
-    EXPECT_TRUE(status == 0 || (status == 255 && !serves)) << status << " when cut after " << cutAfter;
-  }
-  Sandbox().UseRedis(Server().SocketPath());
-  PowerCycle();
-  EXPECT_EQ(Value(kCollection, "/Members/0/@odata.id"), kCollection + "/A") << Log();
 }
 
 TEST_F(Faults, AKilledDaemonComesBackWithWhatWasAcknowledged) {

@@ -1,7 +1,9 @@
 #include "tools/resource_loader/collection_loader.h"
 
+#include <algorithm>
 #include <map>
 #include <set>
+#include <span>
 #include <vector>
 
 #include "foundation/redis_pipeline.h"
@@ -79,13 +81,11 @@ bool NeedsSequenceIds(const CollectionFile& file) {
   return false;
 }
 
-/// True when the transaction was carried out and none of its commands was refused.
+/// True when the transaction was carried out and each of its commands, which are writes, was answered like one.
 bool WasCarriedOut(const RedisReply& exec) {
   if (!IsArray(exec)) return false;
-  for (size_t i = 0; i < exec->elements; ++i) {
-    if (exec->element[i]->type == REDIS_REPLY_ERROR) return false;
-  }
-  return true;
+  return std::ranges::all_of(std::span(exec->element, exec->elements),
+                             [](const redisReply* reply) { return IsInteger(reply) || TextOf(reply) == "OK"; });
 }
 
 }  // namespace
