@@ -1,5 +1,6 @@
 #include "bench/in_process_daemon.h"
 
+#include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
 
@@ -50,6 +51,7 @@ void StartLog(const FilePaths& paths) {
 }  // namespace
 
 InProcessDaemon::InProcessDaemon() : server_((sandbox_.UseRedis(sandbox_.RedisSocket()), sandbox_.RedisSocket())) {
+  mallopt(M_ARENA_MAX, 1);  // as main does
   SetProcessPaths(sandbox_.Paths());
   StartLog(sandbox_.Paths());
   redis_.reset(redisConnectContext());

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <string>
 
 #include "foundation/text_numbers.h"
 
@@ -54,6 +55,55 @@ bool ParsePlainText(std::string_view text, Json& value) {
   return true;
 }
 
+bool AppendPlainString(std::string& text, std::string_view string) {
+  if (!IsPlain(string)) return false;
+  text.append("\"").append(string).append("\"");
+  return true;
+}
+
+/// Appends the text of what most values are by far; the serializer takes many times as long to be set up for them, and
+/// for each character. False for any other, with nothing appended.
+bool AppendPlainValue(std::string& text, const Json& value) {
+  switch (value.type()) {
+    case Json::value_t::string:
+      return AppendPlainString(text, value.get_ref<const std::string&>());
+    case Json::value_t::boolean:
+      text += value.get<bool>() ? "true" : "false";
+      return true;
+    case Json::value_t::null:
+      text += "null";
+      return true;
+    case Json::value_t::number_unsigned:
+      text += std::to_string(value.get<uint64_t>());
+      return true;
+    default:
+      return false;
+  }
+}
+
+void AppendTolerantText(std::string& text, const Json& value);
+
+void AppendTolerantName(std::string& text, const std::string& name) {
+  if (!AppendPlainString(text, name)) AppendTolerantText(text, name);
+  text += ':';
+}
+
+// Recursion: as deep as the value.
+void AppendTolerantText(std::string& text, const Json& value) {
+  if (AppendPlainValue(text, value)) return;
+  if (!value.is_structured()) {
+    text += value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return;
+  }
+  text += value.is_object() ? '{' : '[';
+  for (auto item = value.begin(); item != value.end(); ++item) {
+    if (item != value.begin()) text += ',';
+    if (value.is_object()) AppendTolerantName(text, item.key());
+    AppendTolerantText(text, *item);
+  }
+  text += value.is_object() ? '}' : ']';
+}
+
 }  // namespace
 
 bool IsJsonNumber(std::string_view text) {
@@ -88,16 +138,23 @@ bool ParseJsonText(std::string_view text, Json& value, bool& exact) {
   return true;
 }
 
-// Most values by far are plain strings; the serializer takes many times as long to be set up for them.
 std::string JsonText(const Json& value) {
-  const auto* const text = value.get_ptr<const Json::string_t*>();
-  if (text == nullptr || !IsPlain(*text)) return value.dump();
-  std::string quoted;
-  quoted.reserve(text->size() + 2);
-  return quoted.append("\"").append(*text).append("\"");
+  std::string text;
+  if (value.is_string()) text.reserve(value.get_ref<const std::string&>().size() + 2);
+  if (!AppendPlainValue(text, value)) text = value.dump();
+  return text;
 }
 
-std::string TolerantJsonText(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+size_t JsonTextSize(const Json& value) {
+  const auto* const text = value.get_ptr<const Json::string_t*>();
+  return text != nullptr && IsPlain(*text) ? text->size() + 2 : JsonText(value).size();
+}
+
+std::string TolerantJsonText(const Json& value) {
+  std::string text;
+  AppendTolerantText(text, value);
+  return text;
+}
 
 std::string_view TextMember(const Json& object, std::string_view name) {
   if (!object.is_object()) return {};

@@ -18,6 +18,9 @@ bool ParseJsonText(std::string_view text, Json& value, bool& exact);
 /// The compact JSON text of a value; throws Json::type_error for a string that is not UTF-8, as Json::dump does.
 std::string JsonText(const Json& value);
 
+/// The size of that text.
+size_t JsonTextSize(const Json& value);
+
 /// The same without throwing, for what holds any bytes: those that are not UTF-8 become the replacement character.
 std::string TolerantJsonText(const Json& value);
 

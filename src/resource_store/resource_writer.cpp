@@ -44,10 +44,9 @@ void AppendMember(RedisPipeline& pipeline, std::string_view key, std::string_vie
     if (!text.empty()) pipeline.Append({"HSET", key, name, text});
     return;
   }
-  int64_t noSequence = kNoSequence;
-  DumpedItem item = DumpItem(key, &noSequence, std::string(name), value);
-  pipeline.Append({"HSET", key, name, BuildMarker(false, value, item.childKey, item.name)});
-  if (!IsReference(value)) AppendContainer(pipeline, item.childKey, value, sequence);
+  std::string childKey = ChildKey(key, name);
+  pipeline.Append({"HSET", key, name, BuildMarker(false, value, childKey, name)});
+  if (!IsReference(value)) AppendContainer(pipeline, childKey, value, sequence);
 }
 
 void AppendElement(RedisPipeline& pipeline, std::string_view key, size_t index, const Json& value, int64_t& sequence) {

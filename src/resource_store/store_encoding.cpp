@@ -125,10 +125,13 @@ std::string BuildMarker(bool isArrayElement, const Json& value, std::string& chi
   const bool isReference = IsReference(value);
   if (!isReference && !LooksLikeMarker(childKey)) childKey.insert(0, kPrefix);
 
-  std::string marker(isReference ? kReferenceWord : value.is_array() ? kArrayWord : kObjectWord);
-  marker += ' ';
+  const std::string_view word = isReference ? kReferenceWord : value.is_array() ? kArrayWord : kObjectWord;
+  const std::string& target = isReference ? value.begin()->get_ref<const std::string&>() : childKey;
+  std::string marker;
+  marker.reserve(word.size() + name.size() + target.size() + 2);
+  marker.append(word).append(" ");
   if (!isArrayElement) marker.append(name).append(" ");
-  return marker.append(isReference ? value.begin()->get_ref<const std::string&>() : childKey);
+  return marker.append(target);
 }
 
 }  // namespace event_service

@@ -155,10 +155,10 @@ std::optional<Answer> Build(const ServiceSettings& settings, CreationInput& inpu
   input.about.etag = NewEtag();
   if (input.about.isSse) input.about.timeStamp = TimeStamp();
   if (input.body.contains("SNMP")) input.about.passwordLine = FirstLineOf(settings.paths.passwordFile);
-  std::optional<Json> destination = BuildEventDestination(input.body, input.about, settings);
+  std::optional<Json> destination = BuildEventDestination(std::move(input.body), input.about, settings);
   if (!destination) return Refuse(kException, kOperationFailedMessage);
   member.destination = *std::move(destination);
-  const std::optional<std::string> heaviest = TooHeavyProperty(WeightsOf(member.destination));
+  const std::optional<std::string> heaviest = TooHeavyProperty(member.destination);
   if (!heaviest) return std::nullopt;
   return Answer{kFailure, {PropertyMessage(FaultKind::kValue, MemberPath({}, *heaviest))}};
 }
@@ -257,14 +257,14 @@ void WriteIntoFile(const Request& request, const CreationInput& input, const New
 }
 
 /// Tells event delivery where to look for the subscription.
-void EnterIndex(RedisPipeline& pipeline, const Request& request, const Json& body, const NewMember& member) {
+void EnterIndex(RedisPipeline& pipeline, const Request& request, const NewMember& member) {
   if (IsMetricReportDestination(member.destination)) {
     pipeline.Ask({"HINCRBY", kMetricReportKey, kMetricReportField, "1"}, [](const RedisReply& reply) {
       if (!IsInteger(reply)) LogError("Failed to increase the counter &&subs:MetricReport");
     });
     return;
   }
-  const std::string mask = std::to_string(FilterMask(body, request.subscriptions->registryPrefixBits));
+  const std::string mask = std::to_string(FilterMask(member.destination, request.subscriptions->registryPrefixBits));
   for (const std::string& key : OriginIndexKeys(member.destination, request.settings.subordinateResourcesSupported)) {
     pipeline.Append({"HSET", key, MemberIdOf(member.uri), mask});
   }
@@ -274,11 +274,10 @@ void EnterIndex(RedisPipeline& pipeline, const Request& request, const Json& bod
 }
 
 /// Tells event delivery and those who watch the collection, and counts the member. False when it is not counted.
-bool Announce(const Request& request, const CreationInput& input, const NewMember& member,
-              const Membership& membership) {
+bool Announce(const Request& request, const NewMember& member, const Membership& membership) {
   bool isCounted = false;
   RedisPipeline pipeline(request.redis);
-  EnterIndex(pipeline, request, input.body, member);
+  EnterIndex(pipeline, request, member);
   LifeCycleBatch events(request, pipeline, membership.eventGroupId);
   events.RaiseForMember("add", member.uri);
   events.RaiseForCollection();
@@ -317,7 +316,7 @@ Answer CreateEventDestination(Request& request, RandomSource random) {
     return DatabaseError({});
   }
   WriteIntoFile(request, input, member, membership.collectionEtag);
-  if (!Announce(request, input, member, membership)) {
+  if (!Announce(request, member, membership)) {
     return DatabaseError("DatabaseOperationError: Failed to update Members count.");
   }
   return Succeed("Base.1.12.Created");

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <random>
 
+#include "resource_store/json_text.h"
 #include "tests/resource_store/store_test.h"
 
 namespace event_service {
@@ -58,6 +59,7 @@ TEST_F(StoreTest, WhatIsWrittenReadsBackEqualAndIsDeletedWhole) {
   std::set<std::string, std::less<>> overfull;
   for (uint32_t seed = 0; seed < 500; ++seed) {
     const Json document = DocumentMaker(seed).Container();
+    ASSERT_EQ(TolerantJsonText(document), document.dump());
     if (document.empty()) continue;  // leaves no key
     for (const std::string key : {"/redfish/v1/k", "&&k"}) {
       SCOPED_TRACE("seed " + std::to_string(seed) + " at " + key);
@@ -68,6 +70,11 @@ TEST_F(StoreTest, WhatIsWrittenReadsBackEqualAndIsDeletedWhole) {
       ASSERT_TRUE(KeyListing(redis(), "*k*").empty());
     }
   }
+}
+
+TEST(JsonText, WhatIsNoUtf8IsReplaced) {
+  const Json document = {{"a\xff", {"b\xc3", "\x80", "\u00e4"}}};
+  EXPECT_EQ(TolerantJsonText(document), document.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 }  // namespace

@@ -152,13 +152,18 @@ constexpr PropertyRule kProperties[] = {
     {.name = "VerifyCertificate", .kind = kBoolean, .writableBy = kClient, .null = Null::kAccepted},
 };
 
+constexpr bool IsSorted(std::span<const PropertyRule> rules) {
+  return std::ranges::is_sorted(rules, {}, &PropertyRule::name);
+}
+static_assert(IsSorted(kProperties) && IsSorted(kSnmpMembers) && IsSorted(kSyslogFilterMembers), "FindRule needs it");
+
 }  // namespace
 
 std::span<const PropertyRule> EventDestinationProperties() { return kProperties; }
 
 const PropertyRule* FindRule(std::span<const PropertyRule> rules, std::string_view name) {
-  const auto rule = std::ranges::find(rules, name, &PropertyRule::name);
-  return rule == rules.end() ? nullptr : &*rule;
+  const auto rule = std::ranges::lower_bound(rules, name, {}, &PropertyRule::name);
+  return rule == rules.end() || rule->name != name ? nullptr : &*rule;
 }
 
 bool IsWritable(const PropertyRule& rule, bool isCreation) {

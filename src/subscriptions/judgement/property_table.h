@@ -62,7 +62,7 @@ struct PropertyRule {
 /// The properties of the resource, sorted by name.
 std::span<const PropertyRule> EventDestinationProperties();
 
-/// The rule for a name, null when there is none.
+/// The rule for a name, out of rules sorted by name; null when there is none.
 const PropertyRule* FindRule(std::span<const PropertyRule> rules, std::string_view name);
 
 /// Whether a client may write the property in a creation, or in a PATCH.

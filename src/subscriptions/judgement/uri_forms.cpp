@@ -109,7 +109,8 @@ bool IsUriOrHost(std::string_view text, std::string_view scheme, UserInfo taken)
 }
 
 bool IsHttpDestination(std::string_view text) {
-  return IsUriWithHost(text, "http", UserInfo::kNone) || IsUriWithHost(text, "https", UserInfo::kNone);
+  const bool isSecure = EqualIgnoringCase(text.substr(0, text.find(':')), "https");
+  return IsUriWithHost(text, isSecure ? "https" : "http", UserInfo::kNone);
 }
 
 bool IsSnmpDestination(std::string_view text) { return IsUriOrHost(text, "snmp", UserInfo::kNameAlone); }

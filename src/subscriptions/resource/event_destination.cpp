@@ -38,16 +38,17 @@ void AddAllowableValues(Json& object, std::string_view property, const ServiceSe
   object[Joined(property, kAllowableValues)] = std::move(values);
 }
 
-/// Copies the properties of the request, each in its stored form.
-bool ApplyBody(const Json& body, std::string_view passwordLine, Json& destination) {
-  for (const auto& [name, value] : body.items()) {
+/// Takes over the properties of the request, each in its stored form. Their names stay in the body.
+bool ApplyBody(Json& body, std::string_view passwordLine, Json& destination) {
+  for (auto& [name, value] : body.get_ref<Json::object_t&>()) {
+    Json& stored = destination[name];
     if (name == "SNMP" && value.is_object()) {
-      Json& snmp = destination[name] = Json::object();
-      if (!MergeSnmp(value, passwordLine, snmp)) return false;
+      stored = Json::object();
+      if (!MergeSnmp(value, passwordLine, stored)) return false;
       continue;
     }
     const std::optional<int64_t> number = WholeNumber(value);  // "2.5e1" is 25
-    destination[name] = number ? Json(*number) : value;
+    stored = number ? Json(*number) : std::move(value);
     SetCount(destination, name);
   }
   return true;
@@ -84,9 +85,10 @@ void AddAnnotations(const NewDestination& about, const ServiceSettings& settings
   if (about.isSse) return;
 
   if (!destination.contains("DeliveryRetryPolicy")) destination["DeliveryRetryPolicy"] = settings.defaultRetryPolicy;
-  destination["Actions"]["#EventDestination.ResumeSubscription"] = {
-      {"target", uri + "/Actions/EventDestination.ResumeSubscription"}, {"title", "ResumeSubscription"}};
-  destination["Status"] = {{"State", "Enabled"}};
+  Json& resume = destination["Actions"]["#EventDestination.ResumeSubscription"];
+  resume["target"] = uri + "/Actions/EventDestination.ResumeSubscription";
+  resume["title"] = "ResumeSubscription";
+  destination["Status"]["State"] = "Enabled";
   AddAllowableValues(destination, "DeliveryRetryPolicy", settings);
   if (const auto snmp = destination.find("SNMP"); snmp != destination.end() && snmp->is_object()) {
     AddSnmpAllowableValues(*snmp, settings);
@@ -130,8 +132,7 @@ Json BuildDefaultEventDestination(std::string_view privileges) {
   return destination;
 }
 
-std::optional<Json> BuildEventDestination(const Json& body, const NewDestination& about,
-                                          const ServiceSettings& settings) {
+std::optional<Json> BuildEventDestination(Json body, const NewDestination& about, const ServiceSettings& settings) {
   Json destination = BuildDefaultEventDestination(about.privileges);
   if (!ApplyBody(body, about.passwordLine, destination)) return std::nullopt;
   ApplyConsequences(body, about, destination);

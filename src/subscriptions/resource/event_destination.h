@@ -41,8 +41,7 @@ struct NewDestination {
 
 /// The resource that the body makes, complete but for "&&CRUDprefix", which a member gets when it has been written
 /// whole. The body has passed the creation's checks. Nothing when a secret cannot be encrypted.
-std::optional<Json> BuildEventDestination(const Json& body, const NewDestination& about,
-                                          const ServiceSettings& settings);
+std::optional<Json> BuildEventDestination(Json body, const NewDestination& about, const ServiceSettings& settings);
 
 /// The properties that every subscription starts with; those of the request replace them.
 Json BuildDefaultEventDestination(std::string_view privileges);

@@ -11,9 +11,9 @@ constexpr size_t kMostKnownPrefixes = 1024;
 
 /// Visits the strings of an array property; false when the property is missing or has no elements at all.
 template <typename Visitor>
-bool ForEachString(const Json& body, std::string_view property, const Visitor& visit) {
-  const auto found = body.find(property);
-  if (found == body.end() || !found->is_array()) return false;
+bool ForEachString(const Json& destination, std::string_view property, const Visitor& visit) {
+  const auto found = destination.find(property);
+  if (found == destination.end() || !found->is_array()) return false;
   for (const Json& element : *found) {
     if (element.is_string()) visit(std::string_view(element.get_ref<const std::string&>()));
   }
@@ -22,13 +22,13 @@ bool ForEachString(const Json& body, std::string_view property, const Visitor& v
 
 }  // namespace
 
-int32_t FilterMask(const Json& body, RegistryPrefixBits& bits) {
+int32_t FilterMask(const Json& destination, RegistryPrefixBits& bits) {
   int32_t mask = 0;
   // Joined, not added: a prefix may stand twice, and every prefix from the 32nd on shares the largest bit.
-  const bool hasPrefixes = ForEachString(body, "RegistryPrefixes", [&](std::string_view prefix) {
+  const bool hasPrefixes = ForEachString(destination, "RegistryPrefixes", [&](std::string_view prefix) {
     if (const auto bit = bits.find(prefix); bit != bits.end()) mask |= bit->second;
   });
-  const bool hasMessageIds = ForEachString(body, "MessageIds", [&](std::string_view messageId) {
+  const bool hasMessageIds = ForEachString(destination, "MessageIds", [&](std::string_view messageId) {
     const std::string_view prefix = messageId.substr(0, messageId.find('.'));
     if (const auto bit = bits.find(prefix); bit != bits.end()) {
       mask |= bit->second;

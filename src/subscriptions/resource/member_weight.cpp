@@ -18,7 +18,7 @@ size_t WeightOfName(std::string_view name) { return name.size() + 3; }
 
 // Recursion: documents nest within kMaxNesting.
 size_t Weight(const Json& value) {
-  if (!value.is_structured()) return JsonText(value).size();
+  if (!value.is_structured()) return JsonTextSize(value);
   size_t weight = WeightOfFrame(value.size());
   for (auto item = value.begin(); item != value.end(); ++item) {
     weight += Weight(*item) + (value.is_object() ? WeightOfName(item.key()) : 0);
@@ -107,6 +107,18 @@ std::optional<std::string> TooHeavyProperty(const PropertyWeights& weights) {
   for (const auto& [name, weight] : weights) total += WeightOfName(name) + weight;
   if (total <= kMostBytes) return std::nullopt;
   return std::ranges::max_element(weights, {}, &PropertyWeights::value_type::second)->first;
+}
+
+std::optional<std::string> TooHeavyProperty(const Json& member) {
+  size_t entries = 0;
+  size_t total = 0;
+  for (const auto& [name, value] : member.get_ref<const Json::object_t&>()) {
+    if (LooksLikeMarker(name)) continue;
+    ++entries;
+    total += WeightOfName(name) + Weight(value);
+  }
+  if (total + WeightOfFrame(entries) <= kMostBytes) return std::nullopt;  // as nearly always
+  return TooHeavyProperty(WeightsOf(member));
 }
 
 }  // namespace event_service

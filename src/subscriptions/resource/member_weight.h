@@ -16,7 +16,7 @@ namespace event_service {
 /// Name of a visible property -> the bytes of its value. Control fields have no weight.
 using PropertyWeights = std::map<std::string, size_t, std::less<>>;
 
-/// The weights of a member, or of some of its properties, as they are to be stored.
+/// The weights of a member's properties, or of some of them, as they are to be stored.
 PropertyWeights WeightsOf(const Json& properties);
 
 /// Asks for the weights of the member stored at `uri`, with all that is nested in it: it is weighed inside Redis, since
@@ -25,5 +25,6 @@ void AskWeights(RedisPipeline& pipeline, std::string_view uri, std::optional<Pro
 
 /// The heaviest property of a member that weighs more than 64 KiB; nothing for one that does not.
 std::optional<std::string> TooHeavyProperty(const PropertyWeights& weights);
+std::optional<std::string> TooHeavyProperty(const Json& member);
 
 }  // namespace event_service
