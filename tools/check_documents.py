@@ -33,8 +33,11 @@ NO_LINES = (
     "User Session",
 )
 
-# Raw strings and comments are left out; a text ends at the last of several that stand behind each other.
-NO_CODE = re.compile(r'R"(\w*)\(.*?\)\1"|("(?:\\.|[^"\\\n])*")|//[^\n]*|/\*.*?\*/|^\s*#\s*include[^\n]*', re.S | re.M)
+# Raw strings, assertions of the compiler, comments and includes are left out; a text ends at the last of several that
+# stand behind each other.
+NO_CODE = re.compile(
+    r'R"(\w*)\(.*?\)\1"|\bstatic_assert\([^;]*;|("(?:\\.|[^"\\\n])*")|//[^\n]*|/\*.*?\*/|^\s*#\s*include[^\n]*', re.S | re.M
+)
 TEXT = re.compile(r'"(?:\\.|[^"\\\n])*"(?:\s*"(?:\\.|[^"\\\n])*")*')
 FILLED_IN = re.compile(r"%[-+ #0-9.*]*(?:hh|h|ll|l|z)?[a-zA-Z]")
 
