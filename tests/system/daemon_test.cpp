@@ -19,8 +19,7 @@ void DaemonTest::SetUp() {
   RedisTest::SetUp();
   std::filesystem::remove(OutputFile());
   ChildProcess layOut;
-  layOut.Start({EVENT_SERVICE_SOURCE "/scripts/lay-out-sandbox", Sandbox().Root(), EVENT_SERVICE_BINARIES},
-               OutputFile());
+  layOut.Start({EVENT_SERVICE_SOURCE "/scripts/lay-out-sandbox", Sandbox().Root(), ProgramPath("")}, OutputFile());
   ASSERT_EQ(layOut.ExitStatus(), 0) << Output();
   FillRedis();
 }
@@ -35,8 +34,7 @@ void DaemonTest::TearDown() {
 }
 
 void DaemonTest::Launch() {
-  daemon_.Start({"env", "EVENT_SERVICE_ROOT=" + Sandbox().Root(), EVENT_SERVICE_BINARIES "/EventService"},
-                OutputFile());
+  daemon_.Start({"env", "EVENT_SERVICE_ROOT=" + Sandbox().Root(), ProgramPath("EventService")}, OutputFile());
 }
 
 bool DaemonTest::StartDaemon() {
@@ -53,7 +51,7 @@ bool DaemonTest::StartDaemon() {
 void DaemonTest::FillRedis() {
   ASSERT_TRUE(SendCommand(redis(), "FLUSHALL"));
   ChildProcess load;
-  load.Start({"env", "EVENT_SERVICE_ROOT=" + Sandbox().Root(), EVENT_SERVICE_BINARIES "/load_platform",
+  load.Start({"env", "EVENT_SERVICE_ROOT=" + Sandbox().Root(), ProgramPath("load_platform"),
               EVENT_SERVICE_SOURCE "/share/platform"},
              OutputFile());
   ASSERT_EQ(load.ExitStatus(), 0) << Output();

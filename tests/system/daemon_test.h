@@ -2,6 +2,7 @@
 /// side of a request.
 #pragma once
 
+#include <cstdlib>
 #include <string>
 
 #include "tests/support/child_process.h"
@@ -13,6 +14,12 @@ namespace event_service {
 inline const std::string kService = "/redfish/v1/EventService";
 inline const std::string kCollection = kService + "/Subscriptions";
 inline const std::string kTestEvent = kService + "/Actions/EventService.SubmitTestEvent";
+
+/// Where the programs under test are: in this build, or where EVENT_SERVICE_PROGRAMS says.
+inline std::string ProgramPath(const std::string& program) {
+  const char* folder = std::getenv("EVENT_SERVICE_PROGRAMS");
+  return std::string(folder != nullptr ? folder : EVENT_SERVICE_BINARIES) + "/" + program;
+}
 
 class DaemonTest : public RedisTest {
  protected:

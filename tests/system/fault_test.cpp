@@ -36,7 +36,7 @@ TEST_F(Faults, AFailedStartExitsWith255AndSaysWhy) {
     EXPECT_NE(Log().find(row.said), std::string::npos) << row.missing << "\n" << Log();
   }
   const std::string output = Sandbox().Root() + "/output";
-  daemon_.Start({"env", "EVENT_SERVICE_ROOT=/with blank", EVENT_SERVICE_BINARIES "/EventService"}, output);
+  daemon_.Start({"env", "EVENT_SERVICE_ROOT=/with blank", ProgramPath("EventService")}, output);
   EXPECT_EQ(daemon_.ExitStatus(), 255);
   EXPECT_NE(ReadFile(output).find("EVENT_SERVICE_ROOT is refused"), std::string::npos);
 }

@@ -247,12 +247,8 @@ size_t OpenDescriptors(pid_t pid) {
   return static_cast<size_t>(std::distance(begin(folder), end(folder)));
 }
 
-// What is measured is the daemon that ships, run by the machine itself.
-#if defined(NDEBUG) && defined(__x86_64__)
-constexpr bool kHasBudget = true;
-#else
-constexpr bool kHasBudget = false;
-#endif
+// What is measured is the daemon that ships, run by the machine itself: EVENT_SERVICE_PROGRAMS names where it is.
+bool HasBudget() { return std::getenv("EVENT_SERVICE_PROGRAMS") != nullptr; }
 
 TEST_F(Soak, TheIdleDaemonKeepsWithinItsBudget) {
   for (int i = 0; i < 20; ++i) Create({{"Destination", "https://c.example.com"}, {"Protocol", "Redfish"}});
@@ -271,7 +267,7 @@ TEST_F(Soak, TheIdleDaemonKeepsWithinItsBudget) {
   for (const auto& row : budget) {
     const long figure = StatusFigure(daemon_.Pid(), row.figure);
     std::printf("%s %ld KiB, at most %ld\n", row.figure, figure, row.most);
-    EXPECT_TRUE(!kHasBudget || figure <= row.most) << row.figure;
+    EXPECT_TRUE(!HasBudget() || figure <= row.most) << row.figure;
   }
 }
 
