@@ -1,6 +1,9 @@
 // The document in the database file and the changes made to it. The first line is a member or a change of one, the rest
 // is the document; in the place of the cipher stands a copy.
+#include <jansson.h>
+
 #include <filesystem>
+#include <set>
 #include <sstream>
 
 #include "resource_store/json_text.h"
@@ -36,7 +39,16 @@ int RunCommand(const std::string& command) {
 /// What a start would load; nothing where the loader would refuse the file.
 std::optional<CollectionFile> Loadable(const std::string& path) {
   std::string fault;
-  return ReadCollectionFile(path, kDbCollection, fault);
+  std::optional<CollectionFile> file = ReadCollectionFile(path, kDbCollection, fault);
+  Require(file.has_value() == fault.empty(), "a file that is refused has a fault");
+  std::set<std::string_view> uris;
+  for (size_t i = 0; file && i < file->members.size(); ++i) {
+    const CollectionFile::Member& member = file->members[i];
+    Require(member.uri.starts_with(std::string(kDbCollection) + "/"), "a member lies in the collection");
+    Require(uris.insert(member.uri).second, "and in no other's place");
+    Require(NestsWithin(member.document), "and the store can hold it");
+  }
+  return file;
 }
 
 const Json* FindMember(const CollectionFile& file, std::string_view uri) {

@@ -13,7 +13,7 @@ using namespace std::string_literals;
 // ---- Judged as values
 // ------------------------------------------------------------------------------------------------
 
-TEST(Judgement, EachFaultOfAValueHasItsMessage) {
+TEST(Judgement, EachFaultOfAPropertyHasItsMessage) {
   const struct {
     std::string body, faults;
   } patches[] = {
@@ -38,6 +38,9 @@ TEST(Judgement, EachFaultOfAValueHasItsMessage) {
   }
   EXPECT_EQ(Summary({{}, JudgeServicePatch({{"SMTP", {{"Port", 1}}}}, {}, false).messages}),
             " PropertyNotWritable(SMTP)");
+}
+
+TEST(Judgement, EachFaultOfAParameterHasItsMessage) {
   const struct {
     const char* parameters;
     std::string faults;

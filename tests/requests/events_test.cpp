@@ -57,6 +57,10 @@ TEST_F(EventServiceTest, ATestEventIsStoredAsAValidRedfishEventWithItsDefaults) 
     EXPECT_EQ(Dump()[key + "/Events"], "[&&Object " + key + "/Events/0]");
     for (const std::string& stored : EventKeys()) KeyDelete(redis(), stored);
   }
+}
+
+TEST_F(EventServiceTest, ATestEventOfTheDeliverySideIsNotAnswered) {
+  RegisterScript("enqueueEvent", "return 1");
   responseKey_ = kFromEventing;
   EXPECT_EQ(Summary(Submit()), "");
   EXPECT_FALSE(KeyExists(redis(), kFromEventing));
