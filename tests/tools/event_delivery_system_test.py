@@ -186,7 +186,7 @@ class EventDelivery(unittest.TestCase):
             self.arrives(path, "1 2 3 4")
         self.assertTrue(eventually(self.nothing_is_owed))
         # Said once by each of the two runs.
-        self.assertEqual(sandbox.logged().count("metric reports, SNMP, SMTP and syslog are left to others"), 2)
+        self.assertEqual(sandbox.logged().count("metric reports, heartbeats, SNMP, SMTP and syslog are left"), 2)
 
     def test_after_the_last_retry_a_subscription_is_suspended_or_deleted(self):
         paths = "/suspended", "/deleted", "/short"

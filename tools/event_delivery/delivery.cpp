@@ -31,17 +31,10 @@ RedisContext Connect() {
   return redis;
 }
 
-std::vector<std::string> Texts(const RedisReply& reply) {
-  std::vector<std::string> texts;
-  if (!IsArray(reply)) return texts;
-  for (size_t i = 0; i < reply->elements; ++i) texts.emplace_back(TextOf(reply->element[i]));
-  return texts;
-}
-
 std::map<std::string, std::string> Fields(const RedisReply& reply) {
   std::map<std::string, std::string> fields;
-  const std::vector<std::string> texts = Texts(reply);
-  for (size_t i = 0; i + 1 < texts.size(); i += 2) fields[texts[i]] = texts[i + 1];
+  const std::vector<std::string_view> texts = TextsOf(reply);
+  for (size_t i = 0; i + 1 < texts.size(); i += 2) fields.emplace(texts[i], texts[i + 1]);
   return fields;
 }
 
@@ -151,8 +144,8 @@ bool Delivery::Recover() {
   outbox_.AppendLedger(writes);
   writes.Append({"EXEC"});
   writes.Execute();
-  for (const std::string& text : Texts(stored[1])) {
-    if (!Dispatch(text)) return false;
+  for (const std::string_view text : TextsOf(stored[1])) {
+    if (!Dispatch(std::string(text))) return false;
   }
   return redis_->err == 0 && AwaitElement();
 }

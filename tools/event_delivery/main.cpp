@@ -68,8 +68,8 @@ int Run() {
   const int stop = StopDescriptor();
   Delivery delivery(ReadSettings());
   LogDebug(
-      "Delivers events to Redfish destinations and event streams; metric reports, SNMP, SMTP and syslog are left "
-      "to others.");
+      "Delivers events to Redfish destinations and event streams; metric reports, heartbeats, SNMP, SMTP and syslog "
+      "are left to others.");
   delivery.Run(stop);
   return 0;
 }

@@ -1,7 +1,6 @@
 #include "tools/event_delivery/subscription_finder.h"
 
 #include <algorithm>
-#include <deque>
 #include <utility>
 
 #include "foundation/logging.h"
@@ -25,11 +24,6 @@ std::string_view Unquoted(std::string_view text) {
   return text.size() >= 2 && text.starts_with('"') && text.ends_with('"') ? text.substr(1, text.size() - 2) : text;
 }
 
-std::span<redisReply* const> ElementsOf(const RedisReply& reply) {
-  if (!IsArray(reply)) return {};
-  return {reply->element, reply->elements};
-}
-
 void AppendServiceReads(RedisPipeline& pipeline) {
   pipeline.Append({"HMGET", kService, "ServiceEnabled", "DeliveryRetryAttempts", "DeliveryRetryIntervalSeconds"});
   pipeline.Append({"SISMEMBER", "&&AccessBlockList", "EventService"});
@@ -39,57 +33,39 @@ constexpr size_t kServiceReads = 2;
 /// What is missing or no number keeps its default.
 ServiceState TakeService(std::span<const RedisReply> replies) {
   ServiceState service;
-  const auto fields = ElementsOf(replies[0]);
+  const std::vector<std::string_view> fields = TextsOf(replies[0]);
   if (fields.size() != 3) return service;
   const bool isBlocked = IsInteger(replies[1]) && replies[1]->integer == 1;
-  service.isReady = IsString(fields[0]) && !isBlocked;
-  service.isEnabled = TextOf(fields[0]) == "true";
-  ParseInteger(TextOf(fields[1]), service.retry.attempts);
+  service.isReady = !fields[0].empty() && !isBlocked;
+  service.isEnabled = fields[0] == "true";
+  ParseInteger(fields[1], service.retry.attempts);
   uint32_t seconds = 0;
-  if (ParseInteger(TextOf(fields[2]), seconds) == std::errc{}) service.retry.interval = std::chrono::seconds(seconds);
+  if (ParseInteger(fields[2], seconds) == std::errc{}) service.retry.interval = std::chrono::seconds(seconds);
   return service;
 }
 
 std::vector<std::string> TakePrefixes(const RedisReply& reply) {
   std::vector<std::string> prefixes;
-  for (const redisReply* element : ElementsOf(reply)) prefixes.emplace_back(Unquoted(TextOf(element)));
+  for (const std::string_view element : TextsOf(reply)) prefixes.emplace_back(Unquoted(element));
   return prefixes;
 }
 
-/// Reads the members whole, all of them level by level in the same batches. False when Redis fails; a member that
-/// cannot be read is null.
-bool ReadMembers(redisContext* redis, std::span<const std::string> uris, std::vector<SubscriptionPtr>& members) {
-  struct Reading {
-    Json document;
-    std::optional<ResourceWalk> walk;
-  };
-  std::deque<Reading> readings(uris.size());
-  const ReadOptions wholeMember{.knownKind = ContainerKind::kObject, .withControlFields = true, .ownKeysOnly = true};
-  for (size_t i = 0; i < uris.size(); ++i) readings[i].walk.emplace(uris[i], wholeMember, &readings[i].document);
-  const auto isOpen = [](const Reading& reading) { return !reading.walk->HasFailed() && !reading.walk->Done(); };
-  while (std::ranges::any_of(readings, isOpen)) {
-    RedisPipeline pipeline(redis);
-    for (Reading& reading : readings) {
-      if (isOpen(reading)) reading.walk->AskLevel(pipeline);
-    }
-    pipeline.Execute();
-    if (redis->err != 0) return false;
+/// The member as it is; null when there is none, or none that can be read.
+SubscriptionPtr ReadMember(redisContext* redis, const std::string& uri) {
+  Json document;
+  ResourceWalk walk(uri, {.knownKind = ContainerKind::kObject, .withControlFields = true, .ownKeysOnly = true},
+                    &document);
+  while (!walk.Done()) {
+    if (!walk.ReadLevel(redis)) return nullptr;
   }
-  for (size_t i = 0; i < uris.size(); ++i) {
-    const bool isThere = !readings[i].walk->HasFailed() && !readings[i].document.empty();
-    members.push_back(isThere ? std::make_shared<const Subscription>(ParseSubscription(uris[i], readings[i].document))
-                              : nullptr);
-  }
-  return true;
+  return document.empty() ? nullptr : std::make_shared<const Subscription>(ParseSubscription(uri, document));
 }
 
-/// A resource as a client sees it; header values of a subscription are not shown, whether or not a client has asked for
-/// them before.
+/// A resource as a client sees it.
 std::optional<Json> ReadOrigin(redisContext* redis, const std::string& uri) {
   if (!uri.starts_with("/redfish/v1/")) return std::nullopt;
   std::optional<Json> resource = ReadForClient(redis, uri);
   if (!resource || !resource->is_object()) return std::nullopt;
-  if (resource->contains("HttpHeaders")) (*resource)["HttpHeaders"] = Json::array();
   return resource;
 }
 
@@ -116,12 +92,12 @@ SubscriptionFinder::Candidates SubscriptionFinder::ReadIndex(redisContext* redis
     if (!type.empty()) facts[record].resourceType = type;
     const int64_t bit = RegistryBit(prefixes, RegistryPrefixOf(facts[record].messageId));
     for (size_t key = firsts[record] + 1; key < firsts[record + 1]; ++key) {
-      const auto fields = ElementsOf(replies[key]);
+      const std::vector<std::string_view> fields = TextsOf(replies[key]);
       for (size_t i = 0; i + 1 < fields.size(); i += 2) {
         int64_t mask = -1;
-        ParseInteger(TextOf(fields[i + 1]), mask);
+        ParseInteger(fields[i + 1], mask);
         if (!MaskAdmits(mask, bit)) continue;
-        std::vector<size_t>& records = candidates[std::string(kMembers).append(TextOf(fields[i]))];
+        std::vector<size_t>& records = candidates[std::string(kMembers).append(fields[i])];
         if (records.empty() || records.back() != record) records.push_back(record);
       }
     }
@@ -170,31 +146,15 @@ std::optional<std::vector<SubscriptionPtr>> SubscriptionFinder::Refresh(redisCon
   const std::vector<RedisReply> replies = pipeline.Execute();
   if (redis->err != 0) return std::nullopt;
   service_ = TakeService(replies);
-  std::vector<SubscriptionPtr> found(uris.size());
-  std::vector<size_t> changed;
-  for (size_t i = 0; i < uris.size(); ++i) {
-    const auto known = known_.find(uris[i]);
-    const Json etag = Json::parse(TextOf(replies[kServiceReads + i]), nullptr, false);
-    const bool isAsKnown = known != known_.end() && etag.is_string() && !known->second->etag.empty() &&
-                           etag.get_ref<const std::string&>() == known->second->etag;
-    if (isAsKnown) {
-      found[i] = known->second;
-    } else {
-      changed.push_back(i);
-    }
-  }
-  std::vector<std::string> changedUris;
-  changedUris.reserve(changed.size());
-  for (const size_t i : changed) changedUris.push_back(uris[i]);
-  std::vector<SubscriptionPtr> members;
-  if (!ReadMembers(redis, changedUris, members)) return std::nullopt;
   if (known_.size() > kMostKnown) known_.clear();
-  for (size_t i = 0; i < changed.size(); ++i) {
-    if (!members[i]) {
-      known_.erase(changedUris[i]);
-      continue;
-    }
-    found[changed[i]] = known_[changedUris[i]] = members[i];
+  std::vector<SubscriptionPtr> found;
+  for (size_t i = 0; i < uris.size(); ++i) {
+    const std::string_view etag = TextOf(replies[kServiceReads + i]);
+    Memory& memory = known_[uris[i]];
+    if (etag.empty() || memory.etag != etag) memory = {std::string(etag), ReadMember(redis, uris[i])};
+    found.push_back(memory.subscription);
+    if (!memory.subscription) known_.erase(uris[i]);
+    if (redis->err != 0) return std::nullopt;
   }
   return found;
 }
@@ -211,7 +171,7 @@ void SubscriptionFinder::PassOver(const Subscription& subscription, Clock::time_
 
 SubscriptionPtr SubscriptionFinder::Known(const std::string& uri) const {
   const auto known = known_.find(uri);
-  return known == known_.end() ? nullptr : known->second;
+  return known == known_.end() ? nullptr : known->second.subscription;
 }
 
 void SubscriptionFinder::Forget(const std::string& uri) {

@@ -63,8 +63,12 @@ class SubscriptionFinder {
     std::string etag;
     Clock::time_point until;
   };
+  struct Memory {
+    std::string etag;  // as it is stored
+    SubscriptionPtr subscription;
+  };
   ServiceState service_;
-  std::map<std::string, SubscriptionPtr> known_;
+  std::map<std::string, Memory> known_;
   std::map<std::string, Rest> passedOver_;
 };
 
