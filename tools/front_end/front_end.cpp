@@ -22,16 +22,20 @@ void Hide(Json& document, std::string_view path) {
   if (value->is_array()) *value = Json::array();
 }
 
-// The reader bounds the depth of what it returns, and so the recursion.
-void StripReferencePrefixes(Json& value) {
+/// Control fields, and the prefixes of references. The reader bounds the depth of what it returns, and so the
+/// recursion.
+void StripBookkeeping(Json& value) {
   if (value.is_object()) {
+    for (auto member = value.begin(); member != value.end();) {
+      member = member.key().starts_with("&&") ? value.erase(member) : std::next(member);
+    }
     const auto id = value.find("@odata.id");
     if (id != value.end() && id->is_string() && id->get_ref<const std::string&>().starts_with("&&/")) {
       *id = id->get_ref<const std::string&>().substr(2);
     }
   }
   if (value.is_structured()) {
-    for (Json& member : value) StripReferencePrefixes(member);
+    for (Json& member : value) StripBookkeeping(member);
   }
 }
 
@@ -63,22 +67,27 @@ std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndReq
 }
 
 std::optional<Json> ReadForClient(redisContext* redis, const std::string& uri) {
-  RedisReply stored;
-  std::string sensitive;
-  RedisPipeline pipeline(redis);
-  pipeline.Ask({"HGETALL", uri}, [&](RedisReply& reply) { stored = std::move(reply); });
-  pipeline.Ask({"HGET", uri, "&&SensitiveData"}, [&](const RedisReply& reply) { sensitive = TextOf(reply); });
-  pipeline.Execute();
-  if (!IsArray(stored) || stored->elements == 0) return std::nullopt;
+  const RedisReply fields = SendArguments(redis, {"HGETALL", uri});
+  if (!IsArray(fields) || fields->elements == 0) return std::nullopt;
   Json document;
-  if (!ReadResource(redis, uri, stored.get(), document)) return Json(Json::value_t::discarded);
+  const bool isRead = ReadResource(redis, uri, fields.get(), document, {.withControlFields = true});
+  if (!isRead) return Json(Json::value_t::discarded);
+  ShowToClient(document);
+  return document;
+}
+
+void ShowToClient(Json& document) {
+  // Header values are secret whether or not a GET of their subscription has been prepared.
+  std::string sensitive = "HttpHeaders";
+  if (const auto paths = document.find("&&SensitiveData"); paths != document.end() && paths->is_string()) {
+    sensitive += "," + paths->get<std::string>();
+  }
   for (size_t begin = 0; begin < sensitive.size();) {
     const size_t end = std::min(sensitive.find(',', begin), sensitive.size());
     Hide(document, std::string_view(sensitive).substr(begin, end - begin));
     begin = end + 1;
   }
-  StripReferencePrefixes(document);
-  return document;
+  StripBookkeeping(document);
 }
 
 }  // namespace event_service

@@ -32,4 +32,7 @@ std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndReq
 /// stored cannot be read.
 std::optional<Json> ReadForClient(redisContext* redis, const std::string& uri);
 
+/// Makes the same of a resource that was read with its control fields.
+void ShowToClient(Json& document);
+
 }  // namespace event_service

@@ -69,21 +69,29 @@ redisContext* FrontEndLink::Redis() {
   return nullptr;
 }
 
-std::optional<RequestQueue> FrontEndLink::FindQueue(std::string_view method, std::string_view targetUri) {
+std::optional<RequestQueue> FrontEndLink::FindQueue(std::string_view method, std::string_view targetUri,
+                                                    ResourceWalk* walk) {
   redisContext* redis = Redis();
   if (redis == nullptr) return std::nullopt;
   const std::string resource(ResourceOf(targetUri));
   const std::string queue = "/" + std::string(method) + "Q";
   RequestQueue found;
   std::string kind;
+  const auto takeChannel = [&](const RedisReply& reply) { found.channel = FirstText(reply); };
   RedisPipeline pipeline(redis);
+  const auto execute = [&] {
+    if (walk != nullptr && !walk->HasFailed()) walk->AskLevel(pipeline);
+    pipeline.Execute();
+  };
   pipeline.Ask({"SISMEMBER", "&&AccessBlockList", "EventService"},
                [&](const RedisReply& reply) { found.isBlocked = IsInteger(reply) && reply->integer == 1; });
-  pipeline.Ask({"LRANGE", "&&" + resource + queue, "0", "0"},
-               [&](const RedisReply& reply) { found.channel = FirstText(reply); });
+  pipeline.Ask({"LRANGE", "&&" + resource + queue, "0", "0"}, takeChannel);
   pipeline.Ask({"HGET", resource, "&&CRUDprefix"}, [&](const RedisReply& reply) { kind = TextOf(reply); });
-  pipeline.Execute();
-  if (!kind.empty()) found.channel = FirstText(SendArguments(redis, {"LRANGE", kind + queue, "0", "0"}));
+  execute();
+  if (!kind.empty()) {
+    pipeline.Ask({"LRANGE", kind + queue, "0", "0"}, takeChannel);
+    execute();
+  }
   if (redis->err != 0) return std::nullopt;
   return found;
 }

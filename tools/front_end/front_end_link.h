@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "resource_store/resource_walk.h"
 #include "tools/front_end/front_end.h"
 
 namespace event_service {
@@ -36,8 +37,10 @@ class FrontEndLink {
   redisContext* Redis();
 
   /// The channel on which a request for this method is announced, from the queue of the resource or of its kind
-  /// ("&&CRUDprefix"). Nothing when Redis fails. One round trip, two for members of a collection.
-  std::optional<RequestQueue> FindQueue(std::string_view method, std::string_view targetUri);
+  /// ("&&CRUDprefix"). Nothing when Redis fails. One round trip, two for members of a collection; each takes a level of
+  /// `walk` with it, where there is one.
+  std::optional<RequestQueue> FindQueue(std::string_view method, std::string_view targetUri,
+                                        ResourceWalk* walk = nullptr);
 
   /// Stores, announces, waits, reads, removes. Nothing when Redis fails or the daemon does not answer in time; the
   /// request is withdrawn then, so that it is not carried out once nobody waits any more.

@@ -50,8 +50,15 @@ constexpr Route kRoutes[] = {
 constexpr int kRetryAfterSeconds = 5;
 
 bool Matches(std::string_view pattern, std::string_view path) {
-  return std::ranges::equal(Segments(pattern), Segments(path),
-                            [](std::string_view a, std::string_view b) { return a == "*" || a == b; });
+  size_t at = 0;
+  for (const char c : pattern) {
+    if (c == '*') {
+      at = std::min(path.find('/', at), path.size());
+    } else if (at == path.size() || path[at++] != c) {
+      return false;
+    }
+  }
+  return at == path.size();
 }
 
 /// The routes of a path, one for each method. An exact path goes before one with "*".
@@ -250,9 +257,12 @@ HttpAnswer Dispatch(Call& call, const std::vector<const Route*>& routes, const R
     return answer;
   }
   HttpAnswer answer = route->handle(call);
-  if (HasQuery(call, "only")) answer = OnlyMember(call, std::move(answer));
+  const bool isOnly = HasQuery(call, "only");
+  if (isOnly) answer = OnlyMember(call, std::move(answer));
   DescribeResource(call, answer);
-  if (answer.status < 400) answer.headers.emplace_back("Allow", AllowOf(RoutesOf(call.target.path)));
+  if (answer.status < 400) {
+    answer.headers.emplace_back("Allow", AllowOf(isOnly ? RoutesOf(call.target.path) : routes));
+  }
   return answer;
 }
 

@@ -9,6 +9,7 @@
 #include "tools/front_end/front_end_link.h"
 #include "tools/redfish_gateway/event_streams.h"
 #include "tools/redfish_gateway/http_message.h"
+#include "tools/redfish_gateway/prepared_resources.h"
 #include "tools/redfish_gateway/registries.h"
 #include "tools/redfish_gateway/request_body.h"
 #include "tools/redfish_gateway/sessions.h"
@@ -24,6 +25,7 @@ struct Gateway {
   std::map<std::string, Json> ownResources = {};  // by path
   std::string metadata = {};
   Sessions sessions = {};
+  PreparedResources prepared = {};
   /// Held alone from the check of a precondition to the end of the change that it guards, shared by all other changes.
   std::shared_timed_mutex changes = {};
 };

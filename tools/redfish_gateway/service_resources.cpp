@@ -61,22 +61,44 @@ std::optional<FrontEndAnswer> Ask(FrontEndLink& link, const FrontEndRequest& req
   return answer;
 }
 
-/// What is stored, after the daemon has prepared it where it has registered for that: which values are secret is known
-/// only then. What it answers means nothing here; another service may show the resource.
+struct StoredResource {
+  std::string channel;  // of who prepares a GET of it; empty: nobody
+  Json document;        // with its control fields; empty: there is none
+  bool isDamaged;
+};
+
+/// Nothing when Redis fails or the service is not ready.
+std::optional<StoredResource> ReadStored(FrontEndLink& link, const std::string& uri) {
+  StoredResource stored{};
+  ResourceWalk walk(uri, {.knownKind = ContainerKind::kObject, .withControlFields = true}, &stored.document);
+  const std::optional<RequestQueue> queue = link.FindQueue("GET", uri, &walk);
+  redisContext* const redis = link.Redis();
+  if (!queue || queue->isBlocked || redis == nullptr) return std::nullopt;
+  while (!walk.HasFailed() && !walk.Done()) walk.ReadLevel(redis);
+  if (redis->err != 0) return std::nullopt;
+  stored.channel = queue->channel;
+  stored.isDamaged = walk.HasFailed();
+  return stored;
+}
+
+/// What is stored, after the daemon has prepared it where it has registered for that: which keys are set is known only
+/// then. What it answers means nothing here; another service may show the resource.
 HttpAnswer Read(const Call& call, const std::string& uri) {
-  const FrontEndRequest request{.method = "GET", .targetUri = uri, .body = {}};
-  const std::optional<RequestQueue> queue = call.link.FindQueue(request.method, request.targetUri);
-  if (!queue || queue->isBlocked) return Unavailable(call.gateway);
-  if (!queue->channel.empty() && !Ask(call.link, request, queue->channel)) return Unavailable(call.gateway);
-  redisContext* redis = call.link.Redis();
-  std::optional<Json> document = redis == nullptr ? std::nullopt : ReadForClient(redis, uri);
-  if (redis == nullptr || redis->err != 0) return Unavailable(call.gateway);
-  if (!document) return NotFound(call);
-  if (document->is_discarded()) {
+  std::optional<StoredResource> stored = ReadStored(call.link, uri);
+  const bool isThere = stored && !stored->isDamaged && !stored->document.empty();
+  if (isThere && !stored->channel.empty() && !call.gateway.prepared.Holds(uri, stored->document)) {
+    const FrontEndRequest request{.method = "GET", .targetUri = uri, .body = {}};
+    stored = Ask(call.link, request, stored->channel) ? ReadStored(call.link, uri) : std::nullopt;
+    if (stored && !stored->isDamaged) call.gateway.prepared.Keep(uri, stored->document);
+  }
+  if (!stored) return Unavailable(call.gateway);
+  if (stored->isDamaged) {
     LogError("%s cannot be read: what is stored there is damaged.", uri.c_str());
     return Refuse(call.gateway, 500, "Base.1.12.InternalError");
   }
-  return {.document = std::move(*document)};
+  if (stored->document.empty()) return NotFound(call);
+  ShowToClient(stored->document);
+  return {.document = std::move(stored->document)};
 }
 
 /// The queue for a request; nothing when there is no Redis, when the daemon is not ready, or when nobody takes it.

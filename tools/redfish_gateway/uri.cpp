@@ -45,28 +45,26 @@ std::string_view WithoutServer(std::string_view target) {
   return target.substr(std::min(path, target.size()));
 }
 
-bool IsResourceSegment(std::string_view segment) { return !segment.empty() && segment != "." && segment != ".."; }
-
-}  // namespace
-
-std::vector<std::string_view> Segments(std::string_view path) {
-  std::vector<std::string_view> segments;
+/// True when every segment of a path can be a resource's name.
+bool NamesResource(std::string_view path) {
   while (path.starts_with('/')) {
     path.remove_prefix(1);
-    const size_t end = std::min(path.find('/'), path.size());
-    segments.push_back(path.substr(0, end));
-    path.remove_prefix(end);
+    const std::string_view segment = path.substr(0, path.find('/'));
+    if (segment.empty() || segment == "." || segment == "..") return false;
+    path.remove_prefix(segment.size());
   }
-  return segments;
+  return path.empty();
 }
+
+}  // namespace
 
 std::optional<RequestTarget> ParseTarget(std::string_view target) {
   target = WithoutServer(target);
   const size_t mark = std::min(target.find('?'), target.size());
   std::optional<std::string> path = Decode(target.substr(0, mark), false);
-  if (!path || !path->starts_with('/')) return std::nullopt;
+  if (!path || path->empty()) return std::nullopt;
   if (path->size() > 1 && path->ends_with('/')) path->pop_back();
-  if (!std::ranges::all_of(Segments(*path), IsResourceSegment)) return std::nullopt;
+  if (!NamesResource(*path)) return std::nullopt;
 
   RequestTarget parsed{std::move(*path), {}};
   std::string_view query = target.substr(std::min(mark + 1, target.size()));

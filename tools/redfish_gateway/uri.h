@@ -18,7 +18,4 @@ struct RequestTarget {
 /// in its encoded form), and where a percent-encoding is broken or stands for a control character or no UTF-8.
 std::optional<RequestTarget> ParseTarget(std::string_view target);
 
-/// The segments of a path: "/redfish/v1" has two.
-std::vector<std::string_view> Segments(std::string_view path);
-
 }  // namespace event_service
