@@ -14,6 +14,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -155,7 +156,6 @@ std::string EventText() {
       .dump();
 }
 
-InProcessDaemon* theDaemon = nullptr;  // main's
 Listener* theListener = nullptr;
 
 /// Replaces all subscriptions by so many to this origin and so many to another.
@@ -265,15 +265,6 @@ void UseTheRealScripts() {
   }
 }
 
-/// What the system says about the program's memory.
-void PrintMemory(pid_t pid) {
-  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
-  for (const char* name : {"VmRSS", "RssAnon"}) {
-    const size_t begin = std::min(status.find(name), status.size());
-    std::printf("%s\n", status.substr(begin, status.find('\n', begin) - begin).c_str());
-  }
-}
-
 BENCHMARK(EventTo100)->UseManualTime();
 BENCHMARK(FindTenAmong200)->UseManualTime()->Iterations(10);
 BENCHMARK(EventsASecond)->Arg(1)->Arg(100)->UseManualTime();
@@ -284,16 +275,11 @@ BENCHMARK(TestEventToArrival)->UseManualTime();
 
 int main(int argc, char** argv) {
   using namespace event_service;
-  StayOnOneCpu();
-  InProcessDaemon daemon;
-  theDaemon = &daemon;
-  UseTheRealScripts();
   Listener listener;
   theListener = &listener;
-  ChildProcess delivery;
-  const std::string& configuration = ProcessPaths().redisConfiguration;
-  const std::string root = configuration.substr(0, configuration.size() - FilePaths().redisConfiguration.size());
-  delivery.Start({"env", "EVENT_SERVICE_ROOT=" + root, EVENT_DELIVERY}, root + "/event-delivery.output");
-  RunBenchmarks(argc, argv);
-  PrintMemory(delivery.Pid());
+  std::optional<ToolBesideDaemon> delivery;
+  return RunBesideDaemon(argc, argv, [&] {
+    UseTheRealScripts();
+    delivery.emplace(EVENT_DELIVERY);
+  });
 }

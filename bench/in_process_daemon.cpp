@@ -73,6 +73,29 @@ void InProcessDaemon::AwaitListener(std::string_view channel) const {
   while (SendArguments(redis_.get(), {"PUBLISH", channel, "nothing"})->integer == 0) sched_yield();
 }
 
+InProcessDaemon* theDaemon = nullptr;
+
+int RunBesideDaemon(int argc, char** argv, const std::function<void()>& prepare) {
+  StayOnOneCpu();
+  InProcessDaemon daemon;
+  theDaemon = &daemon;
+  prepare();
+  RunBenchmarks(argc, argv);
+  return 0;
+}
+
+ToolBesideDaemon::ToolBesideDaemon(const char* program) {
+  process_.Start({"env", "EVENT_SERVICE_ROOT=" + theDaemon->Root(), program}, theDaemon->Root() + "/tool.output");
+}
+
+ToolBesideDaemon::~ToolBesideDaemon() {
+  const std::string status = ReadFile("/proc/" + std::to_string(process_.Pid()) + "/status");
+  for (const char* name : {"VmRSS", "RssAnon"}) {
+    const size_t begin = std::min(status.find(name), status.size());
+    std::printf("%s\n", status.substr(begin, status.find('\n', begin) - begin).c_str());
+  }
+}
+
 Snapshot::Snapshot(redisContext* redis) {
   for (std::string& key : KeyListing(redis, "*")) {
     const RedisReply dump = SendArguments(redis, {"DUMP", key});

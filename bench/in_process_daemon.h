@@ -2,12 +2,14 @@
 /// again from the same beginning.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "foundation/redis_commands.h"
+#include "tests/support/child_process.h"
 #include "tests/support/redis_server.h"
 #include "tests/support/sandbox_root.h"
 #include "tools/front_end/front_end.h"
@@ -20,6 +22,7 @@ class InProcessDaemon {
   InProcessDaemon();
 
   redisContext* Redis() const { return redis_.get(); }
+  const std::string& Root() const { return sandbox_.Root(); }
 
   /// Runs `entry` as a thread of its own, for as long as the process runs.
   static void StartThread(void* (*entry)(void*));
@@ -30,6 +33,23 @@ class InProcessDaemon {
   SandboxRoot sandbox_;
   RedisServer server_;
   RedisContext redis_;
+};
+
+/// That of RunBesideDaemon.
+extern InProcessDaemon* theDaemon;
+
+/// The main function of a benchmark beside the daemon: stays on one CPU, starts the daemon, calls `prepare`, runs the
+/// benchmarks.
+int RunBesideDaemon(int argc, char** argv, const std::function<void()>& prepare);
+
+/// A program of the build that serves this daemon's Redis. At its end it says what memory it has come to use.
+class ToolBesideDaemon {
+ public:
+  explicit ToolBesideDaemon(const char* program);
+  ~ToolBesideDaemon();
+
+ private:
+  ChildProcess process_;
 };
 
 /// Everything that Redis holds, to be brought back.

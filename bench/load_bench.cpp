@@ -15,8 +15,6 @@ namespace {
 
 constexpr const char* kEchoChannel = "echo";
 
-InProcessDaemon* theDaemon = nullptr;  // main's
-
 using Clock = std::chrono::steady_clock;
 
 void* Echo(void*) {
@@ -152,11 +150,8 @@ BENCHMARK(Patches)->Arg(1)->Arg(8)->Arg(64)->UseManualTime()->Unit(benchmark::kM
 
 int main(int argc, char** argv) {
   using namespace event_service;
-  StayOnOneCpu();
-  InProcessDaemon daemon;
-  theDaemon = &daemon;
-  InProcessDaemon::StartThread(Echo);
-  daemon.AwaitListener(kEchoChannel);
-  RunBenchmarks(argc, argv);
-  return 0;
+  return RunBesideDaemon(argc, argv, [] {
+    InProcessDaemon::StartThread(Echo);
+    theDaemon->AwaitListener(kEchoChannel);
+  });
 }

@@ -83,8 +83,6 @@ void* Echo(void*) {
   return nullptr;
 }
 
-InProcessDaemon* theDaemon = nullptr;  // main's
-
 double SecondsUntilAnswer(redisContext* subscriber, std::string_view channel, const std::string& announcement) {
   return SecondsOf([&] {
     SendArguments(theDaemon->Redis(), {"PUBLISH", channel, announcement});
@@ -232,13 +230,10 @@ extern "C" ssize_t send(int socket, const void* data, size_t size, int flags) {
 
 int main(int argc, char** argv) {
   using namespace event_service;
-  StayOnOneCpu();
-  InProcessDaemon daemon;
-  theDaemon = &daemon;
-  InProcessDaemon::StartThread(Replay);
-  InProcessDaemon::StartThread(Echo);
-  daemon.AwaitListener(kReplayChannel);
-  daemon.AwaitListener(kEchoChannel);
-  RunBenchmarks(argc, argv);
-  return 0;
+  return RunBesideDaemon(argc, argv, [] {
+    InProcessDaemon::StartThread(Replay);
+    InProcessDaemon::StartThread(Echo);
+    theDaemon->AwaitListener(kReplayChannel);
+    theDaemon->AwaitListener(kEchoChannel);
+  });
 }
