@@ -96,7 +96,8 @@ void Change(benchmark::State& state) {
   const std::string text = DocumentOf(static_cast<int>(state.range(0))).dump();
   SubscriptionDb db({.paths = paths});
   WriteFile(paths.plainDatabaseFile, text);
-  if (!db.File().Password().EnsureDbPassword() || !db.File().EncodeDbFile()) throw std::runtime_error("no database file");
+  if (!db.File().Password().EnsureDbPassword() || !db.File().EncodeDbFile())
+    throw std::runtime_error("no database file");
   const Floor floor(paths, folder);
 
   Times shell, least, whole;
