@@ -81,6 +81,11 @@ std::optional<StoredResource> ReadStored(FrontEndLink& link, const std::string& 
   return stored;
 }
 
+Json EtagIn(const Json& document) {
+  const auto etag = document.find("@odata.etag");
+  return etag == document.end() ? Json() : *etag;
+}
+
 /// What is stored, after the daemon has prepared it where it has registered for that: which keys are set is known only
 /// then. What it answers means nothing here; another service may show the resource.
 HttpAnswer Read(const Call& call, const std::string& uri) {
@@ -88,8 +93,11 @@ HttpAnswer Read(const Call& call, const std::string& uri) {
   const bool isThere = stored && !stored->isDamaged && !stored->document.empty();
   if (isThere && !stored->channel.empty() && !call.gateway.prepared.Holds(uri, stored->document)) {
     const FrontEndRequest request{.method = "GET", .targetUri = uri, .body = {}};
+    const Json former = EtagIn(stored->document);
     stored = Ask(call.link, request, stored->channel) ? ReadStored(call.link, uri) : std::nullopt;
-    if (stored && !stored->isDamaged) call.gateway.prepared.Keep(uri, stored->document);
+    // What has been changed meanwhile may have been prepared as it was before.
+    const bool isPrepared = stored && !stored->isDamaged && EtagIn(stored->document) == former;
+    if (isPrepared) call.gateway.prepared.Keep(uri, stored->document);
   }
   if (!stored) return Unavailable(call.gateway);
   if (stored->isDamaged) {
