@@ -133,11 +133,12 @@ void BareDiscovery(redisContext* redis) {
 
 void RunDiscovery(redisContext* redis) {
   RedisPipeline pipeline(redis);
-  DiscoveryReads reads(pipeline);
-  std::vector<RedisReply> replies = pipeline.Execute();
-  reads.Take(replies);
-  if (!InitResourceTypes(redis, reads.resourceTypes)) throw std::runtime_error("no resource types");
-  if (!InitRegistryPrefixes(redis, ProcessPaths(), reads.registryPrefixes)) throw std::runtime_error("no prefixes");
+  FilterLists lists;
+  lists.Ask(pipeline);
+  pipeline.Execute();
+  lists.AskPrefixes(pipeline);
+  pipeline.Execute();
+  if (!lists.Fill(redis, ServiceSettings())) throw std::runtime_error("no lists");
   pipeline.Append({"KEYS", kMessageKeys});
   pipeline.Append({"LRANGE", kResourceTypesKey, "0", "-1"});
   pipeline.Append({"LRANGE", kRegistryPrefixesKey, "0", "-1"});

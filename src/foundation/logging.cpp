@@ -14,23 +14,17 @@
 #include <optional>
 #include <system_error>
 
+#include "foundation/configuration.h"
 #include "foundation/open_file.h"
 #include "foundation/shell.h"
 #include "foundation/text_numbers.h"
 #include "foundation/time_stamp.h"
-#include "platform/conf_parser/conf_parser.h"
 
 namespace event_service {
 namespace {
 
 // Written by main (and by tests); threads only read it.
 std::atomic<const Logger*> processLogger = nullptr;
-
-std::optional<std::string> Setting(const std::string& configurationFile, const char* key) {
-  char value[128];
-  if (getPropertyValue(configurationFile.c_str(), "=", key, value, sizeof value) != 0) return std::nullopt;
-  return value;
-}
 
 /// "Mar  7 04:05:06 1772856306 ", or the seconds alone after a message on standard error.
 std::string TimeText(time_t now) {
@@ -95,20 +89,21 @@ std::string Printable(std::string_view text) {
 }
 
 void Logger::Initialise(const std::string& configurationFile) {
-  const std::optional<std::string> systemLogger = Setting(configurationFile, "LOG_SYSTEM");
-  if (systemLogger && RunShell("pidof " + *systemLogger) == 0) {
-    std::fprintf(stderr, "%s is found. Messages will be written to stderr.\n", systemLogger->c_str());
+  const auto value = [&](const SettingKey& key) { return ReadSetting(configurationFile, key); };
+  const std::string systemLogger = value(SettingNamed("LOG_SYSTEM"));
+  if (!systemLogger.empty() && RunShell("pidof " + systemLogger) == 0) {
+    std::fprintf(stderr, "%s is found. Messages will be written to stderr.\n", systemLogger.c_str());
     return;
   }
-  path_ = Setting(configurationFile, "LOG_FILE").value_or("");
-  const std::string backup = Setting(configurationFile, "LOG_FILE_BAK").value_or("");
-  const std::string limit = Setting(configurationFile, "LOG_FILE_SIZE").value_or("");
+  path_ = value(SettingNamed("LOG_FILE"));
+  const std::string backup = value(SettingNamed("LOG_FILE_BAK"));
+  const std::string limit = value(SettingNamed("LOG_FILE_SIZE"));
   if (!limit.empty()) {
     const std::errc error = ParseInteger(limit, sizeLimit_);
     if (error != std::errc{}) std::fprintf(stderr, "Error: %s\n", std::make_error_code(error).message().c_str());
     sizeLimit_ = std::max(sizeLimit_, 0);
   }
-  if (Setting(configurationFile, "LOG_LEVEL") == "error") level_ = 0;
+  if (value(SettingNamed("LOG_LEVEL")) == "error") level_ = 0;
 
   if (path_.empty()) {
     std::fputs("Log filename is not specified. Messages will be written to stderr.\n", stderr);

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 #include "foundation/logging.h"
 #include "foundation/text_numbers.h"
-#include "platform/conf_parser/conf_parser.h"
 #include "service/redis_keys.h"
 
 namespace event_service {
@@ -43,7 +43,18 @@ void SortAndRemoveRepeats(std::vector<std::string>& texts) {
 }
 
 /// Only a length above 0 says that the list is there; a failed one does not.
-bool HasElements(const redisReply* length) { return IsInteger(length) && length->integer > 0; }
+bool HasElements(const RedisReply& length) { return IsInteger(length) && length->integer > 0; }
+
+/// The bits of the prefixes in this order, which may stand in quotes: 1, 2, 4, ... up to the largest 32-bit value,
+/// which the 32nd and all later ones get. A prefix that comes again keeps its first bit.
+RegistryPrefixBits MakeRegistryPrefixBits(const std::vector<std::string_view>& prefixes) {
+  RegistryPrefixBits bits;
+  for (size_t i = 0; i < prefixes.size(); ++i) {
+    const int32_t bit = i < 31 ? int32_t{1} << i : std::numeric_limits<int32_t>::max();
+    bits.emplace(WithoutQuotes(prefixes[i]), bit);
+  }
+  return bits;
+}
 
 }  // namespace
 
@@ -89,38 +100,37 @@ std::optional<std::string> MessageIdOf(std::string_view key) {
   return id;
 }
 
-DiscoveryReads::DiscoveryReads(RedisPipeline& pipeline) : first_(pipeline.Append({"LLEN", kResourceTypesKey})) {
-  pipeline.Append({"LRANGE", "&&/redfish/v1/JsonSchemas/Members", "0", "-1"});
-  pipeline.Append({"LLEN", kRegistryPrefixesKey});
-  pipeline.Append({"KEYS", kRegistryKeys});
+void FilterLists::Ask(RedisPipeline& pipeline) {
+  pipeline.Ask({"LLEN", kResourceTypesKey},
+               [this](const RedisReply& reply) { hasResourceTypes_ = HasElements(reply); });
+  pipeline.Ask({"LRANGE", "&&/redfish/v1/JsonSchemas/Members", "0", "-1"},
+               [this](RedisReply& reply) { schemas_ = std::move(reply); });
+  pipeline.Ask({"LLEN", kRegistryPrefixesKey},
+               [this](const RedisReply& reply) { hasRegistryPrefixes_ = HasElements(reply); });
+  pipeline.Ask({"KEYS", kRegistryKeys}, [this](RedisReply& reply) { registryKeys_ = std::move(reply); });
 }
 
-void DiscoveryReads::Take(std::span<RedisReply> replies) {
-  const std::span<RedisReply> own = replies.subspan(first_);
-  resourceTypes = {std::move(own[0]), std::move(own[1])};
-  registryPrefixes = {std::move(own[2]), std::move(own[3])};
-}
-
-void DiscoveryReads::AppendPrefixes(RedisPipeline& pipeline) {
-  first_ = pipeline.Size();
-  if (HasElements(registryPrefixes.length.get())) return;
-  for (const std::string_view key : TextsOf(registryPrefixes.source)) {
-    pipeline.Append({"HGET", key, "RegistryPrefix"});
+void FilterLists::AskPrefixes(RedisPipeline& pipeline) {
+  if (hasRegistryPrefixes_) return;
+  for (const std::string_view key : TextsOf(registryKeys_)) {
+    pipeline.Ask({"HGET", key, "RegistryPrefix"}, [this](const RedisReply& prefix) {
+      if (IsString(prefix) && prefix->len > 0) prefixes_.emplace_back(TextOf(prefix));
+    });
   }
 }
 
-void DiscoveryReads::TakePrefixes(std::span<RedisReply> replies) {
-  std::ranges::move(replies.subspan(first_), std::back_inserter(registryPrefixes.prefixes));
+bool FilterLists::Fill(redisContext* redis, const ServiceSettings& settings) const {
+  return FillResourceTypes(redis) && FillRegistryPrefixes(redis, settings);
 }
 
-bool InitResourceTypes(redisContext* redis, const ListReads& reads) {
-  if (HasElements(reads.length.get())) return true;
-  if (!IsArray(reads.source)) {
+bool FilterLists::FillResourceTypes(redisContext* redis) const {
+  if (hasResourceTypes_) return true;
+  if (!IsArray(schemas_)) {
     LogError("Cannot get the list of schema.");
     return false;
   }
   std::vector<std::string> types;
-  for (const std::string_view element : TextsOf(reads.source)) {
+  for (const std::string_view element : TextsOf(schemas_)) {
     const std::optional<std::string_view> name = SchemaNameOf(element);
     if (!name || std::ranges::find(kNoResourceTypes, *name) != std::end(kNoResourceTypes)) continue;
     types.push_back('"' + std::string(*name) + '"');
@@ -133,17 +143,13 @@ bool InitResourceTypes(redisContext* redis, const ListReads& reads) {
   return ListBatchAppend(redis, kResourceTypesKey, types);
 }
 
-bool InitRegistryPrefixes(redisContext* redis, const FilePaths& paths, const ListReads& reads) {
-  if (getConfigValue(paths.configuration, "EnableFilterRegistryPrefixes", 128) == "false") {
+bool FilterLists::FillRegistryPrefixes(redisContext* redis, const ServiceSettings& settings) const {
+  if (!settings.offersRegistryPrefixes) {
     KeyDelete(redis, kRegistryPrefixesKey);
     return true;
   }
-  if (HasElements(reads.length.get())) return true;
-
-  std::vector<std::string> prefixes;
-  for (const RedisReply& prefix : reads.prefixes) {
-    if (IsString(prefix) && prefix->len > 0) prefixes.emplace_back(TextOf(prefix));
-  }
+  if (hasRegistryPrefixes_) return true;
+  std::vector<std::string> prefixes = prefixes_;
   SortAndRemoveRepeats(prefixes);
   if (prefixes.empty()) {
     LogError("Cannot find any defined RegistryPrefix.");
@@ -165,6 +171,25 @@ void InitMessageIds(const redisReply* messageKeys, AllowedValuesTable& allowedVa
     return;
   }
   allowedValues["MessageIds"] = std::move(ids);
+}
+
+void AskDiscovered(RedisPipeline& pipeline, Discovered& discovered) {
+  const auto into = [](RedisReply& found) { return [&found](RedisReply& reply) { found = std::move(reply); }; };
+  pipeline.Ask({"KEYS", kMessageKeys}, into(discovered.messageKeys));
+  pipeline.Ask({"LRANGE", kResourceTypesKey, "0", "-1"}, into(discovered.resourceTypes));
+  pipeline.Ask({"LRANGE", kRegistryPrefixesKey, "0", "-1"}, into(discovered.registryPrefixes));
+  pipeline.Ask({"HGET", kEventServiceUri, "SubordinateResourcesSupported"}, into(discovered.subordinateResources));
+  pipeline.Ask({"HGET", kEventServiceUri, "IncludeOriginOfConditionSupported"}, into(discovered.originOfCondition));
+}
+
+void TakeDiscovered(const Discovered& discovered, ServiceSettings& settings, SubscriptionsState& state) {
+  InitMessageIds(discovered.messageKeys.get(), settings.allowedValues);
+  const std::vector<std::string_view> prefixesInOrder = TextsOf(discovered.registryPrefixes);
+  state.registryPrefixBits = MakeRegistryPrefixBits(prefixesInOrder);
+  settings.allowedValues["ResourceTypes"] = SortedOnce(TextsOf(discovered.resourceTypes));
+  settings.allowedValues["RegistryPrefixes"] = SortedOnce(prefixesInOrder);
+  settings.subordinateResourcesSupported = TextOf(discovered.subordinateResources) == "true";
+  settings.includeOriginOfConditionSupported = TextOf(discovered.originOfCondition) == "true";
 }
 
 std::vector<std::string> SortedOnce(std::span<const std::string_view> texts) {

@@ -29,44 +29,47 @@ std::optional<std::string_view> SchemaNameOf(std::string_view element);
 /// The pattern is "^&&/redfish/v1/schemas/registries/(\w+)\.(\d+\.\d+).*/Messages/(\w+)".
 std::optional<std::string> MessageIdOf(std::string_view key);
 
-/// What a list is made from: its length as it stands, and where its elements come from.
-struct ListReads {
-  RedisReply length;
-  RedisReply source;
-  std::vector<RedisReply> prefixes{};  // of the registries that `source` names
-};
-
-/// The reads for both lists, appended to a pipeline and taken out of its replies again: they travel together, and with
-/// what else the pipeline holds.
-class DiscoveryReads {
+/// The lists "ResourceTypes" and "RegistryPrefixes" of the EventService, in three steps: two ask in a batch of the
+/// caller's each, for which this object stays where it is; the third writes.
+class FilterLists {
  public:
-  explicit DiscoveryReads(RedisPipeline& pipeline);
-  void Take(std::span<RedisReply> replies);
+  /// Asks how long the lists are and what they are made from.
+  void Ask(RedisPipeline& pipeline);
 
-  /// In a second batch: the prefixes of all registries, unless the list is there already.
-  void AppendPrefixes(RedisPipeline& pipeline);
-  void TakePrefixes(std::span<RedisReply> replies);
+  /// Asks, in a later batch, for the prefixes of the registries that have been found, unless the list is there already.
+  void AskPrefixes(RedisPipeline& pipeline);
 
-  ListReads resourceTypes;
-  ListReads registryPrefixes;
+  /// Fills each list unless it has elements; removes that of the prefixes when none are offered. False, after a logged
+  /// line, when the schemas could not be read, there is nothing to fill a list with, or the connection breaks.
+  [[nodiscard]] bool Fill(redisContext* redis, const ServiceSettings& settings) const;
 
  private:
-  size_t first_;  // of what was appended last
+  bool FillResourceTypes(redisContext* redis) const;
+  bool FillRegistryPrefixes(redisContext* redis, const ServiceSettings& settings) const;
+
+  bool hasResourceTypes_ = false;
+  RedisReply schemas_;
+  bool hasRegistryPrefixes_ = false;
+  RedisReply registryKeys_;
+  std::vector<std::string> prefixes_;
 };
-
-/// Fills the list "ResourceTypes" of the EventService unless it has elements. False, after a logged line, when the
-/// schemas could not be read, none is left, or the connection breaks.
-bool InitResourceTypes(redisContext* redis, const ListReads& reads);
-
-/// Fills the list "RegistryPrefixes" of the EventService unless it has elements; removes it when the configuration says
-/// "EnableFilterRegistryPrefixes=false". False, after a logged line, when there is none or the connection breaks.
-bool InitRegistryPrefixes(redisContext* redis, const FilePaths& paths, const ListReads& reads);
 
 /// The pattern of the keys that InitMessageIds takes.
 inline constexpr std::string_view kMessageKeys = "&&/redfish/v1/schemas/registries/*.*/Messages/*";
 
 /// Sets the allowed "MessageIds" to the ids that the keys stand for; logged, and nothing set, when there is none.
 void InitMessageIds(const redisReply* messageKeys, AllowedValuesTable& allowedValues);
+
+/// What clients may filter by and what the service can do, as Redis tells it.
+struct Discovered {
+  RedisReply messageKeys, resourceTypes, registryPrefixes, subordinateResources, originOfCondition;
+};
+
+/// Asks for all of it in a batch; `discovered` stays where it is until then.
+void AskDiscovered(RedisPipeline& pipeline, Discovered& discovered);
+
+/// Sets the allowed values, the filter bits and the flags.
+void TakeDiscovered(const Discovered& discovered, ServiceSettings& settings, SubscriptionsState& state);
 
 /// The texts in ascending order, each once.
 std::vector<std::string> SortedOnce(std::span<const std::string_view> texts);

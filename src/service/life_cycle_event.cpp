@@ -3,34 +3,34 @@
 #include <atomic>
 #include <vector>
 
+#include "foundation/configuration.h"
 #include "foundation/logging.h"
-#include "platform/conf_parser/conf_parser.h"
 #include "service/redis_keys.h"
 
 namespace event_service {
 namespace {
 
-enum class Setting { kNotRead, kOff, kOn };
+enum class Wanted { kNotRead, kOff, kOn };
 
 // Either listener may fill it in: both read the same file.
-std::atomic<Setting> setting{Setting::kNotRead};
+std::atomic<Wanted> wanted{Wanted::kNotRead};
 
 }  // namespace
 
 bool LifeCycleEventsEnabled() {
-  Setting known = setting.load();
-  if (known == Setting::kNotRead) {
-    const bool enabled = getConfigValue(ProcessPaths().configuration, "GenerateResourceEvent", 128) != "false";
+  Wanted known = wanted.load();
+  if (known == Wanted::kNotRead) {
+    const bool enabled = ReadSetting(ProcessPaths().configuration, SettingNamed("GenerateResourceEvent")) != "false";
     // The thread that is first says so; one that comes second takes the first one's value.
-    if (setting.compare_exchange_strong(known, enabled ? Setting::kOn : Setting::kOff)) {
+    if (wanted.compare_exchange_strong(known, enabled ? Wanted::kOn : Wanted::kOff)) {
       LogDebug("EventService will %sgenerate events when resource is created/updated/removed.", enabled ? "" : "not ");
       return enabled;
     }
   }
-  return known == Setting::kOn;
+  return known == Wanted::kOn;
 }
 
-void ForgetLifeCycleSetting() { setting.store(Setting::kNotRead); }
+void ForgetLifeCycleSetting() { wanted.store(Wanted::kNotRead); }
 
 bool AppendLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event) {
   if (!LifeCycleEventsEnabled() || event.change.empty() || event.resourcePath.empty()) return false;
@@ -62,16 +62,6 @@ void RaiseLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const
   if (!AppendLifeCycleEvent(pipeline, digest, event)) return;
   pipeline.Then(
       [path = std::string(event.resourcePath)](Replies replies) { CheckLifeCycleReply(replies.back().get(), path); });
-}
-
-bool RaiseLifeCycleEvent(redisContext* redis, const LifeCycleEvent& event) {
-  if (!LifeCycleEventsEnabled()) return true;
-  if (event.change.empty() || event.resourcePath.empty()) return false;
-  const std::string digest = HashRead(redis, kScriptDigests, kLifeCycleScript);
-  RedisPipeline pipeline(redis);
-  AppendLifeCycleEvent(pipeline, digest, event);
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  return CheckLifeCycleReply(replies.front().get(), event.resourcePath);
 }
 
 }  // namespace event_service

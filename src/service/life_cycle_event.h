@@ -28,13 +28,9 @@ bool LifeCycleEventsEnabled();
 /// Forgets the setting, as a new process knows none. Start-up calls it before the listeners run.
 void ForgetLifeCycleSetting();
 
-/// Raises one event. True on success and when the feature is off. A refusal of the script is logged as "Failed to
-/// generate life cycle event for <path>: <text>", any other failure in a line of its own; an empty kind or path gives
-/// false.
-bool RaiseLifeCycleEvent(redisContext* redis, const LifeCycleEvent& event);
-
-/// The same as a step of a batch, with the script's digest at hand. Nothing is sent when the feature is off, or kind or
-/// path is empty. The texts of `event` need not live until the batch is executed.
+/// Raises one event as a step of a batch, with the script's digest at hand. Nothing is sent when the feature is off, or
+/// kind or path is empty. A refusal of the script is logged as "Failed to generate life cycle event for <path>:
+/// <text>", any other failure in a line of its own. The texts of `event` need not live until the batch is executed.
 void RaiseLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event);
 
 /// The same in two halves, with the script's digest at hand, so that events can travel with other commands. Append

@@ -1,7 +1,6 @@
 #include "service/member_reconciliation.h"
 
 #include <algorithm>
-#include <optional>
 #include <set>
 #include <span>
 #include <string>
@@ -14,7 +13,6 @@
 #include "resource_store/member_uri.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_reader.h"
-#include "service/discovery.h"
 #include "service/redis_keys.h"
 #include "service/subscription_log.h"
 
@@ -23,104 +21,137 @@ namespace {
 
 std::string_view IdOf(std::string_view uri) { return MemberIdOf(kSubscriptionsUri, uri); }
 
-/// The fields that decide what becomes of a member; a missing one is empty.
-struct Traits {
-  std::string_view protocol;
-  std::string_view destination;
-  std::string_view subscriptionType;
-  std::string_view allowMethod;
-  std::string_view patchValidation;
-  std::string_view crudPrefix;
+/// A URI below the collection, and the fields that decide what becomes of it; a missing one is empty.
+struct Candidate {
+  explicit Candidate(std::string_view itsUri) : uri(itsUri) {}
+
+  std::string_view uri;
+  std::string_view protocol, destination, subscriptionType, allowMethod, patchValidation, crudPrefix;
+  RedisReply fields;  // which they are views of
+  enum class Presence { kUnknown, kMissing, kHash } presence = Presence::kUnknown;
 };
 
-void AppendTraitsRead(RedisPipeline& pipeline, std::string_view uri) {
-  pipeline.Append({"HMGET", uri, "Protocol", "Destination", "SubscriptionType", "&&AllowMethod", "&&PATCHValidation",
-                   kCrudPrefixField});
+/// Asks for the fields in a batch; the candidate stays where it is until then.
+void AskFields(RedisPipeline& pipeline, Candidate& candidate) {
+  pipeline.Ask({"HMGET", candidate.uri, "Protocol", "Destination", "SubscriptionType", "&&AllowMethod",
+                "&&PATCHValidation", kCrudPrefixField},
+               [&candidate](RedisReply& reply) {
+                 candidate.fields = std::move(reply);
+                 std::vector<std::string_view> texts = TextsOf(candidate.fields);
+                 texts.resize(6);
+                 candidate.protocol = texts[0];
+                 candidate.destination = texts[1];
+                 candidate.subscriptionType = texts[2];
+                 candidate.allowMethod = texts[3];
+                 candidate.patchValidation = texts[4];
+                 candidate.crudPrefix = texts[5];
+               });
 }
 
-Traits TraitsOf(const redisReply* reply) {
-  std::vector<std::string_view> texts = TextsOf(reply);
-  texts.resize(6);
-  return {texts[0], texts[1], texts[2], texts[3], texts[4], texts[5]};
+void AskPresence(RedisPipeline& pipeline, Candidate& candidate) {
+  pipeline.Ask({"HLEN", candidate.uri}, [&candidate](const RedisReply& length) {
+    using enum Candidate::Presence;
+    if (IsInteger(length)) candidate.presence = length->integer > 0 ? kHash : kMissing;
+    if (IsWrongType(length)) candidate.presence = kMissing;
+  });
 }
 
 /// While only the Redfish protocol is served, all other members belong to another service.
-bool IsOurs(const Traits& traits, const ServiceSettings& settings) {
-  return !settings.protocolOnly || traits.protocol == "\"Redfish\"";
+bool IsOurs(const Candidate& member, const ServiceSettings& settings) {
+  return !settings.protocolOnly || member.protocol == "\"Redfish\"";
 }
 
-bool BelongsIntoFile(const Traits& traits) {
-  return !traits.protocol.empty() && !traits.destination.empty() && traits.subscriptionType != "\"SSE\"";
+bool BelongsIntoFile(const Candidate& member) {
+  return !member.protocol.empty() && !member.destination.empty() && member.subscriptionType != "\"SSE\"";
 }
 
 /// A creation writes the first two fields at its beginning, "&&AllowMethod" before all others, and the third last.
-bool IsHalfCreated(const Traits& traits) {
-  const bool isBegun = !traits.allowMethod.empty() || !traits.patchValidation.empty();
-  return isBegun && traits.crudPrefix.empty();
+bool IsHalfCreated(const Candidate& stranger) {
+  const bool isBegun = !stranger.allowMethod.empty() || !stranger.patchValidation.empty();
+  return isBegun && stranger.crudPrefix.empty();
 }
 
 /// The collection as Redis holds it.
-struct Collection {
-  std::vector<std::string_view> members;    // URIs in the list's order, each once
-  std::vector<std::string_view> strangers;  // URIs below the collection that the list does not name
+class Collection {
+ public:
+  /// Reads the list, what lies below the collection, and the fields of both; removes the requests of an earlier start.
+  /// False when Redis does not tell.
+  bool Read(redisContext* redis);
+
+  std::string_view Etag() const { return TextOf(etag_); }
+  /// The hashes that the list names, in its order, each once.
+  const std::vector<Candidate>& Members() const { return members_; }
+  /// What lies below the collection and is not named.
+  const std::vector<Candidate>& Strangers() const { return strangers_; }
+
+ private:
+  void SortUris();
+
+  RedisReply entries_, keys_, etag_, requests_;
+  std::vector<Candidate> members_, strangers_;
 };
 
-Collection TakeCollection(const redisReply* memberEntries, const redisReply* keys) {
-  Collection collection;
-  std::set<std::string_view> named;
-  for (const std::string_view entry : TextsOf(memberEntries)) {
-    const std::string_view uri = MemberUriOf(entry);
-    if (!IdOf(uri).empty() && named.insert(uri).second) collection.members.push_back(uri);
-  }
-  for (const std::string_view uri : TextsOf(keys)) {
-    if (!IdOf(uri).empty() && !named.contains(uri)) collection.strangers.push_back(uri);
-  }
-  return collection;
-}
-
-/// A hash that the collection names.
-struct Member {
-  std::string_view uri;
-  Traits traits;
-};
-
-/// The members that there are, from two replies for each name: its number of fields, its traits. Nothing when Redis
-/// does not tell.
-std::optional<std::vector<Member>> TakeMembers(std::span<const std::string_view> uris,
-                                               std::span<const RedisReply> replies) {
-  std::vector<Member> members;
-  for (size_t i = 0; i < uris.size(); ++i) {
-    const RedisReply& length = replies[2 * i];
-    if (IsWrongType(length)) continue;
-    if (!IsInteger(length)) return std::nullopt;
-    if (length->integer > 0) members.push_back({uris[i], TraitsOf(replies[2 * i + 1].get())});
-  }
-  return members;
-}
-
-bool CompleteOurs(redisContext* redis, std::span<const Member> members, const ServiceSettings& settings) {
+bool Collection::Read(redisContext* redis) {
+  const auto into = [](RedisReply& found) { return [&found](RedisReply& reply) { found = std::move(reply); }; };
   RedisPipeline pipeline(redis);
-  for (const Member& member : members) {
-    if (!IsOurs(member.traits, settings)) continue;
+  pipeline.Ask({"LRANGE", kSubscriptionsMembersKey, "0", "-1"}, into(entries_));
+  pipeline.Ask({"KEYS", std::string(kSubscriptionsUri) + "/*"}, into(keys_));
+  pipeline.Ask({"HGET", kSubscriptionsUri, "@odata.etag"}, into(etag_));
+  pipeline.Ask({"KEYS", EscapeGlob(kGenerationPrefix) + "*"}, into(requests_));
+  pipeline.Execute();
+  if (!IsArray(entries_)) return false;
+  SortUris();
+  for (Candidate& member : members_) {
+    AskPresence(pipeline, member);
+    AskFields(pipeline, member);
+  }
+  for (Candidate& stranger : strangers_) AskFields(pipeline, stranger);
+  // What a start that was killed has left of its requests: headers stand in them.
+  for (const std::string_view key : TextsOf(requests_)) pipeline.Append({"UNLINK", key});
+  pipeline.Then([](Replies replies) {
+    if (!AllIntegers(replies)) LogError("Failed to remove the requests of an earlier start.");
+  });
+  pipeline.Execute();
+  const auto isMissing = [](const Candidate& member) { return member.presence == Candidate::Presence::kMissing; };
+  std::erase_if(members_, isMissing);
+  return std::ranges::none_of(members_,
+                              [](const Candidate& member) { return member.presence == Candidate::Presence::kUnknown; });
+}
+
+void Collection::SortUris() {
+  std::set<std::string_view> named;
+  for (const std::string_view entry : TextsOf(entries_)) {
+    const std::string_view uri = MemberUriOf(entry);
+    if (!IdOf(uri).empty() && named.insert(uri).second) members_.emplace_back(uri);
+  }
+  for (const std::string_view uri : TextsOf(keys_)) {
+    if (!IdOf(uri).empty() && !named.contains(uri)) strangers_.emplace_back(uri);
+  }
+}
+
+bool CompleteOurs(redisContext* redis, std::span<const Candidate> members, const ServiceSettings& settings) {
+  RedisPipeline pipeline(redis);
+  for (const Candidate& member : members) {
+    if (!IsOurs(member, settings)) continue;
     pipeline.Append({"HSET", member.uri, kCrudPrefixField, kEventDestinationPrefix});
   }
   return AllIntegers(pipeline.Execute());
 }
 
 /// Rebuilds what memory knows of the members; returns those that the file should hold and does not.
-std::vector<std::string_view> RememberMembers(std::span<const Member> members, const ServiceSettings& settings,
+std::vector<std::string_view> RememberMembers(std::span<const Candidate> members, const ServiceSettings& settings,
                                               SubscriptionsState& state) {
   const std::vector<std::string>& restoredUris = state.db.Start().RestoredUris();
   const std::set<std::string_view> restored(restoredUris.begin(), restoredUris.end());
   std::vector<std::string_view> missing;
   state.syslogTlsDestinationIds.clear();
   state.halfChangedUris.clear();  // Redis holds what the file has given it
-  for (const auto& [uri, traits] : members) {
-    if (traits.protocol == "\"SyslogTLS\"") state.syslogTlsDestinationIds.emplace_back(IdOf(uri));
-    if (restored.contains(uri)) {
-      LogSubscriptionChange(uri, "restored", "start-up");
-    } else if (BelongsIntoFile(traits) && IsOurs(traits, settings)) {
-      missing.push_back(uri);
+  for (const Candidate& member : members) {
+    if (member.protocol == "\"SyslogTLS\"") state.syslogTlsDestinationIds.emplace_back(IdOf(member.uri));
+    if (restored.contains(member.uri)) {
+      LogSubscriptionChange(member.uri, "restored", "start-up");
+    } else if (BelongsIntoFile(member) && IsOurs(member, settings)) {
+      missing.push_back(member.uri);
     }
   }
   return missing;
@@ -162,34 +193,11 @@ void RemoveHalfCreated(redisContext* redis, std::string_view uri) {
 }  // namespace
 
 bool ReconcileMembers(redisContext* redis, const ServiceSettings& settings, SubscriptionsState& state) {
-  RedisPipeline pipeline(redis);
-  pipeline.Append({"LRANGE", kSubscriptionsMembersKey, "0", "-1"});
-  pipeline.Append({"KEYS", std::string(kSubscriptionsUri) + "/*"});
-  pipeline.Append({"HGET", kSubscriptionsUri, "@odata.etag"});
-  pipeline.Append({"KEYS", EscapeGlob(kGenerationPrefix) + "*"});
-  const std::vector<RedisReply> listing = pipeline.Execute();
-  if (!IsArray(listing[0])) return false;
-  const auto [uris, strangers] = TakeCollection(listing[0].get(), listing[1].get());
-
-  for (const std::string_view uri : uris) {
-    pipeline.Append({"HLEN", uri});
-    AppendTraitsRead(pipeline, uri);
-  }
-  for (const std::string_view uri : strangers) AppendTraitsRead(pipeline, uri);
-  const size_t leftovers = pipeline.Size();
-  // What a start that was killed has left of its requests: headers stand in them.
-  for (const std::string_view key : TextsOf(listing[3])) pipeline.Append({"UNLINK", key});
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  const std::span all(replies);
-  if (!AllIntegers(all.subspan(leftovers))) LogError("Failed to remove the requests of an earlier start.");
-  const std::optional<std::vector<Member>> members = TakeMembers(uris, all);
-  if (!members || !CompleteOurs(redis, *members, settings)) return false;
-  WriteBack(redis, RememberMembers(*members, settings, state), TextOf(listing[2]), state.db);
-
-  const std::span strangerTraits = all.subspan(2 * uris.size());
-  for (size_t i = 0; i < strangers.size(); ++i) {
-    const Traits traits = TraitsOf(strangerTraits[i].get());
-    if (IsHalfCreated(traits) && IsOurs(traits, settings)) RemoveHalfCreated(redis, strangers[i]);
+  Collection collection;
+  if (!collection.Read(redis) || !CompleteOurs(redis, collection.Members(), settings)) return false;
+  WriteBack(redis, RememberMembers(collection.Members(), settings, state), collection.Etag(), state.db);
+  for (const Candidate& stranger : collection.Strangers()) {
+    if (IsHalfCreated(stranger) && IsOurs(stranger, settings)) RemoveHalfCreated(redis, stranger.uri);
   }
   return true;
 }

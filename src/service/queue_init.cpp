@@ -10,25 +10,32 @@
 namespace event_service {
 namespace {
 
-constexpr std::string_view kRequestQueues[] = {"&&/redfish/v1/EventService/PATCHQ",
-                                               "&&/redfish/v1/EventService/POSTACTIONQ"};
+constexpr const char* kRequestQueues[] = {"&&/redfish/v1/EventService/PATCHQ",
+                                          "&&/redfish/v1/EventService/POSTACTIONQ"};
 
 /// Each queue holds the channel's name at least; a queue that holds something already is left as it is.
 bool FillRequestQueues(redisContext* redis) {
+  const char* unknown = nullptr;  // the first of unknown length: it ends the matter
+  std::vector<const char*> empty;
+  bool isPushed = false;
   RedisPipeline pipeline(redis);
-  for (const std::string_view queue : kRequestQueues) pipeline.Append({"LLEN", queue});
-  const std::vector<RedisReply> lengths = pipeline.Execute();
-  size_t known = 0;
-  for (; known < lengths.size() && IsInteger(lengths[known]); ++known) {
-    if (lengths[known]->integer == 0) pipeline.Append({"RPUSH", kRequestQueues[known], kEventServiceChannel});
+  for (const char* const queue : kRequestQueues) {
+    pipeline.Ask({"LLEN", queue}, [&, queue](const RedisReply& length) {
+      if (unknown != nullptr) return;
+      if (!IsInteger(length)) unknown = queue;
+      if (IsInteger(length) && length->integer == 0) empty.push_back(queue);
+    });
   }
-  // The queues before one of unknown length are filled all the same.
-  if (!AllIntegers(pipeline.Execute())) {
+  pipeline.Execute();
+  for (const char* const queue : empty) pipeline.Append({"RPUSH", queue, kEventServiceChannel});
+  pipeline.Then([&isPushed](Replies replies) { isPushed = AllIntegers(replies); });
+  pipeline.Execute();
+  if (!isPushed) {
     LogError("Failed to push queue.");
     return false;
   }
-  if (known == lengths.size()) return true;
-  LogError("Failed to get %s queue length.", kRequestQueues[known].data());
+  if (unknown == nullptr) return true;
+  LogError("Failed to get %s queue length.", unknown);
   return false;
 }
 
@@ -37,31 +44,29 @@ bool FillRequestQueues(redisContext* redis) {
 bool InitQueues(redisContext* redis, const ServiceSettings& settings) {
   if (!FillRequestQueues(redis)) return false;
 
-  // What the lists are made of travels with the two writes for SMTP, each of which waits for the one before.
+  // What the lists are made from travels with the two writes for SMTP, each of which waits for the one before.
   RedisPipeline pipeline(redis);
-  const bool setsSmtp = !settings.protocolOnly;
-  if (setsSmtp) pipeline.Append({"HSET", kSmtpKey, "&&Password", "null"});
-  DiscoveryReads reads(pipeline);
-  std::vector<RedisReply> replies = pipeline.Execute();
-  reads.Take(replies);
-  bool isSmtpSet = !setsSmtp || IsInteger(replies.front());
+  FilterLists lists;
+  bool isSmtpSet = true;
+  const auto setForSmtp = [&](std::string_view key, std::string_view field, std::string_view value) {
+    if (settings.protocolOnly) return;
+    pipeline.Ask({"HSET", key, field, value}, [&](const RedisReply& reply) { isSmtpSet = IsInteger(reply); });
+  };
+  setForSmtp(kSmtpKey, "&&Password", "null");
+  lists.Ask(pipeline);
+  pipeline.Execute();
   if (isSmtpSet) {
-    if (setsSmtp) pipeline.Append({"HSET", kEventServiceUri, "&&SensitiveData", "SMTP/Password"});
-    reads.AppendPrefixes(pipeline);
-    replies = pipeline.Execute();
-    isSmtpSet = !setsSmtp || IsInteger(replies.front());
-    reads.TakePrefixes(replies);
+    setForSmtp(kEventServiceUri, "&&SensitiveData", "SMTP/Password");
+    lists.AskPrefixes(pipeline);
+    pipeline.Execute();
   }
   if (!isSmtpSet) {
     LogError("Failed to set SMTP/Password default setting.");
     return false;
   }
-  if (!InitResourceTypes(redis, reads.resourceTypes) ||
-      !InitRegistryPrefixes(redis, settings.paths, reads.registryPrefixes)) {
-    LogError("Failed to init ResourceTypes and RegistryPrefixes.");
-    return false;
-  }
-  return true;
+  if (lists.Fill(redis, settings)) return true;
+  LogError("Failed to init ResourceTypes and RegistryPrefixes.");
+  return false;
 }
 
 }  // namespace event_service

@@ -30,6 +30,7 @@ std::string_view WithoutQuotes(std::string_view text);
 
 /// Filled by start-up before the listeners start; read-only while they run.
 struct ServiceSettings {
+  bool offersRegistryPrefixes = true;
   bool protocolOnly = false;  // only Redfish subscriptions are served, SMTP is not initialised
   ListenerRecovery listenerRecovery = ListenerRecovery::kNone;
   std::string sslSoftwareArg = "''";
@@ -42,6 +43,9 @@ struct ServiceSettings {
   AllowedValuesTable allowedValues = StaticAllowedValues();
   FilePaths paths = ProcessPaths();
 };
+
+/// Reads what the configuration file sets; a value that is absent or none of those allowed leaves its default.
+void ReadConfiguration(ServiceSettings& settings);
 
 /// Whether clients may filter by registry prefix: the list of allowed prefixes holds one at least.
 bool SupportsRegistryPrefixes(const ServiceSettings& settings);

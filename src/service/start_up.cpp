@@ -13,7 +13,6 @@
 
 #include "foundation/logging.h"
 #include "foundation/service_manager.h"
-#include "platform/conf_parser/conf_parser.h"
 #include "service/event_group_id.h"
 #include "service/event_service_init.h"
 #include "service/life_cycle_event.h"
@@ -62,10 +61,8 @@ bool ConnectToRedis(StartUp& startUp) {
   return startUp.redis != nullptr;
 }
 
-bool ReadSwitches(StartUp& startUp) {
-  const std::string& file = startUp.settings.paths.configuration;
-  startUp.settings.protocolOnly = getConfigValue(file, "SupportRedfishProtocolOnly", 128) == "true";
-  startUp.settings.listenerRecovery = ListenerRecoveryFrom(getConfigValue(file, "ListenerRecovery", 128));
+bool ReadSettings(StartUp& startUp) {
+  ReadConfiguration(startUp.settings);
   return true;
 }
 
@@ -155,7 +152,7 @@ constexpr struct {
 } kSteps[] = {
     {Phase::kPrepare, PrepareFiles},
     {Phase::kPrepare, ConnectToRedis},
-    {Phase::kInitialise, ReadSwitches},
+    {Phase::kInitialise, ReadSettings},
     {Phase::kInitialise, InitialiseQueues},
     {Phase::kInitialise, InitialiseService},
     {Phase::kInitialise, RestorePersistentProperties},

@@ -78,7 +78,10 @@ TEST_F(EventServiceTest, EachKindOfChangeQueuesOneResourceEvent) {
                {"change", "ResourceEvent.1.2.ResourceChanged", "ResourceUpdated"},
                {"status", "ResourceEvent.1.2.ResourceStateChanged", "StatusChange"}};
   for (const auto& row : cases) {
-    ASSERT_TRUE(RaiseLifeCycleEvent(redis(), {row.change, "/redfish/v1/X", "EventDestination", "A text.", 42}));
+    RedisPipeline pipeline(redis());
+    RaiseLifeCycleEvent(pipeline, HashRead(redis(), kScriptDigests, kLifeCycleScript),
+                        {row.change, "/redfish/v1/X", "EventDestination", "A text.", 42});
+    pipeline.Execute();
     const Json document = Json::parse(TextOf(SendArguments(redis(), {"RPOP", kQueue})), nullptr, false);
     EXPECT_EQ(document["&&ResourceType"], "EventDestination");
     const Json& event = document["Events"][0];
@@ -97,8 +100,12 @@ TEST_F(EventServiceTest, OnlyExactlyFalseTurnsLifeCycleEventsOff) {
   for (const std::string value : {"False", "", "no", "false"}) {
     ForgetLifeCycleSetting();
     WriteFile(ProcessPaths().configuration, "GenerateResourceEvent=" + value + "\n");
-    EXPECT_EQ(RaiseLifeCycleEvent(redis(), {"melt", "/x", "T", "", 1}), value == "false") << value;
-    EXPECT_EQ(RaiseLifeCycleEvent(redis(), {"", "/x", "T", "", 1}), value == "false") << "off is looked at first";
+    RedisPipeline pipeline(redis());
+    for (const char* kind : {"melt", ""}) {
+      RaiseLifeCycleEvent(pipeline, HashRead(redis(), kScriptDigests, kLifeCycleScript), {kind, "/x", "T", "", 1});
+    }
+    EXPECT_EQ(pipeline.Size(), value == "false" ? 0U : 1U) << value;
+    pipeline.Execute();
   }
   EXPECT_EQ(log_.Errors(), Lines(3, "Failed to generate life cycle event for /x: Unknown kind of change: melt"));
 }

@@ -11,8 +11,7 @@
 #include <stdexcept>
 #include <typeinfo>
 
-#include "service/event_group_id.h"
-#include "service/event_service_init.h"
+#include "foundation/configuration.h"
 #include "tests/service/start_up_sandbox.h"
 #include "tests/support/canned_replies.h"
 
@@ -147,6 +146,16 @@ TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
     const bool isPasswordRefused = row.failing.starts_with("HSET &&");
     EXPECT_FALSE(isPasswordRefused && KeyExists(redis(), kEventServiceUri));
   }
+}
+
+TEST(Settings, StandInTheOperatorsTableAsInTheProgram) {
+  std::string table =
+      "| Key | Value, to the letter | Bytes | Meaning | Without it, or with any other value |\n|---|---|---|---|---|\n";
+  for (const Setting& row : kSettings) {
+    table = table + "| " + row.key.name + " | " + row.values + " | " + std::to_string(row.key.limit - 1) + " | " +
+            row.meaning + " | " + row.fallback + " |\n";
+  }
+  EXPECT_NE(ReadFile(EVENT_SERVICE_SOURCE "/docs/operations.md").find(table + "\n"), std::string::npos) << table;
 }
 
 TEST(ListenerRecoveryPauses, GrowFromATenthOfASecondToFive) {
