@@ -208,6 +208,7 @@ const StartUpSteps kNoFurtherSteps{
     .restorePersistentProperties = [](redisContext*, const ServiceSettings&) { return true; },
     .eventServiceListener = [](void*) -> void* { return nullptr; },
     .subscriptionsListener = [](void*) -> void* { return nullptr; },
+    .expectListeners = [] {},
     .awaitListeners = [](std::chrono::milliseconds) { return true; },
     .createGeneratedDestinations = [](redisContext*, const ServiceSettings&) {},
 };

@@ -50,6 +50,24 @@ void SettleMaximum(const RedisReply& reply) {
   knownMaximum.compare_exchange_strong(notReadYet, ParseMaximum(IsString(reply) ? TextOf(reply) : std::string_view()));
 }
 
+/// What a draw gives: from the counter's reply and, where the maximum was not known when they were asked for, its own.
+uint32_t SettleDraw(redisContext* redis, Replies replies) {
+  const RedisReply& counter = replies.front();
+  long long drawn = IsInteger(counter) ? counter->integer : 0;
+  if (drawn < 1) {
+    LogError("Failed to increase the counter %s", kCounterField.data());
+    SetCounter(redis, "1");
+    drawn = 1;
+  }
+  // Not known now, so it was not when the draw was sent: the reading stands behind it.
+  if (knownMaximum.load() == kNotReadYet) SettleMaximum(replies.back());
+  const int32_t maximum = knownMaximum.load();
+  if (drawn < maximum) return static_cast<uint32_t>(drawn);
+  // The maximum is handed out when it is reached, and also when it was lowered below the counter.
+  SetCounter(redis, "0");
+  return static_cast<uint32_t>(maximum);
+}
+
 }  // namespace
 
 int32_t MaxEventGroupId(redisContext* redis) {
@@ -63,32 +81,12 @@ int32_t MaxEventGroupId(redisContext* redis) {
 
 void ForgetMaxEventGroupId() { knownMaximum.store(kNotReadYet); }
 
-size_t AppendEventGroupIdDraw(RedisPipeline& pipeline) {
-  const size_t draw = pipeline.Append({"HINCRBY", kEventServiceUri, kCounterField, "1"});
-  if (knownMaximum.load() == kNotReadYet) AppendMaximumRead(pipeline);
-  return draw;
-}
-
-uint32_t SettleEventGroupId(redisContext* redis, std::span<const RedisReply> replies, size_t draw) {
-  long long drawn = IsInteger(replies[draw]) ? replies[draw]->integer : 0;
-  if (drawn < 1) {
-    LogError("Failed to increase the counter %s", kCounterField.data());
-    SetCounter(redis, "1");
-    drawn = 1;
-  }
-  // Not known now, so it was not when the draw was appended: the reading stands behind it.
-  if (knownMaximum.load() == kNotReadYet) SettleMaximum(replies[draw + 1]);
-  const int32_t maximum = knownMaximum.load();
-  if (drawn < maximum) return static_cast<uint32_t>(drawn);
-  // The maximum is handed out when it is reached, and also when it was lowered below the counter.
-  SetCounter(redis, "0");
-  return static_cast<uint32_t>(maximum);
-}
-
 void DrawEventGroupId(redisContext* redis, RedisPipeline& pipeline, uint32_t& id) {
-  const size_t draw = AppendEventGroupIdDraw(pipeline);
-  const size_t commands = pipeline.Size() - draw;
-  pipeline.Then([=, &id](Replies replies) { id = SettleEventGroupId(redis, replies.last(commands), 0); });
+  const size_t before = pipeline.Append({"HINCRBY", kEventServiceUri, kCounterField, "1"});
+  if (knownMaximum.load() == kNotReadYet) AppendMaximumRead(pipeline);
+  // What a caller has appended without a step of its own stands before them.
+  const size_t commands = pipeline.Size() - before;
+  pipeline.Then([=, &id](Replies replies) { id = SettleDraw(redis, replies.last(commands)); });
 }
 
 uint32_t NextEventGroupId(redisContext* redis) {

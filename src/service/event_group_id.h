@@ -1,9 +1,7 @@
 /// EventGroupIds: equal for the events of one cause, drawn from a counter in Redis.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <span>
 
 #include "foundation/redis_commands.h"
 #include "foundation/redis_pipeline.h"
@@ -24,11 +22,5 @@ uint32_t NextEventGroupId(redisContext* redis);
 /// The same as a step of a batch: `id` is set when the batch has been executed. The maximum is read along while it is
 /// not known; one more round trip is made at the maximum only.
 void DrawEventGroupId(redisContext* redis, RedisPipeline& pipeline, uint32_t& id);
-
-/// The same in two halves, so that the draw can travel with other commands: append it, which gives its position, then
-/// settle it out of the replies of the whole batch. The maximum is read along while it is not known, so that settling
-/// needs no round trip but at the maximum itself.
-size_t AppendEventGroupIdDraw(RedisPipeline& pipeline);
-uint32_t SettleEventGroupId(redisContext* redis, std::span<const RedisReply> replies, size_t draw);
 
 }  // namespace event_service

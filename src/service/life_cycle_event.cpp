@@ -1,7 +1,6 @@
 #include "service/life_cycle_event.h"
 
 #include <atomic>
-#include <vector>
 
 #include "foundation/configuration.h"
 #include "foundation/logging.h"
@@ -15,9 +14,8 @@ enum class Wanted { kNotRead, kOff, kOn };
 // Either listener may fill it in: both read the same file.
 std::atomic<Wanted> wanted{Wanted::kNotRead};
 
-}  // namespace
-
-bool LifeCycleEventsEnabled() {
+/// Read on the first call in the process, with one debug line. Any thread.
+bool EventsAreWanted() {
   Wanted known = wanted.load();
   if (known == Wanted::kNotRead) {
     const bool enabled = ReadSetting(ProcessPaths().configuration, SettingNamed("GenerateResourceEvent")) != "false";
@@ -30,10 +28,23 @@ bool LifeCycleEventsEnabled() {
   return known == Wanted::kOn;
 }
 
+void CheckReply(const redisReply* reply, const std::string& path) {
+  if (IsInteger(reply)) return;
+  if (IsArray(reply) && reply->elements == 2) {
+    const std::string text(TextOf(reply->element[1]));
+    LogError("Failed to generate life cycle event for %s: %s", path.c_str(), text.c_str());
+  } else {
+    // No such script, or no connection.
+    LogError("The life cycle event for %s could not be handed over.", path.c_str());
+  }
+}
+
+}  // namespace
+
 void ForgetLifeCycleSetting() { wanted.store(Wanted::kNotRead); }
 
-bool AppendLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event) {
-  if (!LifeCycleEventsEnabled() || event.change.empty() || event.resourcePath.empty()) return false;
+void RaiseLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event) {
+  if (!EventsAreWanted() || event.change.empty() || event.resourcePath.empty()) return;
   const std::string id = std::to_string(event.eventGroupId);
   // All of them are keys of the script, the name of the identifier included.
   if (event.extraText.empty()) {
@@ -42,26 +53,7 @@ bool AppendLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, cons
     pipeline.Append({"EVALSHA", digest, "6", event.change, event.resourcePath, event.resourceType, event.extraText,
                      "EventGroupId", id});
   }
-  return true;
-}
-
-bool CheckLifeCycleReply(const redisReply* reply, std::string_view resourcePath) {
-  if (IsInteger(reply)) return true;
-  const std::string path(resourcePath);
-  if (IsArray(reply) && reply->elements == 2) {
-    const std::string text(TextOf(reply->element[1]));
-    LogError("Failed to generate life cycle event for %s: %s", path.c_str(), text.c_str());
-  } else {
-    // No such script, or no connection.
-    LogError("The life cycle event for %s could not be handed over.", path.c_str());
-  }
-  return false;
-}
-
-void RaiseLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event) {
-  if (!AppendLifeCycleEvent(pipeline, digest, event)) return;
-  pipeline.Then(
-      [path = std::string(event.resourcePath)](Replies replies) { CheckLifeCycleReply(replies.back().get(), path); });
+  pipeline.Then([path = std::string(event.resourcePath)](Replies replies) { CheckReply(replies.back().get(), path); });
 }
 
 }  // namespace event_service

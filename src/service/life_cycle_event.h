@@ -21,21 +21,14 @@ struct LifeCycleEvent {
   uint32_t eventGroupId = 0;
 };
 
-/// Whether the configuration wants life-cycle events ("GenerateResourceEvent", on unless exactly "false"); read on the
-/// first call in the process, with one debug line. Any thread.
-bool LifeCycleEventsEnabled();
-
-/// Forgets the setting, as a new process knows none. Start-up calls it before the listeners run.
+/// Forgets whether events are wanted ("GenerateResourceEvent", on unless exactly "false"), which is read with the first
+/// event of a process. Start-up calls it before the listeners run.
 void ForgetLifeCycleSetting();
 
-/// Raises one event as a step of a batch, with the script's digest at hand. Nothing is sent when the feature is off, or
-/// kind or path is empty. A refusal of the script is logged as "Failed to generate life cycle event for <path>:
-/// <text>", any other failure in a line of its own. The texts of `event` need not live until the batch is executed.
+/// Raises one event as a step of a batch, with the script's digest at hand. Nothing is sent when the configuration
+/// wants none, or kind or path is empty. A refusal of the script is logged as "Failed to generate life cycle event for
+/// <path>: <text>", any other failure in a line of its own. The texts of `event` need not live until the batch is
+/// executed.
 void RaiseLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event);
-
-/// The same in two halves, with the script's digest at hand, so that events can travel with other commands. Append
-/// gives false when nothing was appended: the feature is off, or kind or path is empty.
-bool AppendLifeCycleEvent(RedisPipeline& pipeline, std::string_view digest, const LifeCycleEvent& event);
-bool CheckLifeCycleReply(const redisReply* reply, std::string_view resourcePath);
 
 }  // namespace event_service

@@ -24,13 +24,4 @@ void AskMembersLength(RedisPipeline& pipeline, std::optional<int64_t>& length);
 void PublishMembersCount(RedisPipeline& pipeline, SubscriptionsState& state, std::optional<int64_t> length,
                          int32_t delta, bool& isPublished);
 
-/// The same in steps that travel with other commands: ask for the length, after the member's entry has been added or
-/// removed;
-void AppendMembersLength(RedisPipeline& pipeline);
-/// publish it, in a later batch (false, with nothing appended, when that reply is no length);
-[[nodiscard]] bool AppendMembersCount(RedisPipeline& pipeline, const redisReply* length);
-/// and move the count in memory. False, with that count as it was, when the published one was not taken.
-[[nodiscard]] bool SettleMembersCount(SubscriptionsState& state, const redisReply* length, const redisReply* published,
-                                      int32_t delta);
-
 }  // namespace event_service

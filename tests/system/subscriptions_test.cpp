@@ -95,26 +95,6 @@ TEST_F(Subscriptions, SecretsAreNowhereToBeReadAndNoFileIsOpenToOthers) {
   }
 }
 
-TEST_F(Subscriptions, BothListenersServeAtTheSameTime) {
-  std::thread service([] {
-    const RedisContext redis(redisConnectContext());
-    for (int i = 0; i < 60; ++i) {
-      const FrontEndRequest request{
-          .method = "PATCH", .targetUri = kService, .body = Json::object({{"DeliveryRetryAttempts", i}})};
-      EXPECT_EQ(InShort(SendRequest(redis.get(), request).value_or(FrontEndAnswer{})), "OK_RES Base.1.12.Success()");
-    }
-  });
-  for (int i = 0; i < 10; ++i) {
-    const std::string uri = Create({{"Destination", "https://c.example.com"}, {"Protocol", "Redfish"}});
-    EXPECT_EQ(AskShort("PATCH", uri, R"({"Context": "changed"})"), "OK_RES Base.1.12.Success()");
-    EXPECT_EQ(AskShort("DELETE", uri), "OK_EMPTY");
-  }
-  service.join();
-  EXPECT_EQ(Value(kService, "/DeliveryRetryAttempts"), 59);
-  PowerCycle();  // the first start finds no key file and says so
-  EXPECT_EQ(Log().find("[Error]"), std::string::npos) << Log();
-}
-
 class Soak : public Subscriptions {
  protected:
   static int Times(int steps) {
@@ -216,6 +196,7 @@ class RandomSoak : public Soak {
     std::map<std::string, Json> before = Stored();
     Create(kStream);  // which a restart forgets, with what it changed
     PowerCycle();
+    EXPECT_EQ(Log().find("[Error]"), std::string::npos) << Log();
     std::map<std::string, Json> after = Stored();
     for (auto* stored : {&before, &after}) (*stored)[kCollection].erase("@odata.etag");
     EXPECT_EQ(after, before);
