@@ -44,7 +44,7 @@ class ListenerOpening {
 
 /// The body of a listener's thread: `listen` opens the connections and serves. When it has come to its end, whatever
 /// the reason, the setting "ListenerRecovery" tells what follows: nothing; one line and the end of the process with
-/// status 255; or the end of the other listener, for start-up to connect again.
+/// status 255; or the end of the other listener, for startup to connect again.
 void RunListener(const char* name, void (*listen)(ListenerOpening& opening));
 
 /// Forgets the listeners that have ended. Called when none runs, before threads are started.

@@ -12,7 +12,7 @@ namespace event_service {
 /// every call until then. Any thread with its own connection. A value that is no number from 1 on is logged.
 int32_t MaxEventGroupId(redisContext* redis);
 
-/// Forgets the maximum, as a new process knows none. Start-up calls it before the listeners run.
+/// Forgets the maximum, as a new process knows none. Startup calls it before the listeners run.
 void ForgetMaxEventGroupId();
 
 /// Draws the next EventGroupId: 1 to the maximum, then 1 again. Any thread with its own connection. Never fails: a

@@ -22,7 +22,7 @@ struct LifeCycleEvent {
 };
 
 /// Forgets whether events are wanted ("GenerateResourceEvent", on unless exactly "false"), which is read with the first
-/// event of a process. Start-up calls it before the listeners run.
+/// event of a process. Startup calls it before the listeners run.
 void ForgetLifeCycleSetting();
 
 /// Raises one event as a step of a batch, with the script's digest at hand. Nothing is sent when the configuration

@@ -1,5 +1,5 @@
 /// After the database file has been loaded into Redis: makes Redis, file and memory agree about the subscriptions. Main
-/// thread, during start-up, before the member count.
+/// thread, during startup, before the member count.
 #pragma once
 
 #include "foundation/redis_commands.h"
@@ -15,7 +15,7 @@ namespace event_service {
 /// other protocols are nobody's business here.
 ///
 /// False when the collection cannot be read or a prefix cannot be written; a failed write-back or removal is logged and
-/// start-up goes on.
+/// startup goes on.
 [[nodiscard]] bool ReconcileMembers(redisContext* redis, const ServiceSettings& settings, SubscriptionsState& state);
 
 }  // namespace event_service

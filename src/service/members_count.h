@@ -1,5 +1,5 @@
 /// The number of subscriptions: the published one is the length of the Members list, the one in memory moves by what
-/// the caller did. Start-up, then the Subscriptions listener only.
+/// the caller did. Startup, then the Subscriptions listener only.
 #pragma once
 
 #include <cstdint>

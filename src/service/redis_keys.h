@@ -20,7 +20,7 @@ inline constexpr std::string_view kRegistryPrefixesKey = "&&/redfish/v1/EventSer
 inline constexpr std::string_view kEventServiceChannel = "&&/redfish/v1/EventService/CHANNEL";
 inline constexpr std::string_view kSubscriptionsChannel = "&&/redfish/v1/EventService/Subscriptions/CHANNEL";
 
-/// What the keys of our own requests begin with: start-up's for creations, and those that end all streams when a client
+/// What the keys of our own requests begin with: startup's for creations, and those that end all streams when a client
 /// turns the service off.
 inline constexpr std::string_view kGenerationPrefix = "&&/redfish/v1/EventService/Subscriptions/GENERATE/";
 inline constexpr std::string_view kEndOfStreamsPrefix = "&&/redfish/v1/EventService/SSE-ALL/";

@@ -1,4 +1,4 @@
-/// What start-up finds out and the listeners only read, and the little that the Subscriptions side goes on changing.
+/// What startup finds out and the listeners only read, and the little that the Subscriptions side goes on changing.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,7 @@ using RegistryPrefixBits = std::map<std::string, int32_t, std::less<>>;
 /// `text` without the double quotes around it, if there are any: the bare word of a JSON string that needs no escapes.
 std::string_view WithoutQuotes(std::string_view text);
 
-/// Filled by start-up before the listeners start; read-only while they run.
+/// Filled by startup before the listeners start; read-only while they run.
 struct ServiceSettings {
   bool offersRegistryPrefixes = true;
   bool protocolOnly = false;  // only Redfish subscriptions are served, SMTP is not initialised
@@ -50,7 +50,7 @@ void ReadConfiguration(ServiceSettings& settings);
 /// Whether clients may filter by registry prefix: the list of allowed prefixes holds one at least.
 bool SupportsRegistryPrefixes(const ServiceSettings& settings);
 
-/// Filled by start-up; afterwards changed by the Subscriptions listener only.
+/// Filled by startup; afterwards changed by the Subscriptions listener only.
 struct SubscriptionsState {
   uint32_t subscriptionCount = 0;
   RegistryPrefixBits registryPrefixBits;

@@ -1,4 +1,4 @@
-/// The start-up sequence. What lies above this folder comes in as values, so that the order and the failure exits can
+/// The startup sequence. What lies above this folder comes in as values, so that the order and the failure exits can
 /// be tested with stand-ins.
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace event_service {
 
-/// What start-up calls in the folders above this one; filled in by main, or by a test.
+/// What startup calls in the folders above this one; filled in by main, or by a test.
 struct StartUpSteps {
   bool (*restorePersistentProperties)(redisContext* redis, const ServiceSettings& settings);
   void* (*eventServiceListener)(void*);  // pthread entry points, with a null argument
@@ -31,9 +31,9 @@ struct StartUpSteps {
 /// daemon up again, from the files on: what a request has left half done is put right as by a start. Attempts that fail
 /// are repeated with growing pauses.
 ///
-/// A std::logic_error, std::regex_error or std::bad_cast that a step throws before the listeners run ends start-up
+/// A std::logic_error, std::regex_error or std::bad_cast that a step throws before the listeners run ends startup
 /// with its logged line; any other exception passes through. What the generated
-/// destinations throw, with both listeners running, is logged, and start-up goes on.
+/// destinations throw, with both listeners running, is logged, and startup goes on.
 int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, SubscriptionsState& state);
 
 }  // namespace event_service
