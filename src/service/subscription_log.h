@@ -8,7 +8,7 @@
 namespace event_service {
 
 /// "Subscription <uri> <done> by <who>.": done is "added", "changed", "suspended", "resumed", "deleted", "restored";
-/// who is "client", "delivery side" or "startup".
+/// who is "client", "delivery side" or "start-up".
 inline void LogSubscriptionChange(std::string_view uri, const char* done, const char* who) {
   LogDebug("Subscription %.*s %s by %s.", static_cast<int>(uri.size()), uri.data(), done, who);
 }
