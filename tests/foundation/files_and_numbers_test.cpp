@@ -17,21 +17,6 @@
 namespace event_service {
 namespace {
 
-TEST(DurableFile, ReplacesTheWholeFileOrLeavesIt) {
-  const SandboxRoot sandbox;
-  const std::string path = sandbox.Root() + "/folder/file";
-  WriteFile(path, "old");
-  WriteFile(path + ".new", "left over from an interrupted run, readable for all");
-  ASSERT_TRUE(ReplaceFile(path, "new content"));
-  EXPECT_EQ(ReadFile(path), "new content");
-  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
-
-  const std::string taken = sandbox.Root() + "/taken";
-  std::filesystem::create_directories(taken + "/inside");
-  EXPECT_FALSE(ReplaceFile(taken, "x")) << "a folder stands there";
-  EXPECT_FALSE(std::filesystem::exists(taken + ".new")) << "nothing is left behind";
-}
-
 TEST(DurableFile, NothingThatWasLaidOutBeforehandIsReadOrWritten) {
   const SandboxRoot sandbox;
   const std::string path = sandbox.Root() + "/file", victim = sandbox.Root() + "/victim";
@@ -54,9 +39,15 @@ TEST(DurableFile, NothingThatWasLaidOutBeforehandIsReadOrWritten) {
     Obstruct(path + ".new", row.kind, victim);
     const bool isFolder = std::string(row.kind) == "folder";
     EXPECT_EQ(ReplaceFile(path, "own"), !isFolder) << row.kind;
+    EXPECT_EQ(ReadFile(path), isFolder ? "" : "own") << row.kind;
+    EXPECT_EQ(std::filesystem::exists(path + ".new"), isFolder) << row.kind << ": nothing is left behind";
     EXPECT_EQ(ReadFile(victim), "victim") << row.kind;
     std::filesystem::remove_all(path);
   }
+  std::filesystem::create_directories(path + "/inside");
+  std::filesystem::remove_all(path + ".new");
+  EXPECT_FALSE(ReplaceFile(path, "x") || std::filesystem::exists(path + ".new")) << "a folder stands there";
+  std::filesystem::remove_all(path);
   WriteFile(path, "");
   std::filesystem::resize_file(path, kLargestFile + 1);
   EXPECT_EQ(ReadWholeFile(path), std::nullopt) << "larger than any file of ours";

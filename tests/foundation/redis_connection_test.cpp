@@ -60,20 +60,6 @@ TEST(ConnectionLookup, DecidesByPortAndSocket) {
   }
 }
 
-TEST(ConnectionLookup, WaitsForNoFifo) {
-  for (const std::string file : {"/redis.port", "/redis.unixsocket", "/redis.conf"}) {
-    const SandboxRoot folder;
-    Use(folder, "0", "/s", "");
-    const bool isConfiguration = file == "/redis.conf";
-    Obstruct(isConfiguration ? folder.Paths().redisConfiguration : folder.RedisDirectory() + file, "fifo",
-             folder.Root() + "/victim");
-    const StreamCapture error(STDERR_FILENO);
-    const std::unique_ptr<RedisConnectionInfo, void (*)(void*)> info(getRedisConnectionInfo(), std::free);
-    EXPECT_EQ(info != nullptr, file == "/redis.unixsocket") << file;
-    EXPECT_EQ(error.Text(), isConfiguration ? "" : "fopen: Invalid argument\n") << file;
-  }
-}
-
 TEST(RedisAuthentication, SucceedsOnlyWithTheStatusOk) {
   for (const std::string reply : {"+OK\r\n", "+OKAY\r\n", "-WRONGPASS no\r\n", "$2\r\nOK\r\n", "$-1\r\n", ""}) {
     CannedConnection server(reply);

@@ -31,8 +31,6 @@ TEST(ConfParser, BothFunctionsFindTheValueOfAKey) {
     EXPECT_EQ(getPropertyValue(path.c_str(), "=", "KEY", buffer, sizeof buffer), row.result) << row.content;
     EXPECT_EQ(buffer, row.value);
   }
-  Obstruct(path, "fifo", sandbox.Root() + "/victim");
-  EXPECT_EQ(getConfigValue(path, "KEY", 128), "") << "and does not wait for it";
 }
 
 }  // namespace

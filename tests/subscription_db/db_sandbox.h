@@ -127,13 +127,8 @@ class DbSandboxTest : public testing::Test {
     commands_ = 0;
     waits_.clear();
   }
-  /// The database file, decrypted by the documented command line; discarded when that fails.
-  Json Stored() const {
-    const std::string output = sandbox_.Root() + "/stored";
-    RunShell("openssl enc -d -aes-256-cbc -in " + Paths().databaseFile + " -k \"$(head -n 1 " + Paths().passwordFile +
-             ")\" 2>/dev/null >" + output);
-    return Json::parse(ReadFile(output), nullptr, false);
-  }
+  /// The document in the database file; discarded when there is none.
+  Json Stored() const { return Json::parse(DecryptedDatabase(Paths()), nullptr, false); }
   /// The files' short names, with "!" where others may read them, and what they hold.
   std::map<std::string, std::string> Files() const {
     std::map<std::string, std::string> files;

@@ -190,17 +190,5 @@ TEST_F(DbSandboxTest, DecodingIsTriedThreeTimesASecondApart) {
                           "The file D could not be read and is kept as D.unreadable.\n");
 }
 
-TEST_F(DbSandboxTest, AStartThatCannotEncryptLeavesTheDatabaseFileForTheNext) {
-  LayOut("D=A");
-  const std::string before = ReadFile(Paths().databaseFile);
-  fails_ = [](const std::string& command) { return command.find(" enc ") != std::string::npos; };
-  SubscriptionDb db = NewDb();
-  EXPECT_FALSE(StartDb(db));
-  EXPECT_TRUE(Errors().ends_with("A start did not come to its end: the files that it set aside are put back.\n"))
-      << Errors();
-  EXPECT_EQ(ReadFile(Paths().databaseFile), before);
-  EXPECT_EQ(FileNames(), "D K ");
-}
-
 }  // namespace
 }  // namespace event_service

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <regex>
 #include <sstream>
 
 namespace event_service {
@@ -15,17 +14,11 @@ LogCapture::LogCapture() : path_(folder_.Root() + "/captured.log") {
   SetLogger(&logger_);
 }
 
-std::vector<std::string> LogCapture::Messages(const std::string& level) const {
-  static const std::regex kFirstLine(R"(\w{3} .\d \d\d:\d\d:\d\d \d+ \[(\w+)\]: (.*))");
+std::vector<std::string> MessagesIn(const std::string& log, const std::string& tag) {
   std::vector<std::string> messages;
-  bool isWanted = false;
-  std::istringstream log(ReadFile(path_));
-  for (std::string text; std::getline(log, text);) {
-    std::smatch parts;
-    const bool isFirst = std::regex_match(text, parts, kFirstLine);
-    if (isFirst) isWanted = parts[1] == level;
-    if (isWanted && isFirst) messages.push_back(parts[2]);
-    if (isWanted && !isFirst) messages.back() += "\n" + text;
+  std::istringstream lines(log);
+  for (std::string line; std::getline(lines, line);) {
+    if (const size_t at = line.find(tag); at != std::string::npos) messages.push_back(line.substr(at + tag.size()));
   }
   return messages;
 }

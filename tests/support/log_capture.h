@@ -10,6 +10,9 @@
 
 namespace event_service {
 
+/// What stands behind this tag in the lines of a log.
+std::vector<std::string> MessagesIn(const std::string& log, const std::string& tag);
+
 /// Makes the process log a temporary file while it lives.
 class LogCapture {
  public:
@@ -18,14 +21,12 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
   ~LogCapture() { SetLogger(nullptr); }
 
-  /// The messages of the error lines so far, of the debug lines so far; with the further lines of a long one.
-  std::vector<std::string> Errors() const { return Messages("Error"); }
-  std::vector<std::string> DebugLines() const { return Messages("Debug"); }
+  /// The messages of the error lines so far, of the debug lines so far.
+  std::vector<std::string> Errors() const { return MessagesIn(ReadFile(path_), "[Error]: "); }
+  std::vector<std::string> DebugLines() const { return MessagesIn(ReadFile(path_), "[Debug]: "); }
   void Clear() { WriteFile(path_, ""); }
 
  private:
-  std::vector<std::string> Messages(const std::string& level) const;
-
   SandboxRoot folder_;
   std::string path_;
   Logger logger_;

@@ -15,10 +15,11 @@ std::string ContentOf(redisContext* redis, const std::string& key) {
                            : type == "set" ? SendArguments(redis, {"SMEMBERS", key})
                                            : SendArguments(redis, {"HGETALL", key});
   EXPECT_TRUE(IsArray(reply)) << key << " is a " << type;
-  std::vector<std::string> parts;
-  for (size_t i = 0; IsArray(reply) && i < reply->elements; ++i) {
-    parts.emplace_back(TextOf(reply->element[i]));
-    if (type == "hash") parts.back().append("=").append(TextOf(reply->element[++i]));
+  const std::vector<std::string_view> texts = TextsOf(reply);
+  std::vector<std::string> parts(texts.begin(), texts.end());
+  for (size_t i = 0; type == "hash" && i < parts.size(); ++i) {
+    parts[i] += "=" + parts[i + 1];
+    parts.erase(parts.begin() + static_cast<std::ptrdiff_t>(i) + 1);
   }
   if (type != "list") std::ranges::sort(parts);
   std::string text;

@@ -10,6 +10,8 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "foundation/shell.h"
+
 namespace fs = std::filesystem;
 
 namespace event_service {
@@ -66,6 +68,15 @@ std::string ReadFile(const std::string& path) {
   if (!fs::is_regular_file(path)) return {};
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+std::string DecryptedDatabase(const FilePaths& paths) {
+  const std::string output = paths.passwordFile + ".decrypted";
+  RunShell("openssl enc -d -aes-256-cbc -in " + paths.databaseFile + " -k \"$(head -n 1 " + paths.passwordFile +
+           ")\" 2>/dev/null >" + output);
+  std::string text = ReadFile(output);
+  fs::remove(output);
+  return text;
 }
 
 void Obstruct(const std::string& path, const std::string& kind, const std::string& victim) {

@@ -42,6 +42,9 @@ void WriteFile(const std::string& path, std::string_view content);
 /// The whole content; empty when the file cannot be read.
 std::string ReadFile(const std::string& path);
 
+/// The text in the database file, decrypted by the documented command line; empty when that fails.
+std::string DecryptedDatabase(const FilePaths& paths);
+
 /// What somebody else can have laid out under a name: "link" and "second name" of the file `victim`, which holds
 /// "victim", a "fifo", a "folder" with something in it, a "foreign" user's file (as root only).
 void Obstruct(const std::string& path, const std::string& kind, const std::string& victim);

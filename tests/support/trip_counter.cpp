@@ -30,13 +30,13 @@ struct TripCounter::Connection {
 };
 
 /// What the server is asked in the place of a command that fails.
-static const char* InPlaceOf(std::string_view command, RedisFault fault) {
-  if (fault == RedisFault::kNil) return "GET injected-fault";
-  if (fault == RedisFault::kError) return "INJECTED-FAULT";  // an unknown command
+static std::vector<std::string_view> InPlaceOf(std::string_view command, RedisFault fault) {
+  if (fault == RedisFault::kNil) return {"GET", "injected-fault"};
+  if (fault == RedisFault::kError) return {"INJECTED-FAULT"};  // an unknown command
   for (const char* answeredByArray : {"HGETALL ", "HMGET ", "LRANGE ", "KEYS ", "SMEMBERS ", "BLPOP ", "SUBSCRIBE "}) {
-    if (command.starts_with(answeredByArray)) return "EXISTS injected-fault";
+    if (command.starts_with(answeredByArray)) return {"EXISTS", "injected-fault"};
   }
-  return "TIME";  // an array
+  return {"TIME"};  // an array
 }
 
 TripCounter::TripCounter(const std::string& serverSocket) : serverSocket_(serverSocket) {
@@ -133,19 +133,14 @@ void TripCounter::HandOn(Connection& connection) {
     ++trips_;
     connection.answered = false;
   }
-  redisContext* server = connection.server.get();
+  std::string out;
   std::optional<RedisFault> end;
   void* next = nullptr;
   while (!end && redisReaderGetReply(connection.reader.get(), &next) == REDIS_OK && next != nullptr) {
     const RedisReply command(static_cast<redisReply*>(next));
-    std::vector<const char*> words;
-    std::vector<size_t> sizes;
+    std::vector<std::string_view> words = TextsOf(command);
     std::string text;
-    for (size_t i = 0; i < command->elements; ++i) {
-      words.push_back(command->element[i]->str);
-      sizes.push_back(command->element[i]->len);
-      text.append(i > 0 ? " " : "").append(TextOf(command->element[i]));
-    }
+    for (const std::string_view word : words) text.append(text.empty() ? "" : " ").append(word);
     if (commands_.size() >= faults_.cutAfter) end = RedisFault::kCut;
     if (end) break;
     commands_.push_back(text);
@@ -153,10 +148,12 @@ void TripCounter::HandOn(Connection& connection) {
                        (!faults_.failedText.empty() && text.find(faults_.failedText) != std::string::npos);
     if (fails && faults_.fault >= RedisFault::kCut) end = faults_.fault;
     if (end == RedisFault::kCut) break;
-    fails && !end ? redisAppendCommand(server, InPlaceOf(text, faults_.fault))
-                  : redisAppendCommandArgv(server, static_cast<int>(words.size()), words.data(), sizes.data());
+    if (fails && !end) words = InPlaceOf(text, faults_.fault);
+    const size_t handedOn = out.size();
+    out.resize(handedOn + CommandRoom(words));
+    out.resize(static_cast<size_t>(PutCommand(&out[handedOn], words) - out.data()));
   }
-  for (int isDone = 0; isDone == 0 && redisBufferWrite(server, &isDone) == REDIS_OK;) continue;
+  SendText(connection.server.get(), out);
   if (end) EndConnections(*end);
 }
 

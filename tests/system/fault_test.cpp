@@ -51,6 +51,7 @@ TEST_F(Faults, NoPathHoldsUpTheStart) {
       {paths.configuration},
       {paths.redisConfiguration, false},
       {Sandbox().RedisDirectory() + "/redis.port", false},
+      {Sandbox().RedisDirectory() + "/redis.unixsocket", false},
       {database, false},
       {database + ".aside"},
       {plain},
