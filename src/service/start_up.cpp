@@ -26,7 +26,7 @@ namespace {
 constexpr int kFailed = -1;
 constexpr std::chrono::seconds kListenerPatience{5};
 
-/// Makes the log file the process's log until the end of start-up's scope, or until Close.
+/// Makes the log file the process's log until the end of its scope.
 class ProcessLog {
  public:
   explicit ProcessLog(const std::string& configurationFile) {
@@ -39,8 +39,7 @@ class ProcessLog {
   }
   ProcessLog(const ProcessLog&) = delete;
   ProcessLog& operator=(const ProcessLog&) = delete;
-  ~ProcessLog() { Close(); }
-  void Close() { SetLogger(nullptr); }
+  ~ProcessLog() { SetLogger(nullptr); }
 };
 
 /// What the steps work on.
@@ -218,14 +217,11 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
   ForgetMaxEventGroupId();
   ForgetLifeCycleSetting();
 
-  ProcessLog log(settings.paths.configuration);
+  const ProcessLog log(settings.paths.configuration);
   StartUp startUp{steps, settings, state};
   if (!Run(Phase::kPrepare, startUp) || !Initialise(startUp)) return kFailed;
   for (;;) {
-    if (!Run(Phase::kServe, startUp)) {
-      log.Close();
-      return kFailed;
-    }
+    if (!Run(Phase::kServe, startUp)) return kFailed;
     if (settings.listenerRecovery != ListenerRecovery::kReconnect) return 0;
     BringUpAgain(startUp);
   }

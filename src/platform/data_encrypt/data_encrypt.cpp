@@ -25,10 +25,9 @@ constexpr unsigned long long kDerivationPasses = 3;
 /// The key of one cipher text; wiped when it goes.
 class Key {
  public:
-  Key(std::string_view password, const unsigned char* salt) {
-    derived_ = crypto_pwhash(bytes_.data(), bytes_.size(), password.data(), password.size(), salt, kDerivationPasses,
-                             kDerivationMemory, crypto_pwhash_ALG_ARGON2ID13) == 0;
-  }
+  Key(std::string_view password, const unsigned char* salt)
+      : derived_(crypto_pwhash(bytes_.data(), bytes_.size(), password.data(), password.size(), salt, kDerivationPasses,
+                               kDerivationMemory, crypto_pwhash_ALG_ARGON2ID13) == 0) {}
   Key(const Key&) = delete;
   Key& operator=(const Key&) = delete;
   ~Key() { sodium_memzero(bytes_.data(), bytes_.size()); }
@@ -38,7 +37,7 @@ class Key {
 
  private:
   std::array<unsigned char, crypto_secretbox_KEYBYTES> bytes_{};
-  bool derived_ = false;
+  bool derived_;
 };
 
 constexpr std::string_view kDigits = "0123456789ABCDEF";
