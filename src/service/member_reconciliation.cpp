@@ -145,7 +145,8 @@ std::vector<std::string_view> RememberMembers(std::span<const Candidate> members
   const std::set<std::string_view> restored(restoredUris.begin(), restoredUris.end());
   std::vector<std::string_view> missing;
   state.syslogTlsDestinationIds.clear();
-  state.halfChangedUris.clear();  // Redis holds what the file has given it
+  state.halfChangedUris.clear();  // Redis holds what the file has given it, and nothing else below its members
+  state.scatteredUris.clear();
   for (const Candidate& member : members) {
     if (member.protocol == "\"SyslogTLS\"") state.syslogTlsDestinationIds.emplace_back(IdOf(member.uri));
     if (restored.contains(member.uri)) {

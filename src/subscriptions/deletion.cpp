@@ -111,10 +111,11 @@ void MemberDeletion::FindParts(uint32_t& eventGroupId) {
   keys_ = walk_.Keys();
   // The entries for subordinate resources go whether or not the service matches them now.
   indexKeys_ = OriginIndexKeys(destination_, true);
-  if (!walk_.HasFailed()) return;
-  hasFailed_ = true;
-  LogError("DatabaseOperationError: Failed to read the event destination %s.", uri_.c_str());
-  FindTraces();
+  if (walk_.HasFailed()) {
+    hasFailed_ = true;
+    LogError("DatabaseOperationError: Failed to read the event destination %s.", uri_.c_str());
+  }
+  if (walk_.HasFailed() || state_.scatteredUris.contains(uri_)) FindTraces();
 }
 
 /// What may belong to a member whose own markers and properties do not tell it, or not any more: the keys below its
@@ -211,6 +212,7 @@ void MemberDeletion::DeleteKeys(RedisPipeline& pipeline) {
 void MemberDeletion::Forget() {
   std::erase(state_.syslogTlsDestinationIds, MemberIdOf(uri_));
   state_.halfChangedUris.erase(uri_);
+  state_.scatteredUris.erase(uri_);
 }
 
 void MemberDeletion::RemoveFromFile() {

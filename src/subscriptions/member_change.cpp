@@ -60,6 +60,7 @@ bool ApplyMemberChange(Request& request, RedisPipeline& writes, MemberChange cha
   writes.Execute();
   if (!isWritten) {
     request.subscriptions->halfChangedUris.insert(uri);
+    request.subscriptions->scatteredUris.insert(uri);
     return false;
   }
   if (!isSequenceStored) LogError("Failed to store the last sequence id that %s took.", uri.c_str());
