@@ -68,11 +68,11 @@ void Delivery::Run(int stop) {
   for (;;) {
     KeepConnected();
     SendDue();
-    AskForGivenUp();
     SendAsks();
     WriteSettled();
     curl_waitfd descriptors[] = {{stop, CURL_WAIT_POLLIN, 0}, {taker_ ? taker_->fd : -1, CURL_WAIT_POLLIN, 0}};
     outbox_.Carry(UntilNextDeadline(), std::span(descriptors, taker_ ? 2 : 1), finder_.Service().retry);
+    AskForGivenUp();  // before the next event is looked at, which they are not to get
     if (descriptors[0].revents != 0) break;
     if (taker_ && descriptors[1].revents != 0) TakeElement();
   }
