@@ -127,7 +127,7 @@ class FaultInjection : public DaemonTest {
     if (kind.uri == kMember && !KeyExists(redis(), kMember)) {
       EXPECT_EQ(NamesIn(Ask("POST", kCollection, kMemberBody)), kCreated[0]);
     } else if (kind.uri == kMember) {
-      AskShort("PATCH", kMember, R"({"Context": "before", "HttpHeaders": [{"A": "b"}]})");
+      AskShort("PATCH", kMember, R"({"Context": "before", "HttpHeaders": [{"A": "b"}, {"C": "d"}]})");
     }
   }
 
