@@ -163,13 +163,15 @@ class EventDelivery(unittest.TestCase):
         listener.modes.update({"/fails": "fail", "/hangs": "hang"})
         self.subscribe("/fails", DeliveryRetryPolicy="RetryForever")
         self.subscribe("/hangs", DeliveryRetryPolicy="RetryForeverWithBackoff")
-        self.subscribe("/takes")
+        takes = self.subscribe("/takes")
         for number in "123":
             self.submit(number)
         self.arrives("/takes", "1 2 3")
         self.assertTrue(eventually(lambda: listener.sent("/fails", "fail") and listener.sent("/hangs", "hang")))
         self.assertEqual(listener.ids("/fails") + listener.ids("/hangs"), "")
 
+        # Killed before it has noted that an event has arrived, it would send that one again.
+        self.assertTrue(eventually(lambda: takes not in sandbox.redis("hkeys", QUEUES[2])))
         # What is owed outlives the program, however it ends, connections that break, and a Redis that has forgotten
         # everything.
         sandbox.send_signal("event-delivery", signal.SIGKILL)
