@@ -1,5 +1,7 @@
 #include "foundation/configuration.h"
 
+#include <algorithm>
+
 #include "platform/conf_parser/conf_parser.h"
 
 namespace event_service {
@@ -7,8 +9,9 @@ namespace event_service {
 std::string ReadSetting(const std::string& configurationFile, const SettingKey& key) {
   if (key.reader == SettingReader::kConfigValue) return getConfigValue(configurationFile, key.name, key.limit);
   std::string value(key.limit, '\0');
-  const bool found = getPropertyValue(configurationFile.c_str(), "=", key.name, value.data(), value.size()) == 0;
-  return found ? value.c_str() : std::string();
+  if (getPropertyValue(configurationFile.c_str(), "=", key.name, value.data(), value.size()) != 0) return {};
+  value.resize(std::min(value.find('\0'), value.size()));
+  return value;
 }
 
 }  // namespace event_service

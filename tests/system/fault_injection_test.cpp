@@ -229,6 +229,7 @@ TEST_F(FaultInjection, ARequestWithAnyFaultIsAnsweredOnceOrNotAndLeavesNothingHa
     EXPECT_EQ(Send(kind).answer, kind.answers[0]);
     RemoveMembers();
     Prepare(kind);
+    Prepare(kind);                     // a member is made, and then set back as before each case
     const Outcome usual = Send(kind);  // the first one also reads what is read once
     RemoveMembers();
     for (size_t n = 1; n <= usual.commands && !HasFailure(); ++n) {
