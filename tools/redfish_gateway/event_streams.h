@@ -93,7 +93,7 @@ class EventStreams {
   void Wait(const Streams& streams);
   void ListenToChannels();
   void ReadMessages();
-  void Deliver(std::string_view channel, std::string_view document);
+  void Deliver(std::string_view channel, std::string_view text);
   void Compare();
   void EndWithoutSubscription(const std::set<std::string>& channels);
   void Delete(const std::string& uri);

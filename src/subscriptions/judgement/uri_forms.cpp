@@ -154,7 +154,8 @@ std::string WithoutPassword(std::string_view destination) {
   if (at == std::string_view::npos) return std::string(destination);
   std::string_view userInfo = destination.substr(0, at);
   // A later "://" may be a part of the password.
-  if (const size_t colon = userInfo.find(':'); colon != userInfo.npos && userInfo.substr(colon).starts_with("://")) {
+  if (const size_t colon = userInfo.find(':');
+      colon != std::string_view::npos && userInfo.substr(colon).starts_with("://")) {
     userInfo.remove_prefix(colon + 3);
   } else if (IsMailUri(userInfo)) {
     userInfo.remove_prefix(kMailScheme.size());
