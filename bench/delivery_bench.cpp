@@ -43,7 +43,13 @@ class Listener {
               getsockname(listening_, reinterpret_cast<sockaddr*>(&address), &size) == 0,
           "no listener");
     port_ = ntohs(address.sin_port);
-    std::thread([this] { Serve(); }).detach();
+    serving_ = std::thread([this] { Serve(); });
+  }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+  ~Listener() {
+    shutdown(listening_, SHUT_RD);
+    serving_.join();
   }
 
   std::string Url(size_t i) const { return "http://127.0.0.1:" + std::to_string(port_) + "/" + std::to_string(i); }
@@ -57,6 +63,7 @@ class Listener {
   }
 
  private:
+  /// Until nothing more can be accepted.
   void Serve() {
     const int poll = epoll_create1(EPOLL_CLOEXEC);
     epoll_event event{.events = EPOLLIN, .data = {.fd = listening_}};
@@ -70,6 +77,7 @@ class Listener {
           continue;
         }
         event.data.fd = accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (event.data.fd < 0) return;
         epoll_ctl(poll, EPOLL_CTL_ADD, event.data.fd, &event);
       }
     }
@@ -102,7 +110,8 @@ class Listener {
 
   int listening_ = -1;
   uint16_t port_ = 0;
-  std::map<int, std::string> received_;
+  std::thread serving_;
+  std::map<int, std::string> received_;  // of that thread
   std::atomic<uint64_t> taken_ = 0;
   std::atomic<uint64_t> target_ = 0;
   std::atomic<bool> isDone_ = false;
