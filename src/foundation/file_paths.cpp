@@ -6,6 +6,8 @@
 #include <iterator>
 #include <utility>
 
+#include "foundation/characters.h"
+
 namespace event_service {
 namespace {
 
@@ -22,8 +24,7 @@ static_assert(sizeof(FilePaths) == std::size(kAllPaths) * sizeof(std::string), "
 
 bool NeedsNoQuoting(char c) {
   constexpr std::string_view kPlain = "/._-+,:@%=";
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-         kPlain.find(c) != std::string_view::npos;
+  return IsAlphanumeric(c) || kPlain.find(c) != std::string_view::npos;
 }
 
 /// main writes it once before any other thread runs; read-only after that.

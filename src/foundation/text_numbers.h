@@ -8,9 +8,6 @@
 
 namespace event_service {
 
-/// In every locale the same.
-inline bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-
 /// Converts an optional sign and decimal digits up to the end of the text. Returns no error and sets `value`, or
 /// std::errc::invalid_argument, or std::errc::result_out_of_range; then `value` keeps what it had.
 template <std::integral Integer>

@@ -16,8 +16,9 @@ namespace event_service {
 inline constexpr std::string_view kEnqueueScript = "enqueueEvent";
 
 /// Hands over the event object stored at `eventHashId`. True when the delivery side queued or discarded it. On a
-/// refusal `messages` holds the Redfish message id and its arguments, as far as the script gave them. An object that
-/// was not queued is deleted, except after a lost connection. Logs each failure.
+/// refusal `messages` holds the Redfish message id and its arguments, as far as the script gave them; what they mean
+/// for the request, and the line about it, are the caller's. An object that was not queued is deleted, except after a
+/// lost connection. A lost connection and a failed deletion are logged.
 bool EnqueueEvent(redisContext* redis, std::string_view eventHashId, std::vector<std::string>& messages);
 
 /// What became of an event that travelled with other commands.

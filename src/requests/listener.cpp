@@ -25,7 +25,7 @@ namespace {
 // A request that has touched more memory than this (1 MiB) gives it back.
 constexpr long kPagesOfALargeRequest = 256;
 
-/// What the listeners tell start-up and each other.
+/// What the listeners tell startup and each other.
 struct {
   std::mutex mutex;
   std::condition_variable hasOpened;

@@ -28,7 +28,7 @@ RequestRecord ReadRequestRecord(redisContext* redis, std::string_view requestKey
                    if (text != texts.end()) *field = *text++;
                  }
                });
-  pipeline.Ask({"HGET", kEventServiceUri, "ServiceEnabled"},
+  pipeline.Ask({"HGET", kEventServiceUri, kServiceEnabled},
                [&record](const RedisReply& reply) { record.serviceEnabled = TextOf(reply); });
   pipeline.Ask({"HGET", kScriptDigests, kLifeCycleScript},
                [&record](const RedisReply& reply) { record.lifeCycleDigest = TextOf(reply); });

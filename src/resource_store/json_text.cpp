@@ -4,6 +4,7 @@
 #include <limits>
 #include <string>
 
+#include "foundation/characters.h"
 #include "foundation/text_numbers.h"
 
 namespace event_service {
@@ -34,7 +35,7 @@ bool IsPlainString(std::string_view text) {
 bool IsPlainNumber(std::string_view text) {
   constexpr size_t kSafeDigits = 18;
   return !text.empty() && text.size() <= kSafeDigits && (text.front() != '0' || text.size() == 1) &&
-         std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
+         std::ranges::all_of(text, IsDigit);
 }
 
 /// Most stored values by far; the parser takes several times as long to be set up for them. False for any other.

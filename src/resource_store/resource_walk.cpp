@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "foundation/characters.h"
 #include "resource_store/json_text.h"
 #include "resource_store/store_log.h"
 
@@ -15,9 +16,7 @@ constexpr size_t kMostBodyContainers = 1024;
 
 Json EmptyContainer(ContainerKind kind) { return kind == ContainerKind::kObject ? Json::object() : Json::array(); }
 
-bool IsDecimal(std::string_view text) {
-  return !text.empty() && std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
-}
+bool IsDecimal(std::string_view text) { return !text.empty() && std::ranges::all_of(text, IsDigit); }
 
 /// True for the target that the writer gives to an object or array in the list at `listKey`.
 bool IsElementKey(std::string_view listKey, std::string_view target) {

@@ -5,8 +5,8 @@
 #include <limits>
 #include <utility>
 
+#include "foundation/characters.h"
 #include "foundation/logging.h"
-#include "foundation/text_numbers.h"
 #include "service/redis_keys.h"
 
 namespace event_service {
@@ -19,7 +19,7 @@ constexpr std::string_view kNoResourceTypes[] = {
     "odata", "odata-v4", "redfish-schema", "redfish-payload-annotations", "redfish-schema-v1", "redfish-error"};
 
 // The classes of the patterns. "." matches no line end.
-bool IsWord(char c) { return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
+bool IsWord(char c) { return IsAlphanumeric(c) || c == '_'; }
 constexpr std::string_view kLineEnds = "\r\n";
 
 /// Takes the longest run of such characters off the front of `text`; false when there is none.

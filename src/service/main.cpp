@@ -1,4 +1,4 @@
-/// The composition root: makes the process what it is to be, reads the environment, and hands start-up what lies above
+/// The composition root: makes the process what it is to be, reads the environment, and hands startup what lies above
 /// it. The only file that knows every folder.
 #include <fcntl.h>
 #include <malloc.h>

@@ -33,8 +33,8 @@ struct Candidate {
 
 /// Asks for the fields in a batch; the candidate stays where it is until then.
 void AskFields(RedisPipeline& pipeline, Candidate& candidate) {
-  pipeline.Ask({"HMGET", candidate.uri, "Protocol", "Destination", "SubscriptionType", "&&AllowMethod",
-                "&&PATCHValidation", kCrudPrefixField},
+  pipeline.Ask({"HMGET", candidate.uri, "Protocol", "Destination", "SubscriptionType", kAllowMethodField,
+                kPatchValidationField, kCrudPrefixField},
                [&candidate](RedisReply& reply) {
                  candidate.fields = std::move(reply);
                  std::vector<std::string_view> texts = TextsOf(candidate.fields);
@@ -96,7 +96,7 @@ bool Collection::Read(redisContext* redis) {
   RedisPipeline pipeline(redis);
   pipeline.Ask({"LRANGE", kSubscriptionsMembersKey, "0", "-1"}, into(entries_));
   pipeline.Ask({"KEYS", std::string(kSubscriptionsUri) + "/*"}, into(keys_));
-  pipeline.Ask({"HGET", kSubscriptionsUri, "@odata.etag"}, into(etag_));
+  pipeline.Ask({"HGET", kSubscriptionsUri, kEtagField}, into(etag_));
   pipeline.Ask({"KEYS", EscapeGlob(kGenerationPrefix) + "*"}, into(requests_));
   pipeline.Execute();
   if (!IsArray(entries_)) return false;
@@ -179,8 +179,7 @@ void WriteBack(redisContext* redis, std::span<const std::string_view> uris, std:
 /// Removes what a creation that was cut short has left: its arrays and objects may be there without a marker that leads
 /// to them.
 void RemoveHalfCreated(redisContext* redis, std::string_view uri) {
-  const std::string below = "&&" + std::string(uri) + "/";
-  std::vector<std::string> keys = KeyListing(redis, EscapeGlob(below) + "*");
+  std::vector<std::string> keys = KeyListing(redis, EscapeGlob(ChildKey(uri, {})) + "*");
   keys.emplace_back(uri);
   RedisPipeline pipeline(redis);
   AppendUnlink(pipeline, keys);

@@ -52,11 +52,11 @@ bool InitQueues(redisContext* redis, const ServiceSettings& settings) {
     if (settings.protocolOnly) return;
     pipeline.Ask({"HSET", key, field, value}, [&](const RedisReply& reply) { isSmtpSet = IsInteger(reply); });
   };
-  setForSmtp(kSmtpKey, "&&Password", "null");
+  setForSmtp(kSmtpKey, kSmtpPasswordField, "null");
   lists.Ask(pipeline);
   pipeline.Execute();
   if (isSmtpSet) {
-    setForSmtp(kEventServiceUri, "&&SensitiveData", "SMTP/Password");
+    setForSmtp(kEventServiceUri, kSensitiveDataField, kSmtpPassword);
     lists.AskPrefixes(pipeline);
     pipeline.Execute();
   }

@@ -30,7 +30,7 @@ constexpr std::chrono::seconds kListenerPatience{5};
 class ProcessLog {
  public:
   explicit ProcessLog(const std::string& configurationFile) {
-    // It outlives start-up: a listener may be in the middle of a line when start-up gives up.
+    // It outlives startup: a listener may be in the middle of a line when startup gives up.
     static Logger logger;
     logger = Logger();
     logger.Initialise(configurationFile);

@@ -124,8 +124,9 @@ DbValue EncryptedFile::LoadDb() {
   plainFileIsAhead_ = plainFileIsAhead_ && FileIsThere(plainFile);
   if (plainFileIsAhead_ && !EncodeDbFile()) return nullptr;
 
-  if (CheckDbFile(environment_.paths.databaseFile) != DbFileState::kFilled || !password_.ReadDbPassword())
-    return nullptr;
+  const bool isReadable =
+      CheckDbFile(environment_.paths.databaseFile) == DbFileState::kFilled && password_.ReadDbPassword();
+  if (!isReadable) return nullptr;
   DbValue root;
   if (DecodeDbFile(false)) root = ReadDbDocument(plainFile);
   if (environment_.runShell("rm -f " + plainFile) != 0) LogError("Failed to remove temporary file.");

@@ -38,7 +38,6 @@ namespace {
 
 constexpr int kMostIdRedraws = 10;
 constexpr size_t kLongestId = 64;  // a longer one is refused, and not asked for
-constexpr std::string_view kLocationField = "&&Location";
 
 std::string GenerateId(RandomSource random) {
   char id[9];
@@ -115,7 +114,7 @@ bool ReadInput(const Request& request, RandomSource random, CreationInput& input
                [&input](const RedisReply& reply) { input.collectionEtag = TextOf(reply); });
   if (ChooseId(body.Document(), random, input)) AskWhetherIdExists(pipeline, input);
   if (input.about.isSse) {
-    pipeline.Ask({"HGET", request.announcement.requestKey, "&&SSE-CHANNEL"},
+    pipeline.Ask({"HGET", request.announcement.requestKey, kSseChannel},
                  [&input](const RedisReply& reply) { input.about.sseChannel = TextOf(reply); });
   }
   pipeline.Execute();
@@ -178,12 +177,12 @@ std::optional<Answer> SetUpSyslog(const Request& request, const NewMember& membe
 
 /// Removes what the creation may have written, however far it got. The syslog forwarder is not told, and counters that
 /// have moved stay.
-void TakeBack(const Request& request, const CreationInput& input, const NewMember& member) {
+void RollBack(const Request& request, const CreationInput& input, const NewMember& member) {
   std::erase(request.subscriptions->syslogTlsDestinationIds, MemberIdOf(member.uri));
   RedisPipeline pipeline(request.redis);
   AppendUnlink(pipeline, DocumentKeys(member.uri, member.destination, member.sequence));
   AppendMemberRemoval(pipeline, kSubscriptionsUri, member.uri);
-  pipeline.Append({"HDEL", request.announcement.requestKey, kLocationField});
+  pipeline.Append({"HDEL", request.announcement.requestKey, kLocation});
   pipeline.Then([](Replies replies) {
     if (!AllIntegers(replies)) LogError("Failed to delete data of event destination whencreate failed.");
   });
@@ -226,7 +225,7 @@ bool AddToCollection(const Request& request, const CreationInput& input, NewMemb
   bool isAdded = false;
   RedisPipeline pipeline(request.redis);
   SetEtag(pipeline, kSubscriptionsUri, etag, isEtagSet);
-  pipeline.Append({"HSET", request.announcement.requestKey, kLocationField, member.uri});
+  pipeline.Append({"HSET", request.announcement.requestKey, kLocation, member.uri});
   // A generated Id has never been used; a given one may stand in the list in some form.
   if (input.isIdGiven) AppendMemberRemoval(pipeline, kSubscriptionsUri, member.uri);
   pipeline.Append({"RPUSH", kSubscriptionsMembersKey, MemberEntry(member.uri)});
@@ -307,12 +306,12 @@ Answer CreateEventDestination(Request& request, RandomSource random) {
   Membership membership;
   if (!Write(request.redis, input.isIdGiven, member) || !AddToCollection(request, input, member, membership)) {
     LogError("DatabaseOperationError: Failed to create event destination object.");
-    TakeBack(request, input, member);
+    RollBack(request, input, member);
     return DatabaseError({});
   }
   if (!DisableSnmpTrap(request.redis, member)) {
     LogError("DatabaseOperationError: Failed to set State.");
-    TakeBack(request, input, member);
+    RollBack(request, input, member);
     return DatabaseError({});
   }
   WriteIntoFile(request, input, member, membership.collectionEtag);

@@ -9,9 +9,6 @@
 
 namespace event_service {
 
-inline constexpr std::string_view kStateEnabled = "Enabled";
-inline constexpr std::string_view kStateDisabled = "Disabled";  // suspended
-
 /// Writes the State of a stored member and nothing else. False when Redis does not take it.
 [[nodiscard]] bool SetState(redisContext* redis, std::string_view uri, std::string_view state);
 

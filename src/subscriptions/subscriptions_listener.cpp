@@ -14,14 +14,12 @@
 #include "subscriptions/deletion.h"
 #include "subscriptions/get_preparation.h"
 #include "subscriptions/patch.h"
+#include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/member_uri.h"
 #include "subscriptions/state.h"
 
 namespace event_service {
 namespace {
-
-constexpr std::string_view kResumeAction = "/Actions/EventDestination.ResumeSubscription";
-constexpr std::string_view kEveryStream = "SSE-ALL";
 
 Answer HandlePostCreate(Request& request) {
   if (auto refusal = CheckServiceEnabled(request)) return std::move(*refusal);

@@ -71,7 +71,7 @@ class StartUpSandbox : public RedisTest {
   static bool Restore(redisContext*, const ServiceSettings&) {
     if (thrown) std::rethrow_exception(thrown);
     calls += "restore, ";
-    return false;  // which is no failure of start-up
+    return false;  // which is no failure of startup
   }
   static void* Listen(void*) {
     calls += "listen, ";

@@ -83,7 +83,7 @@ inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
   }
 }
 
-/// What start-up does with the files, in its order; without `succeeds` a later step fails.
+/// What startup does with the files, in its order; without `succeeds` a later step fails.
 inline bool StartDb(SubscriptionDb& db, bool succeeds = true) {
   if (!db.Start().PrepareFiles()) return false;
   if (db.Start().InitSubscriptionDb() && succeeds && db.Start().SettleStart()) return true;

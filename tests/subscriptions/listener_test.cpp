@@ -140,7 +140,7 @@ TEST_F(ListenerTest, RoundTripsStayWithinTheirBudgets) {
   };
   Json body = kBody;
   body["HttpHeaders"] = Json::array({{{"X-Token", "secret"}}});
-  Send("POSTCREATE", kCollection, body);  // which also asks for what start-up knows
+  Send("POSTCREATE", kCollection, body);  // which also asks for what startup knows
   body.erase("Id");
   expectWithin(8, "POSTCREATE", kCollection, body);
   body.erase("HttpHeaders");

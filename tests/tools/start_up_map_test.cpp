@@ -1,4 +1,4 @@
-/// The start-up map script alone; that it rebuilds exactly what creations have written is a whole-daemon test.
+/// The startup map script alone; that it rebuilds exactly what creations have written is a whole-daemon test.
 #include "resource_store/resource_writer.h"
 #include "tests/support/redis_test.h"
 

@@ -58,7 +58,7 @@ std::optional<Answer> AddPassword(const ServiceValues& accepted, const ServiceSe
 void EndStreams(redisContext* redis, RedisPipeline& pipeline) {
   const std::string key = std::string(kEndOfStreamsPrefix) + std::to_string(RandomNumber());
   pipeline.Append({"HSET", key, kRequestMethod, "DELETE"});
-  pipeline.Append({"HSET", key, kTargetUri, "SSE-ALL"});
+  pipeline.Append({"HSET", key, kTargetUri, kEveryStream});
   pipeline.Ask({"PUBLISH", kSubscriptionsChannel, key + ' ' + std::string(kFromEventing)},
                [redis, key](const RedisReply& hearers) {
                  if (IsInteger(hearers) && hearers->integer >= 1) return;

@@ -1,5 +1,6 @@
 #include "requests/event_service/persistent_properties.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 

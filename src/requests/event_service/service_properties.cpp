@@ -8,13 +8,11 @@
 #include "requests/value_checks.h"
 #include "resource_store/json_text.h"
 #include "resource_store/store_encoding.h"
-#include "service/redis_keys.h"
 
 namespace event_service {
 namespace {
 
 constexpr std::string_view kSmtp = "SMTP";
-constexpr std::string_view kEncryptedPassword = "&&Password";
 constexpr int64_t kLargestPort = 65535;
 
 constexpr std::string_view kConnectionProtocols[] = {"None", "AutoDetect", "StartTLS", "TLS_SSL"};
@@ -151,7 +149,7 @@ struct Place {
 };
 
 Place PlaceOf(std::string_view path) {
-  if (path == kSmtpPassword) return {kSmtpKey, kEncryptedPassword};
+  if (path == kSmtpPassword) return {kSmtpKey, kSmtpPasswordField};
   if (IsSmtpPath(path)) return {kSmtpKey, path.substr(kSmtp.size() + 1)};
   return {kEventServiceUri, path};
 }
@@ -233,7 +231,7 @@ void WriteServiceValues(RedisPipeline& pipeline, const ServiceValues& values, Se
 }
 
 void WriteServiceEtag(RedisPipeline& pipeline, bool& isWritten) {
-  pipeline.Ask({"HSET", kEventServiceUri, "@odata.etag", JsonText(NewEtag())},
+  pipeline.Ask({"HSET", kEventServiceUri, kEtagField, JsonText(NewEtag())},
                [&isWritten](const RedisReply& reply) { isWritten = IsInteger(reply); });
 }
 

@@ -11,6 +11,7 @@
 #include "foundation/redis_pipeline.h"
 #include "requests/answer.h"
 #include "resource_store/resource_walk.h"
+#include "service/redis_keys.h"
 #include "service/settings.h"
 
 namespace event_service {
@@ -18,9 +19,6 @@ namespace event_service {
 /// Path of a property ("ServiceEnabled", "SMTP/Port") -> its value, integers in their plain notation. The password is
 /// in the clear while a PATCH is judged, and encrypted (or null) everywhere else.
 using ServiceValues = std::map<std::string, Json, std::less<>>;
-
-inline constexpr std::string_view kServiceEnabled = "ServiceEnabled";
-inline constexpr std::string_view kSmtpPassword = "SMTP/Password";
 
 inline bool IsSmtpPath(std::string_view path) { return path.starts_with("SMTP/"); }
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "foundation/text_numbers.h"
+#include "foundation/characters.h"
 
 namespace event_service {
 namespace {

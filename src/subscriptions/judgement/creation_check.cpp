@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "resource_store/json_text.h"
 #include "subscriptions/judgement/creation_rules.h"
 #include "subscriptions/judgement/property_judge.h"
 
@@ -13,11 +14,6 @@ namespace {
 
 constexpr std::string_view kNotImplemented = "ExtendedError.1.2.NotImplemented";
 constexpr size_t kMostSyslogTlsDestinations = 3;
-
-bool IsText(const Json& body, std::string_view name, std::string_view text) {
-  const auto value = body.find(name);
-  return value != body.end() && value->is_string() && value->get_ref<const std::string&>() == text;
-}
 
 /// Whatever the values: a client that names a feature counts on it.
 std::optional<Answer> CheckOptionalFeatures(const Json& body, const ServiceSettings& settings) {
@@ -33,7 +29,7 @@ std::optional<Answer> CheckOptionalFeatures(const Json& body, const ServiceSetti
 }
 
 std::optional<Answer> CheckSyslogTlsLimit(const Json& body, size_t existing) {
-  if (existing < kMostSyslogTlsDestinations || !IsText(body, "Protocol", "SyslogTLS")) return std::nullopt;
+  if (existing < kMostSyslogTlsDestinations || TextMember(body, "Protocol") != "SyslogTLS") return std::nullopt;
   return Refuse(kFailure, "Base.1.12.CreateLimitReachedForResource", {},
                 "Cannot create the new event destination for syslog because the maximum number of remote server "
                 "destination entries has been reached.");
@@ -53,7 +49,7 @@ BodyCircumstances CircumstancesOf(const Json& body, const CreationCircumstances&
 
 /// What the judge found, as an answer.
 std::optional<Answer> AnswerOf(const PropertyJudge& judge) {
-  if (judge.ModuleFailed()) return Refuse(kException, "Base.1.12.OperationFailed");
+  if (judge.ModuleFailed()) return Refuse(kException, kOperationFailedMessage);
   if (judge.Faults().empty()) return std::nullopt;
   return Answer{.status = kFailure, .messages = judge.Faults(), .logText = {}, .body = {}};
 }

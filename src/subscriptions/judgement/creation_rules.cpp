@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "resource_store/json_text.h"
 #include "service/static_tables.h"
 
 namespace event_service {
@@ -16,13 +17,6 @@ using Arguments = std::vector<std::string>;
 bool IsGiven(const Json& body, std::string_view name) {
   const auto value = body.find(name);
   return value != body.end() && !value->is_null();
-}
-
-/// The decoded text of a property; empty when it is missing or no string.
-std::string_view TextOf(const Json& body, std::string_view name) {
-  const auto value = body.find(name);
-  if (value == body.end() || !value->is_string()) return {};
-  return value->get_ref<const std::string&>();
 }
 
 std::string_view FirstGiven(const Json& body, std::span<const std::string_view> names) {
@@ -40,7 +34,7 @@ std::optional<Arguments> EventAndMetricFilters(const Json& body) {
 }
 
 std::optional<Arguments> FilterOfTheOtherFormat(const Json& body) {
-  const std::string_view format = TextOf(body, "EventFormatType");
+  const std::string_view format = TextMember(body, "EventFormatType");
   std::string_view filter;
   if (format == "Event") filter = FirstGiven(body, kMetricFilterProperties);
   if (format == "MetricReport") filter = FirstGiven(body, kEventFilterProperties);
@@ -59,15 +53,15 @@ std::optional<Arguments> NoProtocol(const Json& body) {
 }
 
 std::optional<Arguments> SnmpWithoutSubscriptionType(const Json& body) {
-  if (!TextOf(body, "Protocol").starts_with("SNMP") || IsGiven(body, "SubscriptionType")) return std::nullopt;
+  if (!TextMember(body, "Protocol").starts_with("SNMP") || IsGiven(body, "SubscriptionType")) return std::nullopt;
   return Arguments{"SubscriptionType", "Protocol"};
 }
 
 std::optional<Arguments> SnmpWithoutCommunity(const Json& body) {
-  const std::string_view protocol = TextOf(body, "Protocol");
+  const std::string_view protocol = TextMember(body, "Protocol");
   if (protocol != "SNMPv1" && protocol != "SNMPv2c") return std::nullopt;
   const auto snmp = body.find("SNMP");
-  if (snmp != body.end() && !TextOf(*snmp, "TrapCommunity").empty()) return std::nullopt;
+  if (snmp != body.end() && !TextMember(*snmp, "TrapCommunity").empty()) return std::nullopt;
   return Arguments{"Protocol", "SNMP/TrapCommunity"};
 }
 

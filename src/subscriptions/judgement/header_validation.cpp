@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "foundation/characters.h"
 #include "requests/body_cleaning.h"
 #include "requests/fault_messages.h"
 #include "subscriptions/judgement/array_patch.h"
@@ -16,8 +17,7 @@ constexpr std::string_view kProperty = "HttpHeaders";
 
 bool IsTokenCharacter(char c) {
   constexpr std::string_view kSymbols = "!#$%&'*+-.^_`|~";
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-         kSymbols.find(c) != std::string_view::npos;
+  return IsAlphanumeric(c) || kSymbols.find(c) != std::string_view::npos;
 }
 
 /// The connection is the delivery side's, and so are the headers that speak about it.

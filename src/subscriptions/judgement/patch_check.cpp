@@ -95,7 +95,7 @@ PatchJudgement JudgePatch(const Json& body, const Json& stored, const ServiceSet
 
   PatchJudgement judgement;
   if (judge.ModuleFailed()) {
-    judgement.answer = Refuse(kException, "Base.1.12.OperationFailed");
+    judgement.answer = Refuse(kException, kOperationFailedMessage);
     return judgement;
   }
   const Json wanted = WritablePart(body, EventDestinationProperties());

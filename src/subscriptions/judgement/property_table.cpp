@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "foundation/characters.h"
+#include "service/redis_keys.h"
 #include "service/static_tables.h"
 #include "subscriptions/judgement/snmp_keys.h"
 #include "subscriptions/judgement/uri_forms.h"
@@ -15,14 +17,12 @@ std::optional<Fault> FaultUnless(bool isFine, FaultKind kind) {
   return Fault{kind};
 }
 
-bool IsIdCharacter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.';
-}
+bool IsIdCharacter(char c) { return IsAlphanumeric(c) || c == '-' || c == '_' || c == '.'; }
 
 // An Id becomes a segment of URIs and keys: those of the collection's own parts, the target that ends all streams. It
 // becomes a field of the origin index, too: there it must not be the counter that an origin "/redfish/v1/MetricReport"
 // would put it beside.
-constexpr std::string_view kReservedIds[] = {"Actions", "CHANNEL", "Members", "SSE-ALL", kMetricReportField};
+constexpr std::string_view kReservedIds[] = {"Actions", "CHANNEL", "Members", kEveryStream, kMetricReportField};
 
 /// An empty one stands for one that the service generates.
 std::optional<Fault> CheckId(std::string_view text, const BodyCircumstances& /*circumstances*/) {

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 
+#include "foundation/characters.h"
+
 namespace event_service {
 namespace {
 
 bool IsPrintable(char c) { return c >= ' ' && c <= '~'; }
 
-bool IsHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
+bool IsHexDigit(char c) { return IsDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
 bool IsPassphrase(std::string_view text) { return !text.empty() && std::ranges::all_of(text, IsPrintable); }
 

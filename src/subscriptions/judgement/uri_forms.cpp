@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "foundation/characters.h"
 #include "foundation/text_numbers.h"
 
 namespace event_service {
@@ -39,8 +40,6 @@ std::string_view TextOf(const UriTextRangeA& range) {
 bool EqualIgnoringCase(std::string_view left, std::string_view right) {
   return left.size() == right.size() && strncasecmp(left.data(), right.data(), left.size()) == 0;
 }
-
-bool IsAlphanumeric(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); }
 
 /// True for a text of letters, digits and some other characters.
 bool IsMadeOf(std::string_view text, std::string_view others) {

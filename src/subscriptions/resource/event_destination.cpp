@@ -5,6 +5,7 @@
 
 #include "foundation/logging.h"
 #include "platform/data_encrypt/data_encrypt.h"
+#include "requests/request.h"
 #include "requests/value_checks.h"
 #include "resource_store/json_text.h"
 #include "service/static_tables.h"
@@ -64,7 +65,7 @@ void ApplyConsequences(const Json& body, const NewDestination& about, Json& dest
   }
   if (about.isSse) {
     destination["SubscriptionType"] = "SSE";
-    destination["&&SSE-CHANNEL"] = about.sseChannel;
+    destination[std::string(kSseChannel)] = about.sseChannel;
     destination["&&TimeStamp"] = about.timeStamp;
   }
   if (!SyslogTransport(destination).empty()) {
@@ -81,14 +82,14 @@ void AddAnnotations(const NewDestination& about, const ServiceSettings& settings
   destination["@odata.type"] = "#EventDestination.v1_11_2.EventDestination";
   destination["@odata.context"] = "/redfish/v1/$metadata#EventDestination.EventDestination";
   destination[std::string(kEtagField)] = about.etag;
-  destination["&&AllowMethod"] = "GET,HEAD,PATCH,DELETE";
+  destination[std::string(kAllowMethodField)] = "GET,HEAD,PATCH,DELETE";
   if (about.isSse) return;
 
   if (!destination.contains("DeliveryRetryPolicy")) destination["DeliveryRetryPolicy"] = settings.defaultRetryPolicy;
   Json& resume = destination["Actions"]["#EventDestination.ResumeSubscription"];
-  resume["target"] = uri + "/Actions/EventDestination.ResumeSubscription";
+  resume["target"] = Joined(uri, kResumeAction);
   resume["title"] = "ResumeSubscription";
-  destination["Status"]["State"] = "Enabled";
+  destination["Status"]["State"] = kStateEnabled;
   AddAllowableValues(destination, "DeliveryRetryPolicy", settings);
   if (const auto snmp = destination.find("SNMP"); snmp != destination.end() && snmp->is_object()) {
     AddSnmpAllowableValues(*snmp, settings);
@@ -110,7 +111,7 @@ bool ListsPath(std::string_view paths, std::string_view path) {
 
 Json BuildDefaultEventDestination(std::string_view privileges) {
   static const Json kDefaults = {
-      {"&&PATCHValidation", "v_EventDestination.json"},
+      {std::string(kPatchValidationField), "v_EventDestination.json"},
       {"Context", nullptr},
       {"SubordinateResources", nullptr},
       {"SubscriptionType", "RedfishEvent"},
@@ -128,7 +129,7 @@ Json BuildDefaultEventDestination(std::string_view privileges) {
       {"MetricReportDefinitions@odata.count", 0},
   };
   Json destination = kDefaults;
-  destination["&&Privileges"] = privileges;
+  destination[std::string(kPrivileges)] = privileges;
   return destination;
 }
 

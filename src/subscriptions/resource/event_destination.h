@@ -12,12 +12,17 @@
 
 #include "resource_store/json_text.h"
 #include "resource_store/store_encoding.h"
+#include "service/redis_keys.h"
 #include "service/settings.h"
 
 namespace event_service {
 
-inline constexpr std::string_view kSensitiveDataField = "&&SensitiveData";
-inline constexpr std::string_view kEtagField = "@odata.etag";
+/// The values of Status/State that this service sets by itself.
+inline constexpr std::string_view kStateEnabled = "Enabled";
+inline constexpr std::string_view kStateDisabled = "Disabled";  // suspended
+
+/// What stands behind a member's URI in the target of its action.
+inline constexpr std::string_view kResumeAction = "/Actions/EventDestination.ResumeSubscription";
 
 /// The paths of the SNMP secrets, as "&&SensitiveData" holds them.
 inline constexpr std::string_view kSnmpSensitivePaths = "SNMP/TrapCommunity,SNMP/AuthenticationKey,SNMP/EncryptionKey";
