@@ -80,9 +80,10 @@ class Rules(unittest.TestCase):
     ROWS = [
         ("GET", "/redfish", None, {}, 200, None),
         ("GET", "/redfish/v1", None, {}, 200, None),
-        ("GET", "/redfish/v1/", None, {"OData-Version": "4.0"}, 200, None),
+        ("GET", "/redfish/v1/", None, {"OData-Version": "4.0 "}, 200, None),
         ("GET", "/redfish/v1/", None, {"OData-Version": "4.01"}, 412, "PreconditionFailed"),
-        ("GET", "/redfish/v1/odata", None, {"Accept": "application/*;q=0.5"}, 200, None),
+        ("GET", "/redfish/v1/odata", None, {"Accept": "text/html;q=0, Application/*;q=0.5"}, 200, None),
+        ("GET", "/redfish/v1/odata", None, {"Accept": "application/json; q=0.0, */*"}, 406, None),
         ("GET", "/redfish/v1/odata", None, {"Accept": "text/html, image/png"}, 406, "ResourceAtUriInUnknownFormat"),
         ("GET", "http://any.host/redfish/v1/", None, {}, 200, None),
         ("DELETE", "/redfish/v1/", None, {}, 405, "MethodNotAllowed"),
@@ -92,6 +93,9 @@ class Rules(unittest.TestCase):
         ("PUT", SERVICE, {}, {}, 405, "MethodNotAllowed"),
         ("PATCH", COLLECTION, {}, {}, 405, "MethodNotAllowed"),
         ("GET", TEST_EVENT, None, {}, 405, "MethodNotAllowed"),
+        ("GET", TEST_EVENT + "s", None, {}, 404, "ResourceMissingAtURI"),
+        ("GET", COLLECTION + "/none/Actions/EventDestination.ResumeSubscription", None, {}, 404, "ResourceMissingAtURI"),
+        ("POST", COLLECTION, {"Destination": "http://192.0.2.1/"}, {}, 400, "CreateFailedMissingReqProperties"),
         ("BREW", SERVICE, None, {}, 405, "MethodNotAllowed"),
         ("GET", "/redfish/v1/Chassis", None, {}, 404, "ResourceMissingAtURI"),
         ("GET", COLLECTION + "/none", None, {}, 404, "ResourceMissingAtURI"),
@@ -305,6 +309,7 @@ class Streams(unittest.TestCase):
         stream.publish("{broken")
         self.assertEqual(sandbox.ask("DELETE", stream.uri).status, 204)
         self.assertEqual(stream.event()[1]["Events"][0]["MessageId"], "Base.1.12.SubscriptionTerminated")
+        self.assertEqual(stream.response.headers["Connection"], "close")
         self.assertIsNone(stream.event())
 
     def test_a_client_that_does_not_read_is_cut_off_and_holds_up_nobody(self):
@@ -362,7 +367,7 @@ class Sturdiness(unittest.TestCase):
         for raw, status in (
             (b"\0" * 5000, b""), (b"GET\r\n\r\n", b""), (b"A" * 100000, b""), (b"\x16\x03\x01\x02\x00", b""),
             (b"GET / HTTP/9.9\r\n\r\n", b"505"),
-            (b"GET /redfish HTTP/1.1\r\n\r\n", b"400"),
+            (b"GET /redfish HTTP/1.1\r\n\r\n", b"400"), (b"GET /redfish HTTP/1.1\r\nHost: x\r\nHost: y\r\n\r\n", b"400"),
             (b"GET / HTTP/1.1\r\n" + b"X: y\r\n" * 20000 + b"\r\n", b""),
             (patch + b"Content-Length: -5\r\n\r\n", b""),
             (patch + b"Content-Length: 2\r\nContent-Length: 4\r\n\r\n{}{}", b"400"),

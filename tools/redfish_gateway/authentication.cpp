@@ -39,9 +39,7 @@ bool HasCredentials(Gateway& gateway, const HttpRequest& request) {
   const std::string_view token = request.Header("X-Auth-Token");
   if (!token.empty()) return gateway.sessions.Use(token);
   const std::string_view given = request.Header("Authorization");
-  const IgnoringCase less;
-  const std::string_view scheme = given.substr(0, kBasic.size());
-  if (less(scheme, kBasic) || less(kBasic, scheme)) return false;
+  if (!EqualIgnoringCase(given.substr(0, kBasic.size()), kBasic)) return false;
   const std::optional<std::string> pair = DecodeBase64(given.substr(kBasic.size()));
   const size_t colon = pair ? pair->find(':') : std::string::npos;
   if (colon == std::string::npos) return false;

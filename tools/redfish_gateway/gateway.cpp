@@ -89,6 +89,14 @@ std::string AllowOf(const std::vector<const Route*>& routes, std::string_view wi
 
 bool IsRead(std::string_view method) { return method == "GET" || method == "HEAD"; }
 
+/// Takes the first element off a header's list; it comes without the blanks around it.
+std::string_view TakeElement(std::string_view& list, char separator) {
+  std::string_view element = list.substr(0, list.find(separator));
+  list.remove_prefix(std::min(element.size() + 1, list.size()));
+  element.remove_prefix(std::min(element.find_first_not_of(" \t"), element.size()));
+  return element.substr(0, element.find_last_not_of(" \t") + 1);
+}
+
 // ---- Entity tags
 
 std::string EtagOf(const HttpAnswer& answer) {
@@ -109,10 +117,7 @@ enum class Comparison { kWeak, kStrong };
 bool NamesEtag(std::string_view list, std::string_view etag, Comparison comparison) {
   if (list == "*") return !etag.empty();
   while (!list.empty()) {
-    std::string_view item = list.substr(0, list.find(','));
-    list.remove_prefix(std::min(item.size() + 1, list.size()));
-    item.remove_prefix(std::min(item.find_first_not_of(" \t"), item.size()));
-    item = item.substr(0, item.find_last_not_of(" \t") + 1);
+    std::string_view item = TakeElement(list, ',');
     if (comparison == Comparison::kWeak && item.starts_with("W/")) item.remove_prefix(2);
     if (item == etag) return true;
   }
@@ -152,19 +157,32 @@ HttpAnswer Change(Call& call, const Route& route, const std::vector<const Route*
 
 // ---- What is looked at before a handler
 
-/// True when a media type serves the client, who names those that he takes in "Accept".
+/// How closely a media range names a type; 0: it does not.
+int Closeness(std::string_view range, std::string_view type) {
+  if (range == "*/*") return 1;
+  if (range.ends_with("/*")) type = type.substr(0, type.find('/'));
+  const std::string_view named = range.substr(0, range.find("/*"));
+  if (!EqualIgnoringCase(named, type)) return 0;
+  return named == range ? 3 : 2;
+}
+
+/// "q=0.000", which excludes a media range.
+bool IsZeroQuality(std::string_view parameter) {
+  return EqualIgnoringCase(parameter.substr(0, 3), "q=0") && parameter.find_first_not_of("0.", 2) == std::string::npos;
+}
+
+/// True when a media type serves the client, who names those that he takes in "Accept": the closest range decides.
 bool Accepts(std::string_view accept, std::string_view type) {
-  if (accept.empty()) return true;
-  const std::string_view group = type.substr(0, type.find('/'));
-  while (!accept.empty()) {
-    std::string_view item = accept.substr(0, accept.find(','));
-    accept.remove_prefix(std::min(item.size() + 1, accept.size()));
-    item.remove_prefix(std::min(item.find_first_not_of(" \t"), item.size()));
-    item = item.substr(0, item.find_first_of("; \t"));
-    if (item == "*/*" || item == type) return true;
-    if (item.ends_with("/*") && item.substr(0, item.size() - 2) == group) return true;
+  bool isTaken = accept.empty();
+  for (int closest = 1; !accept.empty();) {
+    std::string_view parameters = TakeElement(accept, ',');
+    const int closeness = Closeness(TakeElement(parameters, ';'), type);
+    if (closeness < closest) continue;
+    closest = closeness;
+    isTaken = true;
+    while (!parameters.empty()) isTaken = !IsZeroQuality(TakeElement(parameters, ';')) && isTaken;
   }
-  return false;
+  return isTaken;
 }
 
 std::string_view ProducedType(const Route& route) {
@@ -187,12 +205,30 @@ bool HasQuery(const Call& call, std::string_view name) {
   return std::ranges::any_of(call.target.query, [&](const auto& item) { return item.first == name; });
 }
 
+bool OffersAction(const Json& resource, const std::string& target) {
+  const auto actions = resource.find("Actions");
+  return actions != resource.end() && std::ranges::any_of(*actions, [&](const Json& action) {
+           return action.is_object() && action.value("target", Json()) == target;
+         });
+}
+
+/// The answer where nothing stands at a path that one with "*" matches; nothing when there is the resource, or one that
+/// offers the action.
+std::optional<HttpAnswer> Absence(Call& call) {
+  const std::string path = call.target.path;
+  const size_t action = path.find("/Actions/");
+  call.target.path = path.substr(0, action);
+  const Route* read = RouteFor(RoutesOf(call.target.path), "GET");
+  const HttpAnswer owner = read == nullptr ? NotFound(call) : read->handle(call);
+  call.target.path = path;
+  if (owner.status == 200 && (action == std::string::npos || OffersAction(owner.document, path))) return std::nullopt;
+  return owner.status == 200 || owner.status == 404 ? NotFound(call) : owner;
+}
+
 /// Completes the refusal of a method that the resource lacks; without the resource it is 404.
 HttpAnswer NotAllowed(Call& call, const std::vector<const Route*>& routes, HttpAnswer refusal) {
-  const Route* read = routes.front()->path.ends_with('*') ? RouteFor(routes, "GET") : nullptr;
-  if (read != nullptr) {
-    HttpAnswer present = read->handle(call);
-    if (present.status != 200) return present;
+  if (routes.front()->path.ends_with('*')) {
+    if (std::optional<HttpAnswer> absent = Absence(call)) return std::move(*absent);
   }
   refusal.headers.emplace_back("Allow", AllowOf(routes, call.http.method));
   return refusal;

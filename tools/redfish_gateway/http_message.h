@@ -26,6 +26,11 @@ struct IgnoringCase {
   }
 };
 
+inline bool EqualIgnoringCase(std::string_view a, std::string_view b) {
+  constexpr IgnoringCase kLess;
+  return !kLess(a, b) && !kLess(b, a);
+}
+
 struct HttpRequest {
   std::string method;
   std::string target;         // as it was sent: path and query, percent-encoded

@@ -54,7 +54,8 @@ void CloseStream(void* state) {
 
 MHD_Result KeepHeader(void* state, MHD_ValueKind, const char* name, const char* value) {
   HttpRequest& request = *static_cast<HttpRequest*>(state);
-  const std::string_view text = value == nullptr ? "" : value;
+  std::string_view text = value == nullptr ? "" : value;
+  text = text.substr(0, text.find_last_not_of(" \t") + 1);  // in front of it the library does so
   const auto [header, isNew] = request.headers.try_emplace(name, text);
   if (!isNew) header->second.append(", ").append(text);
   request.headersSize += header->first.size() + text.size();
@@ -66,9 +67,11 @@ int StatusUnread(const HttpRequest& request, std::string_view version) {
   size_t length = 0;
   const auto given = request.headers.find("Content-Length");
   const bool hasLength = given != request.headers.end();
+  const std::string_view host = request.Header("Host");
   if (request.target.size() > kLongestTarget) return 414;
   if (request.headersSize > kMostHeaders) return 431;
-  if (version == "HTTP/1.1" && request.Header("Host").empty()) return 400;
+  if (version == "HTTP/1.1" && host.empty()) return 400;
+  if (host.find(',') != std::string_view::npos) return 400;                         // more than one
   if (hasLength && ParseInteger(given->second, length) != std::errc()) return 400;  // also two that differ
   return length > kMostSwallowed ? 413 : 0;
 }

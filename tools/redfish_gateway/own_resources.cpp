@@ -1,5 +1,5 @@
 /// The resources that are the gateway's own: what stands in the resource folder, and the sessions.
-#include <filesystem>
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* kSessionService = "/redfish/v1/SessionService";
 constexpr const char* kSessions = "/redfish/v1/SessionService/Sessions";
-constexpr const char* kUserNames[] = {"UserName", "Password"};
+constexpr const char* kLogin[] = {"UserName", "Password"};
 
 constexpr int64_t kLeastTimeout = 30;  // seconds; both bounds are the schema's
 constexpr int64_t kMostTimeout = 86400;
@@ -48,19 +48,15 @@ std::optional<BodyFault> PatchProperty(Call& call, const std::string& name, cons
   return std::nullopt;
 }
 
-std::optional<FrontEndMessage> FaultOfLogin(const Json& body) {
-  for (const char* name : kUserNames) {
-    const auto member = body.find(name);
-    if (member == body.end()) return FrontEndMessage{"Base.1.12.CreateFailedMissingReqProperties", {name}, {}};
-    // The value is never repeated: it may be a password in the wrong place.
-    if (!member->is_string())
-      return FrontEndMessage{"Base.1.12.PropertyValueError", {name}, {std::string("#/") + name}};
-  }
+std::vector<FrontEndMessage> FaultsOfLogin(const Json& body) {
+  std::vector<FrontEndMessage> faults = MissingProperties(body, kLogin);
   for (const auto& [name, value] : body.items()) {
-    if (name == kUserNames[0] || name == kUserNames[1] || IsAnnotation(name)) continue;
-    return FrontEndMessage{"Base.1.12.PropertyUnknown", {name}, {"#/" + name}};
+    const bool isKnown = std::ranges::find(kLogin, name) != std::end(kLogin);
+    if (IsAnnotation(name) || (isKnown && value.is_string())) continue;
+    // The value is never repeated: it may be a password in the wrong place.
+    faults.push_back({isKnown ? "Base.1.12.PropertyValueError" : "Base.1.12.PropertyUnknown", {name}, {"#/" + name}});
   }
-  return std::nullopt;
+  return faults;
 }
 
 std::string FileText(const std::string& path) {
@@ -130,7 +126,7 @@ HttpAnswer CreateSession(Call& call) {
   const auto body = ReadBody(call.http, false);
   if (const auto* fault = std::get_if<BodyFault>(&body)) return Refuse(call.gateway, *fault);
   const Json& login = std::get<Json>(body);
-  if (const std::optional<FrontEndMessage> fault = FaultOfLogin(login)) return RefuseAll(call.gateway, 400, {*fault});
+  if (const auto faults = FaultsOfLogin(login); !faults.empty()) return RefuseAll(call.gateway, 400, faults);
   const std::string name = login["UserName"];
   if (!IsUser(call.gateway.settings, name, login["Password"].get<std::string>())) {
     return Refuse(call.gateway, 401, "Base.1.12.ResourceAtUriUnauthorized",

@@ -24,10 +24,7 @@ struct BodyWatch {
 };
 
 bool IsJsonType(std::string_view contentType) {
-  const std::string_view type = contentType.substr(0, contentType.find_first_of("; \t"));
-  constexpr IgnoringCase kLess;
-  constexpr std::string_view kJson = "application/json";
-  return !kLess(type, kJson) && !kLess(kJson, type);
+  return EqualIgnoringCase(contentType.substr(0, contentType.find_first_of("; \t")), "application/json");
 }
 
 BodyFault InvalidAt(std::string_view body, size_t position) {
@@ -57,6 +54,14 @@ std::variant<Json, BodyFault> ReadBody(const HttpRequest& request, bool mayBeMis
   } catch (const Json::exception&) {
     return kUnrecognized;  // a number that is out of range
   }
+}
+
+std::vector<FrontEndMessage> MissingProperties(const Json& body, std::span<const char* const> required) {
+  std::vector<FrontEndMessage> messages;
+  for (const char* name : required) {
+    if (!body.contains(name)) messages.push_back({"Base.1.12.CreateFailedMissingReqProperties", {name}, {}});
+  }
+  return messages;
 }
 
 }  // namespace event_service

@@ -10,6 +10,7 @@ namespace event_service {
 namespace {
 
 constexpr std::string_view kSubscriptions = "/redfish/v1/EventService/Subscriptions";
+constexpr const char* kRequired[] = {"Destination", "Protocol"};  // by the schema, in a client's creation
 
 struct StatusRow {
   std::string_view returnStatus;
@@ -132,9 +133,12 @@ std::variant<FrontEndAnswer, HttpAnswer> Carry(const Call& call, const FrontEndR
 }
 
 /// The same for a request whose body comes from the client.
-std::variant<FrontEndAnswer, HttpAnswer> CarryBody(const Call& call, FrontEndRequest request, bool mayBeMissing) {
-  auto body = ReadBody(call.http, mayBeMissing);
+std::variant<FrontEndAnswer, HttpAnswer> CarryBody(const Call& call, FrontEndRequest request,
+                                                   std::span<const char* const> required = {}) {
+  auto body = ReadBody(call.http, request.method == "POSTACTION");
   if (const auto* fault = std::get_if<BodyFault>(&body)) return Refuse(call.gateway, *fault);
+  const std::vector<FrontEndMessage> missing = MissingProperties(std::get<Json>(body), required);
+  if (!missing.empty()) return RefuseAll(call.gateway, 400, missing);
   request.body = std::move(std::get<Json>(body));
   return Carry(call, request);
 }
@@ -144,7 +148,7 @@ std::variant<FrontEndAnswer, HttpAnswer> CarryBody(const Call& call, FrontEndReq
 HttpAnswer ReadStoredResource(Call& call) { return Read(call, call.target.path); }
 
 HttpAnswer PatchStoredResource(Call& call) {
-  auto carried = CarryBody(call, {.method = "PATCH", .targetUri = call.target.path, .body = {}}, false);
+  auto carried = CarryBody(call, {.method = "PATCH", .targetUri = call.target.path, .body = {}});
   if (auto* refusal = std::get_if<HttpAnswer>(&carried)) return std::move(*refusal);
   HttpAnswer answer = Read(call, call.target.path);
   if (answer.status != 200) return {.status = 204};  // changed, but not to be shown
@@ -160,7 +164,8 @@ HttpAnswer DeleteStoredResource(Call& call) {
 }
 
 HttpAnswer CreateSubscription(Call& call) {
-  auto carried = CarryBody(call, {.method = "POSTCREATE", .targetUri = std::string(kSubscriptions), .body = {}}, false);
+  auto carried =
+      CarryBody(call, {.method = "POSTCREATE", .targetUri = std::string(kSubscriptions), .body = {}}, kRequired);
   if (auto* refusal = std::get_if<HttpAnswer>(&carried)) return std::move(*refusal);
   const std::string& location = std::get<FrontEndAnswer>(carried).location;
   HttpAnswer answer = Read(call, location);
@@ -171,7 +176,7 @@ HttpAnswer CreateSubscription(Call& call) {
 }
 
 HttpAnswer PostAction(Call& call) {
-  auto carried = CarryBody(call, {.method = "POSTACTION", .targetUri = call.target.path, .body = {}}, true);
+  auto carried = CarryBody(call, {.method = "POSTACTION", .targetUri = call.target.path, .body = {}});
   if (auto* refusal = std::get_if<HttpAnswer>(&carried)) return std::move(*refusal);
   const auto& answer = std::get<FrontEndAnswer>(carried);
   Json body = ParseOutsideText(answer.body);
@@ -202,7 +207,8 @@ HttpAnswer OpenStream(Call& call) {
   if (auto* refusal = std::get_if<HttpAnswer>(&carried)) return std::move(*refusal);
   stream->Push(": " + std::get<FrontEndAnswer>(carried).location + "\n\n");
   stream->MarkOpen();
-  return {.contentType = "text/event-stream", .stream = stream};
+  // The end of a stream is the end of its connection.
+  return {.contentType = "text/event-stream", .headers = {{"Connection", "close"}}, .stream = stream};
 }
 
 bool DeleteStreamSubscription(FrontEndLink& link, const std::string& uri) {
