@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <iterator>
 #include <utility>
 
@@ -51,5 +52,12 @@ std::optional<FilePaths> MakeFilePaths(std::string_view root) {
 const FilePaths& ProcessPaths() { return PathsOfThisProcess(); }
 
 void SetProcessPaths(FilePaths paths) { PathsOfThisProcess() = std::move(paths); }
+
+bool SetPathsFromEnvironment() {
+  const char* root = std::getenv("EVENT_SERVICE_ROOT");
+  std::optional<FilePaths> paths = MakeFilePaths(root == nullptr ? "" : root);
+  if (paths) SetProcessPaths(std::move(*paths));
+  return paths.has_value();
+}
 
 }  // namespace event_service

@@ -37,4 +37,7 @@ const FilePaths& ProcessPaths();
 /// Called once, by main, before any other thread runs (by tests between their cases).
 void SetProcessPaths(FilePaths paths);
 
+/// For tools: sets them below what EVENT_SERVICE_ROOT names. False when it holds a character that would need quoting.
+bool SetPathsFromEnvironment();
+
 }  // namespace event_service

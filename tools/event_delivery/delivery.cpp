@@ -7,7 +7,7 @@
 #include "foundation/redis_pipeline.h"
 #include "resource_store/json_text.h"
 #include "resource_store/resource_walk.h"
-#include "tools/front_end/front_end.h"
+#include "tools/front_end/front_end_link.h"
 
 namespace event_service {
 namespace {
@@ -24,12 +24,6 @@ constexpr seconds kAskAgain{1};        // when nobody took a request
 constexpr seconds kTimeForChange{30};  // until a subscription that should have been changed is served again
 constexpr size_t kLongestShown = 256;
 constexpr size_t kShortestDeletable = 8;  // the service deletes no subscription with a shorter Id
-
-RedisContext Connect() {
-  RedisContext redis(redisConnectContext());
-  if (redis && !LimitWaiting(redis.get(), kRedisPatience)) redis.reset();
-  return redis;
-}
 
 std::map<std::string, std::string> Fields(const RedisReply& reply) {
   std::map<std::string, std::string> fields;
@@ -96,8 +90,8 @@ milliseconds Delivery::UntilNextDeadline() const {
 
 void Delivery::KeepConnected() {
   if (redis_ || Clock::now() < nextConnect_) return;
-  redis_ = Connect();
-  taker_ = Connect();
+  redis_ = ConnectPatiently(kRedisPatience);
+  taker_ = ConnectPatiently(kRedisPatience);
   if (redis_ && taker_ && Recover()) {
     LogDebug("Connected to Redis.");
     connectPause_ = {};
@@ -214,7 +208,7 @@ bool Delivery::Read(Element& element) {
   }
   if (!IsEventDocument(element.document)) return false;
   if (const auto receiver = element.document.find(kReceiverMember); receiver != element.document.end()) {
-    *receiver = ParseOutsideText(TextIn(element.document, kReceiverMember));
+    *receiver = ParseOutsideText(TextMember(element.document, kReceiverMember));
     if (!receiver->is_object()) element.document.erase(receiver);
   }
   element.keys = walk.Keys();
@@ -224,7 +218,7 @@ bool Delivery::Read(Element& element) {
 /// The event of a subscription's end is for its destination alone, which the service has deleted by now: the script
 /// that queued the event has put what we need of it into the event.
 std::optional<std::vector<Receiver>> Delivery::ReceiversOf(Json& document) {
-  const std::string uri(TextIn(document, kOneReceiverMember));
+  const std::string uri(TextMember(document, kOneReceiverMember));
   if (uri.empty()) return finder_.Find(redis_.get(), document);
   const auto receiver = document.find(kReceiverMember);
   SubscriptionPtr subscription = finder_.Known(uri);
@@ -243,7 +237,7 @@ std::optional<std::vector<Receiver>> Delivery::ReceiversOf(Json& document) {
 /// all at once. False when Redis has failed: then either all of it has been done or nothing.
 bool Delivery::Enter(const Element& element, const std::vector<Receiver>& receivers) {
   auto event = std::make_shared<OwedEvent>(OwedEvent{.number = nextNumber_, .document = element.document});
-  const std::string text = event->document.dump(-1, ' ', false, Json::error_handler_t::replace);
+  const std::string text = TolerantJsonText(event->document);
   event->size = text.size();
   RedisPipeline pipeline(redis_.get());
   pipeline.Append({"MULTI"});

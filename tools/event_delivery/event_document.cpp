@@ -36,16 +36,13 @@ std::string Compose(const Json& document, const std::vector<size_t>& records, co
   }
   payload["Events@odata.count"] = events.size();
   if (context.is_string()) payload["Context"] = context;
-  return payload.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return TolerantJsonText(payload);
 }
 
 }  // namespace
 
-std::string_view TextIn(const Json& object, std::string_view name) {
-  if (!object.is_object()) return {};
-  const auto member = object.find(name);
-  if (member == object.end() || !member->is_string()) return {};
-  return member->get_ref<const std::string&>();
+std::string_view Unquoted(std::string_view text) {
+  return text.size() >= 2 && text.starts_with('"') && text.ends_with('"') ? text.substr(1, text.size() - 2) : text;
 }
 
 std::string_view RegistryPrefixOf(std::string_view messageId) { return messageId.substr(0, messageId.find('.')); }
@@ -64,16 +61,13 @@ bool IsEventDocument(const Json& document) {
 
 std::vector<RecordFacts> FactsOf(const Json& document) {
   std::vector<RecordFacts> facts;
-  std::string_view resourceType = TextIn(document, kResourceTypeMember);
   // As a field of a stored object it has its quotes.
-  if (resourceType.size() >= 2 && resourceType.starts_with('"')) {
-    resourceType = resourceType.substr(1, resourceType.size() - 2);
-  }
+  const std::string_view resourceType = Unquoted(TextMember(document, kResourceTypeMember));
   for (const Json& record : document["Events"]) {
     const auto origin = record.find("OriginOfCondition");
-    facts.push_back({.messageId = std::string(TextIn(record, "MessageId")),
-                     .eventType = std::string(TextIn(record, "EventType")),
-                     .origin = std::string(origin == record.end() ? "" : TextIn(*origin, "@odata.id")),
+    facts.push_back({.messageId = std::string(TextMember(record, "MessageId")),
+                     .eventType = std::string(TextMember(record, "EventType")),
+                     .origin = std::string(origin == record.end() ? "" : TextMember(*origin, "@odata.id")),
                      .resourceType = std::string(resourceType)});
   }
   return facts;

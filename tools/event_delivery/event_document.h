@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "resource_store/store_encoding.h"
+#include "resource_store/json_text.h"
 
 namespace event_service {
 
@@ -32,8 +32,8 @@ struct RecordFacts {
   std::string resourceType;  // "Chassis"
 };
 
-/// The text of a member of an object; empty when it is missing or no string.
-std::string_view TextIn(const Json& object, std::string_view name);
+/// A JSON text without the quotes of a string.
+std::string_view Unquoted(std::string_view text);
 
 /// The registry that a message id names: "Base" of "Base.1.12.Success".
 std::string_view RegistryPrefixOf(std::string_view messageId);

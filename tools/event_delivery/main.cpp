@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <exception>
 
 #include "foundation/file_paths.h"
@@ -53,13 +52,10 @@ HttpSender::Settings ReadSettings() {
 }
 
 int Run() {
-  const char* root = std::getenv("EVENT_SERVICE_ROOT");
-  const std::optional<FilePaths> paths = MakeFilePaths(root == nullptr ? "" : root);
-  if (!paths) {
+  if (!SetPathsFromEnvironment()) {
     LogError("EVENT_SERVICE_ROOT holds characters that a path of the service may not have.");
     return kCannotStart;
   }
-  SetProcessPaths(*paths);
   if (!IsTheOnlyOne()) {
     LogError("Another event-delivery serves this Redis.");
     return kAlreadyRunning;

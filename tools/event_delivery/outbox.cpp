@@ -150,8 +150,7 @@ void Outbox::AppendLedger(RedisPipeline& pipeline) const {
   for (const auto& [id, destination] : destinations_) {
     for (const OwedRecords& owed : destination.owed) {
       const OwedEvent& event = *owed.event;
-      pipeline.Append({"HSET", kLedger, EventField(event),
-                       event.document.dump(-1, ' ', false, Json::error_handler_t::replace),
+      pipeline.Append({"HSET", kLedger, EventField(event), TolerantJsonText(event.document),
                        ReceiverField(event, destination.uri), RecordsText(owed.records)});
     }
   }

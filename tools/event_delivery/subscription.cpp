@@ -44,9 +44,9 @@ std::vector<std::pair<std::string, std::string>> HeadersIn(const Json& member) {
 }
 
 Subscription::Transport TransportOf(const Json& member) {
-  if (TextIn(member, "Protocol") != "Redfish") return Subscription::Transport::kForeign;
-  return TextIn(member, "SubscriptionType") == "SSE" ? Subscription::Transport::kStream
-                                                     : Subscription::Transport::kHttp;
+  if (TextMember(member, "Protocol") != "Redfish") return Subscription::Transport::kForeign;
+  return TextMember(member, "SubscriptionType") == "SSE" ? Subscription::Transport::kStream
+                                                         : Subscription::Transport::kHttp;
 }
 
 bool Has(const std::vector<std::string>& wanted, std::string_view value) {
@@ -78,20 +78,20 @@ Subscription ParseSubscription(std::string uri, const Json& member) {
   Subscription subscription;
   subscription.uri = std::move(uri);
   if (!member.is_object()) return subscription;
-  subscription.etag = TextIn(member, "@odata.etag");
+  subscription.etag = TextMember(member, "@odata.etag");
   subscription.transport = TransportOf(member);
-  subscription.destination = TextIn(member, "Destination");
-  subscription.streamChannel = TextIn(member, "&&SSE-CHANNEL");
+  subscription.destination = TextMember(member, "Destination");
+  subscription.streamChannel = TextMember(member, "&&SSE-CHANNEL");
   subscription.headers = HeadersIn(member);
   subscription.verifiesCertificate = IsTrue(member, "VerifyCertificate");
   subscription.includesOrigin = IsTrue(member, "IncludeOriginOfCondition");
   if (const auto context = member.find("Context"); context != member.end()) subscription.context = *context;
-  subscription.retryPolicy = RetryPolicyOf(TextIn(member, "DeliveryRetryPolicy"));
+  subscription.retryPolicy = RetryPolicyOf(TextMember(member, "DeliveryRetryPolicy"));
   if (const auto status = member.find("Status"); status != member.end()) {
-    const std::string_view state = TextIn(*status, "State");
+    const std::string_view state = TextMember(*status, "State");
     subscription.isEnabled = state.empty() || state == "Enabled";
   }
-  subscription.wantsEvents = TextIn(member, "EventFormatType") != "MetricReport";
+  subscription.wantsEvents = TextMember(member, "EventFormatType") != "MetricReport";
   subscription.messageIds = TextsIn(member, "MessageIds");
   subscription.registryPrefixes = TextsIn(member, "RegistryPrefixes");
   subscription.resourceTypes = TextsIn(member, "ResourceTypes");

@@ -8,24 +8,18 @@
 #include "foundation/text_numbers.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_walk.h"
+#include "service/redis_keys.h"
 #include "tools/front_end/front_end.h"
 
 namespace event_service {
 namespace {
 
-constexpr std::string_view kService = "/redfish/v1/EventService";
 constexpr std::string_view kMembers = "/redfish/v1/EventService/Subscriptions/";
-constexpr std::string_view kPrefixList = "&&/redfish/v1/EventService/RegistryPrefixes";
-constexpr std::string_view kEtag = "@odata.etag";
 constexpr size_t kMostKnown = 1024;
 
-/// A JSON text without the quotes of a string.
-std::string_view Unquoted(std::string_view text) {
-  return text.size() >= 2 && text.starts_with('"') && text.ends_with('"') ? text.substr(1, text.size() - 2) : text;
-}
-
 void AppendServiceReads(RedisPipeline& pipeline) {
-  pipeline.Append({"HMGET", kService, "ServiceEnabled", "DeliveryRetryAttempts", "DeliveryRetryIntervalSeconds"});
+  pipeline.Append(
+      {"HMGET", kEventServiceUri, "ServiceEnabled", "DeliveryRetryAttempts", "DeliveryRetryIntervalSeconds"});
   pipeline.Append({"SISMEMBER", "&&AccessBlockList", "EventService"});
 }
 constexpr size_t kServiceReads = 2;
@@ -75,7 +69,7 @@ SubscriptionFinder::Candidates SubscriptionFinder::ReadIndex(redisContext* redis
                                                              ServiceState& service) {
   RedisPipeline pipeline(redis);
   AppendServiceReads(pipeline);
-  pipeline.Append({"LRANGE", kPrefixList, "0", "-1"});
+  pipeline.Append({"LRANGE", kRegistryPrefixesKey, "0", "-1"});
   std::vector<size_t> firsts;
   for (const RecordFacts& record : facts) {
     firsts.push_back(pipeline.Append({"HGET", record.origin, "@odata.type"}));
@@ -142,7 +136,7 @@ std::optional<std::vector<SubscriptionPtr>> SubscriptionFinder::Refresh(redisCon
                                                                         std::span<const std::string> uris) {
   RedisPipeline pipeline(redis);
   AppendServiceReads(pipeline);
-  for (const std::string& uri : uris) pipeline.Append({"HGET", uri, kEtag});
+  for (const std::string& uri : uris) pipeline.Append({"HGET", uri, kEtagField});
   const std::vector<RedisReply> replies = pipeline.Execute();
   if (redis->err != 0) return std::nullopt;
   service_ = TakeService(replies);

@@ -3,22 +3,20 @@
 /// SHARE is share/platform of this tree. Loads the names of schemas, registries and messages, the EventService resource
 /// and the event scripts, and enters the EventService in the list of services that are not ready yet. For the sandbox
 /// and the whole-daemon tests.
-#include <cstdlib>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <optional>
 #include <string>
 
+#include "foundation/durable_file.h"
 #include "foundation/file_paths.h"
 #include "foundation/redis_commands.h"
 #include "foundation/redis_pipeline.h"
 #include "resource_store/resource_writer.h"
+#include "service/redis_keys.h"
 
 namespace event_service {
 namespace {
 
-constexpr std::string_view kEventService = "/redfish/v1/EventService";
 constexpr std::string_view kSchemaList = "&&/redfish/v1/JsonSchemas/Members";
 constexpr std::string_view kScripts[] = {"resourceChange", "enqueueEvent"};
 
@@ -27,13 +25,7 @@ bool Fail(const std::string& text) {
   return false;
 }
 
-std::optional<std::string> ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) return std::nullopt;
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-Json ReadJson(const std::string& path) { return Json::parse(ReadFile(path).value_or(""), nullptr, false); }
+Json ReadJson(const std::string& path) { return Json::parse(ReadWholeFile(path).value_or(""), nullptr, false); }
 
 bool LoadSchemas(redisContext* redis, const Json& names) {
   std::vector<std::string> uris;
@@ -61,12 +53,12 @@ bool LoadCatalog(redisContext* redis, const Json& catalog) {
 
 bool LoadEventService(redisContext* redis, const Json& resource) {
   if (!resource.is_object()) return Fail("data/EventService.json is no JSON object.");
-  return WriteResource(redis, kEventService, resource) || Fail("The EventService cannot be written.");
+  return WriteResource(redis, kEventServiceUri, resource) || Fail("The EventService cannot be written.");
 }
 
 bool LoadScript(redisContext* redis, const std::string& folder, std::string_view name) {
   const std::string file = folder + "/scripts/" + std::string(name) + ".lua";
-  const std::optional<std::string> text = ReadFile(file);
+  const std::optional<std::string> text = ReadWholeFile(file);
   if (!text) return Fail(file + " cannot be read.");
   const RedisReply digest = SendArguments(redis, {"SCRIPT", "LOAD", *text});
   if (!IsString(digest)) return Fail(file + " is refused: " + (digest && digest->str ? digest->str : "no reply"));
@@ -89,10 +81,9 @@ bool LoadPlatform(redisContext* redis, const std::string& folder) {
 
 int main(int argumentCount, char** arguments) {
   using namespace event_service;
-  const char* root = std::getenv("EVENT_SERVICE_ROOT");
-  const std::optional<FilePaths> paths = MakeFilePaths(root == nullptr ? "" : root);
-  if (argumentCount != 2 || !paths) return Fail("usage: EVENT_SERVICE_ROOT=ROOT load_platform SHARE") ? 0 : 2;
-  SetProcessPaths(*paths);
+  if (argumentCount != 2 || !SetPathsFromEnvironment()) {
+    return Fail("usage: EVENT_SERVICE_ROOT=ROOT load_platform SHARE") ? 0 : 2;
+  }
   const RedisContext redis(redisConnectContext());
   if (!redis) return Fail("There is no Redis to talk to.") ? 0 : 1;
   return LoadPlatform(redis.get(), arguments[1]) ? 0 : 1;

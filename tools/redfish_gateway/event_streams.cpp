@@ -13,6 +13,7 @@
 #include "foundation/random.h"
 #include "foundation/redis_pipeline.h"
 #include "resource_store/json_text.h"
+#include "service/redis_keys.h"
 #include "tools/front_end/front_end_link.h"
 
 namespace event_service {
@@ -22,7 +23,6 @@ using std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr std::string_view kChannelPrefix = "&&Gateway/SSE/";
-constexpr std::string_view kMembers = "&&/redfish/v1/EventService/Subscriptions/Members";
 constexpr size_t kMostWaitingBytes = size_t{2} << 20;  // two of the largest events
 constexpr auto kTimeForTheRest = 2s;
 constexpr auto kTick = 1000ms;
@@ -34,22 +34,15 @@ constexpr auto kRedisPatience = 2000ms;
 bool EndsSubscription(const Json& document) {
   const auto events = document.find("Events");
   if (events == document.end() || !events->is_array()) return false;
-  return std::ranges::any_of(*events, [](const Json& event) {
-    const auto id = event.is_object() ? event.find("MessageId") : event.end();
-    return id != event.end() && id->is_string() &&
-           id->get_ref<const std::string&>().ends_with(".SubscriptionTerminated");
-  });
+  return std::ranges::any_of(
+      *events, [](const Json& event) { return TextMember(event, "MessageId").ends_with(".SubscriptionTerminated"); });
 }
 
 /// One event as the stream's format has it (HTML standard, "Server-sent events").
 std::string StreamText(const Json& document) {
-  std::string text;
-  const auto id = document.find("Id");
-  if (id != document.end() && id->is_string() &&
-      id->get_ref<const std::string&>().find_first_of("\r\n") == std::string::npos) {
-    text = "id: " + id->get_ref<const std::string&>() + "\n";
-  }
-  return text + "data: " + document.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n\n";
+  const std::string id(TextMember(document, "Id"));
+  const bool fitsInLine = !id.empty() && id.find_first_of("\r\n") == std::string::npos;
+  return (fitsInLine ? "id: " + id + "\n" : "") + "data: " + TolerantJsonText(document) + "\n\n";
 }
 
 }  // namespace
@@ -253,7 +246,7 @@ void EventStreams::Deliver(std::string_view channel, std::string_view text) {
 void EventStreams::Compare() {
   if (!redis_ || redis_->err != 0) redis_ = ConnectPatiently(kRedisPatience);
   if (!redis_) return;
-  const RedisReply members = SendArguments(redis_.get(), {"LRANGE", kMembers, "0", "-1"});
+  const RedisReply members = SendArguments(redis_.get(), {"LRANGE", kSubscriptionsMembersKey, "0", "-1"});
   if (!IsArray(members)) return;
   std::vector<std::string> uris;
   RedisPipeline pipeline(redis_.get());

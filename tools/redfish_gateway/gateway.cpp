@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 
+#include "resource_store/json_text.h"
 #include "tools/redfish_gateway/authentication.h"
 #include "tools/redfish_gateway/handlers.h"
 
@@ -101,8 +102,8 @@ std::string_view TakeElement(std::string_view& list, char separator) {
 
 std::string EtagOf(const HttpAnswer& answer) {
   if (!answer.HasDocument() || !answer.document.contains("@odata.id")) return {};
-  const auto stored = answer.document.find("@odata.etag");
-  if (stored != answer.document.end() && stored->is_string()) return stored->get<std::string>();
+  const std::string_view stored = TextMember(answer.document, "@odata.etag");
+  if (!stored.empty()) return std::string(stored);
   Json resource = answer.document;
   resource.erase("@Message.ExtendedInfo");  // said once, about a change
   char etag[24];
@@ -207,9 +208,8 @@ bool HasQuery(const Call& call, std::string_view name) {
 
 bool OffersAction(const Json& resource, const std::string& target) {
   const auto actions = resource.find("Actions");
-  return actions != resource.end() && std::ranges::any_of(*actions, [&](const Json& action) {
-           return action.is_object() && action.value("target", Json()) == target;
-         });
+  return actions != resource.end() &&
+         std::ranges::any_of(*actions, [&](const Json& action) { return TextMember(action, "target") == target; });
 }
 
 /// The answer where nothing stands at a path that one with "*" matches; nothing when there is the resource, or one that
@@ -244,21 +244,19 @@ HttpAnswer OnlyMember(Call& call, HttpAnswer answer) {
     return Refuse(call.gateway, 400, "Base.1.12.QueryNotSupportedOnResource");
   }
   if (!members->is_array() || members->size() != 1) return answer;
-  const Json id = members->front().value("@odata.id", Json());
-  const Route* read = id.is_string() ? RouteFor(RoutesOf(id.get<std::string>()), "GET") : nullptr;
+  const std::string_view id = TextMember(members->front(), "@odata.id");
+  const Route* read = RouteFor(RoutesOf(id), "GET");
   if (read == nullptr) return answer;
-  call.target.path = id.get<std::string>();
+  call.target.path = id;
   return read->handle(call);
 }
 
 /// The schema of a resource, as Redfish names it: "#EventService.v1_7_2.EventService" lies in EventService.v1_7_2.json.
 std::string SchemaLink(const Json& document) {
-  const Json type = document.value("@odata.type", Json());
-  if (!type.is_string()) return {};
-  const std::string& text = type.get_ref<const std::string&>();
-  const size_t end = text.rfind('.');
-  if (!text.starts_with('#') || end == std::string::npos) return {};
-  return "<http://redfish.dmtf.org/schemas/v1/" + text.substr(1, end - 1) + ".json>; rel=describedby";
+  const std::string type(TextMember(document, "@odata.type"));
+  const size_t end = type.rfind('.');
+  if (!type.starts_with('#') || end == std::string::npos) return {};
+  return "<http://redfish.dmtf.org/schemas/v1/" + type.substr(1, end - 1) + ".json>; rel=describedby";
 }
 
 void DescribeResource(const Call& call, HttpAnswer& answer) {

@@ -5,9 +5,8 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
+#include "foundation/durable_file.h"
 #include "foundation/logging.h"
 #include "foundation/text_numbers.h"
 #include "tools/redfish_gateway/event_streams.h"
@@ -102,11 +101,6 @@ sockaddr_storage SocketAddress(const ListenAddress& listen) {
   in6->sin6_family = AF_INET6;
   in6->sin6_port = htons(listen.port);
   return storage;
-}
-
-std::string FileText(const std::string& path) {
-  std::ifstream in(path);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 // What is the same for every answer.
@@ -257,8 +251,8 @@ bool HttpServer::Listen(const ListenAddress& address, const std::string& certifi
 }
 
 bool HttpServer::Start(const GatewaySettings& settings) {
-  const std::string certificate = FileText(settings.certificateFile);
-  const std::string key = FileText(settings.keyFile);
+  const std::string certificate = ReadWholeFile(settings.certificateFile).value_or("");
+  const std::string key = ReadWholeFile(settings.keyFile).value_or("");
   for (const ListenAddress& address : settings.listen) {
     if (Listen(address, certificate, key)) continue;
     LogError("%s, port %u, cannot be served: the port is taken, or the certificate or its key cannot be used.",

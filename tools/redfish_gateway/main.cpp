@@ -97,13 +97,11 @@ int main() {
   std::signal(SIGPIPE, SIG_IGN);
   umask(077);
   RaiseFileLimit();
-  const std::string root = Environment("EVENT_SERVICE_ROOT");
-  const std::optional<FilePaths> paths = MakeFilePaths(root);
-  if (!paths) {
+  if (!SetPathsFromEnvironment()) {
     LogError("EVENT_SERVICE_ROOT holds characters that a path of the service may not have.");
     return 1;
   }
-  SetProcessPaths(*paths);
+  const std::string root = Environment("EVENT_SERVICE_ROOT");
   static Logger logger;
   logger.Initialise(root + kSettingsFile);
   SetLogger(&logger);

@@ -1,8 +1,7 @@
 /// The resources that are the gateway's own: what stands in the resource folder, and the sessions.
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 
+#include "foundation/durable_file.h"
 #include "foundation/logging.h"
 #include "resource_store/json_text.h"
 #include "tools/redfish_gateway/authentication.h"
@@ -59,17 +58,12 @@ std::vector<FrontEndMessage> FaultsOfLogin(const Json& body) {
   return faults;
 }
 
-std::string FileText(const std::string& path) {
-  std::ifstream in(path);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 }  // namespace
 
 bool LoadOwnResources(Gateway& gateway, const std::string& registryFolder) {
   const std::string& folder = gateway.settings.resourceFolder;
-  const Json resources = ParseOutsideText(FileText(folder + "/resources.json"));
-  gateway.metadata = FileText(folder + "/metadata.xml");
+  const Json resources = ParseOutsideText(ReadWholeFile(folder + "/resources.json").value_or(""));
+  gateway.metadata = ReadWholeFile(folder + "/metadata.xml").value_or("");
   if (!resources.is_object() || gateway.metadata.empty()) {
     LogError("The gateway's own resources in %s are missing or damaged.", folder.c_str());
     return false;

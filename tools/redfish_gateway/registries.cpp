@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
+#include "foundation/durable_file.h"
 #include "foundation/logging.h"
 #include "resource_store/json_text.h"
 
@@ -46,9 +45,9 @@ std::string PlainSeverity(int httpStatus) {
   return httpStatus < 500 ? "Warning" : "Critical";
 }
 
-std::string TextMember(const Json& object, const char* name, const std::string& otherwise) {
-  const auto member = object.is_object() ? object.find(name) : object.end();
-  return member != object.end() && member->is_string() ? member->get<std::string>() : otherwise;
+std::string TextOr(const Json& definition, const char* name, const std::string& otherwise) {
+  const std::string_view text = TextMember(definition, name);
+  return text.empty() ? otherwise : std::string(text);
 }
 
 }  // namespace
@@ -61,8 +60,7 @@ void Registries::Load(const std::string& folder) {
   if (error) LogError("The registries in %s cannot be read.", folder.c_str());
   std::ranges::sort(files);  // of two with the same ids the later version counts
   for (const std::filesystem::path& file : files) {
-    std::ifstream in(file);
-    Json registry = ParseOutsideText(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
+    Json registry = ParseOutsideText(ReadWholeFile(file).value_or(""));
     const std::string prefix = IdPrefix(registry);
     if (prefix.empty()) {
       LogError("%s is no message registry.", file.c_str());
@@ -75,15 +73,14 @@ void Registries::Load(const std::string& folder) {
 Json Registries::MessageObject(const FrontEndMessage& message, int httpStatus) const {
   const auto found = messages_.find(message.id);
   const Json definition = found == messages_.end() ? Json() : found->second;
-  const std::string severity = TextMember(definition, "Severity", PlainSeverity(httpStatus));
+  const std::string severity = TextOr(definition, "Severity", PlainSeverity(httpStatus));
   Json object = {
       {"@odata.type", "#Message.v1_1_2.Message"},
       {"MessageId", message.id},
-      {"Message",
-       definition.is_null() ? PlainText(message) : FillIn(TextMember(definition, "Message", ""), message.args)},
+      {"Message", definition.is_null() ? PlainText(message) : FillIn(TextMember(definition, "Message"), message.args)},
       {"Severity", severity},
-      {"MessageSeverity", TextMember(definition, "MessageSeverity", severity)},
-      {"Resolution", TextMember(definition, "Resolution", "None.")},
+      {"MessageSeverity", TextOr(definition, "MessageSeverity", severity)},
+      {"Resolution", TextOr(definition, "Resolution", "None.")},
   };
   if (!message.args.empty()) object["MessageArgs"] = message.args;
   if (!message.relatedProperties.empty()) object["RelatedProperties"] = message.relatedProperties;

@@ -3,13 +3,13 @@
 
 #include "foundation/logging.h"
 #include "resource_store/json_text.h"
+#include "service/redis_keys.h"
 #include "tools/redfish_gateway/handlers.h"
 #include "tools/redfish_gateway/stream_filter.h"
 
 namespace event_service {
 namespace {
 
-constexpr std::string_view kSubscriptions = "/redfish/v1/EventService/Subscriptions";
 constexpr const char* kRequired[] = {"Destination", "Protocol"};  // by the schema, in a client's creation
 
 struct StatusRow {
@@ -115,7 +115,7 @@ std::optional<std::string> ChannelFor(FrontEndLink& link, const FrontEndRequest&
   const std::optional<RequestQueue> queue = link.FindQueue(request.method, request.targetUri);
   if (!queue || queue->isBlocked) return std::nullopt;
   // The kind of a member that does not exist is not known; the daemon says what becomes of it.
-  if (queue->channel.empty() && request.targetUri.starts_with(kSubscriptions))
+  if (queue->channel.empty() && request.targetUri.starts_with(kSubscriptionsUri))
     return std::string(ChannelOf(request.targetUri));
   return queue->channel;
 }
@@ -165,7 +165,7 @@ HttpAnswer DeleteStoredResource(Call& call) {
 
 HttpAnswer CreateSubscription(Call& call) {
   auto carried =
-      CarryBody(call, {.method = "POSTCREATE", .targetUri = std::string(kSubscriptions), .body = {}}, kRequired);
+      CarryBody(call, {.method = "POSTCREATE", .targetUri = std::string(kSubscriptionsUri), .body = {}}, kRequired);
   if (auto* refusal = std::get_if<HttpAnswer>(&carried)) return std::move(*refusal);
   const std::string& location = std::get<FrontEndAnswer>(carried).location;
   HttpAnswer answer = Read(call, location);
@@ -201,7 +201,7 @@ HttpAnswer OpenStream(Call& call) {
   properties["Destination"] = "redfish-sse://" + call.http.clientAddress;
   properties["Context"] = stream->Channel().substr(stream->Channel().rfind('/') + 1);
   auto carried = Carry(call, {.method = "POSTCREATE",
-                              .targetUri = std::string(kSubscriptions),
+                              .targetUri = std::string(kSubscriptionsUri),
                               .body = std::move(properties),
                               .sseChannel = stream->Channel()});
   if (auto* refusal = std::get_if<HttpAnswer>(&carried)) return std::move(*refusal);

@@ -4,7 +4,6 @@
 /// refused, 2 when there was no answer or the arguments make no sense.
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -105,9 +104,8 @@ int main(int argumentCount, char** arguments) {
   using namespace event_service;
   if (argumentCount < 3 || argumentCount > 4) return Complain("usage: request METHOD URI [BODY.json]");
   std::signal(SIGPIPE, SIG_IGN);
-  const char* root = std::getenv("EVENT_SERVICE_ROOT");
-  const std::optional<FilePaths> paths = MakeFilePaths(root == nullptr ? "" : root);
-  if (!paths) return Complain("EVENT_SERVICE_ROOT holds characters that a path of the service may not have.");
-  SetProcessPaths(*paths);
+  if (!SetPathsFromEnvironment()) {
+    return Complain("EVENT_SERVICE_ROOT holds characters that a path of the service may not have.");
+  }
   return Run(arguments[1], arguments[2], argumentCount == 4 ? arguments[3] : nullptr);
 }

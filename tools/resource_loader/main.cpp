@@ -27,11 +27,7 @@ struct Outcome {
 
 /// Loads the file.
 Outcome Run(const std::string& path, const std::string& collectionUri) {
-  const char* root = std::getenv("EVENT_SERVICE_ROOT");
-  const std::optional<FilePaths> paths = MakeFilePaths(root != nullptr ? root : "");
-  if (!paths) return {EXIT_FAILURE, "EVENT_SERVICE_ROOT holds a character that needs quoting"};
-  SetProcessPaths(*paths);
-
+  if (!SetPathsFromEnvironment()) return {EXIT_FAILURE, "EVENT_SERVICE_ROOT holds a character that needs quoting"};
   std::string fault;
   const std::optional<CollectionFile> file = ReadCollectionFile(path, collectionUri, fault);
   if (!file) return {EXIT_FAILURE, path + ": " + fault};

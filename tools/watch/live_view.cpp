@@ -5,12 +5,12 @@
 #include <set>
 
 #include "resource_store/json_text.h"
+#include "service/redis_keys.h"
 
 namespace event_service {
 namespace {
 
-constexpr std::string_view kChannels[] = {"&&/redfish/v1/EventService/CHANNEL",
-                                          "&&/redfish/v1/EventService/Subscriptions/CHANNEL"};
+constexpr std::string_view kChannels[] = {kEventServiceChannel, kSubscriptionsChannel};
 constexpr std::string_view kQueue = "&&/redfish/v1/EventService/EVENTQ";
 constexpr std::string_view kLedger = "&&/redfish/v1/EventService/EVENTQ/OWED";
 constexpr std::string_view kFromEventing = "FROM_EVENTING";
@@ -61,13 +61,9 @@ std::string InShort(const Json& document) {
   const auto events = document.is_object() ? document.find("Events") : document.end();
   if (events == document.end() || !events->is_array() || events->empty() || !events->front().is_object()) return "?";
   const Json& event = events->front();
-  const auto text = [](const Json& object, const char* name) {
-    const auto member = object.find(name);
-    return member != object.end() && member->is_string() ? member->get<std::string>() : std::string();
-  };
-  const auto origin = event.find("OriginOfCondition");
+  const auto text = [](const Json& object, const char* name) { return std::string(TextMember(object, name)); };
   return InShort(text(event, "EventType"), text(event, "MessageId"),
-                 origin != event.end() && origin->is_object() ? text(*origin, "@odata.id") : "");
+                 text(event.value("OriginOfCondition", Json()), "@odata.id"));
 }
 
 }  // namespace

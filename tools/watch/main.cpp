@@ -61,10 +61,9 @@ int Run(int argumentCount, char** arguments) {
     }
     (option == "--uri" ? filter.uri : filter.method) = arguments[i + 1];
   }
-  const char* root = std::getenv("EVENT_SERVICE_ROOT");
-  const std::optional<FilePaths> paths = MakeFilePaths(root == nullptr ? "" : root);
-  if (!paths) return Complain("EVENT_SERVICE_ROOT holds characters that a path of the service may not have.");
-  SetProcessPaths(*paths);
+  if (!SetPathsFromEnvironment()) {
+    return Complain("EVENT_SERVICE_ROOT holds characters that a path of the service may not have.");
+  }
   return Watch(std::move(filter));
 }
 
