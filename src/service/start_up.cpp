@@ -1,6 +1,7 @@
 #include "service/start_up.h"
 
 #include <malloc.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -79,16 +80,16 @@ bool RestorePersistentProperties(StartUp& startUp) {
 }
 
 bool StartEventServiceListener(StartUp& startUp) {
-  const StartUpSteps& above = startUp.above;
-  above.expectListeners();
-  if (above.createThread(&startUp.eventServiceListener, nullptr, above.eventServiceListener, nullptr) == 0) return true;
+  startUp.above.expectListeners();
+  if (pthread_create(&startUp.eventServiceListener, nullptr, startUp.above.eventServiceListener, nullptr) == 0) {
+    return true;
+  }
   LogError("Failed to create thread for subscribing PATCH channel.");
   return false;
 }
 
 bool StartSubscriptionsListener(StartUp& startUp) {
-  const StartUpSteps& above = startUp.above;
-  if (above.createThread(&startUp.subscriptionsListener, nullptr, above.subscriptionsListener, nullptr) == 0) {
+  if (pthread_create(&startUp.subscriptionsListener, nullptr, startUp.above.subscriptionsListener, nullptr) == 0) {
     return true;
   }
   LogError("Create thread for subscribe failed.");

@@ -2,8 +2,6 @@
 /// be tested with stand-ins.
 #pragma once
 
-#include <pthread.h>
-
 #include <chrono>
 
 #include "foundation/redis_commands.h"
@@ -20,7 +18,6 @@ struct StartUpSteps {
   /// Waits until both listeners hear their channels or have ended; false when that takes longer.
   bool (*awaitListeners)(std::chrono::milliseconds patience);
   void (*createGeneratedDestinations)(redisContext* redis, const ServiceSettings& settings);
-  int (*createThread)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) = pthread_create;
 };
 
 /// Brings the daemon up, filling settings and state, and waits for both listeners. Returns the exit status: 0 after

@@ -1,10 +1,10 @@
 /// A sandbox in which the daemon can start: what the platform has put into Redis and onto the disk before.
 #pragma once
 
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -20,6 +20,9 @@
 namespace event_service {
 
 class StartUpSandbox : public RedisTest {
+ public:
+  static bool HasThreads() { return std::ranges::count(calls, ',') <= static_cast<long>(listeners); }
+
  protected:
   using Texts = std::vector<std::string>;
   static constexpr const char* kCollection = "/redfish/v1/EventService/Subscriptions";
@@ -86,14 +89,8 @@ class StartUpSandbox : public RedisTest {
     const RedisReply blocked = SendCommand(redis, "SISMEMBER &&AccessBlockList EventService");
     calls += blocked->integer == 0 ? "generate unblocked" : "generate blocked";
   }
-  /// A listener's work is done before its thread starts.
-  static int CreateThread(pthread_t* thread, const pthread_attr_t*, void* (*entry)(void*), void* argument) {
-    if (std::ranges::count(calls, ',') > static_cast<long>(listeners)) return EAGAIN;
-    return pthread_create(
-        thread, nullptr, [](void* result) { return result; }, entry(argument));
-  }
 
-  const StartUpSteps steps_{Restore, Listen, Listen, [] {}, Await, Generate, CreateThread};
+  const StartUpSteps steps_{Restore, Listen, Listen, [] {}, Await, Generate};
   ServiceSettings settings_;
   SubscriptionsState state_;
   std::string errors_;

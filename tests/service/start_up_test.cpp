@@ -4,6 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <limits>
@@ -14,6 +15,16 @@
 #include "foundation/configuration.h"
 #include "tests/service/start_up_sandbox.h"
 #include "tests/support/canned_replies.h"
+
+// The linker gives startup the second for pthread_create. A listener's work is done before its thread starts.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t*, void* (*entry)(void*), void* argument) {
+  if (!event_service::StartUpSandbox::HasThreads()) return EAGAIN;
+  return __real_pthread_create(
+      thread, nullptr, [](void* result) { return result; }, entry(argument));
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace event_service {
 namespace {
