@@ -72,4 +72,10 @@ bool AllIntegers(std::span<const RedisReply> replies) {
   return std::ranges::all_of(replies, [](const RedisReply& reply) { return IsInteger(reply); });
 }
 
+bool WasCarriedOut(const RedisReply& exec) {
+  if (!IsArray(exec)) return false;
+  return std::ranges::all_of(std::span(exec->element, exec->elements),
+                             [](const redisReply* reply) { return IsInteger(reply) || TextOf(reply) == "OK"; });
+}
+
 }  // namespace event_service

@@ -73,4 +73,8 @@ class RedisPipeline {
 /// True when every reply is an integer, the answer to a write that succeeded.
 bool AllIntegers(std::span<const RedisReply> replies);
 
+/// True when a transaction was carried out and each of its commands, which are writes, was answered like one. `exec`
+/// is the reply to EXEC.
+bool WasCarriedOut(const RedisReply& exec);
+
 }  // namespace event_service

@@ -29,20 +29,62 @@ std::vector<std::string> StringsOf(const RedisReply& reply) {
   return {texts.begin(), texts.end()};
 }
 
-std::vector<FrontEndMessage> ReadMessages(redisContext* redis, const std::vector<std::string>& entryKeys) {
-  std::vector<FrontEndMessage> messages(entryKeys.size());
+std::string AnnouncementOf(const StoredRequest& stored) { return stored.requestKey + " " + stored.responseKey; }
+
+/// Steps that read one entry of an answer.
+void AskMessage(RedisPipeline& pipeline, const std::string& entry, FrontEndMessage& message) {
+  pipeline.Ask({"HGET", entry, kMessageId}, [&message](const RedisReply& id) { message.id = TextOf(id); });
+  pipeline.Ask({"LRANGE", EntryListKey(entry, kMessageArgs), "0", "-1"},
+               [&message](const RedisReply& list) { message.args = StringsOf(list); });
+  pipeline.Ask({"LRANGE", EntryListKey(entry, kRelatedProperties), "0", "-1"},
+               [&message](const RedisReply& list) { message.relatedProperties = StringsOf(list); });
+}
+
+void AddKeysOfEntry(std::vector<std::string>& keys, std::string_view entry) {
+  keys.insert(keys.end(),
+              {std::string(entry), EntryListKey(entry, kMessageArgs), EntryListKey(entry, kRelatedProperties)});
+}
+
+/// The keys of a request and its answer, but for those of the answer's entries.
+std::vector<std::string> KeysOf(const StoredRequest& stored) {
+  std::vector<std::string> keys = stored.keys;
+  keys.insert(keys.end(), {stored.responseKey, AnswerBodyKey(stored.responseKey), MessageListKey(stored.responseKey)});
+  return keys;
+}
+
+FrontEndAnswer Read(redisContext* redis, const StoredRequest& stored, bool isRemoved) {
+  FrontEndAnswer answer;
+  std::vector<std::string> entries;
+  FrontEndMessage first;
+  const std::string list = MessageListKey(stored.responseKey), firstEntry = list + "/1";
   RedisPipeline pipeline(redis);
-  auto message = messages.begin();
-  for (const std::string& entry : entryKeys) {
-    pipeline.Ask({"HGET", entry, kMessageId}, [message](const RedisReply& id) { message->id = TextOf(id); });
-    pipeline.Ask({"LRANGE", EntryListKey(entry, kMessageArgs), "0", "-1"},
-                 [message](const RedisReply& list) { message->args = StringsOf(list); });
-    pipeline.Ask({"LRANGE", EntryListKey(entry, kRelatedProperties), "0", "-1"},
-                 [message](const RedisReply& list) { message->relatedProperties = StringsOf(list); });
-    ++message;
-  }
+  pipeline.Ask({"HGET", stored.responseKey, kReturnStatus},
+               [&](const RedisReply& status) { answer.status = TextOf(status); });
+  pipeline.Ask({"HGET", AnswerBodyKey(stored.responseKey), kRawJson},
+               [&](const RedisReply& body) { answer.body = TextOf(body); });
+  pipeline.Ask({"HGET", stored.requestKey, kLocation},
+               [&](const RedisReply& location) { answer.location = TextOf(location); });
+  pipeline.Ask({"LRANGE", list, "0", "-1"}, [&](const RedisReply& reply) { entries = StringsOf(reply); });
+  // Most answers have one message at most.
+  AskMessage(pipeline, firstEntry, first);
+  std::vector<std::string> removed = KeysOf(stored);
+  AddKeysOfEntry(removed, firstEntry);
+  if (isRemoved) AppendUnlink(pipeline, removed);
   pipeline.Execute();
-  return messages;
+
+  removed.clear();
+  answer.messages.resize(entries.size());
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (entries[i] == firstEntry) {
+      answer.messages[i] = first;
+    } else {
+      AskMessage(pipeline, entries[i], answer.messages[i]);
+      AddKeysOfEntry(removed, entries[i]);
+    }
+  }
+  if (isRemoved) AppendUnlink(pipeline, removed);
+  pipeline.Execute();
+  return answer;
 }
 
 }  // namespace
@@ -57,6 +99,7 @@ std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndReq
   const auto field = [&](std::string_view name, std::string_view value) {
     pipeline.Append({"HSET", key, name, value});
   };
+  pipeline.Append({"MULTI"});
   const bool needsIds = request.body && NeedsSequenceIds(*request.body);
   int64_t sequence = needsIds ? NextSequenceId(redis) : kNoSequence;
   if (needsIds && sequence == kNoSequence) return std::nullopt;
@@ -75,8 +118,15 @@ std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndReq
     field(kIsSse, "true");
     field(kSseChannel, request.sseChannel);
   }
-  const bool isWritten = AllIntegers(pipeline.Execute()) && (!needsIds || StoreSequenceId(redis, sequence));
-  if (isWritten) return stored;
+  if (needsIds) AppendSequenceStore(pipeline, sequence);
+  if (!place.announcedOn.empty()) pipeline.Append({"PUBLISH", place.announcedOn, AnnouncementOf(stored)});
+  pipeline.Append({"EXEC"});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  const RedisReply& exec = replies.back();
+  if (WasCarriedOut(exec) && exec->elements > 0) {
+    stored.isTaken = !place.announcedOn.empty() && exec->element[exec->elements - 1]->integer > 0;
+    return stored;
+  }
   RemoveRequest(redis, stored);
   return std::nullopt;
 }
@@ -89,8 +139,7 @@ RedisContext ListenForAnswer(const StoredRequest& stored, std::chrono::milliseco
 }
 
 bool AnnounceRequest(redisContext* redis, std::string_view channel, const StoredRequest& stored) {
-  const std::string announcement = stored.requestKey + " " + stored.responseKey;
-  const RedisReply reply = SendArguments(redis, {"PUBLISH", channel, announcement});
+  const RedisReply reply = SendArguments(redis, {"PUBLISH", channel, AnnouncementOf(stored)});
   return IsInteger(reply) && reply->integer > 0;
 }
 
@@ -115,32 +164,14 @@ bool AwaitAnswer(redisContext* subscriber, const StoredRequest& stored, std::chr
   return false;
 }
 
-FrontEndAnswer ReadAnswer(redisContext* redis, const StoredRequest& stored) {
-  FrontEndAnswer answer;
-  std::vector<std::string> entryKeys;
-  RedisPipeline pipeline(redis);
-  pipeline.Ask({"HGET", stored.responseKey, kReturnStatus},
-               [&](const RedisReply& status) { answer.status = TextOf(status); });
-  pipeline.Ask({"HGET", AnswerBodyKey(stored.responseKey), kRawJson},
-               [&](const RedisReply& body) { answer.body = TextOf(body); });
-  pipeline.Ask({"HGET", stored.requestKey, kLocation},
-               [&](const RedisReply& location) { answer.location = TextOf(location); });
-  pipeline.Ask({"LRANGE", MessageListKey(stored.responseKey), "0", "-1"},
-               [&](const RedisReply& list) { entryKeys = StringsOf(list); });
-  pipeline.Execute();
-  answer.messages = ReadMessages(redis, entryKeys);
-  return answer;
-}
+FrontEndAnswer ReadAnswer(redisContext* redis, const StoredRequest& stored) { return Read(redis, stored, false); }
+
+FrontEndAnswer TakeAnswer(redisContext* redis, const StoredRequest& stored) { return Read(redis, stored, true); }
 
 void RemoveRequest(redisContext* redis, const StoredRequest& stored) {
-  std::vector<std::string> keys = stored.keys;
-  const std::string messages = MessageListKey(stored.responseKey);
-  keys.insert(keys.end(), {stored.responseKey, AnswerBodyKey(stored.responseKey), messages});
-  const RedisReply entries = SendArguments(redis, {"LRANGE", messages, "0", "-1"});
-  for (const std::string_view entry : TextsOf(entries)) {
-    keys.insert(keys.end(),
-                {std::string(entry), EntryListKey(entry, kMessageArgs), EntryListKey(entry, kRelatedProperties)});
-  }
+  std::vector<std::string> keys = KeysOf(stored);
+  const RedisReply entries = SendArguments(redis, {"LRANGE", MessageListKey(stored.responseKey), "0", "-1"});
+  for (const std::string_view entry : TextsOf(entries)) AddKeysOfEntry(keys, entry);
   RedisPipeline pipeline(redis);
   AppendUnlink(pipeline, keys);
   pipeline.Execute();

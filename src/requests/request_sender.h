@@ -30,6 +30,7 @@ struct StoredRequest {
   std::string responseKey;
   std::string returnChannel;
   std::vector<std::string> keys = {};  // all that were written
+  bool isTaken = false;                // a listener has heard the announcement that went with them
 };
 
 struct FrontEndMessage {
@@ -45,14 +46,15 @@ struct FrontEndAnswer {
   std::string location;  // of the created resource; empty: none
 };
 
-/// Where a request is kept and answered.
+/// Where a request is kept, answered and announced.
 struct RequestPlace {
   std::string_view keyPrefix = "&&Request:";  // a random number follows
   std::string_view returnChannel = {};        // empty: one of the request's own
+  std::string_view announcedOn = {};          // empty: it is announced later
 };
 
-/// Keeps the request under fresh keys. Nothing when a write fails. One round trip, three for a body with objects inside
-/// arrays.
+/// Keeps the request under fresh keys, all of it or nothing, and announces it in the same transaction where the place
+/// says so. Nothing when a write fails. One round trip, two for a body with objects inside arrays.
 std::optional<StoredRequest> StoreRequest(redisContext* redis, const FrontEndRequest& request,
                                           const RequestPlace& place = {});
 
@@ -69,10 +71,14 @@ bool AnnounceUntilTaken(redisContext* redis, std::string_view channel, const Sto
 /// Waits on a subscribed connection for the answer's message. False when it does not come in time.
 bool AwaitAnswer(redisContext* subscriber, const StoredRequest& stored, std::chrono::milliseconds patience);
 
-/// What the daemon left under the response key, empty where it left nothing.
+/// What the daemon left under the response key, empty where it left nothing. One round trip, two for an answer with
+/// several messages.
 FrontEndAnswer ReadAnswer(redisContext* redis, const StoredRequest& stored);
 
-/// Removes every key of the request, the answer's included. Two round trips.
+/// The same, and removes every key of the request and of the answer on the way.
+FrontEndAnswer TakeAnswer(redisContext* redis, const StoredRequest& stored);
+
+/// Removes every key of a request whose answer nobody reads, the answer's included. Two round trips.
 void RemoveRequest(redisContext* redis, const StoredRequest& stored);
 
 }  // namespace event_service

@@ -2,6 +2,7 @@
 #include <stdexcept>
 
 #include "requests/listener.h"
+#include "requests/request_sender.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
 #include "tests/support/trip_counter.h"
@@ -117,6 +118,38 @@ TEST_F(ProtocolTest, ARequestThatNobodyWaitsForIsRemoved) {
   for (const std::string& key : removed) EXPECT_FALSE(KeyExists(redis(), key)) << key;
   for (const std::string& key : kept) EXPECT_TRUE(KeyExists(redis(), key)) << key;
   EXPECT_EQ(log_.Errors().at(log_.Errors().size() - 2), "Failed to publish data.");
+}
+
+TEST_F(ProtocolTest, AFrontEndStoresAndAnnouncesInOneTripAndTakesTheAnswerWithAllKeys) {
+  const RedisContext front = proxy_.Connect();
+  const RequestPlace place{.returnChannel = "answers", .announcedOn = "channel"};
+  const auto stored = StoreRequest(front.get(), {.method = "GET", .targetUri = "/x", .body = Json{{"a", 1}}}, place);
+  ASSERT_TRUE(stored && stored->isTaken);
+  EXPECT_EQ(proxy_.trips(), 1U);
+  Serve();
+  SendCommand(redis(), "PUBLISH answers other");
+  EXPECT_TRUE(AwaitAnswer(answers_.get(), *stored, std::chrono::seconds(5)));
+  EXPECT_FALSE(AwaitAnswer(answers_.get(), *stored, std::chrono::milliseconds(0)));
+  proxy_.Reset();
+  const FrontEndAnswer answer = TakeAnswer(front.get(), *stored);
+  EXPECT_EQ(answer.status, "FAILURE");
+  ASSERT_EQ(answer.messages.size(), 2U);
+  EXPECT_EQ(answer.messages[0].args, (Lines{"/x", "", "ConfigureManager"}));
+  EXPECT_EQ(answer.messages[0].relatedProperties, Lines{"#/A"});
+  EXPECT_EQ(proxy_.trips(), 2U) << "one for the first message, one for the others";
+  EXPECT_EQ(Dump(), DatabaseDump());
+
+  proxy_.Reset({.failedText = "&&TargetURI"});
+  EXPECT_FALSE(StoreRequest(front.get(), {.method = "GET", .targetUri = "/x", .body = {}}, place));
+  EXPECT_EQ(Dump(), DatabaseDump()) << "all of it or nothing";
+  proxy_.Reset();
+  const Json list = {{"a", {Json::object()}}};
+  const auto unheard =
+      StoreRequest(front.get(), {.method = "GET", .targetUri = "/x", .body = list}, {.announcedOn = "x"});
+  EXPECT_FALSE(unheard->isTaken);
+  EXPECT_EQ(proxy_.trips(), 2U);
+  RemoveRequest(redis(), *unheard);
+  EXPECT_EQ(Dump(), (DatabaseDump{{"Array-Member-Sequence-ID", "1"}}));
 }
 
 TEST_F(ProtocolTest, WhatGoesWrongWithOneRequestDoesNotEndTheLoop) {

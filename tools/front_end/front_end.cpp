@@ -56,14 +56,13 @@ std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndReq
                                           std::chrono::milliseconds patience) {
   const std::optional<StoredRequest> stored = StoreRequest(redis, request);
   if (!stored) return std::nullopt;
-  std::optional<FrontEndAnswer> answer;
   const RedisContext subscriber = ListenForAnswer(*stored, patience);
   if (subscriber && AnnounceUntilTaken(redis, ChannelOf(request.targetUri), *stored, patience) &&
       AwaitAnswer(subscriber.get(), *stored, patience)) {
-    answer = ReadAnswer(redis, *stored);
+    return TakeAnswer(redis, *stored);
   }
   RemoveRequest(redis, *stored);
-  return answer;
+  return std::nullopt;
 }
 
 std::optional<Json> ReadForClient(redisContext* redis, const std::string& uri) {

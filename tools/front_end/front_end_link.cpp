@@ -98,17 +98,15 @@ std::optional<RequestQueue> FrontEndLink::FindQueue(std::string_view method, std
 
 std::optional<FrontEndAnswer> FrontEndLink::Send(const FrontEndRequest& request, std::string_view channel) {
   redisContext* redis = Redis();
-  const std::optional<StoredRequest> stored =
-      redis == nullptr ? std::nullopt : StoreRequest(redis, request, {.returnChannel = returnChannel_});
+  const RequestPlace place{.returnChannel = returnChannel_, .announcedOn = channel};
+  const std::optional<StoredRequest> stored = redis == nullptr ? std::nullopt : StoreRequest(redis, request, place);
   if (!stored) return std::nullopt;
-  const bool isAnswered = AnnounceUntilTaken(redis, channel, *stored, patience_.listener) &&
-                          AwaitAnswer(subscriber_.get(), *stored, patience_.answer);
-  std::optional<FrontEndAnswer> answer;
-  if (isAnswered) answer = ReadAnswer(redis, *stored);
+  const bool isTaken = stored->isTaken || AnnounceUntilTaken(redis, channel, *stored, patience_.listener);
+  if (isTaken && AwaitAnswer(subscriber_.get(), *stored, patience_.answer)) return TakeAnswer(redis, *stored);
   // Without a subscriber the daemon itself removes an answer that comes too late.
-  if (!isAnswered) subscriber_.reset();
+  subscriber_.reset();
   RemoveRequest(redis, *stored);
-  return answer;
+  return std::nullopt;
 }
 
 }  // namespace event_service

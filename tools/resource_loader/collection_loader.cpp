@@ -81,13 +81,6 @@ bool NeedsSequenceIds(const CollectionFile& file) {
   return false;
 }
 
-/// True when the transaction was carried out and each of its commands, which are writes, was answered like one.
-bool WasCarriedOut(const RedisReply& exec) {
-  if (!IsArray(exec)) return false;
-  return std::ranges::all_of(std::span(exec->element, exec->elements),
-                             [](const redisReply* reply) { return IsInteger(reply) || TextOf(reply) == "OK"; });
-}
-
 }  // namespace
 
 LoadFault LoadCollection(redisContext* redis, const CollectionFile& file, std::string_view collectionUri) {
