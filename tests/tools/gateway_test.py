@@ -250,7 +250,7 @@ class Life(unittest.TestCase):
 
     def test_every_resource_is_found_described_and_valid(self):
         """Follows every link from the service root, as a validator does."""
-        subscription = SUBSCRIPTION | {"OriginResources": [{"@odata.id": SERVICE}]}
+        subscription = SUBSCRIPTION | {"OriginResources": [{"@odata.id": SERVICE}], "HttpHeaders": [{"A": "b"}]}
         created = [sandbox.ask("POST", uri, body).headers["Location"]
                    for uri, body in ((COLLECTION, subscription), (SESSIONS, LOGIN))]
         metadata = xml.etree.ElementTree.fromstring(sandbox.ask("GET", "/redfish/v1/$metadata").text)
@@ -272,6 +272,8 @@ class Life(unittest.TestCase):
             self.assertEqual(document["@odata.context"], f"/redfish/v1/$metadata#{definition}.{definition}")
             self.assertIn(namespace, namespaces)
             self.assertEqual(validate(document, namespace, definition), "", path)
+            for name in [name for name in document if name.endswith("@odata.count")]:
+                self.assertEqual(document[name], len(document[name.removesuffix("@odata.count")]), name)
             for action in document.get("Actions", {}).values():
                 self.assertEqual(sandbox.ask("GET", action["target"]).headers["Allow"], "POST")
         self.assertLessEqual({SERVICE, COLLECTION, SESSIONS, *created}, found)

@@ -10,16 +10,20 @@ namespace event_service {
 namespace {
 
 void Hide(Json& document, std::string_view path) {
-  Json* value = &document;
-  while (!path.empty()) {
-    const size_t slash = path.find('/');
-    const auto member = value->find(std::string(path.substr(0, slash)));
-    if (member == value->end()) return;
-    value = &*member;
-    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+  Json* parent = &document;
+  for (size_t slash = path.find('/'); slash != std::string_view::npos; slash = path.find('/')) {
+    const auto member = parent->find(path.substr(0, slash));
+    if (member == parent->end()) return;
+    parent = &*member;
+    path.remove_prefix(slash + 1);
   }
+  const auto value = parent->find(path);
+  if (value == parent->end()) return;
   if (value->is_string()) *value = nullptr;
-  if (value->is_array()) *value = Json::array();
+  if (!value->is_array()) return;
+  *value = Json::array();
+  const auto count = parent->find(std::string(path) + "@odata.count");
+  if (count != parent->end()) *count = 0;
 }
 
 /// Control fields, and the prefixes of references. The reader bounds the depth of what it returns, and so the

@@ -27,9 +27,9 @@ std::string RecordMethod(std::string_view httpMethod, std::string_view uri);
 std::optional<FrontEndAnswer> SendRequest(redisContext* redis, const FrontEndRequest& request,
                                           std::chrono::milliseconds patience = std::chrono::seconds(15));
 
-/// The stored resource as a client sees it: without control fields, sensitive texts as null and sensitive arrays empty,
-/// references without the store's prefix. Nothing when there is none or Redis fails; a discarded value when what is
-/// stored cannot be read.
+/// The stored resource as a client sees it: without control fields, sensitive texts as null, sensitive arrays and their
+/// counts empty, references without the store's prefix. Nothing when there is none or Redis fails; a discarded value
+/// when what is stored cannot be read.
 std::optional<Json> ReadForClient(redisContext* redis, const std::string& uri);
 
 /// Makes the same of a resource that was read with its control fields.

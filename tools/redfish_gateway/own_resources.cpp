@@ -103,7 +103,7 @@ HttpAnswer PatchSessionService(Call& call) {
   if (timeout == properties.end()) messages.push_back({"Base.1.12.NoOperation", {}, {}});
   HttpAnswer answer = ReadSessionService(call);
   for (const FrontEndMessage& message : messages) {
-    answer.document["@Message.ExtendedInfo"].push_back(call.gateway.registries.MessageObject(message, 200));
+    answer.document["@Message.ExtendedInfo"].push_back(call.gateway.registries.MessageObject(message, 400));
   }
   return answer;
 }

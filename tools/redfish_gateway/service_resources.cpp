@@ -40,11 +40,11 @@ bool IsPlainSuccess(const FrontEndMessage& message) {
   return message.id == "Base.1.12.Success" || message.id == "Base.1.12.Created";
 }
 
-/// What the daemon said beside its success, as annotations of a resource.
+/// What the daemon said beside its success, as annotations of a resource: what was not done, and so no better than 400.
 Json Annotations(const Registries& registries, const FrontEndAnswer& answer) {
   Json annotations = Json::array();
   for (const FrontEndMessage& message : answer.messages) {
-    if (!IsPlainSuccess(message)) annotations.push_back(registries.MessageObject(message, 200));
+    if (!IsPlainSuccess(message)) annotations.push_back(registries.MessageObject(message, 400));
   }
   // A change of nothing has its message in a body of its own.
   const Json body = ParseOutsideText(answer.body);
