@@ -111,14 +111,13 @@ void Announce(const Request& request, uint32_t eventGroupId, bool turnsOff) {
   pipeline.Execute();
 }
 
-bool TurnsOff(const Request& request, const ServiceValues& changed, const StoredService& stored) {
+bool TurnsOff(const ServiceValues& changed, const StoredService& stored) {
   const auto value = changed.find(kServiceEnabled);
-  if (value == changed.end() || value->second == true) return false;
-  return StoredValue(kServiceEnabled, stored) == Json(true) || request.unsettled->contains(kServiceEnabled);
+  return value != changed.end() && value->second != true && StoredValue(kServiceEnabled, stored) == Json(true);
 }
 
 std::optional<Answer> ApplyChanges(const Request& request, const StoredService& stored, const ServiceValues& changed) {
-  const bool turnsOff = TurnsOff(request, changed, stored);
+  const bool turnsOff = TurnsOff(changed, stored);
   const WriteOutcome outcome = WriteChanges(request.redis, changed);
   if (outcome.values.areComplete) {
     KeepChanges(request, stored, changed);

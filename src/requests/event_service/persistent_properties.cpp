@@ -85,7 +85,6 @@ bool RestorePersistentProperties(redisContext* redis, const ServiceSettings& set
     return false;
   }
   const ServiceValues changed = ChangedValues(properties.values, *stored);
-  if (changed.empty()) return true;
   ServiceWrites writes;
   WriteServiceValues(pipeline, changed, writes);
   bool isEtagWritten = true;

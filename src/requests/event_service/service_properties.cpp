@@ -175,7 +175,7 @@ ServicePatchJudgement JudgeServicePatch(const Json& body, const NumberTexts& num
 
 bool AcceptKeptValue(std::string_view path, Json& value) {
   const ServiceProperty* const property = FindProperty(path);
-  if (property == nullptr || value.is_structured()) return false;
+  if (property == nullptr) return false;
   value = Plain(value);
   if (path == kSmtpPassword && !value.is_null()) return IsHexText(value);
   return !CheckValue(*property, value);
