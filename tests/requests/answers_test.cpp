@@ -10,9 +10,6 @@ namespace {
 
 using namespace std::string_literals;
 
-// ---- Judged as values
-// ------------------------------------------------------------------------------------------------
-
 TEST(Judgement, EachFaultOfAPropertyHasItsMessage) {
   const struct {
     std::string body, faults;
@@ -79,9 +76,6 @@ TEST(NoOperation, HasOneFixedBody) {
   const Json error = {{"code", "M"}, {"message", text}, {"@Message.ExtendedInfo", {message}}};
   EXPECT_EQ(Json::parse(NoOperationAnswer("M").body), Json({{"error", error}}));
 }
-
-// ---- In Redis
-// --------------------------------------------------------------------------------------------------------
 
 TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
   const Json lists(std::vector<Json>(256, Json{1}));

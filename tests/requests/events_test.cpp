@@ -57,13 +57,9 @@ TEST_F(EventServiceTest, ATestEventIsStoredAsAValidRedfishEventWithItsDefaults) 
     EXPECT_EQ(Dump()[key + "/Events"], "[&&Object " + key + "/Events/0]");
     for (const std::string& stored : EventKeys()) KeyDelete(redis(), stored);
   }
-}
-
-TEST_F(EventServiceTest, ATestEventOfTheDeliverySideIsNotAnswered) {
-  RegisterScript("enqueueEvent", "return 1");
   responseKey_ = kFromEventing;
   EXPECT_EQ(Summary(Submit()), "");
-  EXPECT_FALSE(KeyExists(redis(), kFromEventing));
+  EXPECT_FALSE(KeyExists(redis(), kFromEventing)) << "the delivery side is not answered";
 }
 
 // ---- The sandbox's event scripts, inside a real Redis ---------------------------------------------------------------

@@ -66,6 +66,9 @@ TEST_F(PatchTest, WhatDidNotGetIntoRedisOrTheFileIsSettledByTheNextChange) {
   const RedisContext listener = Connect();
   ASSERT_TRUE(SendArguments(listener.get(), {"SUBSCRIBE", kSubscriptionsChannel}));
   const char* const body = R"({"DeliveryRetryAttempts": 4, "ServiceEnabled": false, "SMTP": {"Port": 26}})";
+  proxy_.Reset({.failedText = " ServiceEnabled"});
+  EXPECT_EQ(Patch(body).status, "EXCEPTION");
+  EXPECT_TRUE(KeyListing(redis(), "*SSE-ALL*").empty()) << "the service is on";
   proxy_.Reset({.failedText = "&&Object SMTP"});  // the last write
   EXPECT_EQ(Patch(body).status, "EXCEPTION");
   EXPECT_FALSE(KeyListing(redis(), "*SSE-ALL*").empty()) << "the service is off";
@@ -76,7 +79,9 @@ TEST_F(PatchTest, WhatDidNotGetIntoRedisOrTheFileIsSettledByTheNextChange) {
   const std::string file = std::exchange(settings_.paths.persistentProperties, Sandbox().Root());
   EXPECT_EQ(Patch(R"({"SMTP": {"Username": "me"}})").status, "OK_RES");
   settings_.paths.persistentProperties = file;
+  proxy_.Reset({.failedText = "@odata.etag"});
   Patch(R"({"DeliveryRetryAttempts": 5})");
+  EXPECT_EQ(log_.Errors().back(), "Failed to set the etag of the EventService.");
   EXPECT_EQ(ReadFile(file_), "DeliveryRetryAttempts=5\nSMTP/Port=26\nSMTP/Username=\"me\"\nServiceEnabled=false\n");
 }
 
@@ -84,15 +89,16 @@ TEST_F(PatchTest, ARestorationTakesOnlyKnownPropertiesWithValidValues) {
   const auto restore = [this] { return RestorePersistentProperties(proxied_.get(), settings_); };
   EXPECT_TRUE(restore()) << "there is no file";
   WriteFile(file_,
-            "DeliveryRetryIntervalSeconds=8.0\n\nSMTP/Port=70000\nBogus=\"s3cret\"\nSMTP/Password=\"no hex\"\n"
-            "SMTP/Password=\"0AF\"\nServiceEnabled=x\nno equals sign\n=\nSMTP/Username=\"a=b\"\n"
+            "DeliveryRetryIntervalSeconds=7\nDeliveryRetryIntervalSeconds=8.0\n\nSMTP/"
+            "Port=70000\nBogus=\"s3cret\"\nSMTP/Password=\"no hex\"\n"
+            "SMTP/Password=\"0AF\"\nSMTP/Password=\"\"\nServiceEnabled=x\nno equals sign\n=\nSMTP/Username=\"a=b\"\n"
             "DeliveryRetryAttempts=3" +
                 std::string(1, '\0') + "\nSMTP/Port=" + std::string(10000, '[') + std::string(10000, ']'));
   settings_.protocolOnly = true;
   EXPECT_TRUE(restore());
-  EXPECT_EQ(log_.Errors().size(), 8U);
+  EXPECT_EQ(log_.Errors().size(), 9U);
   EXPECT_EQ(log_.Errors().front(),
-            "Line 3 of the persistent properties is passed over: not a known property with a valid value.");
+            "Line 4 of the persistent properties is passed over: not a known property with a valid value.");
   EXPECT_EQ(Stored("DeliveryRetryIntervalSeconds"), "8");
   EXPECT_NE(Stored("@odata.etag"), R"("\"1\"")");
   EXPECT_EQ(StoredSmtp("Username"), "null");
@@ -106,6 +112,13 @@ TEST_F(PatchTest, ARestorationTakesOnlyKnownPropertiesWithValidValues) {
   HashWrite(redis(), kSmtpKey, "&&Password", "null");
   EXPECT_TRUE(restore());
   EXPECT_EQ(Dump(), restored) << "as every start does: the password alone makes no other content";
+  for (const char* failing : {"HGETALL", "HSET"}) {
+    HashWrite(redis(), kSmtpKey, "&&Password", "null");
+    proxy_.Reset({.failedText = failing});
+    EXPECT_FALSE(restore()) << failing;
+  }
+  WriteFile(file_, std::string(64 * 1024 + 1, '\n'));
+  EXPECT_FALSE(restore()) << "larger than any file of ours";
 }
 
 }  // namespace

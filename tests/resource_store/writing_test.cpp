@@ -23,8 +23,11 @@ TEST_F(StoreTest, StoresTheDocumentedExample) {
   EXPECT_EQ(Dump(), expected);
 
   // Control fields are raw, and only elements lose the quotes of what reads like a marker.
-  Write("/k", R"({"&&Raw":"a \"b\"","&&Number":1,"m":"&&Object two words","list":["&&a b","&&a","&& a","&a b"]})");
-  EXPECT_EQ(Dump()["/k"], "{&&Raw=a \"b\", list=&&Array list &&/k/list, m=\"&&Object two words\"}");
+  Write("/k", R"({"&&Raw":"a \"b\"","&&Number":1,"m":"&&Object two words","n":{"@odata.id":1},
+      "list":["&&a b","&&a","&& a","&a b"]})");
+  EXPECT_EQ(Dump()["/k"],
+            "{&&Raw=a \"b\", list=&&Array list &&/k/list, m=\"&&Object two words\", n=&&Object n &&/k/n}");
+  EXPECT_EQ(Dump()["&&/k/n"], "{@odata.id=1}");
   EXPECT_EQ(Dump()["&&/k/list"], "[&&a b, \"&&a\", \"&& a\", \"&a b\"]");
 }
 
@@ -38,8 +41,9 @@ TEST_F(StoreTest, TheCounterIsTakenOnceAndStoredBackWhenItMoved) {
       {"41", R"({"a":[{},[],{}]})", "44"},
       {"41", R"({"a":[{"@odata.id":"/m"},{}]})", "43"},
       {"9223372036854775805", R"({"a":[{},{}]})", "1"},  // 2^63 - 1 is handed out, the counter wraps
-      {"9223372036854775807", R"({"a":[{}]})", "1"},     // cannot be incremented
-      {"garbage", R"({"a":[{}]})", "1"},
+      {"9223372036854775805", R"({"a":[{}]})", "1"},
+      {"9223372036854775807", R"({"a":[{}]})", "1"},  // cannot be incremented
+      {"garbage", R"({"a":1})", "1"},
       {"-2", R"({"a":[{}]})", "1"},
   };
   for (const auto& row : cases) {
@@ -47,6 +51,9 @@ TEST_F(StoreTest, TheCounterIsTakenOnceAndStoredBackWhenItMoved) {
     Write("/k", row.document);
     EXPECT_EQ(Dump()[kCounter], row.after) << row.before << " " << row.document;
   }
+  SendArguments(redis(), {"SET", kCounter, "9223372036854775806"});
+  Write("/w", "[{},{}]");
+  EXPECT_EQ(Dump()["/w"], "[&&Object &&/w/9223372036854775807, &&Object &&/w/1]");
 }
 
 TEST_F(StoreTest, WhatCannotBeStoredIsRefusedBeforeAnythingIsWritten) {
@@ -76,9 +83,9 @@ TEST_F(StoreTest, ArrayStylesShapeEveryArray) {
     const char* shaped;
   } cases[] = {
       {2, 3, true, "[1,null]", "[1]"},    {1, 3, true, "[1,null]", "[1,null,null]"},
-      {1, 2, true, "[1,2,3]", "refused"}, {1, 2, false, "[null,1]", "[null,1]"},
+      {1, 2, true, "[1,2,3]", "refused"}, {1, 3, false, "[null,1]", "[null,1]"},
       {2, 1, true, "[1,2]", "refused"},   {1, 2, true, R"({"a":{"b":[[]]}})", R"({"a":{"b":[[null,null],null]}})"},
-      {4, 8, true, "[]", "refused"},
+      {4, 8, true, "[]", "refused"},      {-1, 8, true, "[]", "refused"},
   };
   const StreamCapture capture(STDERR_FILENO);
   for (const auto& row : cases) {
@@ -90,7 +97,11 @@ TEST_F(StoreTest, ArrayStylesShapeEveryArray) {
     EXPECT_EQ(isStored ? Read("/k").dump() : "refused", row.shaped) << row.given;
   }
   ArrayConfiguration arrays;
-  EXPECT_FALSE(ReadArrayConfiguration({{"ArrayStyle", 1}, {"ArrayMaxSize", 8}}, arrays));
+  for (const int maxSize : {8, -8}) {
+    Json faulty = {{"ArrayStyle", 1}, {"ArrayMaxSize", maxSize}};
+    if (maxSize < 0) faulty["ArrayNullElement"] = true;
+    EXPECT_FALSE(ReadArrayConfiguration(faulty, arrays)) << maxSize;
+  }
 }
 
 TEST_F(StoreTest, APropertyIsReplacedByAnyOtherWithoutRemainsAndNothingElse) {

@@ -1,12 +1,16 @@
 #include "service/event_group_id.h"
 
 #include "tests/support/canned_replies.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
 
 namespace event_service {
 namespace {
 
-class EventGroupIdTest : public RedisTest {};
+class EventGroupIdTest : public RedisTest {
+ protected:
+  LogCapture log_;
+};
 
 TEST_F(EventGroupIdTest, IdentifiersRunToTheMaximumAndStartAgain) {
   const struct {
@@ -30,6 +34,7 @@ TEST_F(EventGroupIdTest, IdentifiersRunToTheMaximumAndStartAgain) {
   EXPECT_EQ(MaxEventGroupId(gone.redis()), 5) << "known, without a round trip";
   ForgetMaxEventGroupId();
   EXPECT_EQ(NextEventGroupId(gone.redis()), 1U) << "without Redis";
+  EXPECT_EQ(log_.Errors().size(), 10U) << "a fraction is passed over in silence";
 }
 
 }  // namespace

@@ -39,6 +39,7 @@ TEST_F(StartUpTest, AStartFillsSettingsStateAndQueues) {
   for (const char* name : {"known.pem", "unknown.pem"}) WriteFile(ProcessPaths().syslogCertificates + name, "");
   WriteFile(ProcessPaths().systemCertificates + "known.pem", "");
   AddRegistry("A.1.0.0.jSoN", "Bare");
+  AddRegistry("Again.json", "P39");
   AddRegistry("NotJson.xml", "\"NotJson\"");
   for (int i = 10; i < 42; ++i) AddRegistry(std::to_string(i) + ".json", ("\"P" + std::to_string(i) + '"').c_str());
   for (const char* queue : {"EventService/POSTACTIONQ", "EventDestination/PATCHQ"}) {
@@ -55,7 +56,7 @@ TEST_F(StartUpTest, AStartFillsSettingsStateAndQueues) {
     EXPECT_FALSE(settings_.includeOriginOfConditionSupported) << "only exactly \"true\" counts";
     EXPECT_EQ(settings_.syslogCertificateNames, Texts{"known.pem"});
     EXPECT_EQ(settings_.allowedValues.at("ResourceTypes"), (Texts{"\"Event\"", "\"Task\""}));
-    EXPECT_EQ(settings_.allowedValues.at("RegistryPrefixes").size(), 34U);
+    EXPECT_EQ(settings_.allowedValues.at("RegistryPrefixes").size(), 35U);
     EXPECT_EQ(settings_.allowedValues.at("MessageIds"), (Texts{"\"Base.1.2.Success\"", "\"Base.1.8.Success\""}));
     EXPECT_EQ(state_.registryPrefixBits.at("Base"), 1);
     EXPECT_EQ(state_.registryPrefixBits.at("P39"), 1 << 30);
@@ -128,6 +129,7 @@ TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
     std::string failing, error;
   } cases[] = {
       {"LLEN &&/redfish/v1/EventService/PATCHQ", "Failed to get &&/redfish/v1/EventService/PATCHQ queue length.\n"},
+      {"RPUSH &&/redfish/v1/EventService/PATCHQ", "Failed to push queue.\n"},
       {"HSET &&/redfish/v1/EventService/SMTP", "Failed to set SMTP/Password default setting.\n"},
       {"HSET /redfish/v1/EventService &&SensitiveData", "Failed to set SMTP/Password default setting.\n"},
       {"LRANGE &&/redfish/v1/JsonSchemas/Members", "Cannot get the list of schema.\nFailed to init ResourceTypes and"},
@@ -153,9 +155,22 @@ TEST_F(StartUpTest, AFailedCommandEndsItBeforeTheNextStep) {
         << errors_;
     EXPECT_EQ(calls, "") << row.failing;
     EXPECT_EQ(KeyExists(redis(), "map script runs"), row.failing.find("EventDestination") != std::string::npos);
+    const bool isFirstUnknown = row.failing.starts_with("LLEN &&/redfish/v1/EventService/");
+    EXPECT_NE(KeyExists(redis(), "&&/redfish/v1/EventService/POSTACTIONQ"), isFirstUnknown);
     EXPECT_EQ(ListLength(redis(), later), 1) << "a queue loses its channel after " << row.failing;
     const bool isPasswordRefused = row.failing.starts_with("HSET &&");
     EXPECT_FALSE(isPasswordRefused && KeyExists(redis(), kEventServiceUri));
+  }
+}
+
+TEST_F(StartUpTest, AnUnreadableFileIsPutBackByAStartThatFailsAndKeptByOneThatSucceeds) {
+  for (const bool succeeds : {false, true}) {
+    SetUp();
+    const std::string file = ProcessPaths().databaseFile;
+    WriteFile(file, "garbage");
+    if (!succeeds) unlink(ProcessPaths().startUpMapScript.c_str());
+    EXPECT_EQ(Start(), succeeds ? 0 : -1);
+    EXPECT_EQ(ReadFile(succeeds ? file + ".unreadable" : file), "garbage");
   }
 }
 
