@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
@@ -10,7 +9,6 @@
 #include "foundation/durable_file.h"
 #include "foundation/file_paths.h"
 #include "foundation/random.h"
-#include "foundation/text_numbers.h"
 #include "foundation/time_stamp.h"
 #include "tests/support/log_capture.h"
 
@@ -84,23 +82,6 @@ TEST(TimeStamps, CarryTheOffsetWithAColon) {
   }
   unsetenv("TZ");
   tzset();
-}
-
-TEST(ParseIntegerTest, ConvertsWholeTextsOnly) {
-  const std::pair<const char*, int32_t> numbers[] = {
-      {"0", 0}, {"+5", 5}, {"2147483647", INT32_MAX}, {"-2147483648", INT32_MIN}};
-  int32_t value = 0;
-  for (const auto& [text, expected] : numbers) {
-    EXPECT_EQ(ParseInteger(std::string_view(text), value), std::errc()) << text;
-    EXPECT_EQ(value, expected);
-  }
-  for (const char* text : {"2147483648", "-99999999999999999999"}) {
-    EXPECT_EQ(ParseInteger(std::string_view(text), value), std::errc::result_out_of_range) << text;
-  }
-  for (const char* text : {"99999999999999999999x", "", "+", "+-5", " 5", "5 "}) {
-    EXPECT_EQ(ParseInteger(std::string_view(text), value), std::errc::invalid_argument) << text;
-  }
-  EXPECT_EQ(value, INT32_MIN) << "a failure leaves the value";
 }
 
 }  // namespace

@@ -66,15 +66,13 @@ TEST(Judgement, RelatedPropertiesAreJsonPointers) {
 }
 
 TEST(NoOperation, HasOneFixedBody) {
-  const char* const text =
+  const std::string text =
       "The request body submitted contain no data to act upon and no changes to the resource took place.";
-  const Json message = {{"@odata.type", "#Message.v1_1_2.Message"},
-                        {"MessageId", "M"},
-                        {"Message", text},
-                        {"MessageSeverity", "Warning"},
-                        {"Resolution", "Add properties in the JSON object and resubmit the request."}};
-  const Json error = {{"code", "M"}, {"message", text}, {"@Message.ExtendedInfo", {message}}};
-  EXPECT_EQ(Json::parse(NoOperationAnswer("M").body), Json({{"error", error}}));
+  EXPECT_EQ(NoOperationAnswer("M").body,
+            R"({"error":{"@Message.ExtendedInfo":[{"@odata.type":"#Message.v1_1_2.Message","Message":")" + text +
+                R"(","MessageId":"M","MessageSeverity":"Warning","Resolution":"Add properties in the JSON object and )"
+                R"(resubmit the request."}],"code":"M","message":")" +
+                text + R"("}})");
 }
 
 TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {

@@ -13,6 +13,7 @@
 #include <typeinfo>
 
 #include "foundation/configuration.h"
+#include "service/discovery.h"
 #include "tests/service/start_up_sandbox.h"
 #include "tests/support/canned_replies.h"
 
@@ -66,12 +67,17 @@ TEST_F(StartUpTest, AStartFillsSettingsStateAndQueues) {
     EXPECT_EQ(dump["&&/redfish/v1/EventService/PATCHQ"], "[&&/redfish/v1/EventService/CHANNEL]");
     EXPECT_EQ(dump["&&/redfish/v1/EventService/POSTACTIONQ"], "[" + std::string(kSubscriptionsChannel) + ", waiting]");
     EXPECT_EQ(dump["&&/redfish/v1/EventDestination/PATCHQ"], "[waiting, " + std::string(kSubscriptionsChannel) + "]");
+    EXPECT_EQ(dump["&&/redfish/v1/EventService/ResourceTypes"], R"(["Event", "Task"])");
     EXPECT_EQ(dump["&&/redfish/v1/EventService/SMTP"], "{&&Password=null}");
     EXPECT_EQ(HashRead(redis(), kEventServiceUri, "&&SensitiveData"), "SMTP/Password");
     EXPECT_EQ(dump["map script runs"], trips == 13 ? "1" : "2");
     ListAppend(redis(), "&&/redfish/v1/JsonSchemas/Members", "/New");
     AddRegistry("New.json", "\"New\"");
   }
+  for (const std::string& key : KeyListing(redis(), kMessageKeys)) KeyDelete(redis(), key);
+  EXPECT_EQ(Start(), 0);
+  EXPECT_EQ(errors_, "Cannot find any defined MessageId.\n");
+  EXPECT_FALSE(settings_.allowedValues.contains("MessageIds"));
 }
 
 TEST_F(StartUpTest, TheServiceManagerIsToldAfterTheListenersRun) {
