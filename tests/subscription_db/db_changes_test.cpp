@@ -60,7 +60,7 @@ TEST_F(DbSandboxTest, AChangeRunsFourCommandsAndTouchesWhatItNamesOnlyOrNothing)
     std::string refusal = "";
   } cases[] = {
       {"A", insert(memberB.dump()), "AB"},
-      {"AB", insert(MemberOf('a').dump()), "Ba"},
+      {"AAB", insert(MemberOf('a').dump()), "Ba"},
       {"ABB", remove("B"), "AB"},
       {"A", remove(""), "A"},
       {"A", refresh, "A"},
@@ -96,6 +96,10 @@ TEST_F(DbSandboxTest, AChangeRunsFourCommandsAndTouchesWhatItNamesOnlyOrNothing)
   SubscriptionDb db = NewDb();
   EXPECT_FALSE(refresh(db));
   EXPECT_TRUE(waits_.empty()) << "a change does not wait";
+  std::filesystem::resize_file(Paths().databaseFile, size_t{64} * 1024 * 1024 + 1);
+  commands_ = 0;
+  EXPECT_FALSE(refresh(db));
+  EXPECT_EQ(commands_, 1U) << "what is larger than any file of ours is not decrypted";
 }
 
 TEST_F(DbSandboxTest, AnUpdateMergesObjectsReplacesTheRestAndTakesOutWhatIsNamed) {
@@ -120,6 +124,7 @@ TEST_F(DbSandboxTest, AChangeThatFailedIsMadeWithTheNextAndNotAgain) {
   SubscriptionDb db = NewDb();
   const auto isDecoding = [](const std::string& command) { return command.find(" -d ") != std::string::npos; };
   fails_ = isDecoding;
+  EXPECT_FALSE(db.DeleteDbSubscription(kUris + "B", kEtagText));  // in their order
   EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
   fails_ = [](const std::string&) { return false; };
   for (const auto& [removed, after] : {std::pair("C", "AB"), {"B", "A"}, {"C", "A"}}) {
@@ -135,6 +140,13 @@ TEST_F(DbSandboxTest, AChangeThatFailedIsMadeWithTheNextAndNotAgain) {
     EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << changes;
     EXPECT_TRUE(db.DeleteDbSubscription(kUris + "B", kEtagText));
   }
+  fails_ = [](const std::string& command) { return command.find(" enc -aes") != std::string::npos; };
+  EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
+  EXPECT_FALSE(db.DeleteDbSubscription(kUris + "A", kEtagText));
+  EXPECT_EQ(Json::parse(ReadFile(Paths().plainDatabaseFile)), DocumentOf("AB", "\"ABC\"")) << "what is ahead stays";
+  std::filesystem::remove(Paths().plainDatabaseFile);
+  fails_ = [](const std::string&) { return false; };
+  EXPECT_TRUE(db.DeleteDbSubscription(kUris + "C", kEtagText)) << "goes on without a plain file that somebody took";
 }
 
 TEST_F(DbSandboxTest, APasswordIsTheFirstLineOfItsFileOrGeneratedOnce) {

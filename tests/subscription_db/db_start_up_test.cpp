@@ -28,6 +28,7 @@ TEST_F(DbSandboxTest, EveryStateOfTheFilesGivesTheRightSetAndLosesNoFile) {
       {"D=A K-", "", "D K P.unreadable "},
       {"D:AB", "AB"},  // an unencrypted database file
       {"D=AB L:C", "AB"},
+      {"D:AB L:C", "AB", "D D.legacy.unreadable K "},
       {"L:AB", "AB"},
   };
   for (const auto& row : cases) {
@@ -173,6 +174,15 @@ TEST_F(DbSandboxTest, WhatAStartTakesChangesCanBeMadeTo) {
     const bool hasFailed = Errors().find("Failed to parse default DB file to redis.") != std::string::npos;
     EXPECT_EQ(hasFailed, row.after == std::string("B"));
   }
+}
+
+TEST_F(DbSandboxTest, AToolThatHasDoneNothingCostsNoFile) {
+  LayOut("D/ P:AB");
+  FilePaths paths = Paths();
+  paths.openssl = "/bin/true";
+  SubscriptionDb db({.paths = paths});
+  EXPECT_FALSE(StartDb(db));
+  EXPECT_EQ(ReadFile(Paths().plainDatabaseFile), DocumentOf("AB").dump());
 }
 
 TEST_F(DbSandboxTest, DecodingIsTriedThreeTimesASecondApart) {

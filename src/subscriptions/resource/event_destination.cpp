@@ -39,6 +39,31 @@ void AddAllowableValues(Json& object, std::string_view property, const ServiceSe
   object[Joined(property, kAllowableValues)] = std::move(values);
 }
 
+/// The properties that every subscription starts with; those of the request replace them.
+Json BuildDefaultEventDestination(std::string_view privileges) {
+  static const Json kDefaults = {
+      {std::string(kPatchValidationField), "v_EventDestination.json"},
+      {"Context", nullptr},
+      {"SubordinateResources", nullptr},
+      {"SubscriptionType", "RedfishEvent"},
+      {"Description",
+       "This resource represents the target of an event subscription, including the types of events subscribed and "
+       "context to provide to the target in the Event payload."},
+      {"IncludeOriginOfCondition", false},
+      {"ResourceTypes", Json::array()},
+      {"RegistryPrefixes", Json::array()},
+      {"OriginResources", Json::array()},
+      {"MessageIds", Json::array()},
+      {"HttpHeaders", Json::array()},
+      {"MetricReportDefinitions", Json::array()},
+      {"OriginResources@odata.count", 0},
+      {"MetricReportDefinitions@odata.count", 0},
+  };
+  Json destination = kDefaults;
+  destination[std::string(kPrivileges)] = privileges;
+  return destination;
+}
+
 /// Takes over the properties of the request, each in its stored form. Their names stay in the body.
 bool ApplyBody(Json& body, std::string_view passwordLine, Json& destination) {
   for (auto& [name, value] : body.get_ref<Json::object_t&>()) {
@@ -109,30 +134,6 @@ bool ListsPath(std::string_view paths, std::string_view path) {
 
 }  // namespace
 
-Json BuildDefaultEventDestination(std::string_view privileges) {
-  static const Json kDefaults = {
-      {std::string(kPatchValidationField), "v_EventDestination.json"},
-      {"Context", nullptr},
-      {"SubordinateResources", nullptr},
-      {"SubscriptionType", "RedfishEvent"},
-      {"Description",
-       "This resource represents the target of an event subscription, including the types of events subscribed and "
-       "context to provide to the target in the Event payload."},
-      {"IncludeOriginOfCondition", false},
-      {"ResourceTypes", Json::array()},
-      {"RegistryPrefixes", Json::array()},
-      {"OriginResources", Json::array()},
-      {"MessageIds", Json::array()},
-      {"HttpHeaders", Json::array()},
-      {"MetricReportDefinitions", Json::array()},
-      {"OriginResources@odata.count", 0},
-      {"MetricReportDefinitions@odata.count", 0},
-  };
-  Json destination = kDefaults;
-  destination[std::string(kPrivileges)] = privileges;
-  return destination;
-}
-
 std::optional<Json> BuildEventDestination(Json body, const NewDestination& about, const ServiceSettings& settings) {
   Json destination = BuildDefaultEventDestination(about.privileges);
   if (!ApplyBody(body, about.passwordLine, destination)) return std::nullopt;
@@ -141,11 +142,9 @@ std::optional<Json> BuildEventDestination(Json body, const NewDestination& about
   return destination;
 }
 
-bool IsSnmpSecret(std::string_view member) { return Contains(kSensitiveSnmpKeys, member); }
-
 bool MergeSnmp(const Json& given, std::string_view passwordLine, Json& stored) {
   for (const auto& [name, value] : given.items()) {
-    if (!IsSnmpSecret(name)) {
+    if (!Contains(kSensitiveSnmpKeys, name)) {
       stored[name] = value;
       continue;
     }

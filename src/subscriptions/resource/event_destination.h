@@ -48,16 +48,10 @@ struct NewDestination {
 /// whole. The body has passed the creation's checks. Nothing when a secret cannot be encrypted.
 std::optional<Json> BuildEventDestination(Json body, const NewDestination& about, const ServiceSettings& settings);
 
-/// The properties that every subscription starts with; those of the request replace them.
-Json BuildDefaultEventDestination(std::string_view privileges);
-
 /// Puts the members of a client's SNMP object into the stored one: secrets encrypted, a key that is null taken out,
 /// "...Set" flags told for each key given; a TrapCommunity that is null or empty counts as none. False when a secret
 /// cannot be encrypted (logged).
 [[nodiscard]] bool MergeSnmp(const Json& given, std::string_view passwordLine, Json& stored);
-
-/// True for the members of SNMP that are stored encrypted and never shown.
-bool IsSnmpSecret(std::string_view member);
 
 /// The value with "@odata.count" of an array property that is counted, in its place; nothing for other properties.
 void SetCount(Json& destination, const std::string& property);
