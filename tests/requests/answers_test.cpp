@@ -11,20 +11,27 @@ namespace {
 using namespace std::string_literals;
 
 TEST(Judgement, EachFaultOfAPropertyHasItsMessage) {
+  const std::string longest(1024, 'x');
   const struct {
     std::string body, faults;
   } patches[] = {
       {R"({"SMTP": [{"Password": "s", "HttpHeaders": [1]}, 2]})",
        R"(PropertyValueTypeError([{"HttpHeaders":null,"Password":null},2], SMTP))"},
-      {R"({"SMTP": {"Port": 65536}})", "PropertyValueOutOfRange(65536, SMTP/Port)"},
+      {R"({"SMTP": {"Port": 65536, "Username": ")" + longest + "\"}}", "PropertyValueOutOfRange(65536, SMTP/Port)"},
       {R"({"SMTP": {"Password": ["s3cret"]}})", "PropertyValueError(SMTP/Password)"},
       {R"({"SMTP": {"Authentication": "A"}})", "PropertyValueNotInList(A, SMTP/Authentication)"},
       {R"({"SMTP": {"FromAddress": "a\r\nBcc: c"}})", "PropertyValueFormatError(a\r\nBcc: c, SMTP/FromAddress)"},
-      {R"({"SMTP": {"Username": "\u0000"}})", "PropertyValueFormatError("s + '\0' + ", SMTP/Username)"},
-      {R"({"SMTP": {"Username": "\u00e4)" + std::string(1024, 'x') + "\"}}",
+      {R"({"SMTP": {"ServerAddress": "\u007f", "Username": "\u0000"}})",
+       "PropertyValueFormatError(\x7f, SMTP/ServerAddress) PropertyValueFormatError("s + '\0' + ", SMTP/Username)"},
+      {R"({"SMTP": {"Username": "\u00e4)" + longest + "\"}}",
        "StringValueTooLong(\xC3\xA4" + std::string(63, 'x') + ", 1024)"},
       {R"({"Name": "n", "a@b.org": {}})", "PropertyNotWritable(Name) PropertyUnknown(a@b.org)"},
-      {R"({"DeliveryRetryAttempts": 2.5})", "PropertyValueTypeError(2.5, DeliveryRetryAttempts)"},
+      {R"({"DeliveryRetryAttempts": 2.5, "DeliveryRetryIntervalSeconds": 0, "SMTP": {"Port": 65535}})",
+       "PropertyValueTypeError(2.5, DeliveryRetryAttempts)"},
+      {R"({"ServiceEnabled": ")" + longest + "\"}",
+       "PropertyValueTypeError(" + longest.substr(0, 256) + ", ServiceEnabled)"},
+      {R"({"ServiceEnabled": [")" + longest + "\"]}",
+       "PropertyValueTypeError([\"" + longest.substr(0, 254) + ", ServiceEnabled)"},
       {R"({"DeliveryRetryAttempts": 1e99})", "PropertyValueOutOfRange(1e+99, DeliveryRetryAttempts)"},
       {R"({"DeliveryRetryIntervalSeconds": -1})", "PropertyValueOutOfRange(-1, DeliveryRetryIntervalSeconds)"},
       {R"({"DeliveryRetryAttempts": null})", "PropertyValueTypeError(null, DeliveryRetryAttempts)"},
@@ -48,19 +55,23 @@ TEST(Judgement, EachFaultOfAParameterHasItsMessage) {
       {R"({"EventType": "Other2"})", "ValueNotInList(Other2, EventType, #)"},
       {R"({"MessageSeverity": "B"})", "ValueNotInList(B, MessageSeverity, #)"},
       {R"({"EventGroupId": 9223372036854775808})", "ValueFormatError(9223372036854775808, EventGroupId, #)"},
+      {R"({"EventGroupId": 9223372036854775808.0})", "ValueFormatError(9.223372036854776e+18, EventGroupId, #)"},
       {R"({"EventId": 7})", "ValueTypeError(7, EventId, #)"},
+      {R"({"Message": "\u0000"})", "ValueFormatError("s + '\0' + ", Message, #)"},
       {R"({"MessageArgs": ["a", 2]})", "ValueTypeError(2, MessageArgs/1, #)"},
       {R"({"OriginOfCondition": "/ "})", "ValueFormatError(/ , OriginOfCondition, #)"},
   };
   for (const auto& row : events) {
     EXPECT_EQ(Summary({{}, JudgeTestEvent(Json::parse(row.parameters), {})}), " ActionParameter" + row.faults);
   }
+  const Answer tooLong{{}, JudgeTestEvent({{"EventId", std::string(1025, 'x')}}, {})};
+  EXPECT_EQ(Summary(tooLong), " StringValueTooLong(" + std::string(64, 'x') + ", 1024)");
 }
 
 TEST(Judgement, RelatedPropertiesAreJsonPointers) {
-  const Json body = Json::parse(R"({"SMTP": {"Port": true, "a/b~c": 1}})");
-  const Answer answer{{}, JudgeServicePatch(body, {}, true).messages};
-  EXPECT_EQ(Summary(answer), " PropertyValueTypeError(true, SMTP/Port) PropertyUnknown(SMTP/a/b~c)");
+  const Json body = Json::parse(R"({"SMTP": {"Port": 1.5, "a/b~c": 1}})");
+  const Answer answer{{}, JudgeServicePatch(body, {{"SMTP/Port", "1.50"}}, true).messages};
+  EXPECT_EQ(Summary(answer), " PropertyValueTypeError(1.50, SMTP/Port) PropertyUnknown(SMTP/a/b~c)");
   EXPECT_EQ(answer.messages[0].relatedProperties, Lines{"SMTP/Port"});
   EXPECT_EQ(answer.messages[1].relatedProperties, Lines{"SMTP/a~1b~0c"});
 }
@@ -86,7 +97,8 @@ TEST_F(EventServiceTest, WhatIsRefusedOrChangesNothingLeavesEverythingAsItWas) {
       {"PATCH", Json{{"SMTP", {{"Port", lists}, {"Username", lists}, {"A", lists}, {"B", lists}}}, {"Name", 1}}.dump(),
        "FAILURE PropertyNotWritable(Name) PropertyValueError(SMTP)"},
       {"PATCH", R"({"Name": "n", "DeliveryRetryAttempts": 3})", "OK_RES PropertyNotWritable(Name)"},
-      {"PATCH", R"({"@odata.etag": "x", "A@Redfish.B": 1, "&&SMTP": 1, "SMTP": {"@Message.A": 1, "@odata.id": "/"}})",
+      {"PATCH",
+       R"({"@odata.id": "/", "@odata.etag": "x", "A@Redfish.B": 1, "&&SMTP": 1, "SMTP": {"@Message.A": 1, "@odata.id": "/"}})",
        "OK_RES"},
       {"PATCH", R"({"ServiceEnabled": true, "SMTP": {"Port": 2.50e1, "FromAddress": null}})", "OK_RES"},
       {"Submit", R"({"Bogus": 1})", "FAILURE ActionParameterUnknown(#, Bogus)"},

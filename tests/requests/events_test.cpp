@@ -16,6 +16,13 @@ TEST_F(EventServiceTest, AnEventWhoseHandOverFailsIsRemoved) {
     EXPECT_EQ(EventKeys(), Lines());
     RegisterScript("enqueueEvent", script);
   }
+  RegisterScript("enqueueEvent", "return 2");
+  EXPECT_EQ(Summary(Submit()), "");
+  EXPECT_EQ(EventKeys(), Lines()) << "an event that is discarded is no failure";
+  RegisterScript("enqueueEvent", R"(return {'x', 'Base.1.12.Other', [["a\""]], 7})");
+  EXPECT_EQ(Summary(Submit()), "FAILURE Other(a\", 7)");
+  EXPECT_EQ(Summary(*NotifyTestEvent(redis(), "")), "EXCEPTION OperationFailed()");
+  EXPECT_EQ(log_.Errors().back(), "strEventHashId is empty.");
 }
 
 TEST_F(EventServiceTest, ATestEventIsStoredAsAValidRedfishEventWithItsDefaults) {
@@ -49,7 +56,7 @@ TEST_F(EventServiceTest, ATestEventIsStoredAsAValidRedfishEventWithItsDefaults) 
     for (const char* generated : {"EventId", "EventTimestamp"}) expected[generated] = event[generated];
     expected.merge_patch(Json::parse(row.given));
     expected.merge_patch(Json::parse(row.added));
-    EXPECT_EQ(event, expected);
+    EXPECT_EQ(event.dump(), expected.dump()) << "25 and not 25.0";
     const std::string id = Json("SubmitTestEvent-" + event["EventId"].get<std::string>()).dump();
     EXPECT_EQ(Dump()[key],
               R"({&&ResourceType="EventService", @odata.type="#Event.v1_7_0.Event", Events=&&Array Events )" + key +
@@ -57,6 +64,9 @@ TEST_F(EventServiceTest, ATestEventIsStoredAsAValidRedfishEventWithItsDefaults) 
     EXPECT_EQ(Dump()[key + "/Events"], "[&&Object " + key + "/Events/0]");
     for (const std::string& stored : EventKeys()) KeyDelete(redis(), stored);
   }
+  proxy_.Reset({.failedText = "&&ReturnStatus"});
+  Submit();
+  EXPECT_EQ(log_.Errors(), Lines{"Failed to set data."});
   responseKey_ = kFromEventing;
   EXPECT_EQ(Summary(Submit()), "");
   EXPECT_FALSE(KeyExists(redis(), kFromEventing)) << "the delivery side is not answered";
