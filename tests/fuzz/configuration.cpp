@@ -2,6 +2,7 @@
 #include "platform/conf_parser/conf_parser.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "tests/fuzz/fuzz.h"
 
@@ -18,7 +19,7 @@ void Fuzz(std::string_view input) {
   char buffer[kLimit];
   const int status = getPropertyValue(path.c_str(), "=", key.c_str(), buffer, sizeof buffer);
   const bool isCut = key.find('\0') != std::string::npos;
-  Require(isCut || std::string(buffer) == value.c_str(), "both functions find the same");
+  Require(isCut || std::strcmp(buffer, value.c_str()) == 0, "both functions find the same");
   Require(status == 0 || buffer[0] == '\0', "and nothing together with a failure");
 
   const bool isName = !key.empty() && key.find_first_of("#= \t\r") == std::string::npos;

@@ -47,7 +47,7 @@ class ProtocolTest : public RedisTest {
 
   TripCounter proxy_{Server().SocketPath()};
   const LogCapture log_;
-  const ServiceSettings settings_;
+  const ServiceSettings settings_{};
   const RedisContext subscriber_ = Connect(), answers_ = Connect();
   const std::string subscriberId_ = std::to_string(SendCommand(subscriber_.get(), "CLIENT ID")->integer);
 };

@@ -75,7 +75,7 @@ StoredRequest DaemonTest::Store(const std::string& httpMethod, const std::string
 }
 
 StoredRequest DaemonTest::Announce(const std::string& httpMethod, const std::string& uri, const std::string& body) {
-  const StoredRequest stored = Store(httpMethod, uri, body);
+  StoredRequest stored = Store(httpMethod, uri, body);
   EXPECT_TRUE(AnnounceRequest(redis(), ChannelOf(uri), stored));
   return stored;
 }

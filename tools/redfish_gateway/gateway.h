@@ -24,7 +24,7 @@ struct Gateway {
   Registries registries = {};
   std::map<std::string, Json> ownResources = {};  // by path
   std::string metadata = {};
-  Sessions sessions = {};
+  Sessions sessions{};
   PreparedResources prepared = {};
   /// Held alone from the check of a precondition to the end of the change that it guards, shared by all other changes.
   std::shared_timed_mutex changes = {};

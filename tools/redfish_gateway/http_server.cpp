@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "foundation/durable_file.h"
@@ -33,6 +34,8 @@ using Response = std::unique_ptr<MHD_Response, ResponseDeleter>;
 
 /// What a response that is a stream keeps alive.
 struct StreamBody {
+  StreamBody(std::shared_ptr<EventStream> shown, MHD_Connection* handle, std::function<void()> whenClosed)
+      : stream(std::move(shown)), connection(handle), closed(std::move(whenClosed)) {}
   std::shared_ptr<EventStream> stream;
   MHD_Connection* connection;
   std::function<void()> closed;
@@ -112,15 +115,14 @@ size_t KeepPercentCodes(void*, MHD_Connection*, char* text) { return std::strlen
 }  // namespace
 
 struct HttpServer::Listener {
+  Listener(HttpServer* owner, bool hasTls) : server(owner), isSecure(hasTls) {}
   HttpServer* server;
   bool isSecure;
-  MHD_Daemon* daemon = nullptr;
-  ~Listener() {
-    if (daemon != nullptr) MHD_stop_daemon(daemon);
-  }
+  std::unique_ptr<MHD_Daemon, void (*)(MHD_Daemon*)> daemon{nullptr, MHD_stop_daemon};
 };
 
 struct HttpServer::Connection {
+  Connection(HttpServer& owner, MHD_Connection* client) : server(owner), handle(client) {}
   enum class State { kNew, kReceiving, kAnswered };
   HttpServer& server;
   MHD_Connection* handle;
@@ -147,13 +149,14 @@ void HttpServer::OnCompleted(void*, MHD_Connection*, void** state, MHD_RequestTe
   *state = nullptr;
 }
 
+// NOLINTNEXTLINE(readability-function-size): the library's form
 MHD_Result HttpServer::OnRequest(void*, MHD_Connection* handle, const char*, const char* method, const char* version,
                                  const char* data, size_t* size, void** state) {
   Connection& connection = *static_cast<Connection*>(*state);
   HttpServer& server = connection.server;
   if (connection.state == Connection::State::kAnswered) return server.Queue(connection);
   if (connection.state == Connection::State::kNew || *size > 0) {
-    if (connection.state == Connection::State::kReceiving) return server.Receive(connection, data, size);
+    if (connection.state == Connection::State::kReceiving) return Receive(connection, data, size);
     connection.request.method = method;
     return server.Begin(connection, version);
   }
@@ -243,9 +246,9 @@ bool HttpServer::Listen(const ListenAddress& address, const std::string& certifi
     options.push_back({MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(kTlsPriorities)});
   }
   options.push_back({MHD_OPTION_END, 0, nullptr});
-  listener->daemon = MHD_start_daemon(flags, address.port, nullptr, nullptr, &OnRequest, listener.get(),
-                                      MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
-  if (listener->daemon == nullptr) return false;
+  listener->daemon.reset(MHD_start_daemon(flags, address.port, nullptr, nullptr, &OnRequest, listener.get(),
+                                          MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END));
+  if (!listener->daemon) return false;
   listeners_.push_back(std::move(listener));
   return true;
 }
@@ -253,17 +256,16 @@ bool HttpServer::Listen(const ListenAddress& address, const std::string& certifi
 bool HttpServer::Start(const GatewaySettings& settings) {
   const std::string certificate = ReadWholeFile(settings.certificateFile).value_or("");
   const std::string key = ReadWholeFile(settings.keyFile).value_or("");
-  for (const ListenAddress& address : settings.listen) {
-    if (Listen(address, certificate, key)) continue;
+  return std::ranges::all_of(settings.listen, [&](const ListenAddress& address) {
+    if (Listen(address, certificate, key)) return true;
     LogError("%s, port %u, cannot be served: the port is taken, or the certificate or its key cannot be used.",
              address.address.c_str(), static_cast<unsigned>(address.port));
     return false;
-  }
-  return true;
+  });
 }
 
 void HttpServer::Quiesce() {
-  for (const auto& listener : listeners_) close(MHD_quiesce_daemon(listener->daemon));
+  for (const auto& listener : listeners_) close(MHD_quiesce_daemon(listener->daemon.get()));
 }
 
 void HttpServer::Stop() { listeners_.clear(); }

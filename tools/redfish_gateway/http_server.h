@@ -40,10 +40,10 @@ class HttpServer {
 
   bool Listen(const ListenAddress& address, const std::string& certificate, const std::string& key);
   MHD_Result Begin(Connection& connection, const char* version);
-  MHD_Result Receive(Connection& connection, const char* data, size_t* size);
+  static MHD_Result Receive(Connection& connection, const char* data, size_t* size);
   MHD_Result Queue(Connection& connection);
 
-  static void* OnUri(void* listener, const char* uri, MHD_Connection* connection);
+  static void* OnUri(void* listener, const char* uri, MHD_Connection* handle);
   static MHD_Result OnRequest(void* listener, MHD_Connection* handle, const char* url, const char* method,
                               const char* version, const char* data, size_t* size, void** state);
   static void OnCompleted(void* listener, MHD_Connection* handle, void** state, MHD_RequestTerminationCode code);

@@ -22,7 +22,7 @@ class Sessions {
  public:
   using Clock = std::chrono::steady_clock;
 
-  Sessions(Clock::time_point (*now)() = Clock::now) : now_(now) {}
+  explicit Sessions(Clock::time_point (*now)() = Clock::now) : now_(now) {}
 
   /// Nothing when there are as many as there may be, or no random numbers for a token.
   std::optional<Session> Create(std::string_view userName, std::string_view clientAddress);
