@@ -87,7 +87,8 @@ inline void LayOutFiles(const FilePaths& paths, const std::string& words) {
 inline bool StartDb(SubscriptionDb& db, bool succeeds = true) {
   if (!db.Start().PrepareFiles()) return false;
   if (db.Start().InitSubscriptionDb() && succeeds && db.Start().SettleStart()) return true;
-  return db.Start().PutBackFiles() && false;
+  static_cast<void>(db.Start().PutBackFiles());
+  return false;
 }
 
 /// The text with the files' letters for their paths, and "N" for the numbers of descriptors and of older files.

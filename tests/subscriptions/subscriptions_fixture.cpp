@@ -49,10 +49,10 @@ const Json kBodies = Json::parse(R"({
 std::string InShort(const Answer& answer) {
   std::string text(answer.status);
   const auto append = [&text](const char* before, const Names& texts) {
-    for (const std::string& part : texts) text.append(&part == &texts[0] ? before : ", ").append(part);
+    for (const std::string& part : texts) text.append(&part == texts.data() ? before : ", ").append(part);
   };
   for (const Message& message : answer.messages) {
-    append(&message == &answer.messages[0] ? " " : ", ",
+    append(&message == answer.messages.data() ? " " : ", ",
            {message.id.substr(message.id.starts_with("Base.1.12.") ? std::size("Base.1.12.") - 1 : 0)});
     append("(", message.args);
     text += message.args.empty() ? "()" : ")";

@@ -75,10 +75,9 @@ size_t AppendEntries(RedisPipeline& pipeline, const PresentState& present, const
 
 bool NeedsSequenceIds(const CollectionFile& file) {
   if (event_service::NeedsSequenceIds(file.properties)) return true;
-  for (const CollectionFile::Member& member : file.members) {
-    if (event_service::NeedsSequenceIds(member.document)) return true;
-  }
-  return false;
+  return std::ranges::any_of(file.members, [](const CollectionFile::Member& member) {
+    return event_service::NeedsSequenceIds(member.document);
+  });
 }
 
 }  // namespace
