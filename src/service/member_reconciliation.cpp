@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "foundation/logging.h"
+#include "foundation/random.h"
 #include "foundation/redis_pipeline.h"
+#include "resource_store/json_text.h"
 #include "resource_store/member_uri.h"
 #include "resource_store/resource_editor.h"
 #include "resource_store/resource_reader.h"
@@ -21,6 +23,8 @@ namespace {
 
 std::string_view IdOf(std::string_view uri) { return MemberIdOf(kSubscriptionsUri, uri); }
 
+using UriSet = std::set<std::string_view>;
+
 /// A URI below the collection, and the fields that decide what becomes of it; a missing one is empty.
 struct Candidate {
   explicit Candidate(std::string_view itsUri) : uri(itsUri) {}
@@ -28,6 +32,7 @@ struct Candidate {
   std::string_view uri;
   std::string_view protocol, destination, subscriptionType, allowMethod, patchValidation, crudPrefix;
   RedisReply fields;  // which they are views of
+  bool isRead = false;
   enum class Presence { kUnknown, kMissing, kHash } presence = Presence::kUnknown;
 };
 
@@ -36,6 +41,7 @@ void AskFields(RedisPipeline& pipeline, Candidate& candidate) {
   pipeline.Ask({"HMGET", candidate.uri, "Protocol", "Destination", "SubscriptionType", kAllowMethodField,
                 kPatchValidationField, kCrudPrefixField},
                [&candidate](RedisReply& reply) {
+                 candidate.isRead = IsArray(reply) || IsWrongType(reply);
                  candidate.fields = std::move(reply);
                  std::vector<std::string_view> texts = TextsOf(candidate.fields);
                  texts.resize(6);
@@ -65,10 +71,12 @@ bool BelongsIntoFile(const Candidate& member) {
   return !member.protocol.empty() && !member.destination.empty() && member.subscriptionType != "\"SSE\"";
 }
 
-/// A creation writes the first two fields at its beginning, "&&AllowMethod" before all others, and the third last.
-bool IsHalfCreated(const Candidate& stranger) {
+/// Whether a URI that the list does not name belongs to a request that was cut short. A creation writes the first two
+/// fields at its beginning and the prefix last, behind the entry in the list; a deletion takes that entry before the
+/// keys.
+bool IsLeftover(const Candidate& stranger) {
   const bool isBegun = !stranger.allowMethod.empty() || !stranger.patchValidation.empty();
-  return isBegun && stranger.crudPrefix.empty();
+  return stranger.crudPrefix == kEventDestinationPrefix || (isBegun && stranger.crudPrefix.empty());
 }
 
 /// The collection as Redis holds it.
@@ -99,7 +107,7 @@ bool Collection::Read(redisContext* redis) {
   pipeline.Ask({"HGET", kSubscriptionsUri, kEtagField}, into(etag_));
   pipeline.Ask({"KEYS", EscapeGlob(kGenerationPrefix) + "*"}, into(requests_));
   pipeline.Execute();
-  if (!IsArray(entries_)) return false;
+  if (!IsArray(entries_) || !IsArray(keys_) || IsFailure(etag_)) return false;
   SortUris();
   for (Candidate& member : members_) {
     AskPresence(pipeline, member);
@@ -108,14 +116,16 @@ bool Collection::Read(redisContext* redis) {
   for (Candidate& stranger : strangers_) AskFields(pipeline, stranger);
   // What a start that was killed has left of its requests: headers stand in them.
   for (const std::string_view key : TextsOf(requests_)) pipeline.Append({"UNLINK", key});
-  pipeline.Then([](Replies replies) {
-    if (!AllIntegers(replies)) LogError("Failed to remove the requests of an earlier start.");
+  pipeline.Then([this](Replies replies) {
+    if (IsArray(requests_) && AllIntegers(replies)) return;
+    LogError("Failed to remove the requests of an earlier start.");
   });
   pipeline.Execute();
-  const auto isMissing = [](const Candidate& member) { return member.presence == Candidate::Presence::kMissing; };
-  std::erase_if(members_, isMissing);
-  return std::ranges::none_of(members_,
-                              [](const Candidate& member) { return member.presence == Candidate::Presence::kUnknown; });
+  using enum Candidate::Presence;
+  std::erase_if(members_, [](const Candidate& member) { return member.presence == kMissing; });
+  return std::ranges::all_of(strangers_, &Candidate::isRead) &&
+         std::ranges::all_of(members_,
+                             [](const Candidate& member) { return member.isRead && member.presence == kHash; });
 }
 
 void Collection::SortUris() {
@@ -129,20 +139,28 @@ void Collection::SortUris() {
   }
 }
 
-bool CompleteOurs(redisContext* redis, std::span<const Candidate> members, const ServiceSettings& settings) {
-  RedisPipeline pipeline(redis);
+/// The etag that the collection has from here on. The loader has set that of the file, which knows nothing of members
+/// that only Redis holds: with them, it may once have stood for others.
+std::string RenewEtag(RedisPipeline& pipeline, const Collection& collection, const UriSet& restored) {
+  const bool isOfFile = std::ranges::all_of(
+      collection.Members(), [&restored](const Candidate& member) { return restored.contains(member.uri); });
+  if (isOfFile) return std::string(collection.Etag());
+  std::string etag = JsonText(NewEtag());
+  pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, etag});
+  return etag;
+}
+
+/// Gives our members what marks them as complete.
+void AppendPrefixes(RedisPipeline& pipeline, std::span<const Candidate> members, const ServiceSettings& settings) {
   for (const Candidate& member : members) {
     if (!IsOurs(member, settings)) continue;
     pipeline.Append({"HSET", member.uri, kCrudPrefixField, kEventDestinationPrefix});
   }
-  return AllIntegers(pipeline.Execute());
 }
 
 /// Rebuilds what memory knows of the members; returns those that the file should hold and does not.
-std::vector<std::string_view> RememberMembers(std::span<const Candidate> members, const ServiceSettings& settings,
-                                              SubscriptionsState& state) {
-  const std::vector<std::string>& restoredUris = state.db.Start().RestoredUris();
-  const std::set<std::string_view> restored(restoredUris.begin(), restoredUris.end());
+std::vector<std::string_view> RememberMembers(std::span<const Candidate> members, const UriSet& restored,
+                                              const ServiceSettings& settings, SubscriptionsState& state) {
   std::vector<std::string_view> missing;
   state.syslogTlsDestinationIds.clear();
   state.halfChangedUris.clear();  // Redis holds what the file has given it, and nothing else below its members
@@ -176,28 +194,35 @@ void WriteBack(redisContext* redis, std::span<const std::string_view> uris, std:
   for (const std::string_view uri : written) LogSubscriptionChange(uri, "written back into the file", "start-up");
 }
 
-/// Removes what a creation that was cut short has left: its arrays and objects may be there without a marker that leads
-/// to them.
-void RemoveHalfCreated(redisContext* redis, std::string_view uri) {
+/// The arrays and objects of a leftover may be there without a marker that leads to them.
+void RemoveLeftover(redisContext* redis, std::string_view uri) {
   std::vector<std::string> keys = KeyListing(redis, EscapeGlob(ChildKey(uri, {})) + "*");
   keys.emplace_back(uri);
   RedisPipeline pipeline(redis);
   AppendUnlink(pipeline, keys);
   if (!AllIntegers(pipeline.Execute())) {
-    LogError("Failed to remove the half-created subscription %s.", std::string(uri).c_str());
+    LogError("Failed to remove what is left of the subscription %s.", std::string(uri).c_str());
     return;
   }
-  LogSubscriptionChange(uri, "deleted half-created", "start-up");
+  LogSubscriptionChange(uri, "deleted as a leftover", "start-up");
 }
 
 }  // namespace
 
 bool ReconcileMembers(redisContext* redis, const ServiceSettings& settings, SubscriptionsState& state) {
   Collection collection;
-  if (!collection.Read(redis) || !CompleteOurs(redis, collection.Members(), settings)) return false;
-  WriteBack(redis, RememberMembers(collection.Members(), settings, state), collection.Etag(), state.db);
+  if (!collection.Read(redis)) return false;
+  const std::vector<std::string>& restoredUris = state.db.Start().RestoredUris();
+  const UriSet restored(restoredUris.begin(), restoredUris.end());
+  RedisPipeline pipeline(redis);
+  AppendPrefixes(pipeline, collection.Members(), settings);
+  const std::string etag = RenewEtag(pipeline, collection, restored);
+  if (!AllIntegers(pipeline.Execute())) return false;
+  WriteBack(redis, RememberMembers(collection.Members(), restored, settings, state), etag, state.db);
   for (const Candidate& stranger : collection.Strangers()) {
-    if (IsHalfCreated(stranger) && IsOurs(stranger, settings)) RemoveHalfCreated(redis, stranger.uri);
+    // What the file holds is a subscription, however the loader may have named it in the list.
+    const bool isInFile = restored.contains(stranger.uri);
+    if (!isInFile && IsLeftover(stranger) && IsOurs(stranger, settings)) RemoveLeftover(redis, stranger.uri);
   }
   return true;
 }

@@ -55,7 +55,9 @@ TEST_F(MemberReconciliationTest, MembersThatOnlyRedisHoldsAreWrittenBackButNotSs
   List({"InFile", "Lost", "Stream", "NoDestination", "Nowhere"});
   EXPECT_EQ(Start(), 0);
   for (const char* when : {"first start", "later start"}) {
+    const std::string etag = HashRead(redis(), kSubscriptionsUri, "@odata.etag");
     const Json members = MembersInFile();
+    EXPECT_NE(HashRead(redis(), kSubscriptionsUri, "@odata.etag"), etag) << "the stream is not in the file";
     ASSERT_EQ(members.size(), 2U) << when << members;
     EXPECT_EQ(members[0], inFile);
     EXPECT_EQ(members[1]["Status"]["State"], "Enabled");
@@ -63,14 +65,16 @@ TEST_F(MemberReconciliationTest, MembersThatOnlyRedisHoldsAreWrittenBackButNotSs
   }
 }
 
-TEST_F(MemberReconciliationTest, OnlyWhatACreationLeftUnfinishedIsRemovedAndOtherServicesMembersAreLeftAlone) {
-  for (const char* id : {"Half", "Named", "Complete"}) Store(id);
+TEST_F(MemberReconciliationTest, OnlyWhatOurRequestsLeftUnfinishedIsRemovedAndOtherServicesMembersAreLeftAlone) {
+  for (const char* id : {"HalfCreated", "HalfDeleted", "Named", "Theirs"}) Store(id);
   for (const char* id : {"Mail", "Unfinished"}) Store(id, "SMTP");
-  ListAppend(redis(), "&&" + UriOf("Half") + "/MessageIds", "\"left without a marker\"");
+  ListAppend(redis(), "&&" + UriOf("HalfCreated") + "/MessageIds", "\"left without a marker\"");
   const std::string leftover = std::string(kGenerationPrefix) + "7/RequestData";  // of a start that was killed
   HashWrite(redis(), leftover, "Destination", "\"https://Half/\"");
   List({"Named", "Mail"});
-  HashWrite(redis(), UriOf("Complete"), kCrudPrefixField, kEventDestinationPrefix);
+  HashWrite(redis(), UriOf("HalfDeleted"), kCrudPrefixField, kEventDestinationPrefix);
+  HashWrite(redis(), UriOf("Mail"), kCrudPrefixField, "its own");
+  HashWrite(redis(), UriOf("Theirs"), kCrudPrefixField, "&&/redfish/v1/OtherDestination");
   HashWrite(redis(), UriOf("Foreign"), "Protocol", "\"Redfish\"");
   SendArguments(redis(), {"SET", UriOf("NoHash"), "x"});
   HashWrite(redis(), UriOf("Named/Below"), "&&PATCHValidation", "x");
@@ -80,7 +84,7 @@ TEST_F(MemberReconciliationTest, OnlyWhatACreationLeftUnfinishedIsRemovedAndOthe
     const bool goes = key.find("Half") != std::string::npos || key == leftover;
     EXPECT_EQ(KeyExists(redis(), key), !goes) << key;
   }
-  EXPECT_EQ(HashRead(redis(), UriOf("Mail"), kCrudPrefixField), "") << "its service has its own";
+  EXPECT_EQ(HashRead(redis(), UriOf("Mail"), kCrudPrefixField), "its own");
   EXPECT_EQ(HashRead(redis(), UriOf("Named"), kCrudPrefixField), kEventDestinationPrefix);
   EXPECT_EQ(MembersInFile().size(), 1U);
 }
