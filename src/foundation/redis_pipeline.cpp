@@ -29,7 +29,7 @@ size_t RedisPipeline::Append(std::span<const std::string_view> arguments) {
   return count_++;
 }
 
-void RedisPipeline::Then(std::function<void(Replies)> take) { steps_.push_back({count_, std::move(take)}); }
+void RedisPipeline::Then(std::function<void(Replies)> take) { steps_.push_back({count_, std::move(take), condition_}); }
 
 void RedisPipeline::Ask(std::initializer_list<std::string_view> arguments, std::function<void(RedisReply&)> take) {
   Append(arguments);
@@ -39,12 +39,14 @@ void RedisPipeline::Ask(std::initializer_list<std::string_view> arguments, std::
 std::vector<RedisReply> RedisPipeline::Execute() {
   // Taken first: a step may fill this pipeline anew.
   const std::vector<Step> steps = std::exchange(steps_, {});
+  condition_ = nullptr;
   std::vector<RedisReply> replies;
   replies.reserve(count_);
   Execute([&replies](RedisReply reply) { replies.push_back(std::move(reply)); });
   size_t begin = 0;
   for (const Step& step : steps) {
-    step.take(Replies(replies).subspan(begin, step.end - begin));
+    const bool isWanted = step.condition == nullptr || *step.condition;
+    if (isWanted) step.take(Replies(replies).subspan(begin, step.end - begin));
     begin = step.end;
   }
   return replies;

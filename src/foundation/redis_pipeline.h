@@ -46,6 +46,9 @@ class RedisPipeline {
   /// is called as well.
   void Then(std::function<void(Replies)> take);
 
+  /// The steps from here on are passed over, without a line, unless this is true when their turn comes.
+  void OnlyIf(const bool& condition) { condition_ = &condition; }
+
   /// A step of one command.
   void Ask(std::initializer_list<std::string_view> arguments, std::function<void(RedisReply&)> take);
 
@@ -66,8 +69,10 @@ class RedisPipeline {
   struct Step {
     size_t end;  // behind its last command
     std::function<void(Replies)> take;
+    const bool* condition;
   };
   std::vector<Step> steps_;
+  const bool* condition_ = nullptr;
 };
 
 /// True when every reply is an integer, the answer to a write that succeeded.

@@ -232,6 +232,7 @@ bool AddToCollection(const Request& request, const CreationInput& input, NewMemb
   // Last: it says that the member is whole.
   pipeline.Append({"HSET", member.uri, kCrudPrefixField, kEventDestinationPrefix});
   pipeline.Then([&isAdded](Replies replies) { isAdded = AllIntegers(replies); });
+  pipeline.OnlyIf(isAdded);
   AskMembersLength(pipeline, membership.membersLength);
   DrawEventGroupId(request.redis, pipeline, membership.eventGroupId);
   pipeline.Execute();

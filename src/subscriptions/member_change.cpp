@@ -45,6 +45,7 @@ bool ApplyMemberChange(Request& request, RedisPipeline& writes, MemberChange cha
   const std::string uri(change.uri);
   bool isWritten = false;
   writes.Then([&isWritten](Replies replies) { isWritten = AllIntegers(replies); });
+  writes.OnlyIf(isWritten);
   bool isSequenceStored = true;
   if (change.nextSequence != kNoSequence) {
     AppendSequenceStore(writes, change.nextSequence);

@@ -78,6 +78,7 @@ WriteOutcome WriteChanges(redisContext* redis, const ServiceValues& changed) {
   bool isEtagWritten = false;
   RedisPipeline pipeline(redis);
   WriteServiceValues(pipeline, changed, outcome.values);
+  pipeline.OnlyIf(outcome.values.areComplete);
   WriteServiceEtag(pipeline, isEtagWritten);
   DrawEventGroupId(redis, pipeline, outcome.eventGroupId);
   pipeline.Execute();
