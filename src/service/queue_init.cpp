@@ -17,7 +17,6 @@ constexpr const char* kRequestQueues[] = {"&&/redfish/v1/EventService/PATCHQ",
 bool FillRequestQueues(redisContext* redis) {
   const char* unknown = nullptr;  // the first of unknown length: it ends the matter
   std::vector<const char*> empty;
-  bool isPushed = false;
   RedisPipeline pipeline(redis);
   for (const char* const queue : kRequestQueues) {
     pipeline.Ask({"LLEN", queue}, [&, queue](const RedisReply& length) {
@@ -27,10 +26,9 @@ bool FillRequestQueues(redisContext* redis) {
     });
   }
   pipeline.Execute();
-  for (const char* const queue : empty) pipeline.Append({"RPUSH", queue, kEventServiceChannel});
-  pipeline.Then([&isPushed](Replies replies) { isPushed = AllIntegers(replies); });
-  pipeline.Execute();
-  if (!isPushed) {
+  // One after the other: a queue whose push fails ends the matter as well.
+  for (const char* const queue : empty) {
+    if (ListAppend(redis, queue, kEventServiceChannel)) continue;
     LogError("Failed to push queue.");
     return false;
   }
