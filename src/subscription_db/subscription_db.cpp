@@ -112,13 +112,16 @@ bool SubscriptionDb::ChangeMembers(Edit edit, std::string_view collectionEtag, c
   }
   for (const Edit& earlier : unwritten_) earlier(members);
   if (!edit(members)) return false;
-  SetDbEtag(root.get(), collectionEtag);
-  const bool written = file_.DumpDbFile(root.get());
-  if (written || file_.IsPlainFileAhead()) {
-    unwritten_.clear();  // a plain file that is ahead holds them, and is encrypted before anything else happens
-  } else {
-    KeepUnwritten(std::move(edit));
-  }
+  KeepUnwritten(std::move(edit));
+  return WriteAll(root.get(), collectionEtag);
+}
+
+/// Writes the document that all changes in memory have been made in.
+bool SubscriptionDb::WriteAll(json_t* root, std::string_view collectionEtag) {
+  SetDbEtag(root, collectionEtag);
+  const bool written = file_.DumpDbFile(root);
+  // A plain file that is ahead holds them, and is encrypted before anything else happens.
+  if (written || file_.IsPlainFileAhead()) unwritten_.clear();
   return written;
 }
 
@@ -188,8 +191,10 @@ bool SubscriptionDb::RefreshDbEtag(std::string_view collectionEtag) {
     LogError("%s", kLoadFailureLines.noRoot);
     return false;
   }
-  SetDbEtag(root.get(), collectionEtag);
-  return file_.DumpDbFile(root.get());
+  if (json_t* members = json_object_get(root.get(), kMembers); json_is_array(members)) {
+    for (const Edit& earlier : unwritten_) earlier(members);
+  }
+  return WriteAll(root.get(), collectionEtag);
 }
 
 }  // namespace event_service

@@ -52,7 +52,7 @@ class SubscriptionDb {
   [[nodiscard]] bool UpdateDbSubscription(std::string_view uri, const Json& changes,
                                           const std::vector<std::string>& removed, std::string_view collectionEtag);
 
-  /// Copies the collection's etag into the file.
+  /// Copies the collection's etag into the file, and with it the changes that are kept in memory.
   [[nodiscard]] bool RefreshDbEtag(std::string_view collectionEtag);
 
  private:
@@ -61,6 +61,7 @@ class SubscriptionDb {
 
   bool ChangeMembers(Edit edit, std::string_view collectionEtag, const DbLoadFailureLines& lines);
   void KeepUnwritten(Edit edit);
+  bool WriteAll(json_t* root, std::string_view collectionEtag);
 
   EncryptedFile file_;
   DbStart start_;
