@@ -57,7 +57,7 @@ struct SubscriptionsState {
   std::vector<std::string> syslogTlsDestinationIds;  // no further one is created while there are 3
   /// Members whose last change failed half-way: Redis may hold what the file lacks.
   std::set<std::string, std::less<>> halfChangedUris;
-  /// Members of which a change that failed half-way may have left keys that their markers do not name any more.
+  /// Members of which a change or deletion that failed half-way may have left what their markers do not name any more.
   std::set<std::string, std::less<>> scatteredUris;
   SubscriptionDb db;
 };

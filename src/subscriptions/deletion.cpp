@@ -46,12 +46,14 @@ class MemberDeletion {
 
   /// Reads the member's first level. An answer when there is no such member or Redis does not tell.
   std::optional<Answer> Read();
-  /// Finds all that goes with it and, unless there is one already (0: none), draws the EventGroupId.
-  void FindParts(uint32_t& eventGroupId);
+  /// Finds all that goes with it and, unless there is one already (0: none), draws the EventGroupId. False when Redis
+  /// is lost: nothing has been removed.
+  bool FindParts(uint32_t& eventGroupId);
   /// Removes everything in Redis, and what is remembered of the member.
   void Remove(uint32_t eventGroupId);
   void RemoveFromFile();
-  /// Removes what may be left of a member that is gone. False when the collection had no entry for it.
+  /// Removes what may be left of a member that is gone. False when nothing is known to be: the collection has no entry,
+  /// and no deletion has failed half-way.
   bool RemoveTraces();
 
   const std::string& Uri() const { return uri_; }
@@ -81,6 +83,7 @@ class MemberDeletion {
   std::vector<std::string> keys_;
   std::vector<std::string> indexKeys_;
   EventObjectKey eventKey_;
+  bool isEventStored_ = false;
   std::string enqueueDigest_;
   std::string collectionEtag_;  // as stored after the removal
   std::optional<int64_t> membersLength_;
@@ -100,13 +103,17 @@ std::optional<Answer> MemberDeletion::Read() {
   return reads.Refusal();
 }
 
-void MemberDeletion::FindParts(uint32_t& eventGroupId) {
+bool MemberDeletion::FindParts(uint32_t& eventGroupId) {
   static_cast<void>(eventKey_.Claim(redis_));  // another object in its place changes nothing else
   RedisPipeline pipeline(redis_);
   while (!walk_.Done() || eventGroupId == 0) {
     walk_.AskLevel(pipeline);
+    bool isConnected = true;
+    pipeline.Then([&](Replies) { isConnected = redis_->err == 0; });
+    pipeline.OnlyIf(isConnected);
     if (eventGroupId == 0) DrawEventGroupId(redis_, pipeline, eventGroupId);
     pipeline.Execute();
+    if (!isConnected) return false;
   }
   keys_ = walk_.Keys();
   // The entries for subordinate resources go whether or not the service matches them now.
@@ -116,6 +123,7 @@ void MemberDeletion::FindParts(uint32_t& eventGroupId) {
     LogError("DatabaseOperationError: Failed to read the event destination %s.", uri_.c_str());
   }
   if (walk_.HasFailed() || state_.scatteredUris.contains(uri_)) FindTraces();
+  return true;
 }
 
 /// What may belong to a member whose own markers and properties do not tell it, or not any more: the keys below its
@@ -166,10 +174,13 @@ void MemberDeletion::Remove(uint32_t eventGroupId) {
 void MemberDeletion::TellDestination(RedisPipeline& pipeline, uint32_t eventGroupId) {
   const bool isBuilt = AppendTerminatedEvent(pipeline, eventKey_.Text(), uri_, destination_, eventGroupId);
   pipeline.Then([this, isBuilt](Replies replies) {
-    if (!isBuilt || !AllIntegers(replies)) LogError("Failed to store the terminated event of %s.", uri_.c_str());
+    isEventStored_ = isBuilt && AllIntegers(replies);
+    if (!isEventStored_) LogError("Failed to store the terminated event of %s.", uri_.c_str());
   });
   EnqueueEvent(pipeline, redis_, enqueueDigest_, eventKey_.Text(), [this](HandOver outcome) {
-    if (outcome == HandOver::kRefused) LogError("Failed to notify the termination of %s.", uri_.c_str());
+    // Half an event is refused, which has its line.
+    if (outcome != HandOver::kRefused || !isEventStored_) return;
+    LogError("Failed to notify the termination of %s.", uri_.c_str());
   });
 }
 
@@ -212,7 +223,11 @@ void MemberDeletion::DeleteKeys(RedisPipeline& pipeline) {
 void MemberDeletion::Forget() {
   std::erase(state_.syslogTlsDestinationIds, MemberIdOf(uri_));
   state_.halfChangedUris.erase(uri_);
-  state_.scatteredUris.erase(uri_);
+  if (hasFailed_) {
+    state_.scatteredUris.insert(uri_);  // the repetition of the request finds the rest
+  } else {
+    state_.scatteredUris.erase(uri_);
+  }
 }
 
 void MemberDeletion::RemoveFromFile() {
@@ -224,13 +239,13 @@ bool MemberDeletion::RemoveTraces() {
   RedisPipeline pipeline(redis_);
   LeaveCollection(pipeline);
   pipeline.Execute();
-  if (!hasLeftCollection_) return false;
-  Forget();
+  if (!hasLeftCollection_ && !state_.scatteredUris.contains(uri_)) return false;
   FindTraces();
   LeaveIndex(pipeline);
   DeleteKeys(pipeline);
   RenewCollectionEtag(pipeline, collectionEtag_);
   pipeline.Execute();
+  Forget();
   RemoveFromFile();
   return true;
 }
@@ -281,13 +296,16 @@ Answer DeleteEventDestination(Request& request) {
   MemberDeletion deletion(request, uri);
   if (auto refusal = deletion.Read()) {
     if (refusal->status == kNotFound && deletion.RemoveTraces()) {
-      if (!UpdateMembersCount(request.redis, state, -1)) LowerCountInMemory(state, 1);
+      const int32_t removed = deletion.HasLeftCollection() ? 1 : 0;
+      if (!UpdateMembersCount(request.redis, state, -removed)) LowerCountInMemory(state, removed);
       LogSubscriptionChange(uri, "deleted", request.AskedBy());
     }
     return *std::move(refusal);
   }
   uint32_t eventGroupId = 0;
-  deletion.FindParts(eventGroupId);
+  if (!deletion.FindParts(eventGroupId)) {
+    return DatabaseError("DatabaseOperationError: Failed to read the event destination.");
+  }
   deletion.Remove(eventGroupId);
   deletion.RemoveFromFile();
 
@@ -302,7 +320,10 @@ Answer DeleteEventDestination(Request& request) {
   if (!deletion.HasFailed() && !request.IsFromEventing()) SetStatus(last, request, isStatusSet);
   last.Execute();
   LogSubscriptionChange(uri, "deleted", request.AskedBy());
-  if (!isCounted) LowerCountInMemory(state, removed);
+  if (!isCounted) {
+    LowerCountInMemory(state, removed);
+    state.scatteredUris.insert(uri);
+  }
   return deletion.HasFailed() || !isCounted || !isStatusSet ? DatabaseError({}) : StatusIsWritten();
 }
 
@@ -317,7 +338,10 @@ Answer DeleteAllSseSubscriptions(Request& request) {
       if (!refusal->logText.empty()) LogError("%s", refusal->logText.c_str());
       continue;
     }
-    deletion.FindParts(eventGroupId);
+    if (!deletion.FindParts(eventGroupId)) {
+      LogError("DatabaseOperationError: Failed to read the event destination.");
+      break;
+    }
     deletion.Remove(eventGroupId);
     deleted.push_back(deletion.Uri());
     if (deletion.HasLeftCollection()) ++removed;

@@ -39,7 +39,8 @@ void PrepareGet(const Request& request) {
   MemberReads reads(pipeline, uri);
   reads.AskWhetherThere();
   reads.AskField(uri, kSensitiveDataField, storedPaths);
-  reads.Ask({"LLEN", ChildKey(uri, kHeadersPath)}, [&](const RedisReply& reply) { hasHeaders = reply->integer > 0; });
+  reads.Ask({"LLEN", ChildKey(uri, kHeadersPath)},
+            [&](const RedisReply& reply) { hasHeaders = IsInteger(reply) && reply->integer > 0; });
   reads.AskField(uri, "SNMP", snmp);
   for (FlaggedKey& flagged : flaggedKeys) {
     reads.AskField(snmpKey, flagged.name, flagged.key);

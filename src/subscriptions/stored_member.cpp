@@ -9,15 +9,7 @@
 #include "subscriptions/resource/event_destination.h"
 
 namespace event_service {
-namespace {
-
-/// Of a reply to HLEN or HGETALL.
-bool SaysMissing(const RedisReply& reply) {
-  if (IsArray(reply)) return reply->elements == 0;
-  return IsInteger(reply) ? reply->integer == 0 : IsWrongType(reply);
-}
-
-}  // namespace
+namespace {}  // namespace
 
 Answer MemberMissing(std::string_view uri) {
   return Refuse(kNotFound, "Base.1.12.ResourceMissingAtURI", {std::string(uri)});
@@ -25,21 +17,24 @@ Answer MemberMissing(std::string_view uri) {
 
 void MemberReads::AskWhetherThere() {
   pipeline_.Ask({"HLEN", uri_}, [this](const RedisReply& reply) {
-    isMissing_ = SaysMissing(reply);
-    hasFailed_ |= IsFailure(reply);
+    isMissing_ = IsInteger(reply) ? reply->integer == 0 : IsWrongType(reply);
+    hasFailed_ |= !IsInteger(reply);
   });
 }
 
 void MemberReads::AskFirstLevel(ResourceWalk& walk) {
   pipeline_.Ask({"HGETALL", uri_}, [this, &walk](const RedisReply& reply) {
-    isMissing_ = SaysMissing(reply);
-    hasFailed_ |= IsFailure(reply);
+    isMissing_ = IsArray(reply) ? reply->elements == 0 : IsWrongType(reply);
+    hasFailed_ |= !IsArray(reply);
     if (!isMissing_ && !hasFailed_) walk.TakeRoot(reply.get());
   });
 }
 
 void MemberReads::AskField(std::string_view key, std::string_view field, std::string& text) {
-  Ask({"HGET", key, field}, [&text](const RedisReply& reply) { text = TextOf(reply); });
+  Ask({"HGET", key, field}, [this, &text](const RedisReply& reply) {
+    hasFailed_ |= !IsString(reply) && reply->type != REDIS_REPLY_NIL;
+    text = TextOf(reply);
+  });
 }
 
 void MemberReads::Ask(std::initializer_list<std::string_view> command, std::function<void(const RedisReply&)> take) {
@@ -68,10 +63,16 @@ void SetEtag(RedisPipeline& pipeline, std::string_view uri, std::string_view eta
 }
 
 void RenewCollectionEtag(RedisPipeline& pipeline, std::string& stored) {
-  pipeline.Ask({"HSET", kSubscriptionsUri, kEtagField, JsonText(NewEtag())}, [](const RedisReply& reply) {
-    if (!IsInteger(reply)) LogEtagFailure(kSubscriptionsUri);
+  stored = JsonText(NewEtag());
+  pipeline.Append({"HSET", kSubscriptionsUri, kEtagField, stored});
+  pipeline.Append({"HGET", kSubscriptionsUri, kEtagField});
+  pipeline.Then([&stored](Replies replies) {
+    replies = replies.last(2);
+    if (IsInteger(replies[0])) return;
+    LogEtagFailure(kSubscriptionsUri);
+    // Where Redis does not tell, the file gets the new one: whatever the collection has, this one is not out of date.
+    if (!IsFailure(replies[1])) stored = TextOf(replies[1]);
   });
-  pipeline.Ask({"HGET", kSubscriptionsUri, kEtagField}, [&stored](const RedisReply& reply) { stored = TextOf(reply); });
 }
 
 }  // namespace event_service
