@@ -6,14 +6,13 @@
 #include "foundation/file_paths.h"
 
 namespace event_service {
-namespace {
 
-std::string ContentOf(redisContext* redis, const std::string& key) {
-  const std::string type(TextOf(SendArguments(redis, {"TYPE", key})));
-  if (type == "string") return std::string(TextOf(SendArguments(redis, {"GET", key})));
-  const RedisReply reply = type == "list"  ? SendArguments(redis, {"LRANGE", key, "0", "-1"})
-                           : type == "set" ? SendArguments(redis, {"SMEMBERS", key})
-                                           : SendArguments(redis, {"HGETALL", key});
+std::string RedisTest::ContentOf(const std::string& key) {
+  const std::string type(TextOf(SendArguments(redis(), {"TYPE", key})));
+  if (type == "string") return std::string(TextOf(SendArguments(redis(), {"GET", key})));
+  const RedisReply reply = type == "list"  ? SendArguments(redis(), {"LRANGE", key, "0", "-1"})
+                           : type == "set" ? SendArguments(redis(), {"SMEMBERS", key})
+                                           : SendArguments(redis(), {"HGETALL", key});
   EXPECT_TRUE(IsArray(reply)) << key << " is a " << type;
   const std::vector<std::string_view> texts = TextsOf(reply);
   std::vector<std::string> parts(texts.begin(), texts.end());
@@ -27,11 +26,9 @@ std::string ContentOf(redisContext* redis, const std::string& key) {
   return type == "list" ? "[" + text + "]" : type == "set" ? "(" + text + ")" : "{" + text + "}";
 }
 
-}  // namespace
-
 DatabaseDump RedisTest::Dump() {
   DatabaseDump dump;
-  for (const std::string& key : KeyListing(redis(), "*")) dump[key] = ContentOf(redis(), key);
+  for (const std::string& key : KeyListing(redis(), "*")) dump[key] = ContentOf(key);
   return dump;
 }
 

@@ -32,6 +32,8 @@ class RedisTest : public testing::Test {
   /// One more connection to the server.
   static RedisContext Connect();
   DatabaseDump Dump();
+  /// What one key holds, in one line of text.
+  std::string ContentOf(const std::string& key);
 
  private:
   static std::unique_ptr<SandboxRoot> sandbox_;

@@ -1,5 +1,5 @@
-/// Redis killed and started again under load, with each of the recoveries that "ListenerRecovery" names. It keeps an
-/// append-only file, flushed before every answer: what it has answered outlives it.
+/// Redis or the daemon killed and started again under load, Redis with each of the recoveries that "ListenerRecovery"
+/// names. It keeps an append-only file, flushed before every answer: what it has answered outlives it.
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -13,7 +13,7 @@
 namespace event_service {
 namespace {
 
-/// How often Redis is killed: a few times, or as often as the environment asks for.
+/// How often they are killed: a few times, or as often as the environment asks for.
 int Rounds() {
   const char* text = std::getenv("EVENT_SERVICE_CHAOS");
   return text != nullptr ? std::atoi(text) : 5;
@@ -28,7 +28,8 @@ struct Watched {
 /// A client that creates, changes and deletes, and compares each answer with those it got before.
 class Client {
  public:
-  explicit Client(std::vector<Watched> watched) : watched_(std::move(watched)) {}
+  Client(std::vector<Watched> watched, const FrontEndPatience& patience)
+      : watched_(std::move(watched)), link_(patience) {}
 
   /// One request. True when it was answered.
   bool Ask(Watched& about) {
@@ -62,15 +63,13 @@ class Client {
     return !status.empty();
   }
   void Run(const std::atomic<bool>& isOver, std::atomic<int>& answered) {
-    while (!isOver) {
-      for (Watched& about : watched_) answered += Ask(about) ? 1 : 0;
-    }
+    for (size_t next = 0; !isOver; ++next) answered += Ask(watched_[next % watched_.size()]) ? 1 : 0;
   }
   std::vector<Watched>& All() { return watched_; }
 
  private:
   std::vector<Watched> watched_;
-  FrontEndLink link_{{.answer = std::chrono::seconds(2)}};
+  FrontEndLink link_;
   int number_ = 0;
 };
 
@@ -80,6 +79,8 @@ class Chaos : public DaemonTest {
     std::filesystem::create_directories(folder_);
     RestartServer(folder_);
     FillRedis();
+    std::filesystem::remove_all(fresh_);
+    std::filesystem::copy(folder_, fresh_, std::filesystem::copy_options::recursive);
     WriteFile(ProcessPaths().configuration,
               ReadFile(ProcessPaths().configuration) + "ListenerRecovery=" + recovery + "\n");
     ASSERT_TRUE(StartDaemon());
@@ -87,48 +88,77 @@ class Chaos : public DaemonTest {
   void TearDown() override {
     DaemonTest::TearDown();
     RestartServer();
-    std::filesystem::remove_all(folder_);
+    for (const std::string& folder : {folder_, fresh_}) std::filesystem::remove_all(folder);
   }
 
-  /// Kills and restarts Redis under the load of three clients; `revive` is called while it is gone and when it is back.
-  void KillRedisUnderLoad(const std::function<void(bool isBack)>& revive) {
+  /// Puts what the board's other services have filled Redis with in the place of what Redis has kept.
+  void LoseData() {
+    std::filesystem::remove_all(folder_);
+    std::filesystem::copy(fresh_, folder_, std::filesystem::copy_options::recursive);
+  }
+
+  std::vector<Client> MakeClients(const FrontEndPatience& patience) {
     std::vector<Client> clients;
     clients.emplace_back(
-        std::vector<Watched>{{kService, "DeliveryRetryAttempts", {Value(kService, "/DeliveryRetryAttempts")}}});
+        std::vector<Watched>{{kService, "DeliveryRetryAttempts", {Value(kService, "/DeliveryRetryAttempts")}}},
+        patience);
     for (const std::string name : {"First", "Second"}) {
       std::vector<Watched> members;
       for (const char* digit : {"1", "2", "3"})
         members.push_back({kCollection + "/" + name + "-0" + digit, "Context", {nullptr}});
-      clients.emplace_back(members);
+      clients.emplace_back(members, patience);
     }
+    return clients;
+  }
+
+  /// Runs the clients while that happens. `answered` counts what they get.
+  static void Load(std::vector<Client>& clients, const std::function<void(const std::atomic<int>& answered)>& happens) {
     std::atomic<bool> isOver = false;
     std::atomic<int> answered = 0;
     std::vector<std::thread> threads;
     for (Client& client : clients) threads.emplace_back([&] { client.Run(isOver, answered); });
-    std::mt19937 random(20260301);
-    for (int round = 0; round < Rounds(); ++round) {
-      const int before = answered;
-      EXPECT_TRUE(Eventually([&] { return answered > before; })) << "nothing is answered in round " << round;
-      std::this_thread::sleep_for(std::chrono::milliseconds(random() % 300));
-      Server().Kill();
-      revive(false);
-      std::this_thread::sleep_for(std::chrono::milliseconds(random() % 300));
-      RestartServer(folder_);
-      revive(true);
-    }
+    happens(answered);
     isOver = true;
     for (std::thread& thread : threads) thread.join();
-    // Everything is answered again, and what was answered is there, in the file as well.
-    for (const bool isFromFile : {false, true}) {
-      if (isFromFile) PowerCycle();
-      for (Client& client : clients) {
-        for (Watched& about : client.All()) {
-          EXPECT_TRUE(isFromFile || Eventually([&] { return client.Ask(about); })) << about.uri;
-          EXPECT_TRUE(about.possible.contains(Value(about.uri, "/" + about.property)))
-              << about.uri << " holds " << Value(about.uri, "/" + about.property);
-        }
+  }
+
+  void Pause(int most) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<int>(random_() % static_cast<unsigned>(most))));
+  }
+
+  /// What was answered is there, and nothing half.
+  void Check(std::vector<Client>& clients) {
+    for (Client& client : clients) {
+      for (Watched& about : client.All()) {
+        const Json value = Value(about.uri, "/" + about.property);
+        EXPECT_TRUE(about.possible.contains(value)) << about.uri << " holds " << value;
+        about.possible = {value};
       }
     }
+    EXPECT_EQ(Disagreement(), "");
+  }
+
+  /// Kills and restarts Redis under load; `revive` is called while it is gone and when it is back.
+  void KillRedisUnderLoad(const std::function<void(bool isBack)>& revive) {
+    std::vector<Client> clients = MakeClients({.answer = std::chrono::seconds(2)});
+    Load(clients, [&](const std::atomic<int>& answered) {
+      for (int round = 0; round < Rounds(); ++round) {
+        const int before = answered;
+        EXPECT_TRUE(Eventually([&] { return answered > before; })) << "nothing is answered in round " << round;
+        Pause(300);
+        Server().Kill();
+        revive(false);
+        Pause(300);
+        RestartServer(folder_);
+        revive(true);
+      }
+    });
+    for (Client& client : clients) {
+      for (Watched& about : client.All()) EXPECT_TRUE(Eventually([&] { return client.Ask(about); })) << about.uri;
+    }
+    Check(clients);
+    PowerCycle();
+    Check(clients);
   }
   size_t LinesWith(const std::string& text) {
     const std::string log = Log();
@@ -137,7 +167,21 @@ class Chaos : public DaemonTest {
     return count;
   }
 
+  /// With a recovery that ends the process, which is started anew.
+  void KillRedisAndRestartTheDaemon(const std::string& recovery, int exitStatus, size_t lines) {
+    Begin(recovery);
+    KillRedisUnderLoad([=, this](bool isBack) {
+      if (isBack) return Launch();
+      EXPECT_EQ(daemon_.ExitStatus(), exitStatus);
+      EXPECT_EQ(LinesWith("has lost Redis: the process ends."), lines);
+      Launch();
+      EXPECT_EQ(daemon_.ExitStatus(), 255) << "a start without Redis";
+    });
+  }
+
+  std::mt19937 random_{20260301};
   const std::string folder_ = Sandbox().Root() + "/redis-data";
+  const std::string fresh_ = Sandbox().Root() + "/redis-data-fresh";
 };
 
 TEST_F(Chaos, AServiceThatReconnectsLosesNothingAndAnswersAgain) {
@@ -145,15 +189,38 @@ TEST_F(Chaos, AServiceThatReconnectsLosesNothingAndAnswersAgain) {
   KillRedisUnderLoad([&](bool isBack) { EXPECT_TRUE(isBack || daemon_.IsRunning()); });
 }
 
-TEST_F(Chaos, AServiceThatEndsIsStartedAnewAndLosesNothing) {
-  Begin("exit");
-  KillRedisUnderLoad([this](bool isBack) {
-    if (isBack) return Launch();
-    EXPECT_EQ(daemon_.ExitStatus(), 255);
-    EXPECT_EQ(LinesWith("has lost Redis: the process ends."), 1U);
-    Launch();
-    EXPECT_EQ(daemon_.ExitStatus(), 255) << "a start without Redis";
+TEST_F(Chaos, AServiceThatReconnectsToAnEmptyRedisHasEverythingFromItsFiles) {
+  Begin("reconnect");
+  KillRedisUnderLoad([&](bool isBack) {
+    EXPECT_TRUE(isBack || daemon_.IsRunning());
+    if (!isBack) LoseData();
   });
+}
+
+TEST_F(Chaos, AServiceThatEndsIsStartedAnewAndLosesNothing) { KillRedisAndRestartTheDaemon("exit", 255, 1); }
+
+TEST_F(Chaos, AServiceWithoutARecoveryEndsWithItsListenersAndLosesNothing) { KillRedisAndRestartTheDaemon("", 0, 0); }
+
+TEST_F(Chaos, ADaemonThatIsKilledAtAnyMomentLosesNothingAndLeavesNothingHalfDone) {
+  ASSERT_TRUE(StartDaemon());
+  std::vector<Client> clients =
+      MakeClients({.listener = std::chrono::milliseconds(50), .answer = std::chrono::milliseconds(500)});
+  for (int round = 0; round < Rounds() && !HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    Load(clients, [&](const std::atomic<int>&) {
+      Pause(100);
+      daemon_.Kill();
+    });
+    const bool losesRedis = random_() % 2 == 0;
+    if (losesRedis) FillRedis();
+    for (auto starts = random_() % 3; starts > 0; --starts) {
+      Launch();
+      Pause(60);
+      daemon_.Kill();
+    }
+    ASSERT_TRUE(StartDaemon());
+    Check(clients);
+  }
 }
 
 TEST_F(Chaos, ALostCommandConnectionCountsAsLost) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <set>
 #include <string>
 
 #include "tests/support/child_process.h"
@@ -48,16 +49,29 @@ class DaemonTest : public RedisTest {
   /// A value of a resource as the client sees it; null when there is none.
   Json Value(const std::string& uri, const std::string& pointer);
 
+  /// The URIs that the collection's list names; "twice" when one stands there twice.
+  std::set<std::string> ListedUris();
+  /// What does not agree among list, count, keys, origin index and files; empty when all does. The index is as right
+  /// afterwards as a start makes it.
+  std::string Disagreement();
+
   /// The daemon's log, and what it and this fixture's commands wrote on their standard streams.
   static std::string Log() { return ReadFile(Sandbox().Root() + "/var/log/EventService.log"); }
   static std::string Output() { return ReadFile(OutputFile()); }
 
   ChildProcess daemon_;
+  bool fileHasEtag_ = true;  // false after a stream has come or gone: the file does not learn of it
 
  private:
+  std::string StrayKey(const std::set<std::string>& uris);
+  std::string StrayProperty();
+  DatabaseDump Index();
+  std::string IndexDifference();
   static std::string OutputFile() { return Sandbox().Root() + "/output"; }
 };
 
 std::string InShort(const FrontEndAnswer& answer);
+/// The keys of which there are too many, or which should be otherwise; empty for none.
+std::string Difference(const DatabaseDump& actual, const DatabaseDump& expected);
 
 }  // namespace event_service
