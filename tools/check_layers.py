@@ -11,7 +11,8 @@ upward or sideways include, a folder that is not in the table, a file that does 
 import pathlib
 import re
 import sys
-import tempfile
+
+import checking
 
 # Folder -> the folders that it may include besides itself.
 BASE = ["platform/conf_parser", "foundation"]
@@ -39,70 +40,58 @@ COMPOSITION_ROOT = "service/main.cpp"  # may include everything
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 
 
+def inclusions(path):
+    """The number of each line of a file that includes one of ours, and that file."""
+    for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
+        if match := INCLUDE.match(line):
+            yield number, match.group(1)
+
+
+def layer_faults(src, path):
+    name = path.relative_to(src).as_posix()
+    folder = path.parent.relative_to(src).as_posix()
+    if folder not in LAYERS:
+        yield f"src/{name}: the folder {folder} is not in the table of layers"
+        return
+    allowed = LAYERS if name == COMPOSITION_ROOT else [folder] + LAYERS[folder]
+    for number, included in inclusions(path):
+        if not (src / included).is_file():
+            yield f"src/{name}:{number}: there is no src/{included}"
+        elif str(pathlib.PurePosixPath(included).parent) not in allowed:
+            yield f"src/{name}:{number}: {folder} may not include {included}"
+
+
 def faults(tree):
     """Yields one line for each fault in the tree's src folder."""
     src = tree / "src"
-    for path in sorted(p for p in src.rglob("*") if p.suffix in (".h", ".cpp", ".c", ".hpp")):
-        name = path.relative_to(src).as_posix()
-        folder = path.parent.relative_to(src).as_posix()
-        if folder not in LAYERS:
-            yield f"src/{name}: the folder {folder} is not in the table of layers"
-            continue
-        allowed = LAYERS if name == COMPOSITION_ROOT else [folder] + LAYERS[folder]
-        for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
-            match = INCLUDE.match(line)
-            if not match:
-                continue
-            included = match.group(1)
-            if not (src / included).is_file():
-                yield f"src/{name}:{number}: there is no src/{included}"
-            elif str(pathlib.PurePosixPath(included).parent) not in allowed:
-                yield f"src/{name}:{number}: {folder} may not include {included}"
+    files = sorted(p for p in src.rglob("*") if p.suffix in (".h", ".cpp", ".c", ".hpp"))
+    if not files:
+        yield f"{src} holds no files"
+    for path in files:
+        yield from layer_faults(src, path)
 
 
-def self_test():
-    """Builds a sound tree, then breaks it in one way after the other."""
-    sound = {
-        "platform/conf_parser/conf_parser.h": "",
-        "foundation/logging.h": "#include <string>\n",
-        "foundation/logging.cpp": '#include "foundation/logging.h"\n#include "platform/conf_parser/conf_parser.h"\n',
-        "requests/listener.h": '#include "foundation/logging.h"\n',
-        "service/main.cpp": '#include "requests/listener.h"\n',
-    }
-    broken = {
-        "upwards": {"foundation/random.cpp": '#include "requests/listener.h"\n'},
-        "sideways": {"platform/conf_parser/conf_parser.cpp": '  #  include "foundation/logging.h"\n'},
-        "from beside the composition root": {"service/start_up.cpp": '#include "requests/listener.h"\n'},
-        "an unknown folder": {"helpers/strings.h": ""},
-        "a file directly in src": {"main.cpp": ""},
-        "an unknown file": {"requests/request.cpp": '#include "requests/missing.h"\n'},
-        "a judge that acts": {"subscriptions/creation.h": "", "subscriptions/judgement/rules.cpp": '#include "subscriptions/creation.h"\n'},
-        "a way around the table": {"foundation/shell.cpp": '#include "foundation/../requests/listener.h"\n'},
-    }
-    failed = False
-    for name, extra in [("a sound tree", {}), *broken.items()]:
-        with tempfile.TemporaryDirectory() as folder:
-            tree = pathlib.Path(folder)
-            for file, text in {**sound, **extra}.items():
-                path = tree / "src" / file
-                path.parent.mkdir(parents=True, exist_ok=True)
-                path.write_text(text, encoding="utf-8")
-            found = list(faults(tree))
-            if (len(found) > 0) != (len(extra) > 0):
-                failed = True
-                print(f"{name}: found {found}")
-    return 1 if failed else 0
-
-
-def main(arguments):
-    if arguments == ["--self-test"]:
-        return self_test()
-    tree = pathlib.Path(arguments[0]) if arguments else pathlib.Path(__file__).resolve().parent.parent
-    found = list(faults(tree)) or ([] if any((tree / "src").rglob("*.h")) else [f"{tree}/src holds no headers"])
-    for fault in found:
-        print(fault)
-    return 1 if found else 0
+SOUND = {
+    "src/platform/conf_parser/conf_parser.h": "",
+    "src/foundation/logging.h": "#include <string>\n",
+    "src/foundation/logging.cpp": '#include "foundation/logging.h"\n#include "platform/conf_parser/conf_parser.h"\n',
+    "src/requests/listener.h": '#include "foundation/logging.h"\n',
+    "src/service/main.cpp": '#include "requests/listener.h"\n',
+}
+BROKEN = {
+    "upwards": {"src/foundation/random.cpp": '#include "requests/listener.h"\n'},
+    "sideways": {"src/platform/conf_parser/conf_parser.cpp": '  #  include "foundation/logging.h"\n'},
+    "from beside the composition root": {"src/service/start_up.cpp": '#include "requests/listener.h"\n'},
+    "an unknown folder": {"src/helpers/strings.h": ""},
+    "a file directly in src": {"src/main.cpp": ""},
+    "an unknown file": {"src/requests/request.cpp": '#include "requests/missing.h"\n'},
+    "a judge that acts": {
+        "src/subscriptions/creation.h": "",
+        "src/subscriptions/judgement/rules.cpp": '#include "subscriptions/creation.h"\n',
+    },
+    "a way around the table": {"src/foundation/shell.cpp": '#include "foundation/../requests/listener.h"\n'},
+}
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    sys.exit(checking.main(faults, SOUND, BROKEN))
