@@ -195,7 +195,7 @@ TEST_F(ChangesTest, TheNextChangeCompletesWhatFailedHalfWay) {
     EXPECT_EQ(Stored(uri)["Context"], body["Context"]) << method;
   }
   EXPECT_EQ(InShort(Handle("PATCH", uri, {{"Context", body["Context"]}})), "OK_RES") << "all is in the file";
-  proxy.Reset({.failedText = "&&SensitiveData"});
+  proxy.Reset({.failedText = "HGET " + uri + " &&SensitiveData"});
   PrepareGet(MakeRequest("GET", uri, {}, connection.get()));
   EXPECT_TRUE(Field(uri, "&&SensitiveData").starts_with("SNMP/")) << "what cannot be read is not written over";
   proxy.Reset({.failedText = "&&Array SyslogFilters"});
