@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "resource_store/json_text.h"
+#include "service/static_tables.h"
 
 namespace event_service {
 namespace {
@@ -40,9 +41,8 @@ constexpr FaultMessage kFaultMessages[] = {
 const FaultMessage& MessageFor(FaultKind kind) { return *std::ranges::find(kFaultMessages, kind, &FaultMessage::kind); }
 
 bool IsSecretName(std::string_view name) {
-  constexpr std::string_view kSecrets[] = {"AuthenticationKey", "EncryptionKey", "HttpHeaders", "Password",
-                                           "TrapCommunity"};
-  return std::ranges::find(kSecrets, name) != std::end(kSecrets);
+  return name == "HttpHeaders" || name == "Password" ||
+         std::ranges::find(kSensitiveSnmpKeys, name) != std::end(kSensitiveSnmpKeys);
 }
 
 /// Replaces the secrets in a value that is about to be shown by null.

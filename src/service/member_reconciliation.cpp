@@ -163,8 +163,12 @@ std::vector<std::string_view> RememberMembers(std::span<const Candidate> members
                                               const ServiceSettings& settings, SubscriptionsState& state) {
   std::vector<std::string_view> missing;
   state.syslogTlsDestinationIds.clear();
-  state.halfChangedUris.clear();  // Redis holds what the file has given it, and nothing else below its members
-  state.scatteredUris.clear();
+  // What the file has given Redis is whole, with nothing else below it. A stream is not in the file.
+  const auto isSettled = [&](const std::string& uri) {
+    return restored.contains(uri) || std::ranges::find(members, uri, &Candidate::uri) == members.end();
+  };
+  std::erase_if(state.halfChangedUris, isSettled);
+  std::erase_if(state.scatteredUris, isSettled);
   for (const Candidate& member : members) {
     if (member.protocol == "\"SyslogTLS\"") state.syslogTlsDestinationIds.emplace_back(IdOf(member.uri));
     if (restored.contains(member.uri)) {

@@ -90,7 +90,7 @@ std::optional<Answer> CheckWeight(const Json& properties, PropertyWeights weight
   Message message = PropertyMessage(FaultKind::kValue, MemberPath({}, *heaviest));
   const auto pathOf = [](const Message& other) { return other.relatedProperties.front(); };
   notUpdatable.insert(std::ranges::upper_bound(notUpdatable, pathOf(message), {}, pathOf), message);
-  return Answer{kFailure, std::move(notUpdatable), {}, {}};
+  return Answer{kFailure, std::move(notUpdatable)};
 }
 
 /// The forwarder knows the first of the filters. After a change that failed half-way nobody knows what it knows.
@@ -162,6 +162,33 @@ bool PatchWrites::AppendSnmp(const Json& snmp) {
   return true;
 }
 
+Answer UpdateFailed() { return DatabaseError("DatabaseOperationError: Failed to update event destination object."); }
+
+/// Gives the resource its new properties: at the syslog forwarder first, which may refuse, then in Redis and the file.
+std::optional<Answer> Apply(Request& request, PatchInput& input, const Json& properties) {
+  int64_t firstSequence = kNoSequence;
+  if (NeedsSequenceIds(properties)) {
+    firstSequence = NextSequenceId(request.redis);
+    if (firstSequence < 0) return UpdateFailed();
+  }
+  PatchWrites writes(request, input, firstSequence);
+  for (const auto& [name, value] : properties.items()) {
+    if (!writes.Append(name, value)) return Refuse(kException, kOperationFailedMessage);
+  }
+  if (auto refusal = RenewSyslogOrder(request, properties, input.stored)) return refusal;
+  const int64_t nextSequence = writes.NextSequence() == firstSequence ? kNoSequence : writes.NextSequence();
+  if (ApplyMemberChange(request, writes.Pipeline(),
+                        {.uri = request.record.targetUri,
+                         .isSse = IsStream(input.stored),
+                         .changes = writes.TakeChanges(),
+                         .removed = writes.TakeRemoved(),
+                         .eventKind = "change",
+                         .nextSequence = nextSequence})) {
+    return std::nullopt;
+  }
+  return UpdateFailed();
+}
+
 }  // namespace
 
 Answer PatchEventDestination(Request& request) {
@@ -180,29 +207,9 @@ Answer PatchEventDestination(Request& request) {
   if (auto refusal = CheckWeight(*properties, *std::move(input.weights), judgement.notUpdatable)) {
     return *std::move(refusal);
   }
-
-  int64_t firstSequence = kNoSequence;
-  if (NeedsSequenceIds(*properties)) {
-    firstSequence = NextSequenceId(request.redis);
-    if (firstSequence < 0) return DatabaseError("DatabaseOperationError: Failed to update event destination object.");
-  }
-  PatchWrites writes(request, input, firstSequence);
-  for (const auto& [name, value] : properties->items()) {
-    if (!writes.Append(name, value)) return Refuse(kException, kOperationFailedMessage);
-  }
-  if (auto refusal = RenewSyslogOrder(request, *properties, input.stored)) return *std::move(refusal);
-  const int64_t nextSequence = writes.NextSequence() == firstSequence ? kNoSequence : writes.NextSequence();
-  if (!ApplyMemberChange(request, writes.Pipeline(),
-                         {.uri = uri,
-                          .isSse = IsStream(input.stored),
-                          .changes = writes.TakeChanges(),
-                          .removed = writes.TakeRemoved(),
-                          .eventKind = "change",
-                          .nextSequence = nextSequence})) {
-    return DatabaseError("DatabaseOperationError: Failed to update event destination object.");
-  }
-  if (judgement.notUpdatable.empty()) judgement.notUpdatable = {{std::string(kSuccessMessage), {}, {}}};
-  return Answer{kOkRes, std::move(judgement.notUpdatable), {}, {}};
+  if (auto refusal = Apply(request, input, *properties)) return *std::move(refusal);
+  if (judgement.notUpdatable.empty()) return Succeed();
+  return Answer{kOkRes, std::move(judgement.notUpdatable)};
 }
 
 }  // namespace event_service

@@ -54,6 +54,10 @@ TEST_F(MemberReconciliationTest, MembersThatOnlyRedisHoldsAreWrittenBackButNotSs
   HashWrite(redis(), UriOf("NoDestination"), "Protocol", "\"Redfish\"");
   List({"InFile", "Lost", "Stream", "NoDestination", "Nowhere"});
   EXPECT_EQ(Start(), 0);
+  state_.scatteredUris = state_.halfChangedUris = {UriOf("Gone"), UriOf("InFile"), UriOf("Stream")};
+  EXPECT_TRUE(ReconcileMembers(redis(), settings_, state_)) << "again, as after a reconnection";
+  EXPECT_TRUE(state_.scatteredUris.size() == 1 && state_.scatteredUris.contains(UriOf("Stream")));
+  EXPECT_EQ(state_.halfChangedUris, state_.scatteredUris) << "the file has not put it right";
   for (const char* when : {"first start", "later start"}) {
     const std::string etag = HashRead(redis(), kSubscriptionsUri, "@odata.etag");
     const Json members = MembersInFile();

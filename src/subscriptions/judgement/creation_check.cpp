@@ -51,7 +51,7 @@ BodyCircumstances CircumstancesOf(const Json& body, const CreationCircumstances&
 std::optional<Answer> AnswerOf(const PropertyJudge& judge) {
   if (judge.ModuleFailed()) return Refuse(kException, kOperationFailedMessage);
   if (judge.Faults().empty()) return std::nullopt;
-  return Answer{.status = kFailure, .messages = judge.Faults(), .logText = {}, .body = {}};
+  return Answer{kFailure, judge.Faults()};
 }
 
 std::optional<Answer> CheckProperties(const Json& body, const CreationCircumstances& creation) {

@@ -101,15 +101,13 @@ PatchJudgement JudgePatch(const Json& body, const Json& stored, const ServiceSet
   const Json wanted = WritablePart(body, EventDestinationProperties());
   const bool nothingUpdatable = wanted.empty() && !judge.Faults().empty();
   if (judge.HasUnacceptableValue() || nothingUpdatable) {
-    judgement.answer = Answer{.status = kFailure, .messages = judge.Faults(), .logText = {}, .body = {}};
+    judgement.answer = Answer{kFailure, judge.Faults()};
     return judgement;
   }
   judgement.changes = ChangedPart(wanted, stored, EventDestinationProperties(), everythingCounts);
   judgement.notUpdatable = judge.Faults();
   if (!judgement.changes.empty()) return judgement;
-  judgement.answer = judgement.notUpdatable.empty()
-                         ? NoOperationAnswer()
-                         : Answer{.status = kOkRes, .messages = judgement.notUpdatable, .logText = {}, .body = {}};
+  judgement.answer = judgement.notUpdatable.empty() ? NoOperationAnswer() : Answer{kOkRes, judgement.notUpdatable};
   return judgement;
 }
 
