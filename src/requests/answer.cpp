@@ -19,14 +19,14 @@ Answer NoOperationAnswer(std::string_view messageId) {
   // The registry's own wording, grammar slip included.
   constexpr std::string_view kText =
       "The request body submitted contain no data to act upon and no changes to the resource took place.";
-  const nlohmann::json message = {{"@odata.type", "#Message.v1_1_2.Message"},
-                                  {"MessageId", messageId},
-                                  {"Message", kText},
-                                  {"MessageSeverity", "Warning"},
-                                  {"Resolution", "Add properties in the JSON object and resubmit the request."}};
-  const nlohmann::json body = {
-      {"error",
-       {{"code", messageId}, {"message", kText}, {"@Message.ExtendedInfo", nlohmann::json::array({message})}}}};
+  nlohmann::json body = nlohmann::json::parse(R"({"error": {"@Message.ExtendedInfo": [{
+      "@odata.type": "#Message.v1_1_2.Message",
+      "MessageSeverity": "Warning",
+      "Resolution": "Add properties in the JSON object and resubmit the request."}]}})");
+  nlohmann::json& error = body["error"];
+  nlohmann::json& message = error["@Message.ExtendedInfo"][0];
+  message["MessageId"] = error["code"] = messageId;
+  message["Message"] = error["message"] = kText;
   return Answer{.status = kOkRes, .body = body.dump()};
 }
 

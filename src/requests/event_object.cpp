@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "foundation/random.h"
+#include "resource_store/json_text.h"
 #include "resource_store/resource_writer.h"
 
 namespace event_service {
@@ -35,17 +36,16 @@ bool AppendEventObject(RedisPipeline& pipeline, std::string_view key, const std:
                        Json event) {
   const std::string listKey = ChildKey(key, "Events");
   const std::string eventKey = ChildKey(listKey, "0");
-  const Json object = {{"@odata.type", "#Event.v1_7_0.Event"},
-                       {"Id", id},
-                       {"Name", name},
-                       {"Events@odata.count", 1},
-                       {"&&ResourceType", "\"EventService\""}};
   event["MemberId"] = "0";
   int64_t sequence = kNoSequence;  // the list's one element has a key of a fixed name
-  if (!AppendDocument(pipeline, eventKey, event, sequence) || !AppendDocument(pipeline, key, object, sequence)) {
-    return false;
-  }
-  pipeline.Append({"HSET", key, "Events", "&&Array Events " + listKey});
+  if (!AppendDocument(pipeline, eventKey, event, sequence)) return false;
+  const std::pair<std::string_view, std::string> fields[] = {{"@odata.type", R"("#Event.v1_7_0.Event")"},
+                                                             {"Id", TolerantJsonText(id)},
+                                                             {"Name", TolerantJsonText(name)},
+                                                             {"Events@odata.count", "1"},
+                                                             {"&&ResourceType", R"("EventService")"},
+                                                             {"Events", "&&Array Events " + listKey}};
+  for (const auto& [field, text] : fields) pipeline.Append({"HSET", key, field, text});
   pipeline.Append({"RPUSH", listKey, "&&Object " + eventKey});
   return true;
 }

@@ -205,11 +205,11 @@ void ServeRequests(redisContext* subscriber, ListenerResources resources, const 
       canAnswer = false;
       LogError("The command connection of the %s listener failed: requests are not answered any more.", service.name);
     }
-    if (TouchedPages() - touched > kPagesOfALargeRequest) {
+    const long touchedBefore = std::exchange(touched, TouchedPages());
+    if (touched - touchedBefore > kPagesOfALargeRequest) {
       for (redisContext* connection : {subscriber, resources.redis.get()}) ReleaseReplyRoom(connection);
       malloc_trim(0);
     }
-    touched = TouchedPages();
   }
   if (after(LostConnection::kChannel) == AfterLoss::kEndListener) {
     LogError("The %s listener ended: the connection of its channel failed.", service.name);

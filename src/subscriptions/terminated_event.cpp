@@ -12,15 +12,17 @@ namespace event_service {
 bool AppendTerminatedEvent(RedisPipeline& pipeline, std::string_view key, std::string_view uri, const Json& destination,
                            uint32_t eventGroupId) {
   const std::string eventId = std::to_string(static_cast<uint32_t>(KernelNumber()));
-  Json event = {{"EventGroupId", eventGroupId},
-                {"EventId", eventId},
-                {"EventTimestamp", TimeStamp()},
-                {"EventType", "Other"},
-                {"Message", "The event subscription has been terminated."},
-                {"MessageId", "Base.1.12.SubscriptionTerminated"},
-                {"MessageSeverity", "OK"},
-                {"OriginOfCondition", {{"@odata.id", uri}}},
-                {"Severity", "OK"}};
+  static const Json kEvent = Json::parse(R"({
+      "EventType": "Other",
+      "Message": "The event subscription has been terminated.",
+      "MessageId": "Base.1.12.SubscriptionTerminated",
+      "MessageSeverity": "OK",
+      "Severity": "OK"})");
+  Json event = kEvent;
+  event["EventGroupId"] = eventGroupId;
+  event["EventId"] = eventId;
+  event["EventTimestamp"] = TimeStamp();
+  event["OriginOfCondition"]["@odata.id"] = uri;
   if (!AppendEventObject(pipeline, key, "SubscriptionTerminated-" + eventId, "SubscriptionTerminated",
                          std::move(event))) {
     return false;

@@ -72,6 +72,17 @@ TEST_F(StoreTest, WhatIsWrittenReadsBackEqualAndIsDeletedWhole) {
   }
 }
 
+TEST(JsonText, EveryCharacterAtEveryPlaceIsWrittenAsTheLibraryWritesIt) {
+  for (int character = 0; character < 128; ++character) {
+    for (size_t place = 0; place < 10; ++place) {
+      std::string text = "0123456789";
+      text[place] = static_cast<char>(character);
+      ASSERT_EQ(JsonText(text), Json(text).dump());
+      ASSERT_EQ(JsonTextSize(text), Json(text).dump().size());
+    }
+  }
+}
+
 TEST(JsonText, WhatIsNoUtf8IsReplaced) {
   const Json document = {{"a\xff", {"b\xc3", "\x80", "\u00e4"}}};
   EXPECT_EQ(TolerantJsonText(document), document.dump(-1, ' ', false, Json::error_handler_t::replace));

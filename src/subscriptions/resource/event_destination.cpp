@@ -41,25 +41,23 @@ void AddAllowableValues(Json& object, std::string_view property, const ServiceSe
 
 /// The properties that every subscription starts with; those of the request replace them.
 Json BuildDefaultEventDestination(std::string_view privileges) {
-  static const Json kDefaults = {
-      {std::string(kPatchValidationField), "v_EventDestination.json"},
-      {"Context", nullptr},
-      {"SubordinateResources", nullptr},
-      {"SubscriptionType", "RedfishEvent"},
-      {"Description",
-       "This resource represents the target of an event subscription, including the types of events subscribed and "
-       "context to provide to the target in the Event payload."},
-      {"IncludeOriginOfCondition", false},
-      {"ResourceTypes", Json::array()},
-      {"RegistryPrefixes", Json::array()},
-      {"OriginResources", Json::array()},
-      {"MessageIds", Json::array()},
-      {"HttpHeaders", Json::array()},
-      {"MetricReportDefinitions", Json::array()},
-      {"OriginResources@odata.count", 0},
-      {"MetricReportDefinitions@odata.count", 0},
-  };
+  static const Json kDefaults = Json::parse(R"({
+      "Context": null,
+      "SubordinateResources": null,
+      "SubscriptionType": "RedfishEvent",
+      "Description": "This resource represents the target of an event subscription, including the types of events )"
+                                            R"(subscribed and context to provide to the target in the Event payload.",
+      "IncludeOriginOfCondition": false,
+      "ResourceTypes": [],
+      "RegistryPrefixes": [],
+      "OriginResources": [],
+      "MessageIds": [],
+      "HttpHeaders": [],
+      "MetricReportDefinitions": [],
+      "OriginResources@odata.count": 0,
+      "MetricReportDefinitions@odata.count": 0})");
   Json destination = kDefaults;
+  destination[std::string(kPatchValidationField)] = "v_EventDestination.json";
   destination[std::string(kPrivileges)] = privileges;
   return destination;
 }

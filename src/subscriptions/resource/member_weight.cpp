@@ -20,8 +20,10 @@ size_t WeightOfName(std::string_view name) { return name.size() + 3; }
 size_t Weight(const Json& value) {
   if (!value.is_structured()) return JsonTextSize(value);
   size_t weight = WeightOfFrame(value.size());
-  for (auto item = value.begin(); item != value.end(); ++item) {
-    weight += Weight(*item) + (value.is_object() ? WeightOfName(item.key()) : 0);
+  if (const auto* const object = value.get_ptr<const Json::object_t*>()) {
+    for (const auto& [name, member] : *object) weight += WeightOfName(name) + Weight(member);
+  } else {
+    for (const Json& element : value.get_ref<const Json::array_t&>()) weight += Weight(element);
   }
   return weight;
 }
