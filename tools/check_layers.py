@@ -2,7 +2,8 @@
 """Checks that the folders of src/ depend downwards only.
 
 Reads the #include "..." lines of src/ against the table below; includes are paths from src/. Anything else fails: an
-upward or sideways include, a folder that is not in the table, a file that does not exist.
+upward or sideways include, files that include each other in a circle, a folder that is not in the table, a file that
+does not exist.
 
   check_layers.py [TREE]      checks TREE, by default the tree that this script stands in
   check_layers.py --self-test shows that each kind of fault is found
@@ -61,6 +62,19 @@ def layer_faults(src, path):
             yield f"src/{name}:{number}: {folder} may not include {included}"
 
 
+def circle_faults(src, files):
+    """Pairs of header and source that include each other, by whatever way."""
+    left = {}
+    for path in files:
+        pair = path.relative_to(src).with_suffix("").as_posix()
+        left.setdefault(pair, set()).update({included.rpartition(".")[0] for _, included in inclusions(path)} - {pair})
+    while free := [pair for pair, included in left.items() if not included & left.keys()]:
+        for pair in free:
+            del left[pair]
+    if left:
+        yield f"a circle of includes is among these, or below them: {' '.join(sorted(left))}"
+
+
 def faults(tree):
     """Yields one line for each fault in the tree's src folder."""
     src = tree / "src"
@@ -69,6 +83,7 @@ def faults(tree):
         yield f"{src} holds no files"
     for path in files:
         yield from layer_faults(src, path)
+    yield from circle_faults(src, files)
 
 
 SOUND = {
@@ -90,6 +105,10 @@ BROKEN = {
         "src/subscriptions/judgement/rules.cpp": '#include "subscriptions/creation.h"\n',
     },
     "a way around the table": {"src/foundation/shell.cpp": '#include "foundation/../requests/listener.h"\n'},
+    "two pairs that include each other": {
+        "src/foundation/random.h": '#include "foundation/logging.h"\n',
+        "src/foundation/logging.cpp": '#include "foundation/random.h"\n',
+    },
 }
 
 

@@ -9,9 +9,6 @@
 #include <cstring>
 #include <utility>
 
-#include "foundation/logging.h"
-#include "foundation/redis_pipeline.h"
-
 namespace event_service {
 namespace {
 
@@ -176,26 +173,6 @@ std::string EscapeGlob(std::string_view text) {
     escaped += c;
   }
   return escaped;
-}
-
-bool HashBatchWrite(redisContext* redis, const HashBatch& batch) {
-  RedisPipeline pipeline(redis);
-  for (const auto& [key, fields] : batch) {
-    for (const auto& [field, value] : fields) pipeline.Append({"HSET", key, field, value});
-  }
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  // From the first failed read on every reply is missing, so it is enough to look at the last.
-  if (!replies.empty() && !replies.back()) LogError("Failed to get reply from database.");
-  return AllIntegers(replies);
-}
-
-bool ListBatchAppend(redisContext* redis, std::string_view key, std::span<const std::string> values) {
-  RedisPipeline pipeline(redis);
-  for (const std::string& value : values) pipeline.Append({"RPUSH", key, value});
-  const std::vector<RedisReply> replies = pipeline.Execute();
-  if (replies.empty() || replies.back()) return true;
-  LogError("Failed to get reply from database.");
-  return false;
 }
 
 }  // namespace event_service

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <initializer_list>
-#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -102,16 +101,5 @@ std::vector<std::string> KeyListing(redisContext* redis, std::string_view patter
 
 /// `text` with every character escaped that means something in a glob pattern.
 std::string EscapeGlob(std::string_view text);
-
-/// Keys, their fields and the values to write.
-using HashBatch = std::map<std::string, std::map<std::string, std::string>>;
-
-/// Writes every field of the batch in one pipeline. True when every reply is an integer. Reads every reply whatever
-/// happens before it; the first that cannot be read logs "Failed to get reply from database.".
-bool HashBatchWrite(redisContext* redis, const HashBatch& batch);
-
-/// Appends the values to a list in one pipeline, in order. False, after logging "Failed to get reply from database.",
-/// when a reply cannot be read; error replies are not looked at.
-bool ListBatchAppend(redisContext* redis, std::string_view key, std::span<const std::string> values);
 
 }  // namespace event_service

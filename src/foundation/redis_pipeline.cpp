@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "foundation/logging.h"
+
 namespace event_service {
 namespace {
 
@@ -78,6 +80,26 @@ bool WasCarriedOut(const RedisReply& exec) {
   if (!IsArray(exec)) return false;
   return std::ranges::all_of(std::span(exec->element, exec->elements),
                              [](const redisReply* reply) { return IsInteger(reply) || TextOf(reply) == "OK"; });
+}
+
+bool HashBatchWrite(redisContext* redis, const HashBatch& batch) {
+  RedisPipeline pipeline(redis);
+  for (const auto& [key, fields] : batch) {
+    for (const auto& [field, value] : fields) pipeline.Append({"HSET", key, field, value});
+  }
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  // From the first failed read on every reply is missing, so it is enough to look at the last.
+  if (!replies.empty() && !replies.back()) LogError("Failed to get reply from database.");
+  return AllIntegers(replies);
+}
+
+bool ListBatchAppend(redisContext* redis, std::string_view key, std::span<const std::string> values) {
+  RedisPipeline pipeline(redis);
+  for (const std::string& value : values) pipeline.Append({"RPUSH", key, value});
+  const std::vector<RedisReply> replies = pipeline.Execute();
+  if (replies.empty() || replies.back()) return true;
+  LogError("Failed to get reply from database.");
+  return false;
 }
 
 }  // namespace event_service

@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
@@ -81,5 +82,16 @@ bool AllIntegers(std::span<const RedisReply> replies);
 /// True when a transaction was carried out and each of its commands, which are writes, was answered like one. `exec`
 /// is the reply to EXEC.
 bool WasCarriedOut(const RedisReply& exec);
+
+/// Keys, their fields and the values to write.
+using HashBatch = std::map<std::string, std::map<std::string, std::string>>;
+
+/// Writes every field of the batch in one pipeline. True when every reply is an integer. Reads every reply whatever
+/// happens before it; the first that cannot be read logs "Failed to get reply from database.".
+bool HashBatchWrite(redisContext* redis, const HashBatch& batch);
+
+/// Appends the values to a list in one pipeline, in order. False, after logging "Failed to get reply from database.",
+/// when a reply cannot be read; error replies are not looked at.
+bool ListBatchAppend(redisContext* redis, std::string_view key, std::span<const std::string> values);
 
 }  // namespace event_service

@@ -147,6 +147,11 @@ void AppendTolerantText(std::string& text, const Json& value) {
 
 }  // namespace
 
+bool NestsWithin(const Json& value, size_t levels) {
+  if (!value.is_structured()) return true;
+  return levels > 0 && std::ranges::all_of(value, [levels](const Json& item) { return NestsWithin(item, levels - 1); });
+}
+
 bool IsJsonNumber(std::string_view text) {
   TakeOne(text, "-");
   if (!TakeOne(text, "0") && !TakeDigits(text)) return false;

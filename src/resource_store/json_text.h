@@ -1,12 +1,21 @@
-/// JSON texts: stored values, mostly short strings and numbers, and whole documents that others have written.
+/// JSON values and their texts: stored values, mostly short strings and numbers, and whole documents that others have
+/// written.
 #pragma once
 
+#include <cstddef>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 
-#include "resource_store/store_encoding.h"
-
 namespace event_service {
+
+using Json = nlohmann::json;
+
+/// Containers inside each other, the document itself counted: deeper ones are neither written nor read.
+inline constexpr size_t kMaxNesting = 32;
+
+/// False when containers lie deeper inside each other than `levels`.
+bool NestsWithin(const Json& value, size_t levels = kMaxNesting);
 
 /// True for a text that is a number by the grammar of JSON, of any size.
 bool IsJsonNumber(std::string_view text);

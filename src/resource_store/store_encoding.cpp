@@ -1,10 +1,8 @@
 #include "resource_store/store_encoding.h"
 
-#include <algorithm>
 #include <limits>
 #include <utility>
 
-#include "resource_store/json_text.h"
 #include "resource_store/store_log.h"
 
 namespace event_service {
@@ -90,11 +88,6 @@ bool IsUnderKey(std::string_view documentKey, std::string_view key) {
 bool IsReference(const Json& value) {
   return value.is_object() && value.size() == 1 && value.begin().key() == kReferenceMember &&
          value.begin()->is_string();
-}
-
-bool NestsWithin(const Json& value, size_t levels) {
-  if (!value.is_structured()) return true;
-  return levels > 0 && std::ranges::all_of(value, [levels](const Json& item) { return NestsWithin(item, levels - 1); });
 }
 
 std::string DumpPrimitive(const Json& value) {

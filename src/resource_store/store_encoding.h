@@ -4,21 +4,16 @@
 /// there. Primitives are held as compact JSON text. docs/protocol.md shows an example. Nothing here talks to Redis.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "resource_store/json_text.h"
+
 namespace event_service {
 
-using Json = nlohmann::json;
-
 enum class ContainerKind { kObject, kArray };
-
-/// Containers inside each other, the document itself counted: deeper ones are neither written nor read.
-inline constexpr size_t kMaxNesting = 32;
 
 /// What stands in a hash field or list element that is no JSON text. Views into the stored text.
 struct Marker {
@@ -59,9 +54,6 @@ bool IsUnderKey(std::string_view documentKey, std::string_view key);
 
 /// True when `value` is an object with exactly one member, "@odata.id", that is a string: it is stored as a reference.
 bool IsReference(const Json& value);
-
-/// False when containers lie deeper inside each other than `levels`.
-bool NestsWithin(const Json& value, size_t levels = kMaxNesting);
 
 /// The sequence counter that object members pass: they consume no id.
 inline constexpr int64_t kNoSequence = -1;

@@ -84,6 +84,7 @@ bool AppendUriSubscriptionMapScript(RedisPipeline& pipeline, const std::string& 
 /// and the script with the next batch.
 bool LoadSubscriptions(RedisPipeline& pipeline, redisContext* redis, const ServiceSettings& settings,
                        SubscriptionsState& state, ChannelRegistration& channel) {
+  state.db.SettleUnwritten();
   if (!state.db.Start().InitSubscriptionDb() || !ReconcileMembers(redis, settings, state)) return false;
   std::optional<int64_t> length;
   AskMembersLength(pipeline, length);

@@ -197,4 +197,17 @@ bool SubscriptionDb::RefreshDbEtag(std::string_view collectionEtag) {
   return WriteAll(root.get(), collectionEtag);
 }
 
+void SubscriptionDb::SettleUnwritten() {
+  if (unwritten_.empty()) return;
+  const DbValue root = file_.LoadDb();
+  json_t* members = json_object_get(root.get(), kMembers);
+  if (json_is_array(members)) {
+    for (const Edit& edit : unwritten_) edit(members);
+    static_cast<void>(file_.DumpDbFile(root.get()));
+  } else {
+    LogError("%s", root ? kLoadFailureLines.noMembers : kLoadFailureLines.noRoot);
+  }
+  unwritten_.clear();
+}
+
 }  // namespace event_service

@@ -55,6 +55,11 @@ class SubscriptionDb {
   /// Copies the collection's etag into the file, and with it the changes that are kept in memory.
   [[nodiscard]] bool RefreshDbEtag(std::string_view collectionEtag);
 
+  /// Before a startup within the process loads the file, which puts its members into the place of those in Redis:
+  /// brings the changes that are kept in memory into the file. What it does not take is forgotten, after logged lines,
+  /// as it would be with the process.
+  void SettleUnwritten();
+
  private:
   /// Changes the "Members" array; false, after a logged line, when there is nothing to write.
   using Edit = std::function<bool(json_t* members)>;

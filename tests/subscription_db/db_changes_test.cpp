@@ -142,6 +142,20 @@ TEST_F(DbSandboxTest, AChangeThatFailedIsMadeWithTheNextAndNotAgain) {
     EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << changes;
     EXPECT_TRUE(db.DeleteDbSubscription(kUris + "B", kEtagText));
   }
+  for (const auto& [isTaken, after] : {std::pair(true, "AB"), {false, "A"}}) {  // a startup loads what is written now
+    fails_ = isDecoding;
+    EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
+    if (isTaken) fails_ = [](const std::string&) { return false; };
+    db.SettleUnwritten();
+    fails_ = [](const std::string&) { return false; };
+    EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << isTaken;
+    EXPECT_TRUE(db.DeleteDbSubscription(kUris + "D", kEtagText));
+    EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << isTaken;
+    EXPECT_TRUE(db.DeleteDbSubscription(kUris + "B", kEtagText));
+  }
+  commands_ = 0;
+  db.SettleUnwritten();
+  EXPECT_EQ(commands_, 0U) << "nothing is left";
   fails_ = [](const std::string& command) { return command.find(" enc -aes") != std::string::npos; };
   EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
   EXPECT_FALSE(db.DeleteDbSubscription(kUris + "A", kEtagText));
