@@ -82,9 +82,13 @@ bool TakeFunction(lua_State* lua) {
   return false;
 }
 
+/// A collection begins as soon as the last one has ended: by default the state grows to twice its size first.
+void CollectGarbageEarly(lua_State* lua) { lua_gc(lua, LUA_GCSETPAUSE, 100); }
+
 /// Argument: a ModuleFile. Leaves the module's function in the registry.
 int LoadFunction(lua_State* lua) {
   const auto* file = static_cast<const ModuleFile*>(lua_touserdata(lua, 1));
+  CollectGarbageEarly(lua);
   luaL_openlibs(lua);
   KeepInterruptible(lua);
   SearchFolderFirst(lua, file->neighbours);
