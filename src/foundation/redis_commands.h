@@ -1,4 +1,4 @@
-/// The owners of hiredis handles and one thin helper for each form of Redis command.
+/// One thin helper for each form of Redis command.
 ///
 /// Every helper takes the thread's connection first, sends one command, inspects the reply and releases it. None of
 /// them logs: the caller knows what the failure means. Values travel with their lengths, so they may hold any byte.
@@ -15,17 +15,9 @@
 #include <vector>
 
 #include "foundation/redis_connection.h"
+#include "foundation/redis_handles.h"
 
 namespace event_service {
-
-struct RedisContextDeleter {
-  void operator()(redisContext* context) const { redisDisconnectContext(context); }
-};
-struct RedisReplyDeleter {
-  void operator()(redisReply* reply) const { freeReplyObject(reply); }
-};
-using RedisContext = std::unique_ptr<redisContext, RedisContextDeleter>;  // owned by one thread
-using RedisReply = std::unique_ptr<redisReply, RedisReplyDeleter>;        // null: the connection failed
 
 /// Sends one command of our own texts and returns its reply, null when the connection failed. Values from outside go
 /// through SendArguments.

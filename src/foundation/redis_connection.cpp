@@ -15,6 +15,7 @@
 
 #include "foundation/file_paths.h"
 #include "foundation/open_file.h"
+#include "foundation/redis_handles.h"
 #include "foundation/text_numbers.h"
 
 namespace {
@@ -24,6 +25,8 @@ using event_service::Descriptor;
 using event_service::OpenToRead;
 using event_service::ParseInteger;
 using event_service::ProcessPaths;
+using event_service::RedisContext;
+using event_service::RedisReply;
 
 constexpr size_t kTextSize = sizeof(RedisConnectionInfo::socketPath);
 constexpr int32_t kStandardPort = 6379;
@@ -31,15 +34,6 @@ constexpr int32_t kStandardPort = 6379;
 struct PipeCloser {
   void operator()(FILE* pipe) const { pclose(pipe); }
 };
-struct ContextCloser {
-  void operator()(redisContext* context) const { redisFree(context); }
-};
-struct ReplyFreer {
-  void operator()(redisReply* reply) const { freeReplyObject(reply); }
-};
-using Context = std::unique_ptr<redisContext, ContextCloser>;
-using Reply = std::unique_ptr<redisReply, ReplyFreer>;
-
 struct Free {
   void operator()(void* memory) const { std::free(memory); }
 };
@@ -139,7 +133,7 @@ RedisConnectionInfo* getRedisConnectionInfo() {
 redisContext* connectToRedis(RedisConnectionInfo* info, int) {
   static char loopback[] = "127.0.0.1";
   if (info == nullptr) return nullptr;
-  Context context;
+  RedisContext context;
   // An empty path would name an abstract socket, which any process may listen on.
   if (info->connectionType == kRedisConnectionUnixSocket && info->socketPath[0] != '\0') {
     context.reset(redisConnectUnix(info->socketPath));
@@ -154,7 +148,7 @@ redisContext* connectToRedis(RedisConnectionInfo* info, int) {
 
 int redisAuthentication(redisContext* context, const char* password) {
   if (context == nullptr || password == nullptr) return 1;
-  const Reply reply(static_cast<redisReply*>(redisCommand(context, "%s %s", "AUTH", password)));
+  const RedisReply reply(static_cast<redisReply*>(redisCommand(context, "%s %s", "AUTH", password)));
   const bool accepted = reply && reply->type == REDIS_REPLY_STATUS && std::string_view(reply->str, reply->len) == "OK";
   return accepted ? 0 : 1;
 }
@@ -162,7 +156,7 @@ int redisAuthentication(redisContext* context, const char* password) {
 redisContext* redisConnectContext() {
   const ConnectionInfo info(getRedisConnectionInfo());
   if (!info) return nullptr;
-  Context context(connectToRedis(info.get(), 0));
+  RedisContext context(connectToRedis(info.get(), 0));
   if (context && info->password[0] != '\0' && redisAuthentication(context.get(), info->password) != 0) return nullptr;
   return context.release();
 }
