@@ -21,7 +21,8 @@ install(FILES src/foundation/redis_connection.h DESTINATION ${CMAKE_INSTALL_INCL
 configure_file(packaging/event-service.pc.in ${CMAKE_BINARY_DIR}/event-service.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/event-service.pc DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgconfig)
 
-install(FILES packaging/systemd/event-service.service DESTINATION lib/systemd/system)
+set(EVENT_SERVICE_UNIT_DIR lib/systemd/system CACHE STRING "Where the systemd unit goes")
+install(FILES packaging/systemd/event-service.service DESTINATION ${EVENT_SERVICE_UNIT_DIR})
 # As they lie in the tree, so that their links hold.
 file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
 install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
@@ -48,4 +49,5 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 foreach(script postinst prerm postrm)
   list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/${script})
 endforeach()
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/debian/folder_permissions.cmake)
 include(CPack)

@@ -17,6 +17,7 @@ EXTRA_OECMAKE = " \
     -DEVENT_SERVICE_TESTS=OFF \
     -DEVENT_SERVICE_BENCH=OFF \
     -DEVENT_SERVICE_TOOLS=OFF \
+    -DEVENT_SERVICE_UNIT_DIR=${systemd_system_unitdir} \
 "
 # A board that has these libraries takes its own.
 PACKAGECONFIG ??= ""
@@ -25,7 +26,7 @@ PACKAGECONFIG[data-encrypt] = "-DEVENT_SERVICE_SYSTEM_DATA_ENCRYPT=ON,-DEVENT_SE
 PACKAGECONFIG[json-generator] = "-DEVENT_SERVICE_SYSTEM_JSON_GENERATOR=ON,-DEVENT_SERVICE_SYSTEM_JSON_GENERATOR=OFF,libjsongenerator"
 
 do_install:append() {
-    install -d -m 0700 ${D}/var/nginx
+    install -d -m 0700 ${D}${localstatedir}/nginx
 }
 
 # The unit names the group of Redis, whose recipe makes it, too.
@@ -33,5 +34,5 @@ USERADD_PACKAGES = "${PN}"
 GROUPADD_PARAM:${PN} = "--system redis"
 
 SYSTEMD_SERVICE:${PN} = "event-service.service"
-FILES:${PN} += "${prefix}/local ${datadir}/event-service ${systemd_system_unitdir} /var/nginx"
+FILES:${PN} += "${prefix}/local ${datadir}/event-service ${systemd_system_unitdir} ${localstatedir}/nginx"
 FILES:${PN}-dev += "${datadir}/pkgconfig"
