@@ -15,6 +15,8 @@ namespace event_service {
 inline const std::string kService = "/redfish/v1/EventService";
 inline const std::string kCollection = kService + "/Subscriptions";
 inline const std::string kTestEvent = kService + "/Actions/EventService.SubmitTestEvent";
+/// Bodies that create one subscription of each kind which is kept in the file.
+extern const Json kEveryKind;
 
 /// Where the programs under test are: in this build, or where EVENT_SERVICE_PROGRAMS says.
 inline std::string ProgramPath(const std::string& program) {
@@ -40,11 +42,8 @@ class DaemonTest : public RedisTest {
 
   /// Keeps a request in Redis. `body` is JSON text, empty for none.
   StoredRequest Store(const std::string& httpMethod, const std::string& uri, const std::string& body = "");
-  /// Stores a request and announces it, waits for nothing.
-  StoredRequest Announce(const std::string& httpMethod, const std::string& uri, const std::string& body = "");
   /// Sends a request and gives its answer; fails the test when there is none.
   FrontEndAnswer Ask(const std::string& httpMethod, const std::string& uri, const std::string& body = "");
-  /// The same, as one line: the status, then each message id with its arguments.
   std::string AskShort(const std::string& httpMethod, const std::string& uri, const std::string& body = "");
   /// A value of a resource as the client sees it; null when there is none.
   Json Value(const std::string& uri, const std::string& pointer);
@@ -63,15 +62,15 @@ class DaemonTest : public RedisTest {
   bool fileHasEtag_ = true;  // false after a stream has come or gone: the file does not learn of it
 
  private:
+  static void Run(const std::vector<std::string>& words);
   std::string StrayKey(const std::set<std::string>& uris);
   std::string StrayProperty();
   DatabaseDump Index();
-  std::string IndexDifference();
+  Json IndexDifference();
   static std::string OutputFile() { return Sandbox().Root() + "/output"; }
 };
 
+/// One line: the status and the names of the messages.
 std::string InShort(const FrontEndAnswer& answer);
-/// The keys of which there are too many, or which should be otherwise; empty for none.
-std::string Difference(const DatabaseDump& actual, const DatabaseDump& expected);
 
 }  // namespace event_service
