@@ -4,6 +4,7 @@
 Usage: gateway_test.py BINARIES [unittest options]
 """
 
+import concurrent.futures
 import contextlib
 import json
 import os
@@ -24,6 +25,8 @@ from sandbox import COLLECTION, PASSWORD, SERVICE, TEST_EVENT, TREE, USER, Sandb
 SESSIONS = "/redfish/v1/SessionService/Sessions"
 SUBSCRIPTION = {"Destination": "https://192.0.2.1/events", "Protocol": "Redfish", "Context": "rack 7"}
 LOGIN = {"UserName": USER, "Password": PASSWORD}
+LIFE = COLLECTION + "/a-whole-life"
+LIFE_BODY = SUBSCRIPTION | {"Id": "a-whole-life", "HttpHeaders": [{"X-Token": "secret"}]}
 
 sandbox = None
 
@@ -46,9 +49,8 @@ class Stream:
         token = sandbox.ask("POST", SESSIONS, LOGIN).headers["X-Auth-Token"]
         self.connection.request("GET", SERVICE + "/SSE" + query, headers={"X-Auth-Token": token})
         self.response = self.connection.getresponse()
-        self.status = self.response.status
         self.uri = None
-        while self.status == 200 and not self.uri:  # a comment that may stand behind the first events
+        while self.response.status == 200 and not self.uri:  # a comment that may stand behind the first events
             line = self.response.readline().decode().strip()
             self.uri = line[2:] if line.startswith(": /redfish/") else None
 
@@ -76,10 +78,11 @@ class Stream:
 class Rules(unittest.TestCase):
     """What HTTP and the Redfish protocol ask of every request."""
 
-    # method, path, body, headers, status, message; credentials are sent but for rows that say otherwise
+    # method, path, body, headers, status, message; credentials are sent but for rows that say otherwise; ETAG and OLD in
+    # a header are the last tag of an answer and the one before
     ROWS = [
-        ("GET", "/redfish", None, {}, 200, None),
-        ("GET", "/redfish/v1", None, {}, 200, None),
+        ("GET", "/redfish", None, {"Authorization": None}, 200, None),
+        ("GET", "/redfish/v1/$metadata", None, {"Authorization": None}, 200, None),
         ("GET", "/redfish/v1/", None, {"OData-Version": "4.0 "}, 200, None),
         ("GET", "/redfish/v1/", None, {"OData-Version": "4.01"}, 412, "PreconditionFailed"),
         ("GET", "/redfish/v1/odata", None, {"Accept": "text/html;q=0, Application/*;q=0.5"}, 200, None),
@@ -87,11 +90,7 @@ class Rules(unittest.TestCase):
         ("GET", "/redfish/v1/odata", None, {"Accept": "text/html, image/png"}, 406, "ResourceAtUriInUnknownFormat"),
         ("GET", "http://any.host/redfish/v1/", None, {}, 200, None),
         ("DELETE", "/redfish/v1/", None, {}, 405, "MethodNotAllowed"),
-        ("DELETE", "/redfish/v1/SessionService", None, {}, 405, "MethodNotAllowed"),
-        ("OPTIONS", SERVICE, None, {}, 405, "MethodNotAllowed"),
-        ("POST", SERVICE, {}, {}, 405, "MethodNotAllowed"),
         ("PUT", SERVICE, {}, {}, 405, "MethodNotAllowed"),
-        ("PATCH", COLLECTION, {}, {}, 405, "MethodNotAllowed"),
         ("GET", TEST_EVENT, None, {}, 405, "MethodNotAllowed"),
         ("GET", TEST_EVENT + "s", None, {}, 404, "ResourceMissingAtURI"),
         ("GET", COLLECTION + "/none/Actions/EventDestination.ResumeSubscription", None, {}, 404, "ResourceMissingAtURI"),
@@ -114,17 +113,13 @@ class Rules(unittest.TestCase):
         ("GET", "/redfish/v1/%45ventService/", None, {}, 200, None),
         ("GET", SERVICE, None, {"Authorization": None, "OData-Version": "4.01"}, 401, "NoValidSession"),
         ("GET", "/redfish/v1/%ff", None, {"Authorization": None}, 401, "NoValidSession"),
-        ("GET", SERVICE, None, {"Authorization": None}, 401, "NoValidSession"),
         ("GET", SERVICE, None, {"Authorization": "Basic YWRtaW46d3Jvbmc="}, 401, "NoValidSession"),
         ("GET", SERVICE, None, {"Authorization": "Basic ???"}, 401, "NoValidSession"),
         ("GET", SERVICE, None, {"X-Auth-Token": "wrong"}, 401, "NoValidSession"),
-        ("GET", "/redfish/v1/Chassis", None, {"Authorization": None}, 401, "NoValidSession"),
-        ("POST", SESSIONS, LOGIN, {"Authorization": None}, 201, None),
         ("POST", SESSIONS + "/Members", LOGIN, {"Authorization": None}, 201, None),
         ("POST", SESSIONS, LOGIN | {"Password": "x"}, {"Authorization": None}, 401, "ResourceAtUriUnauthorized"),
         ("POST", SESSIONS, LOGIN | {"Password": 7}, {"Authorization": None}, 400, "PropertyValueError"),
         ("POST", SESSIONS, {"UserName": USER}, {"Authorization": None}, 400, "CreateFailedMissingReqProperties"),
-        ("PATCH", SERVICE, {}, {"If-Match": 'W/"0"'}, 412, "PreconditionFailed"),
         ("PATCH", SERVICE, {}, {"If-None-Match": "*"}, 412, "PreconditionFailed"),
         ("PATCH", "/redfish/v1/SessionService", {"SessionTimeout": 600}, {}, 200, None),
         ("PATCH", "/redfish/v1/SessionService", {"SessionTimeout": 29}, {}, 400, "PropertyValueOutOfRange"),
@@ -142,11 +137,9 @@ class Rules(unittest.TestCase):
         ("PATCH", SERVICE, "[" * 100000, {}, 400, "InvalidJSON"),
         ("PATCH", SERVICE, '{"A":' + "[" * 100 + "]" * 100 + "}", {}, 400, "UnrecognizedRequestBody"),
         ("PATCH", SERVICE, '{"A": 1e999}', {}, 400, "UnrecognizedRequestBody"),
-        ("PATCH", SERVICE, '{"A":\n\n tru}', {}, 400, "InvalidJSON"),
         ("PATCH", SERVICE, '{"A": 1}\0', {}, 400, "InvalidJSON"),
         ("PATCH", SERVICE, '{"Id": 1, "Id": 2}', {}, 400, "PropertyDuplicate"),
         ("PATCH", SERVICE, " " * (1 << 20) + "{}", {}, 413, "UnrecognizedRequestBody"),
-        ("PATCH", SERVICE, {"DeliveryRetryAttempts": -1}, {}, 400, "PropertyValueOutOfRange"),
         ("POST", TEST_EVENT, {"MessageId": "Base.1.12.Success"}, {}, 200, "Success"),
         ("POST", TEST_EVENT, {"MessageId": 1}, {}, 400, "ActionParameterValueTypeError"),
         ("GET", SERVICE + "/SSE?$filter=Colour eq 'red'".replace(" ", "%20"), None, {}, 400, None),
@@ -156,32 +149,47 @@ class Rules(unittest.TestCase):
         ("GET", SERVICE + "/SSE?$filter=RegistryPrefix+eq+'Nobody'", None, {}, 400, "PropertyValueNotInList"),
         ("GET", SERVICE + "/SSE", None, {"Accept": "application/json"}, 406, "ResourceAtUriInUnknownFormat"),
         ("HEAD", SERVICE + "/SSE", None, {}, 200, None),
+        ("POST", COLLECTION + "/Members", LIFE_BODY, {}, 201, None),
+        ("GET", LIFE, None, {"If-None-Match": '"x", ETAG'}, 304, None),
+        ("PATCH", LIFE, {"Context": "rack 8"}, {"If-Match": "W/ETAG"}, 412, "PreconditionFailed"),
+        ("PATCH", LIFE, {"Context": "rack 8", "Protocol": "SMTP"}, {"If-Match": "ETAG"}, 200, "PropertyNotWritable"),
+        ("PATCH", LIFE, {"Context": "rack 8"}, {}, 200, "NoOperation"),
+        ("POST", LIFE + "/Actions/EventDestination.ResumeSubscription", None, {}, 200, "NoOperation"),
+        ("DELETE", LIFE, None, {"If-Match": "OLD"}, 412, "PreconditionFailed"),
+        ("DELETE", LIFE, None, {"If-Match": "*"}, 204, None),
+        ("GET", LIFE, None, {}, 404, "ResourceMissingAtURI"),
     ]
 
     def test_each_request_gets_its_status_and_message(self):
+        tags = ["", ""]
         for method, path, body, headers, status, message in self.ROWS:
             with self.subTest(method=method, path=path[:80], body=str(body)[:40], headers=headers):
-                answer = sandbox.ask(method, path, body, headers)
+                sent = {name: value and value.replace("ETAG", tags[-1]).replace("OLD", tags[-2])
+                        for name, value in headers.items()}
+                answer = sandbox.ask(method, path, body, sent)
                 self.assertEqual(answer.status, status, answer.text)
                 if message:
                     self.assertIn(message, answer.message_ids)
                 self.assertEqual(answer.headers["OData-Version"], "4.0")
                 self.assertEqual(answer.headers["Cache-Control"], "no-store")
-                is_read = status == 200 and method in ("GET", "HEAD")
+                is_read = status < 400 and method in ("GET", "HEAD")
                 self.assertEqual("Allow" in answer.headers, is_read or status == 405)
                 self.assertEqual("WWW-Authenticate" in answer.headers, status == 401)
+                self.assertEqual(answer.headers["Location"], answer.json["@odata.id"] if status == 201 else None)
+                self.assertNotIn("secret", answer.text)
+                if answer.headers["ETag"] not in (None, tags[-1]):
+                    tags.append(answer.headers["ETag"])
+        self.assertEqual(sandbox.redis("keys", "&&Request:*"), "", "every request is cleaned up")
 
     def test_a_malformed_body_is_answered_with_its_line(self):
-        info = sandbox.ask("PATCH", SERVICE, '{"A":\n\n tru}').json["error"]["@Message.ExtendedInfo"]
-        self.assertEqual(info[0]["MessageArgs"], ["3"])
+        info = sandbox.ask("PATCH", SERVICE, '{"A":\n\n tru}').json["error"]["@Message.ExtendedInfo"][0]
+        self.assertEqual((info["MessageId"], info["MessageArgs"]), ("Base.1.12.InvalidJSON", ["3"]))
 
     def test_a_head_is_a_get_without_its_body(self):
         get, head = sandbox.ask("GET", SERVICE), sandbox.ask("HEAD", SERVICE)
         self.assertEqual(head.text, "")
         for name in ("Content-Length", "Content-Type", "ETag", "Link", "Allow"):
             self.assertEqual(head.headers[name], get.headers[name])
-        self.assertEqual(get.headers["Link"],
-                         "<http://redfish.dmtf.org/schemas/v1/EventService.v1_7_2.json>; rel=describedby")
 
     def test_texts_come_from_the_registry_where_there_is_one(self):
         info = sandbox.ask("PATCH", SERVICE, {"Id": "x"}).json["error"]["@Message.ExtendedInfo"][0]
@@ -194,46 +202,16 @@ class Rules(unittest.TestCase):
 
 
 class Life(unittest.TestCase):
-    def test_a_subscription_is_created_changed_and_deleted(self):
-        created = sandbox.ask("POST", COLLECTION + "/Members", SUBSCRIPTION | {"HttpHeaders": [{"X-Token": "secret"}]})
-        self.assertEqual(created.status, 201, created.text)
-        uri = created.headers["Location"]
-        self.assertEqual((created.json["@odata.id"], created.json["HttpHeaders"]), (uri, []))
-        self.assertIn({"@odata.id": uri}, sandbox.ask("GET", COLLECTION).json["Members"])
-
-        read = sandbox.ask("GET", uri)
-        etag = read.headers["ETag"]
-        self.assertNotIn("secret", read.text)
-        self.assertEqual(sandbox.ask("GET", uri, headers={"If-None-Match": f'"x", {etag}'}).status, 304)
-        refused = sandbox.ask("PATCH", uri, {"Context": "rack 8"}, {"If-Match": '"other"'})
-        self.assertEqual((refused.status, refused.message_ids), (412, ["PreconditionFailed"]))
-        changed = sandbox.ask("PATCH", uri, {"Context": "rack 8", "Protocol": "SMTP"}, {"If-Match": etag})
-        self.assertEqual((changed.status, changed.message_ids), (200, ["PropertyNotWritable"]))
-        self.assertEqual(changed.json["Context"], "rack 8")
-        self.assertNotEqual(changed.headers["ETag"], etag)
-        self.assertEqual(sandbox.ask("PATCH", uri, {"Context": "rack 8"}).message_ids, ["NoOperation"])
-        resumed = sandbox.ask("POST", uri + "/Actions/EventDestination.ResumeSubscription")
-        self.assertEqual((resumed.status, resumed.message_ids), (200, ["NoOperation"]))
-
-        self.assertEqual(sandbox.ask("DELETE", uri, headers={"If-Match": etag}).status, 412)
-        self.assertEqual(sandbox.ask("DELETE", uri, headers={"If-Match": "*"}).status, 204)
-        self.assertEqual(sandbox.ask("GET", uri).status, 404)
-        self.assertEqual(sandbox.redis("keys", "&&Request:*"), "", "every request is cleaned up")
-
     def test_a_session_lasts_until_it_is_deleted(self):
-        created = sandbox.ask("POST", SESSIONS, LOGIN, credentials=False, secure=True)
-        token = {"X-Auth-Token": created.headers["X-Auth-Token"]}
+        created = sandbox.ask("POST", SESSIONS, LOGIN, {"Authorization": None}, secure=True)
         uri = created.headers["Location"]
-        self.assertIsNone(created.json["Password"])
-        listed = sandbox.ask("GET", SESSIONS, headers=token, credentials=False)
-        self.assertIn({"@odata.id": uri}, listed.json["Members"])
-        self.assertEqual(sandbox.ask("DELETE", uri, headers=token, credentials=False).status, 204)
-        self.assertEqual(sandbox.ask("GET", SERVICE, headers=token, credentials=False).status, 401)
+        token = {"X-Auth-Token": created.headers["X-Auth-Token"], "Authorization": None}
+        self.assertIn({"@odata.id": uri}, sandbox.ask("GET", SESSIONS, headers=token).json["Members"])
+        self.assertEqual(sandbox.ask("DELETE", uri, headers=token).status, 204)
+        self.assertEqual(sandbox.ask("GET", SERVICE, headers=token).status, 401)
         self.assertEqual(sandbox.ask("GET", uri).status, 404)
 
     def test_conditional_changes_of_many_clients_lose_none(self):
-        from concurrent.futures import ThreadPoolExecutor
-
         uri = sandbox.ask("POST", COLLECTION, SUBSCRIPTION | {"Context": "0"}).headers["Location"]
 
         def count(_):
@@ -243,7 +221,7 @@ class Life(unittest.TestCase):
                 if sandbox.ask("PATCH", uri, body, {"If-Match": read.headers["ETag"]}).status == 200:
                     return
 
-        with ThreadPoolExecutor(6) as clients:
+        with concurrent.futures.ThreadPoolExecutor(6) as clients:
             list(clients.map(count, range(30)))
         self.assertEqual(sandbox.ask("GET", uri).json["Context"], "30")
         sandbox.ask("DELETE", uri)
@@ -297,16 +275,14 @@ class Streams(unittest.TestCase):
         self.assertRegex(member["Destination"], r"^redfish-sse://127\.0\.0\.1:\d+$")
         event = {"MessageId": "Base.1.12.Success", "Message": "a\nb", "OriginOfCondition": "/redfish/v1/Chassis/1"}
         sandbox.redis("hset", "/redfish/v1/Chassis/1", "@odata.type", '"#Chassis.v1_14_0.Chassis"')
-        for number in range(12):
-            self.assertEqual(sandbox.ask("POST", TEST_EVENT, event | {"EventId": str(number)}).status, 200)
-        identifiers = set()
-        for number in range(12):
-            identifier, document = stream.event()
-            identifiers.add(identifier)
-            record = document["Events"][0]
-            self.assertEqual((record["EventId"], record["Message"]), (str(number), "a\nb"))
+        numbers = [str(number) for number in range(12)]
+        for number in numbers:
+            self.assertEqual(sandbox.ask("POST", TEST_EVENT, event | {"EventId": number}).status, 200)
+        seen = dict(stream.event() for _ in numbers)
+        self.assertEqual([document["Events"][0]["EventId"] for document in seen.values()], numbers)
+        for identifier, document in seen.items():
             self.assertEqual((document["Id"], document["Context"]), (identifier, member["Context"]))
-        self.assertEqual(len(identifiers), 12)
+            self.assertEqual(document["Events"][0]["Message"], "a\nb")
         self.assertEqual(validate(document, "Event.v1_7_0", "Event"), "")
         stream.publish("{broken")
         self.assertEqual(sandbox.ask("DELETE", stream.uri).status, 204)
@@ -336,7 +312,7 @@ class Streams(unittest.TestCase):
             while stream.event():
                 pass
         sandbox.ask("PATCH", SERVICE, {"ServiceEnabled": False})
-        self.assertEqual(Stream(self).status, 503)
+        self.assertEqual(Stream(self).response.status, 503)
 
     def test_a_subscription_ends_with_its_stream(self):
         streams = [Stream(self) for _ in range(10)] + [Stream(self, secure=True)]
@@ -356,14 +332,6 @@ class Sturdiness(unittest.TestCase):
     def serves(self):
         return sandbox.ask("GET", SERVICE).status == 200 and sandbox.ask("GET", SERVICE, secure=True).status == 200
 
-    def send(self, raw):
-        with socket.create_connection(("127.0.0.1", sandbox.port), 10) as connection:
-            with contextlib.suppress(OSError):
-                connection.sendall(raw)
-                connection.shutdown(socket.SHUT_WR)
-                return connection.recv(64)
-            return b""
-
     def test_what_is_no_http_is_refused_and_the_rest_served_on(self):
         patch = b"PATCH /redfish/v1/EventService HTTP/1.1\r\nHost: x\r\n"
         for raw, status in (
@@ -375,7 +343,13 @@ class Sturdiness(unittest.TestCase):
             (patch + b"Content-Length: 2\r\nContent-Length: 4\r\n\r\n{}{}", b"400"),
             (patch + b"Transfer-Encoding: chunked\r\n\r\nzz\r\n", b""),
         ):
-            answer = self.send(raw)
+            # Those without a status may be answered or not.
+            answer = b""
+            with socket.create_connection(("127.0.0.1", sandbox.port), 10 if status else 0.2) as connection:
+                with contextlib.suppress(OSError):
+                    connection.sendall(raw)
+                    connection.shutdown(socket.SHUT_WR)
+                    answer = connection.recv(64)
             self.assertTrue((answer == b"" and not status) or answer.startswith(b"HTTP/1.1 " + status), answer)
         self.assertTrue(self.serves())
 
@@ -451,11 +425,13 @@ class Listening(unittest.TestCase):
             f"HTTPS_ADDRESS=0.0.0.0\nHTTPS_PORT={sandbox.secure_port}\n"
         )
         self.addCleanup(sandbox.send_signal, "redfish-gateway", signal.SIGTERM)
-        with sandbox.reached("::1", "own"):
-            sandbox.start_gateway()
-            session = sandbox.ask("POST", SESSIONS, LOGIN | {"Password": "own"}).json
-            self.assertEqual(session["ClientOriginIPAddress"], "::1")
-            self.assertEqual(sandbox.ask("GET", SERVICE, secure=True).status, 200)
+        self.addCleanup(vars(sandbox).update, host="127.0.0.1", password=PASSWORD)
+        vars(sandbox).update(host="::1", password="own")
+        sandbox.start_gateway()
+        session = sandbox.ask("POST", SESSIONS, LOGIN | {"Password": "own"}).json
+        self.assertEqual(session["ClientOriginIPAddress"], "::1")
+        self.assertEqual(sandbox.ask("GET", SERVICE, secure=True).status, 200)
+        sandbox.password = PASSWORD
         self.assertEqual(sandbox.ask("GET", SERVICE, secure=True).status, 401)
 
 
@@ -481,10 +457,7 @@ class Clients(unittest.TestCase):
     def test_redfishtool_goes_the_whole_road(self):
         def tool(*words):
             access = ["-r", f"127.0.0.1:{sandbox.port}", "-u", USER, "-p", PASSWORD, "-S", "Never"]
-            command = ["redfishtool", *access, *words]
-            run = subprocess.run(command, capture_output=True, text=True, check=False)
-            self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
-            return run.stdout
+            return subprocess.check_output(["redfishtool", *access, *words], text=True)
 
         self.assertIn("EventService", tool("root"))
         created = json.loads(tool("raw", "POST", COLLECTION, "-d", json.dumps(SUBSCRIPTION)))

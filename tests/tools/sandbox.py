@@ -137,34 +137,23 @@ class Sandbox:
         pages = pathlib.Path(f"/proc/{self.programs[name].pid}/statm").read_text().split()[1]
         return int(pages) * os.sysconf("SC_PAGESIZE")
 
-    @contextlib.contextmanager
-    def reached(self, host, password):
-        """Requests go to another address of the gateway's, with another password."""
-        usual = self.host, self.password
-        self.host, self.password = host, password
-        yield
-        self.host, self.password = usual
-
     def redis(self, *words):
         command = ["redis-cli", "-s", self.root / "run/redis/redis.sock", *words]
         return subprocess.run(command, capture_output=True, text=True, check=False).stdout.strip()
 
-    def tls(self):
-        return ssl.create_default_context(cafile=self.root / "etc/certs/redfish-gateway/certificate.pem")
-
     def connect(self, secure=False):
         if secure:
-            return http.client.HTTPSConnection("127.0.0.1", self.secure_port, timeout=30, context=self.tls())
+            tls = ssl.create_default_context(cafile=self.root / "etc/certs/redfish-gateway/certificate.pem")
+            return http.client.HTTPSConnection("127.0.0.1", self.secure_port, timeout=30, context=tls)
         return http.client.HTTPConnection(self.host, self.port, timeout=30)
 
-    def ask(self, method, path, body=None, headers=None, credentials=True, secure=False):
-        """One request; a body that is no text is sent as JSON."""
-        sent = {}
-        if credentials:
-            sent["Authorization"] = "Basic " + base64.b64encode(f"{USER}:{self.password}".encode()).decode()
+    def ask(self, method, path, body=None, headers=None, secure=False):
+        """One request; a body that is no text is sent as JSON. `headers` may set None for one that is not sent."""
+        credentials = base64.b64encode(f"{USER}:{self.password}".encode()).decode()
+        sent = {"Authorization": "Basic " + credentials}
         if body is not None:
             sent["Content-Type"] = "application/json"
-            body = body if isinstance(body, (str, bytes)) else json.dumps(body)
+            body = body if isinstance(body, str) else json.dumps(body)
         sent.update(headers or {})
         with contextlib.closing(self.connect(secure)) as connection:
             connection.request(method, path, body, {name: value for name, value in sent.items() if value is not None})
