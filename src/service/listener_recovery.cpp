@@ -21,10 +21,11 @@ AfterLoss ActionAfterLoss(ListenerRecovery recovery, LostConnection lost) {
   return lost == LostConnection::kChannel ? AfterLoss::kEndListener : AfterLoss::kServeOn;
 }
 
-std::chrono::milliseconds NextPause(std::chrono::milliseconds last) {
+std::chrono::milliseconds NextPause(std::chrono::milliseconds last, std::chrono::milliseconds served) {
   constexpr std::chrono::milliseconds kFirst{100};
   constexpr std::chrono::milliseconds kLongest{5000};
-  return std::clamp(2 * last, kFirst, kLongest);
+  constexpr std::chrono::milliseconds kSuccess{250};
+  return served >= kSuccess ? kFirst : std::clamp(2 * last, kFirst, kLongest);
 }
 
 }  // namespace event_service

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <thread>
 #include <typeinfo>
+#include <utility>
 
 #include "foundation/logging.h"
 #include "foundation/service_manager.h"
@@ -199,12 +200,11 @@ bool RedisAnswers() {
   return redis && TextOf(SendArguments(redis.get(), {"PING"})) == "PONG";
 }
 
-/// With no listener running: tries until everything is as after a start.
-void BringUpAgain(StartUp& startUp) {
-  std::chrono::milliseconds pause{};
+/// With no listener running: tries until everything is as after a start. `pause` is the last one, before and after.
+void BringUpAgain(StartUp& startUp, std::chrono::milliseconds served, std::chrono::milliseconds& pause) {
   bool isUp = false;
   while (!isUp) {
-    pause = NextPause(pause);
+    pause = NextPause(pause, std::exchange(served, {}));
     std::this_thread::sleep_for(pause);
     startUp.settings = ServiceSettings();
     isUp = RedisAnswers() && Run(Phase::kPrepare, startUp) && Initialise(startUp);
@@ -221,10 +221,12 @@ int RunStartUp(const StartUpSteps& steps, ServiceSettings& settings, Subscriptio
   const ProcessLog log(settings.paths.configuration);
   StartUp startUp{steps, settings, state};
   if (!Run(Phase::kPrepare, startUp) || !Initialise(startUp)) return kFailed;
-  for (;;) {
+  for (std::chrono::milliseconds pause{};;) {
+    const auto begin = std::chrono::steady_clock::now();
     if (!Run(Phase::kServe, startUp)) return kFailed;
     if (settings.listenerRecovery != ListenerRecovery::kReconnect) return 0;
-    BringUpAgain(startUp);
+    const auto served = std::chrono::steady_clock::now() - begin;
+    BringUpAgain(startUp, std::chrono::duration_cast<std::chrono::milliseconds>(served), pause);
   }
 }
 

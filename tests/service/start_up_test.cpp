@@ -192,10 +192,19 @@ TEST(Settings, StandInTheOperatorsTableAsInTheProgram) {
   EXPECT_NE(ReadFile(EVENT_SERVICE_SOURCE "/docs/operations.md").find(table + "\n"), std::string::npos) << table;
 }
 
-TEST(ListenerRecoveryPauses, GrowFromATenthOfASecondToFive) {
+TEST(ListenerRecoveryPauses, GrowFromATenthOfASecondToFiveUntilTheServiceHasServed) {
   std::chrono::milliseconds pause{};
-  for (const int expected : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
-    pause = NextPause(pause);
+  for (const auto& [served, expected] : std::initializer_list<std::pair<int, int>>{{0, 100},
+                                                                                   {0, 200},
+                                                                                   {249, 400},
+                                                                                   {0, 800},
+                                                                                   {0, 1600},
+                                                                                   {0, 3200},
+                                                                                   {0, 5000},
+                                                                                   {0, 5000},
+                                                                                   {250, 100},
+                                                                                   {0, 200}}) {
+    pause = NextPause(pause, std::chrono::milliseconds(served));
     EXPECT_EQ(pause.count(), expected);
   }
 }
