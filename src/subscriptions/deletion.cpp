@@ -221,8 +221,12 @@ void MemberDeletion::DeleteKeys(RedisPipeline& pipeline) {
 }
 
 void MemberDeletion::Forget() {
-  std::erase(state_.syslogTlsDestinationIds, MemberIdOf(uri_));
-  state_.halfChangedUris.erase(uri_);
+  if (isOutside_) {
+    std::erase(state_.syslogTlsDestinationIds, MemberIdOf(uri_));
+    state_.halfChangedUris.erase(uri_);
+  } else {
+    state_.halfChangedUris.insert(uri_);  // Redis has kept what the file loses
+  }
   if (hasFailed_) {
     state_.scatteredUris.insert(uri_);  // the repetition of the request finds the rest
   } else {

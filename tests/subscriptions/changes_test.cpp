@@ -195,6 +195,12 @@ TEST_F(ChangesTest, TheNextChangeCompletesWhatFailedHalfWay) {
     EXPECT_EQ(Stored(uri)["Context"], body["Context"]) << method;
   }
   EXPECT_EQ(InShort(Handle("PATCH", uri, {{"Context", body["Context"]}})), "OK_RES") << "all is in the file";
+  SendCommand(redis(), "ACL SETUSER keeper on nopass ~* &* +@all -lrem -unlink");
+  const RedisContext keeper = Connect();
+  SendCommand(keeper.get(), "AUTH keeper x");
+  EXPECT_EQ(Handle("DELETE", uri, {}, keeper.get()).status, kException);
+  EXPECT_EQ(InShort(Handle("PATCH", uri, {{"Context", "kept"}})), "OK_RES Success()");
+  EXPECT_EQ(Stored(uri)["Context"], "kept") << "the file has lost it with the deletion";
   proxy.Reset({.failedText = "HGET " + uri + " &&SensitiveData"});
   PrepareGet(MakeRequest("GET", uri, {}, connection.get()));
   EXPECT_TRUE(Field(uri, "&&SensitiveData").starts_with("SNMP/")) << "what cannot be read is not written over";
