@@ -12,6 +12,7 @@
 #include "service/event_group_id.h"
 #include "service/life_cycle_event.h"
 #include "service/redis_keys.h"
+#include "tests/requests/answer_text.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
 #include "tests/support/trip_counter.h"
@@ -21,21 +22,6 @@ namespace event_service {
 using Lines = std::vector<std::string>;
 
 inline constexpr std::string_view kTestEventUri = "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent";
-
-/// Status, then each message with its arguments: "FAILURE PropertyUnknown(A)". The Base registry's name is left out,
-/// "#" stands for the name of the action SubmitTestEvent.
-inline std::string Summary(const Answer& answer) {
-  constexpr std::string_view kBase = "Base.1.12.";
-  std::string summary(answer.status);
-  for (const Message& message : answer.messages) {
-    summary += " " + message.id.substr(message.id.starts_with(kBase) ? kBase.size() : 0) + "(";
-    for (const std::string& argument : message.args) {
-      summary += (summary.ends_with('(') ? "" : ", ") + (argument == "EventService.SubmitTestEvent" ? "#" : argument);
-    }
-    summary += ")";
-  }
-  return summary;
-}
 
 /// An EventService as a start leaves it. The handlers work through `proxy_`, the tests around it.
 class EventServiceTest : public RedisTest {

@@ -14,14 +14,15 @@ using PatchTest = EventServiceTest;
 
 TEST_F(PatchTest, AChangeIsStoredKeptForTheOwnerAloneAndAnnounced) {
   WriteFile(file_, "SMTP/Port=7\nno property\nServiceEnabled=true\n");
-  EXPECT_EQ(Summary(Patch(R"({"DeliveryRetryAttempts": 2.5e1})")), "OK_RES Success()");
+  EXPECT_EQ(InShort(Patch(R"({"DeliveryRetryAttempts": 2.5e1})")), "OK_RES Success()");
   EXPECT_EQ(proxy_.trips(), 3U);
   EXPECT_EQ(Stored("DeliveryRetryAttempts"), "25");
   EXPECT_NE(Stored("@odata.etag"), R"("\"1\"")");
   EXPECT_EQ(Dump()["raised"], "[change /redfish/v1/EventService EventService EventGroupId 1]");
 
-  EXPECT_EQ(Summary(Patch(R"({"Name": "n", "SMTP/Port": 1, "SMTP": {"Nothing": 1, "Port": 26, "Username": "me"}})")),
-            "OK_RES PropertyNotWritable(Name) PropertyUnknown(SMTP/Nothing) PropertyUnknown(SMTP/Port)");
+  EXPECT_EQ(InShort(Patch(R"({"Name": "n", "SMTP/Port": 1, "SMTP": {"Nothing": 1, "Port": 26, "Username": "me"}})")),
+            "OK_RES PropertyNotWritable(Name) @Name, PropertyUnknown(SMTP/Nothing) @SMTP/Nothing, "
+            "PropertyUnknown(SMTP/Port) @SMTP~1Port");
   EXPECT_EQ(Dump()[std::string(kSmtpKey)], R"({&&Password=null, Port=26, ServerAddress="mail", Username="me"})");
   EXPECT_EQ(ReadFile(file_), "DeliveryRetryAttempts=25\nSMTP/Port=26\nSMTP/Username=\"me\"\nServiceEnabled=true\n");
   EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0600));
@@ -42,7 +43,7 @@ TEST_F(PatchTest, ThePasswordIsKeptEncryptedAndReadsAsNull) {
   std::filesystem::remove(settings_.paths.passwordFile);
   const DatabaseDump before = Dump();
   const Answer answer = Patch(R"({"DeliveryRetryAttempts": 4, "SMTP": {"Password": "s3cret"}})");
-  EXPECT_EQ(Summary(answer), "EXCEPTION OperationFailed()");
+  EXPECT_EQ(InShort(answer), "EXCEPTION OperationFailed()");
   EXPECT_EQ(answer.logText, "OperationFailed: Failed to encrypt the SMTP password.");
   EXPECT_EQ(Dump(), before);
   EXPECT_EQ(ReadFile(file_), "SMTP/Password=null\n");
@@ -73,7 +74,7 @@ TEST_F(PatchTest, WhatDidNotGetIntoRedisOrTheFileIsSettledByTheNextChange) {
   EXPECT_EQ(Patch(body).status, "EXCEPTION");
   EXPECT_FALSE(KeyListing(redis(), "*SSE-ALL*").empty()) << "the service is off";
   proxy_.Reset();
-  EXPECT_EQ(Summary(Patch(body)), "OK_RES Success()");
+  EXPECT_EQ(InShort(Patch(body)), "OK_RES Success()");
   EXPECT_EQ(ReadFile(file_), "DeliveryRetryAttempts=4\nSMTP/Port=26\nServiceEnabled=false\n");
 
   const std::string file = std::exchange(settings_.paths.persistentProperties, Sandbox().Root());

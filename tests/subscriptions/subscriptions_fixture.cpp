@@ -1,10 +1,5 @@
 #include "tests/subscriptions/subscriptions_fixture.h"
 
-#include <jansson.h>
-
-#include <cstdlib>
-#include <memory>
-
 #include "resource_store/resource_reader.h"
 #include "resource_store/resource_writer.h"
 #include "service/event_group_id.h"
@@ -14,7 +9,6 @@
 #include "subscriptions/patch.h"
 #include "subscriptions/state.h"
 #include "subscriptions/syslog_exchange.h"
-#include "tests/support/trip_counter.h"
 
 namespace event_service {
 
@@ -45,21 +39,6 @@ const Json kBodies = Json::parse(R"({
     "stream": {"Id": "Stream-01", "Protocol": "Redfish", "Destination": "redfish-sse://10.0.0.1:99", "Context": "s",
         "HttpHeaders": [{"X-Stream": "a\"b"}]}
 })");
-
-std::string InShort(const Answer& answer) {
-  std::string text(answer.status);
-  const auto append = [&text](const char* before, const Names& texts) {
-    for (const std::string& part : texts) text.append(&part == texts.data() ? before : ", ").append(part);
-  };
-  for (const Message& message : answer.messages) {
-    append(&message == answer.messages.data() ? " " : ", ",
-           {message.id.substr(message.id.starts_with("Base.1.12.") ? std::size("Base.1.12.") - 1 : 0)});
-    append("(", message.args);
-    text += message.args.empty() ? "()" : ")";
-    append(" @", message.relatedProperties);
-  }
-  return text;
-}
 
 void SubscriptionsTest::SetUp() {
   RedisTest::SetUp();
@@ -124,25 +103,6 @@ std::string SubscriptionsTest::Create(const Json& body) {
   return Field("request", "&&Location");
 }
 
-void SubscriptionsTest::FailEachCommand(const std::function<void()>& prepare,
-                                        const std::function<void(redisContext*, bool)>& run) {
-  TripCounter proxy(Server().SocketPath());
-  size_t commands = 0;  // known after the first round, in which nothing fails
-  for (size_t n = 0; n <= commands; ++n) {
-    for (const bool isCut : {false, true}) {
-      SCOPED_TRACE((isCut ? "connection cut before command " : "failed command ") + std::to_string(n));
-      FillRedis();
-      state_.emplace();
-      prepare();
-      const RedisContext connection = proxy.Connect();
-      proxy.Reset(isCut ? RedisFaults{.cutAfter = n - 1} : RedisFaults{.failedCommand = n});
-      const StreamCapture store(STDERR_FILENO);
-      run(connection.get(), isCut);
-      commands = std::max(commands, proxy.commands().size());
-    }
-  }
-}
-
 Json SubscriptionsTest::Stored(const std::string& uri) {
   Json document;
   EXPECT_TRUE(ReadResource(redis(), uri, document, {.withControlFields = true}));
@@ -155,20 +115,11 @@ Json SubscriptionsTest::Stored(const std::string& uri) {
 }
 
 Json SubscriptionsTest::InFile() {
-  const DbValue root = state_->db.File().LoadDb();
-  const std::unique_ptr<char, decltype(&std::free)> text(json_dumps(root.get(), 0), std::free);
-  Json file = Json::parse(text ? text.get() : "{}");
+  Json file = Json::parse(DecryptedDatabase(settings_.paths), nullptr, false);
   Json members;
   for (const Json& member : file["Members"]) members[member["@odata.id"].get<std::string>()] = member;
   file["Members"] = members;
   return file;
-}
-
-Names SubscriptionsTest::Elements(const std::string& list) {
-  Names elements;
-  const RedisReply reply = SendArguments(redis(), {"LRANGE", list, "0", "-1"});
-  for (size_t i = 0; IsArray(reply) && i < reply->elements; ++i) elements.emplace_back(TextOf(reply->element[i]));
-  return elements;
 }
 
 void SubscriptionsTest::ExpectCount(size_t count) {

@@ -3,15 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "requests/answer.h"
 #include "requests/request.h"
 #include "resource_store/store_encoding.h"
 #include "service/settings.h"
+#include "tests/requests/answer_text.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
 
@@ -24,9 +23,6 @@ inline const std::string kMembers = "&&" + kCollection + "/Members";
 
 /// The bodies of creations by their kind, one of each that the service knows, with Ids.
 extern const Json kBodies;
-
-/// "FAILURE PropertyValueTypeError(5, Id) @Id, PropertyUnknown(Foo) @Foo"; the Base registry's name is left out.
-std::string InShort(const Answer& answer);
 
 class SubscriptionsTest : public RedisTest {
  protected:
@@ -45,10 +41,6 @@ class SubscriptionsTest : public RedisTest {
 
   /// Creates a subscription, which must succeed, and gives its URI.
   std::string Create(const Json& body);
-  /// For every n: `prepare` an empty service, then `run` a request through a connection whose n-th command fails, or,
-  /// the second time, which ends there. 0 is for none.
-  void FailEachCommand(const std::function<void()>& prepare,
-                       const std::function<void(redisContext* connection, bool isCut)>& run);
 
   /// What is stored there, with control fields. The test fails when the database file holds something else, unless it
   /// is a stream, which no file knows, or no subscription.
@@ -56,7 +48,6 @@ class SubscriptionsTest : public RedisTest {
   /// The database file, with an object of the members by URI.
   Json InFile();
   std::string Field(const std::string& key, const std::string& field) { return HashRead(redis(), key, field); }
-  Names Elements(const std::string& list);
   /// The members are so many, and every place that counts them says so.
   void ExpectCount(size_t count);
   /// The last two life-cycle events, in one group, say this about the member and that the collection changed.

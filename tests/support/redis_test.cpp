@@ -1,29 +1,28 @@
 #include "tests/support/redis_test.h"
 
-#include <algorithm>
-#include <vector>
+#include <set>
 
 #include "foundation/file_paths.h"
 
 namespace event_service {
 
+std::vector<std::string> RedisTest::Elements(const std::string& list) {
+  const RedisReply reply = SendArguments(redis(), {"LRANGE", list, "0", "-1"});
+  const std::vector<std::string_view> texts = TextsOf(reply);
+  return {texts.begin(), texts.end()};
+}
+
 std::string RedisTest::ContentOf(const std::string& key) {
   const std::string type(TextOf(SendArguments(redis(), {"TYPE", key})));
   if (type == "string") return std::string(TextOf(SendArguments(redis(), {"GET", key})));
-  const RedisReply reply = type == "list"  ? SendArguments(redis(), {"LRANGE", key, "0", "-1"})
-                           : type == "set" ? SendArguments(redis(), {"SMEMBERS", key})
-                                           : SendArguments(redis(), {"HGETALL", key});
+  if (type == "list") return "[" + CommaSeparated(Elements(key)) + "]";
+  const RedisReply reply = SendArguments(redis(), {type == "set" ? "SMEMBERS" : "HGETALL", key});
   EXPECT_TRUE(IsArray(reply)) << key << " is a " << type;
   const std::vector<std::string_view> texts = TextsOf(reply);
-  std::vector<std::string> parts(texts.begin(), texts.end());
-  for (size_t i = 0; type == "hash" && i < parts.size(); ++i) {
-    parts[i] += "=" + parts[i + 1];
-    parts.erase(parts.begin() + static_cast<std::ptrdiff_t>(i) + 1);
-  }
-  if (type != "list") std::ranges::sort(parts);
-  std::string text;
-  for (const std::string& part : parts) text.append(text.empty() ? "" : ", ").append(part);
-  return type == "list" ? "[" + text + "]" : type == "set" ? "(" + text + ")" : "{" + text + "}";
+  if (type == "set") return "(" + CommaSeparated(std::set<std::string>(texts.begin(), texts.end())) + ")";
+  std::set<std::string> fields;
+  for (size_t i = 0; i < texts.size(); i += 2) fields.insert(std::string(texts[i]).append("=").append(texts[i + 1]));
+  return "{" + CommaSeparated(fields) + "}";
 }
 
 DatabaseDump RedisTest::Dump() {

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "foundation/redis_commands.h"
 #include "tests/support/redis_server.h"
@@ -15,6 +16,14 @@ namespace event_service {
 
 /// Every key with what it holds, in one line of text; for comparisons of before and after.
 using DatabaseDump = std::map<std::string, std::string>;
+
+/// "a, b".
+template <typename Texts>
+std::string CommaSeparated(const Texts& texts) {
+  std::string all;
+  for (const std::string& text : texts) all += ", " + text;
+  return all.erase(0, 2);
+}
 
 /// One server and one sandbox root per suite; ProcessPaths() names the root, so redisConnectContext() reaches the
 /// server. Database and root are emptied before each test. A server that a test has killed is started again.
@@ -32,6 +41,7 @@ class RedisTest : public testing::Test {
   /// One more connection to the server.
   static RedisContext Connect();
   DatabaseDump Dump();
+  std::vector<std::string> Elements(const std::string& list);
   /// What one key holds, in one line of text.
   std::string ContentOf(const std::string& key);
 
