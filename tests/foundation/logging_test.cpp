@@ -37,27 +37,24 @@ TEST_F(LoggingTest, WhatCannotBeConfiguredIsSaidOnStandardErrorWhichTakesTheLine
   const std::string badFile = sandbox_.Root() + "/missing/log";
   ChildProcess other;  // under an emulator no process has this program's name
   other.Start({"sleep", "60"}, sandbox_.Root() + "/output");
-  const struct {
-    std::string configuration;
-    std::string said = "";
-    bool toFile = true;
-  } cases[] = {
-      {useFile_},
-      {"", "Log filename is not specified." + kInstead, false},
-      {"LOG_FILE=" + badFile, "Failed to create the log filename - " + badFile + kInstead, false},
-      {useFile_ + "LOG_SYSTEM=sleep", "sleep is found." + kInstead, false},
-      {useFile_ + "LOG_SYSTEM=no-such-process"},
+  const std::pair<std::string, std::string> cases[] = {
+      {useFile_, ""},
+      {"", "Log filename is not specified." + kInstead},
+      {"LOG_FILE=" + badFile, "Failed to create the log filename - " + badFile + kInstead},
+      {useFile_ + "LOG_SYSTEM=sleep", "sleep is found." + kInstead},
+      {useFile_ + "LOG_SYSTEM=no-such-process", ""},
       {useFile_ + "LOG_FILE_SIZE=letters", "Error: Invalid argument\n"},
       {useFile_ + "LOG_FILE_SIZE=2147483648", "Error: Numerical result out of range\n"},
   };
-  for (const auto& row : cases) {
+  for (const auto& [configuration, said] : cases) {
     std::filesystem::remove(file_);
     const StreamCapture output(STDOUT_FILENO);  // pidof writes there
     const StreamCapture error(STDERR_FILENO);
-    Configure(row.configuration);
+    Configure(configuration);
     LogError("%s %d", "a line", 1);
-    EXPECT_EQ(error.Text(), row.said + (row.toFile ? "" : "[Error]: a line 1\n")) << row.configuration;
-    EXPECT_EQ(ReadFile(file_).ends_with(" [Error]: a line 1\n"), row.toFile) << row.configuration;
+    const bool isInstead = said.ends_with(kInstead);
+    EXPECT_EQ(error.Text(), said + (isInstead ? "[Error]: a line 1\n" : "")) << configuration;
+    EXPECT_NE(ReadFile(file_).ends_with(" [Error]: a line 1\n"), isInstead) << configuration;
   }
 }
 
@@ -113,14 +110,9 @@ TEST_F(LoggingTest, WhatAMessageRepeatsCannotSteerATerminalNorBeginALine) {
 }
 
 TEST_F(LoggingTest, AFullLogIsMovedAsideBeforeTheNextLine) {
-  const struct {
-    const char* limit;
-    size_t size;
-    bool rotates;
-  } cases[] = {{"1000", 999, false}, {"1000", 1000, true}, {"0", 1000, false}, {"-5", 1000, false}};
-  for (const auto& row : cases) {
-    Configure(useFile_ + "LOG_FILE_SIZE=" + row.limit);
-    const std::string content(row.size, 'x');
+  for (const auto& [limit, size] : {std::pair("1000", 999u), {"1000", 1000u}, {"0", 1000u}, {"-5", 1000u}}) {
+    Configure(useFile_ + "LOG_FILE_SIZE=" + limit);
+    const std::string content(size, 'x');
     WriteFile(file_, content);
     LogError("next");
     std::string moved;
@@ -129,8 +121,9 @@ TEST_F(LoggingTest, AFullLogIsMovedAsideBeforeTheNextLine) {
       moved += ReadFile(entry.path());
       std::filesystem::remove(entry.path());
     }
-    EXPECT_EQ(moved, row.rotates ? content : "") << row.limit << " " << row.size;
-    EXPECT_EQ(ReadFile(file_).find("Error") < 40, row.rotates) << "the first line of a new file";
+    const bool rotates = std::stoul(limit) == size;
+    EXPECT_EQ(moved, rotates ? content : "") << limit << " " << size;
+    EXPECT_EQ(ReadFile(file_).find("Error") < 40, rotates) << "the first line of a new file";
   }
 }
 

@@ -7,13 +7,13 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "resource_store/resource_writer.h"
 #include "service/redis_keys.h"
 #include "service/start_up.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/redis_test.h"
 #include "tests/support/trip_counter.h"
 
@@ -60,10 +60,7 @@ class StartUpSandbox : public RedisTest {
     std::construct_at(&state_);
     const int status = RunStartUp(steps_, settings_, state_);
     errors_.clear();
-    std::istringstream lines(ReadFile(log));
-    for (std::string line; std::getline(lines, line);) {
-      if (const size_t at = line.find("[Error]: "); at != std::string::npos) errors_ += line.substr(at + 9) + '\n';
-    }
+    for (const std::string& line : MessagesIn(ReadFile(log), "[Error]: ")) errors_ += line + '\n';
     return status;
   }
 
