@@ -262,9 +262,6 @@ class Life(unittest.TestCase):
 
 
 class Streams(unittest.TestCase):
-    def setUp(self):
-        self.addCleanup(sandbox.ask, "PATCH", SERVICE, {"ServiceEnabled": True})
-
     def test_a_stream_carries_its_events_and_ends_with_its_subscription(self):
         query = "(RegistryPrefix eq 'Base' or RegistryPrefix eq 'ResourceEvent') and " \
                 "OriginResource eq '/redfish/v1/Chassis/1'"
@@ -305,6 +302,7 @@ class Streams(unittest.TestCase):
         def lose(stream):
             sandbox.redis("lrem", f"&&{COLLECTION}/Members", "0", f"&&ObjectRef &&{stream.uri}")
 
+        self.addCleanup(sandbox.ask, "PATCH", SERVICE, {"ServiceEnabled": True})
         for end in (lambda stream: sandbox.ask("PATCH", SERVICE, {"ServiceEnabled": False}), lose):
             sandbox.ask("PATCH", SERVICE, {"ServiceEnabled": True})
             stream = Stream(self)

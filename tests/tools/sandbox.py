@@ -119,10 +119,8 @@ class Sandbox:
         if number in (signal.SIGKILL, signal.SIGTERM):
             self.programs[name].wait(30)
         if number == signal.SIGSTOP:
-            # A stop is complete when each thread has come to it.
-            tasks = pathlib.Path(f"/proc/{self.programs[name].pid}/task")
-            stopped = lambda: all((task / "stat").read_text().split(") ")[1][0] == "T" for task in tasks.iterdir())
-            assert eventually(stopped), f"{name} does not stop"
+            # Until each thread has come to its stop.
+            os.waitid(os.P_PID, self.programs[name].pid, os.WSTOPPED)
 
     def stop(self):
         for program in reversed(self.programs.values()):
