@@ -145,7 +145,7 @@ class Chaos : public DaemonTest {
       for (int round = 0; round < Rounds(); ++round) {
         const int before = answered;
         EXPECT_TRUE(Eventually([&] { return answered > before; })) << "nothing is answered in round " << round;
-        Pause(300);
+        Pause(150);
         Server().Kill();
         if (recovery.exitStatus) {
           EXPECT_EQ(daemon_.ExitStatus(), recovery.exitStatus);
@@ -154,7 +154,7 @@ class Chaos : public DaemonTest {
           EXPECT_EQ(daemon_.ExitStatus(), 255) << "a start without Redis";
         }
         if (recovery.losesData) LoseData();
-        Pause(300);
+        Pause(150);
         RestartServer(folder_);
         if (recovery.exitStatus) Launch();
       }
