@@ -1,5 +1,3 @@
-#include "service/start_up.h"
-
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -14,8 +12,12 @@
 
 #include "foundation/configuration.h"
 #include "service/discovery.h"
+#include "service/event_group_id.h"
+#include "service/start_up.h"
 #include "tests/service/start_up_sandbox.h"
 #include "tests/support/canned_replies.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/redis_test.h"
 
 // The linker gives startup the second for pthread_create. A listener's work is done before its thread starts.
 // NOLINTBEGIN(bugprone-reserved-identifier)
@@ -200,18 +202,11 @@ TEST(Settings, StandInTheOperatorsTableAsInTheProgram) {
 
 TEST(ListenerRecoveryPauses, GrowFromATenthOfASecondToFiveUntilTheServiceHasServed) {
   std::chrono::milliseconds pause{};
-  for (const auto& [served, expected] : std::initializer_list<std::pair<int, int>>{{0, 100},
-                                                                                   {0, 200},
-                                                                                   {249, 400},
-                                                                                   {0, 800},
-                                                                                   {0, 1600},
-                                                                                   {0, 3200},
-                                                                                   {0, 5000},
-                                                                                   {0, 5000},
-                                                                                   {250, 100},
-                                                                                   {0, 200}}) {
-    pause = NextPause(pause, std::chrono::milliseconds(served));
-    EXPECT_EQ(pause.count(), expected);
+  const int served[] = {0, 0, 249, 0, 0, 0, 0, 0, 250, 0};
+  const int expected[] = {100, 200, 400, 800, 1600, 3200, 5000, 5000, 100, 200};
+  for (size_t i = 0; i < std::size(served); ++i) {
+    pause = NextPause(pause, std::chrono::milliseconds(served[i]));
+    EXPECT_EQ(pause.count(), expected[i]) << i;
   }
 }
 
@@ -243,6 +238,38 @@ TEST_F(StartUpTest, ExceptionsAndMissingThreadsEndItWithTheirLine) {
     EXPECT_EQ(calls, row.calls) << row.errors;
   }
   thrownLast = nullptr;
+}
+
+class EventGroupIdTest : public RedisTest {
+ protected:
+  LogCapture log_;
+};
+
+TEST_F(EventGroupIdTest, IdentifiersRunToTheMaximumAndStartAgain) {
+  const struct {
+    const char *maximum, *counter;
+    uint32_t id;
+    const char* counterAfter;
+  } cases[] = {
+      {"3", "0", 1, "1"},    {"+3", "2", 3, "0"},         {"4", "6", 4, "0"},  // it was lowered below the counter
+      {"1", "0", 1, "0"},    {"9", "-7", 1, "1"},         {"9", "9223372036854775807", 1, "1"},
+      {"2.5", "5", 6, "6"},  {"0", "5", 6, "6"},          {"7 ", "7", 8, "8"},  // no maximum from here on
+      {"many", "5", 6, "6"}, {"", "5", 6, "6"},           {"2147483648", "5", 6, "6"},
+      {"+-5", "5", 6, "6"},  {"9999999999x", "5", 6, "6"}};
+  for (const auto& row : cases) {
+    ForgetMaxEventGroupId();
+    HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", row.maximum);
+    HashWrite(redis(), "/redfish/v1/EventService", "&&EVENT_GROUP_ID_COUNTER", row.counter);
+    EXPECT_EQ(NextEventGroupId(redis()), row.id) << row.maximum << " " << row.counter;
+    EXPECT_EQ(HashRead(redis(), "/redfish/v1/EventService", "&&EVENT_GROUP_ID_COUNTER"), row.counterAfter);
+  }
+  HashWrite(redis(), "webDefaultValue", "MAX_EVENT_GROUP_ID", "5");
+  EXPECT_EQ(MaxEventGroupId(redis()), 5);
+  CannedConnection gone("");
+  EXPECT_EQ(MaxEventGroupId(gone.redis()), 5) << "known, without a round trip";
+  ForgetMaxEventGroupId();
+  EXPECT_EQ(NextEventGroupId(gone.redis()), 1U) << "without Redis";
+  EXPECT_EQ(log_.Errors().size(), 12U) << "a fraction is passed over in silence";
 }
 
 }  // namespace

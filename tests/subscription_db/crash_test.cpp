@@ -161,8 +161,9 @@ class CrashTest : public RedisTest {
 
   /// Does the operations in a child process, up to a start that fails.
   static ChildReport Run(const Operations& operations, const Fault& ofChild = {}) {
-    void* shared = mmap(nullptr, sizeof(ChildReport), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    auto* child = new (shared) ChildReport;
+    static auto* const child =
+        new (mmap(nullptr, sizeof(ChildReport), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) ChildReport;
+    *child = {};
     const pid_t pid = fork();
     if (pid == 0) {
       dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
@@ -177,9 +178,7 @@ class CrashTest : public RedisTest {
       _exit(0);
     }
     waitpid(pid, nullptr, 0);
-    const ChildReport result = *child;
-    munmap(shared, sizeof(ChildReport));
-    return result;
+    return *child;
   }
 
   /// What a start with an emptied Redis finds.
@@ -187,11 +186,9 @@ class CrashTest : public RedisTest {
     SendCommand(redis(), "FLUSHALL");
     EXPECT_STREQ(Run({"start"}).results, "y");
     std::string set;
-    const RedisReply entries =
-        SendArguments(redis(), {"LRANGE", "&&/redfish/v1/EventService/Subscriptions/Members", "0", "-1"});
-    for (size_t i = 0; IsArray(entries) && i < entries->elements; ++i) {
+    for (const std::string& entry : Elements("&&/redfish/v1/EventService/Subscriptions/Members")) {
       Json member;
-      const std::string uri(MemberUriOf(TextOf(entries->element[i])));
+      const std::string uri(MemberUriOf(entry));
       EXPECT_TRUE(ReadResource(redis(), uri, member, {.withControlFields = true})) << uri;
       set += member["Context"] == "changed" ? static_cast<char>(std::tolower(uri.back())) : uri.back();
       EXPECT_EQ(member, MemberOf(set.back())) << "not whole";

@@ -41,6 +41,11 @@ TEST_F(DbSandboxTest, AChangeRunsFourCommandsAndTouchesWhatItNamesOnlyOrNothing)
   const auto insert = [](const std::string& text) -> Change {
     return [text](SubscriptionDb& db) { return db.InsertDbSubscription("B", text, kPrivileges, kEtagText); };
   };
+  const auto insertWithout = [&](const char* name) {
+    Json member = MemberOf('B');
+    member.erase(name);
+    return insert(member.dump());
+  };
   const auto remove = [](const char* id) -> Change {
     return [id](SubscriptionDb& db) { return db.DeleteDbSubscription(kUris + id, kEtagText); };
   };
@@ -51,45 +56,41 @@ TEST_F(DbSandboxTest, AChangeRunsFourCommandsAndTouchesWhatItNamesOnlyOrNothing)
     outside["@odata.id"] = kUris + "C/D";
     return !db.WriteBackDbSubscriptions(std::vector{MemberOf('D'), outside, MemberOf('a'), MemberOf(' ')}, kEtagText);
   };
-  Json memberB = MemberOf('B');
-  memberB.erase("&&Privileges");
   const struct {
     std::string before;  // members, or a text that is no document
     Change change;
-    const char* after;  // null: refused
-    std::string refusal = "";
+    std::string after;  // a line where it is refused
   } cases[] = {
-      {"A", insert(memberB.dump()), "AB"},
+      {"A", insertWithout("&&Privileges"), "AB"},
       {"AAB", insert(MemberOf('a').dump()), "Ba"},
       {"ABB", remove("B"), "AB"},
       {"A", remove(""), "A"},
       {"A", refresh, "A"},
       {"AB", writeBack, "BDa"},
-      {"cut {", refresh, nullptr, "Cannot load database from file.\n"},
-      {"{\"x\": " + std::string(64, '[') + std::string(64, ']') + "}", refresh, nullptr,
-       "Cannot load database from file.\n"},
-      {"[]", insert("{}"), nullptr, "DB root object is empty.\n"},
-      {"{}", insert("{}"), nullptr, "Subscription DB file lack of \"Members\" field.\n"},
-      {R"({"Members": 1})", update, nullptr, "Failed to get \"Members\" array from DB file\n"},
-      {"A", update, nullptr, "Failed to update the subscription " + kUris + "C in the DB file.\n"},
-      {"A", insert(R"({"@odata.id": "\u0000"})"), nullptr, "Subscription B is empty.\n"},
-      {"A", insert("{}"), nullptr, "The DB file cannot hold a subscription with the URI \"\".\n"},
+      {"cut {", refresh, "Cannot load database from file.\n"},
+      {"{\"x\": " + std::string(64, '[') + std::string(64, ']') + "}", refresh, "Cannot load database from file.\n"},
+      {"[]", insert("{}"), "DB root object is empty.\n"},
+      {"{}", insert("{}"), "Subscription DB file lack of \"Members\" field.\n"},
+      {R"({"Members": 1})", update, "Failed to get \"Members\" array from DB file\n"},
+      {"A", update, "Failed to update the subscription " + kUris + "C in the DB file.\n"},
+      {"A", insert(R"({"@odata.id": "\u0000"})"), "Subscription B is empty.\n"},
+      {"A", insertWithout("@odata.id"), "The DB file cannot hold a subscription with the URI \"\".\n"},
   };
-  for (size_t i = 0; i < std::size(cases); ++i) {
-    const auto& row = cases[i];
-    SCOPED_TRACE("row " + std::to_string(i));
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.before + " becomes " + row.after);
     LayOut("");
     StoreText(Paths(), std::isupper(row.before[0]) != 0 ? DocumentOf(row.before).dump() : row.before);
     log_.Clear();
     const auto filesBefore = Files();
     SubscriptionDb db = NewDb();
-    EXPECT_EQ(row.change(db), row.after != nullptr);
-    if (row.after != nullptr) {
+    const bool isRefused = row.after.ends_with('\n');
+    EXPECT_NE(row.change(db), isRefused);
+    if (isRefused) {
+      EXPECT_EQ(Errors(), row.after);
+      EXPECT_EQ(Files(), filesBefore);
+    } else {
       EXPECT_EQ(commands_, 4U);
       EXPECT_EQ(Stored(), DocumentOf(row.after, "\"ABC\""));
-    } else {
-      EXPECT_EQ(Errors(), row.refusal);
-      EXPECT_EQ(Files(), filesBefore);
     }
   }
   WriteFile(Paths().databaseFile, "Salted__");
@@ -122,47 +123,46 @@ TEST_F(DbSandboxTest, AnUpdateMergesObjectsReplacesTheRestAndTakesOutWhatIsNamed
 TEST_F(DbSandboxTest, AChangeThatFailedIsMadeWithTheNextAndNotAgain) {
   LayOut("D=A");
   SubscriptionDb db = NewDb();
-  const auto isDecoding = [](const std::string& command) { return command.find(" -d ") != std::string::npos; };
-  fails_ = isDecoding;
-  EXPECT_FALSE(db.DeleteDbSubscription(kUris + "B", kEtagText));  // in their order
-  EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
-  fails_ = [](const std::string&) { return false; };
+  const auto remove = [&](const std::string& id) { return db.DeleteDbSubscription(kUris + id, kEtagText); };
+  const auto insertB = [&] { return db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText); };
+  const auto failWhile = [&](const std::string& option, const std::function<void()>& changes) {
+    fails_ = [option](const std::string& command) { return command.find(option) != std::string::npos; };
+    changes();
+    fails_ = [](const std::string&) { return false; };
+  };
+  const auto expectAfter = [&](const std::string& removed, const std::string& ids) {
+    EXPECT_TRUE(remove(removed));
+    EXPECT_EQ(Stored(), DocumentOf(ids, "\"ABC\"")) << "without " << removed;
+  };
+  failWhile(" -d ", [&] { EXPECT_FALSE(remove("B") || insertB()); });  // in their order
   EXPECT_TRUE(db.RefreshDbEtag(kEtagText));
   EXPECT_EQ(Stored(), DocumentOf("AB", "\"ABC\""));
-  for (const auto& [removed, after] : {std::pair("C", "AB"), {"B", "A"}, {"C", "A"}}) {
-    EXPECT_TRUE(db.DeleteDbSubscription(kUris + removed, kEtagText));
-    EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << "without " << removed;
-  }
+  for (const auto& [removed, after] : {std::pair("C", "AB"), {"B", "A"}, {"C", "A"}}) expectAfter(removed, after);
   for (const auto& [changes, after] : {std::pair(255, "AB"), {256, "A"}}) {  // beyond 256 the oldest is given up
-    fails_ = isDecoding;
-    EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
-    for (int i = 0; i < changes; ++i) EXPECT_FALSE(db.DeleteDbSubscription(kUris + "C", kEtagText));
-    fails_ = [](const std::string&) { return false; };
-    EXPECT_TRUE(db.DeleteDbSubscription(kUris + "D", kEtagText));
-    EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << changes;
-    EXPECT_TRUE(db.DeleteDbSubscription(kUris + "B", kEtagText));
+    failWhile(" -d ", [&] {
+      EXPECT_FALSE(insertB());
+      for (int i = 0; i < changes; ++i) EXPECT_FALSE(remove("C"));
+    });
+    expectAfter("D", after);
+    expectAfter("B", "A");
   }
   for (const auto& [isTaken, after] : {std::pair(true, "AB"), {false, "A"}}) {  // a startup loads what is written now
-    fails_ = isDecoding;
-    EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
-    if (isTaken) fails_ = [](const std::string&) { return false; };
+    failWhile(" -d ", [&] {
+      EXPECT_FALSE(insertB());
+      if (!isTaken) db.SettleUnwritten();
+    });
     db.SettleUnwritten();
-    fails_ = [](const std::string&) { return false; };
     EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << isTaken;
-    EXPECT_TRUE(db.DeleteDbSubscription(kUris + "D", kEtagText));
-    EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << isTaken;
-    EXPECT_TRUE(db.DeleteDbSubscription(kUris + "B", kEtagText));
+    expectAfter("D", after);
+    expectAfter("B", "A");
   }
   commands_ = 0;
   db.SettleUnwritten();
   EXPECT_EQ(commands_, 0U) << "nothing is left";
-  fails_ = [](const std::string& command) { return command.find(" enc -aes") != std::string::npos; };
-  EXPECT_FALSE(db.InsertDbSubscription("B", MemberOf('B').dump(), kPrivileges, kEtagText));
-  EXPECT_FALSE(db.DeleteDbSubscription(kUris + "A", kEtagText));
+  failWhile(" enc -aes", [&] { EXPECT_FALSE(insertB() || remove("A")); });
   EXPECT_EQ(Json::parse(ReadFile(Paths().plainDatabaseFile)), DocumentOf("AB", "\"ABC\"")) << "what is ahead stays";
   std::filesystem::remove(Paths().plainDatabaseFile);
-  fails_ = [](const std::string&) { return false; };
-  EXPECT_TRUE(db.DeleteDbSubscription(kUris + "C", kEtagText)) << "goes on without a plain file that somebody took";
+  EXPECT_TRUE(remove("C")) << "goes on without a plain file that somebody took";
 }
 
 TEST_F(DbSandboxTest, APasswordIsTheFirstLineOfItsFileOrGeneratedOnce) {

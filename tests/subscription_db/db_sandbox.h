@@ -8,16 +8,13 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "subscription_db/subscription_db.h"
-
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox_root.h"
 

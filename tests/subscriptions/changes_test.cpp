@@ -106,21 +106,20 @@ TEST_F(ChangesTest, TheSyslogForwarderKnowsTheFirstFilter) {
   };
   const std::string all = created(R"("Severity":"All",)");
   const struct {
-    const char* filters;
+    std::string filters;
     Names answers;  // of the forwarder
     Names orders;
-    const char* answer = "OK_RES Success()";
-    size_t errors = 0;
     bool isHalfChanged = false;  // beforehand
   } cases[] = {
       {R"([{}, {"LowestSeverity": "Debug"}])", {}, {}},
       {R"([{"LowestSeverity": "All"}, {}])", {"OK"}, {deleted, all}},
-      {R"([null])", {"no", "OK"}, {deleted, created(""), deleted, all}, "UNAVAILABLE OperationFailed()", 1},
-      {R"([null])", {"no", "no"}, {deleted, created(""), deleted, all}, "UNAVAILABLE OperationFailed()", 2},
+      {R"([null])", {"no", "OK"}, {deleted, created(""), deleted, all}},
+      {R"([null])", {"no", "no"}, {deleted, created(""), deleted, all}},
       {R"([null, null])", {"OK"}, {deleted, created("")}},
-      {R"([{}])", {"OK"}, {deleted, created("")}, "OK_RES Success()", 0, true},
+      {R"([{}])", {"OK"}, {deleted, created("")}, true},
   };
   for (const auto& row : cases) {
+    SCOPED_TRACE(row.filters);
     if (row.isHalfChanged) state_->halfChangedUris.insert(uri);
     ListAppend(redis(), answers, "OK");  // from earlier times
     Names orders;
@@ -133,12 +132,14 @@ TEST_F(ChangesTest, TheSyslogForwarderKnowsTheFirstFilter) {
     });
     const DatabaseDump before = Resources();
     const LogCapture log;
-    EXPECT_EQ(Patch(uri, (R"({"SyslogFilters": )" + std::string(row.filters) + "}").c_str()), row.answer);
+    const auto refusals = static_cast<size_t>(std::ranges::count(row.answers, "no"));
+    EXPECT_EQ(Patch(uri, (R"({"SyslogFilters": )" + row.filters + "}").c_str()),
+              refusals > 0 ? "UNAVAILABLE OperationFailed()" : "OK_RES Success()");
     forwarder.join();
-    EXPECT_EQ(orders, row.orders) << row.filters;
+    EXPECT_EQ(orders, row.orders);
     EXPECT_EQ(Elements(queue), Names{});
-    EXPECT_EQ(log.Errors().size(), row.errors) << row.filters;
-    EXPECT_EQ(Resources() != before, row.errors == 0) << row.filters;
+    EXPECT_EQ(log.Errors().size(), refusals);
+    EXPECT_EQ(Resources() == before, refusals > 0);
     EXPECT_TRUE(row.answers.empty() || Elements(answers).empty());
     Stored(uri);
   }
@@ -209,25 +210,24 @@ TEST_F(ChangesTest, SuspendedSubscriptionsAreResumed) {
   EXPECT_EQ(Resources(), withStream) << "a stream has no Status";
   const std::string uri = Create(kBodies["Redfish"]);
   const struct {
-    const char* method;
+    std::string method;
     Json state;
     const char* answer = "";
-    const char* stored = "Disabled";
     bool isChange = false;
-    size_t errors = 0;
-  } cases[] = {{"POSTACTION", {}, "OK_RES", "Enabled"},  // with the no-operation response
-               {"STATE", "Disabled", "", "Disabled", true},
+  } cases[] = {{"POSTACTION", {}, "OK_RES"},  // with the no-operation response
+               {"STATE", "Disabled", "", true},
                {"STATE", "Disabled"},
-               {"STATE", 5, "", "Disabled", false, 1},
-               {"POSTACTION", {}, "OK_RES Success()", "Enabled", true}};
+               {"STATE", 5},
+               {"POSTACTION", {}, "OK_RES Success()", true}};
   for (const auto& row : cases) {
+    SCOPED_TRACE(row.method + row.state.dump());
     const DatabaseDump before = Resources();
     const LogCapture log;
     EXPECT_EQ(InShort(Handle(row.method, uri, {{"Status", {{"State", row.state}}}})), row.answer);
-    EXPECT_EQ(Stored(uri)["Status"]["State"], row.stored);
-    EXPECT_EQ(Resources() != before, row.isChange) << row.method << row.state;
-    EXPECT_TRUE(!row.isChange || Elements("events").back().starts_with("status " + uri + " ")) << row.state;
-    EXPECT_EQ(log.Errors().size(), row.errors) << row.state;
+    EXPECT_EQ(Stored(uri)["Status"]["State"], row.method == "STATE" ? "Disabled" : "Enabled");
+    EXPECT_EQ(Resources() != before, row.isChange);
+    EXPECT_TRUE(!row.isChange || Elements("events").back().starts_with("status " + uri + " "));
+    EXPECT_EQ(log.Errors().size(), row.state == 5 ? 1u : 0u);
   }
 }
 
