@@ -1,5 +1,5 @@
-# The headers that nearly every source reads, compiled once for all libraries and once for all test programs. Only the
-# presets of development ask for it: what ships is built without, and so tells of a source that lacks an include.
+# The headers that nearly every source reads, compiled once for all libraries and once for all test programs. The
+# presets with tests ask for it: the release is built without, and so tells of a source that lacks an include.
 if(EVENT_SERVICE_PRECOMPILED_HEADERS AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
   # What gcc 12 wrongly says of the standard library's strings is hidden only where it comes from a system's header, and
   # a precompiled one counts as ours. The other builds keep these warnings.
