@@ -82,7 +82,8 @@ class Sandbox:
         """Starts a program of ours, or another one that has no such name."""
         ours = self.binaries / name
         command = ["setpriv", "--pdeathsig", "KILL", ours if ours.exists() else name, *arguments]
-        environment = dict(os.environ, EVENT_SERVICE_ROOT=str(self.root))
+        # Memory that was given back is given back under the address sanitizer too.
+        environment = dict(os.environ, EVENT_SERVICE_ROOT=str(self.root), ASAN_OPTIONS="quarantine_size_mb=1")
         with open(self.root / f"var/log/{name}.output", "a") as output:
             self.programs[name] = subprocess.Popen(command, stdout=output, stderr=output, env=environment)
         return self.programs[name]
