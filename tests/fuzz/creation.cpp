@@ -11,6 +11,7 @@
 #include "resource_store/json_text.h"
 #include "resource_store/resource_reader.h"
 #include "resource_store/resource_writer.h"
+#include "subscription_db/db_document.h"
 #include "subscriptions/resource/event_destination.h"
 #include "subscriptions/resource/filter_mask.h"
 #include "subscriptions/resource/member_uri.h"
@@ -49,17 +50,12 @@ void RequireSameFromStore(redisContext* redis, const Json& destination) {
 }
 
 void RequireSameFromFile(const Json& destination) {
-  struct Freer {
-    void operator()(char* text) const { std::free(text); }
-  };
   // As the database file takes it: through the other library, into a document for the loader.
-  const std::unique_ptr<json_t, void (*)(json_t*)> member(json_loads(FileText(destination).c_str(), 0, nullptr),
-                                                          json_decref);
+  const DbValue member(json_loads(FileText(destination).c_str(), 0, nullptr));
   Require(json_is_object(member.get()), "the file can take a destination");
-  const std::unique_ptr<char, Freer> text(json_dumps(member.get(), 0));
+  const std::unique_ptr<char, void (*)(void*)> text(json_dumps(member.get(), 0), std::free);
   std::string fault;
-  const auto file = ParseCollectionFile(R"({"Members": [)" + std::string(text.get()) + "]}",
-                                        "/redfish/v1/EventService/Subscriptions", fault);
+  const auto file = ParseCollectionFile(R"({"Members": [)" + std::string(text.get()) + "]}", kDbCollection, fault);
   Require(file && file->members.size() == 1, "the loader can load it");
   Require(file->members[0].document == destination, "and it is the same");
 }

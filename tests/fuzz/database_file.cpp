@@ -3,8 +3,8 @@
 #include <jansson.h>
 
 #include <filesystem>
-#include <set>
-#include <sstream>
+#include <map>
+#include <regex>
 
 #include "resource_store/json_text.h"
 #include "subscription_db/db_document.h"
@@ -21,50 +21,31 @@ const std::string kUri = "/redfish/v1/EventService/Subscriptions/1";
 
 /// "... -in FILE -out FILE ..." and "rm -f FILE".
 int RunCommand(const std::string& command) {
-  std::istringstream words(command);
-  std::string word, source, target;
-  while (words >> word) {
-    if (word == "-in") words >> source;
-    if (word == "-out") words >> target;
-  }
+  static const std::regex copying("-in (\\S+) -out (\\S+)");
+  std::smatch files;
   std::error_code error;
-  if (source.empty()) {
-    fs::remove(word, error);
+  if (std::regex_search(command, files, copying)) {
+    fs::copy_file(files.str(1), files.str(2), fs::copy_options::overwrite_existing, error);
   } else {
-    fs::copy_file(source, target, fs::copy_options::overwrite_existing, error);
+    fs::remove(command.substr(command.rfind(' ') + 1), error);
   }
   return error ? 1 : 0;
 }
 
-/// What a start would load; nothing where the loader would refuse the file.
-std::optional<CollectionFile> Loadable(const std::string& path) {
+/// What a start would load, by URI; nothing where the loader would refuse the file.
+using Members = std::map<std::string, Json>;
+std::optional<Members> Loadable(const std::string& path) {
   std::string fault;
-  std::optional<CollectionFile> file = ReadCollectionFile(path, kDbCollection, fault);
+  const std::optional<CollectionFile> file = ReadCollectionFile(path, kDbCollection, fault);
   Require(file.has_value() == fault.empty(), "a file that is refused has a fault");
-  std::set<std::string_view> uris;
-  for (size_t i = 0; file && i < file->members.size(); ++i) {
-    const CollectionFile::Member& member = file->members[i];
-    Require(member.uri.starts_with(std::string(kDbCollection) + "/"), "a member lies in the collection");
-    Require(uris.insert(member.uri).second, "and in no other's place");
-    Require(NestsWithin(member.document), "and the store can hold it");
+  if (!file) return std::nullopt;
+  Members members;
+  for (const auto& [uri, document] : file->members) {
+    Require(uri.starts_with(std::string(kDbCollection) + "/"), "a member lies in the collection");
+    Require(members.emplace(uri, document).second, "and in no other's place");
+    Require(NestsWithin(document), "and the store can hold it");
   }
-  return file;
-}
-
-const Json* FindMember(const CollectionFile& file, std::string_view uri) {
-  for (const CollectionFile::Member& member : file.members) {
-    if (member.uri == uri) return &member.document;
-  }
-  return nullptr;
-}
-
-/// The other members stand as they were.
-void RequireOthersAsBefore(const CollectionFile& before, const CollectionFile& after) {
-  for (const CollectionFile::Member& member : before.members) {
-    if (member.uri == kUri) continue;
-    const Json* present = FindMember(after, member.uri);
-    Require(present != nullptr && *present == member.document, "a change leaves the other members alone");
-  }
+  return members;
 }
 
 }  // namespace
@@ -73,8 +54,9 @@ void Fuzz(std::string_view input) {
   static const FilePaths paths = Sandbox().Paths();
   Json change = ParseOutsideText(TakeLine(input));
   WriteFile(paths.databaseFile, input);
-  const DbValue document = ReadDbDocument(paths.databaseFile);
-  const std::optional<CollectionFile> before = Loadable(paths.databaseFile);
+  std::optional<Members> others = Loadable(paths.databaseFile);
+  if (!ReadDbDocument(paths.databaseFile)) others.reset();
+  if (others) others->erase(kUri);
   if (!change.is_object() || !NestsWithin(change, kMaxNesting)) return;
   change["@odata.id"] = kUri;
   // The document's library knows no NUL in texts; the judges let none through.
@@ -82,20 +64,24 @@ void Fuzz(std::string_view input) {
 
   SubscriptionDb db({.paths = paths, .runShell = RunCommand, .sleep = [](std::chrono::microseconds) {}});
   Require(db.File().Password().EnsureDbPassword(), "there is a password");
-  const auto take = [&](bool isChanged, const char* what) {
-    if (!document || !before) return std::optional<CollectionFile>();
+  // The member after a change of a file that was sound before it; null when it is not there.
+  const auto memberAfter = [&](bool isChanged, const char* what) {
+    if (!others) return Json();
     Require(isChanged, what);
-    std::optional<CollectionFile> after = Loadable(paths.databaseFile);
+    std::optional<Members> after = Loadable(paths.databaseFile);
     Require(after.has_value(), "what a start could load it can load after a change");
-    RequireOthersAsBefore(*before, *after);
-    return after;
+    const Json member = (*after)[kUri];
+    after->erase(kUri);
+    Require(after == others, "a change leaves the other members alone");
+    return member;
   };
-  const auto inserted = take(db.InsertDbSubscription("1", change.dump(), "Login", "\"etag\""), "a member goes in");
+  const Json inserted =
+      memberAfter(db.InsertDbSubscription("1", change.dump(), "Login", "\"etag\""), "a member goes in");
   change["&&Privileges"] = "Login";
-  Require(!inserted || *FindMember(*inserted, kUri) == change, "the file holds it as it was given");
-  take(db.UpdateDbSubscription(kUri, change, {"SNMP/TrapCommunity"}, "\"etag\""), "a member is changed");
-  const auto deleted = take(db.DeleteDbSubscription(kUri, "\"etag\""), "a member is taken out");
-  Require(!deleted || FindMember(*deleted, kUri) == nullptr, "and is gone");
+  Require(!others || inserted == change, "the file holds it as it was given");
+  memberAfter(db.UpdateDbSubscription(kUri, change, {"SNMP/TrapCommunity"}, "\"etag\""), "a member is changed");
+  const Json deleted = memberAfter(db.DeleteDbSubscription(kUri, "\"etag\""), "a member is taken out");
+  Require(deleted.is_null(), "and is gone");
 }
 
 }  // namespace event_service::fuzz

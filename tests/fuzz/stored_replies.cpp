@@ -30,29 +30,18 @@ void Fuzz(std::string_view input) {
   if (!CouldBeReplies(input)) return;
   CannedConnection connection(input);
   redisContext* const redis = connection.redis();
-  static const Json kOnly = {{"a", 1}};
+  const Json only = {{"a", 1}};
   std::set<std::string, std::less<>> overfull;
-  switch (choice.empty() ? '0' : choice.front()) {
-    case '1':
-      return Read(redis, {.knownKind = ContainerKind::kObject, .withControlFields = true});
-    case '2':
-      return Read(redis, {.knownKind = ContainerKind::kArray, .overfullMembers = &overfull});
-    case '3':
-      return Read(redis, {.ownKeysOnly = true, .onlyMembersOf = &kOnly});
-    case '4':
-      return CollectKeys(redis, true);
-    case '5':
-      return CollectKeys(redis, false);
-    case '6':
-      static_cast<void>(DeleteResource(redis, "/redfish/v1/k"));
-      return;
-    case '7':
-      static_cast<void>(RemoveArrayElement(redis, "&&/redfish/v1/k", 1));
-      return;
-    default:
-      NumberTexts numbers;
-      return Read(redis, {.numberTexts = &numbers});
-  }
+  NumberTexts numbers;
+  const ReadOptions options[] = {{.numberTexts = &numbers},
+                                 {.knownKind = ContainerKind::kObject, .withControlFields = true},
+                                 {.knownKind = ContainerKind::kArray, .overfullMembers = &overfull},
+                                 {.ownKeysOnly = true, .onlyMembersOf = &only}};
+  const auto number = static_cast<size_t>(choice.empty() ? 0 : choice.front() & 7);  // of a digit the same
+  if (number < std::size(options)) return Read(redis, options[number]);
+  if (number < 6) return CollectKeys(redis, number == 4);
+  if (number == 6) static_cast<void>(DeleteResource(redis, "/redfish/v1/k"));
+  if (number == 7) static_cast<void>(RemoveArrayElement(redis, "&&/redfish/v1/k", 1));
 }
 
 }  // namespace event_service::fuzz
