@@ -96,8 +96,8 @@ class Chaos : public DaemonTest {
   }
 
   std::vector<Client> MakeClients(const FrontEndPatience& patience) {
-    // Once the file holds the property, a start goes by it; before, a change that was not acknowledged stays until Redis
-    // is lost.
+    // Once the file holds the property, a start goes by it; before, a change that was not acknowledged stays until
+    // Redis is lost.
     EXPECT_EQ(AskShort("PATCH", kService, R"({"DeliveryRetryAttempts": 1})"), "OK_RES Success");
     std::vector<Watched> service = {{kService, "DeliveryRetryAttempts", {1}}}, members[2];
     for (Json body : kEveryKind) {

@@ -114,8 +114,7 @@ Json DaemonTest::Value(const std::string& uri, const std::string& pointer) {
 
 std::set<std::string> DaemonTest::ListedUris() {
   std::set<std::string> uris;
-  const RedisReply entries = SendArguments(redis(), {"LRANGE", MembersKey(kCollection), "0", "-1"});
-  for (const std::string_view entry : TextsOf(entries)) {
+  for (const std::string& entry : Elements(MembersKey(kCollection))) {
     if (!uris.emplace(MemberUriOf(entry)).second) uris.insert("twice");
   }
   return uris;

@@ -49,15 +49,17 @@ TEST_F(Faults, APathThatIsMissingOrBlockedHoldsUpNoStartAndAFailureIsToldWithSta
 }
 
 TEST_F(Faults, ACipherToolThatOutlivesItsDaemonIsWaitedFor) {
-  const std::string tool = Sandbox().Root() + "/usr/bin/openssl";
-  // Slow where it encrypts, and says when it has begun: the database file is a part by then.
+  const std::string tool = Sandbox().Root() + "/usr/bin/openssl", slow = tool + ".slow", begun = tool + ".begun";
+  // Slow where it is told to be, and says when it has begun to encrypt: the database file is a part by then.
   WriteFile(tool,
-            "#!/bin/sh\ncase $2 in -d) ;; *) : >\"${0%/*}/begun\"; sleep 1 ;; esac\nexec /usr/bin/openssl \"$@\"\n");
+            "#!/bin/sh\nif [ -e \"$0.slow\" ] && [ \"$2\" != -d ]; then : >\"$0.begun\"; sleep 1; fi\n"
+            "exec /usr/bin/openssl \"$@\"\n");
   std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
   ASSERT_TRUE(StartDaemon());
-  std::filesystem::remove(Sandbox().Root() + "/usr/bin/begun");
+  WriteFile(slow, "");
   AnnounceRequest(redis(), ChannelOf(kCollection), Store("POST", kCollection, kEveryKind[0].dump()));
-  ASSERT_TRUE(Eventually([] { return std::filesystem::exists(Sandbox().Root() + "/usr/bin/begun"); }));
+  ASSERT_TRUE(Eventually([&] { return std::filesystem::exists(begun); }));
+  std::filesystem::remove(slow);
   PowerCycle();
   EXPECT_EQ(ListedUris().size(), 1U) << Log();
   Server().Kill();

@@ -75,6 +75,11 @@ class Stream:
         self.connection.close()
 
 
+def no_request_is_left(test):
+    # Streams that earlier tests have left are deleted by and by, by requests too.
+    test.assertTrue(eventually(lambda: not sandbox.redis("keys", "&&Request:*")))
+
+
 class Rules(unittest.TestCase):
     """What HTTP and the Redfish protocol ask of every request."""
 
@@ -179,7 +184,7 @@ class Rules(unittest.TestCase):
                 self.assertNotIn("secret", answer.text)
                 if answer.headers["ETag"] not in (None, tags[-1]):
                     tags.append(answer.headers["ETag"])
-        self.assertEqual(sandbox.redis("keys", "&&Request:*"), "", "every request is cleaned up")
+        no_request_is_left(self)
 
     def test_a_malformed_body_is_answered_with_its_line(self):
         info = sandbox.ask("PATCH", SERVICE, '{"A":\n\n tru}').json["error"]["@Message.ExtendedInfo"][0]
@@ -376,8 +381,7 @@ class Sturdiness(unittest.TestCase):
         self.assertEqual(sandbox.ask("GET", SERVICE).status, 200)
         sandbox.start_daemon()
         self.assertEqual(sandbox.ask("PATCH", SERVICE, {"DeliveryRetryAttempts": 4}).status, 200)
-        # Streams that earlier tests have left are deleted by and by, by requests too.
-        self.assertTrue(eventually(lambda: not sandbox.redis("keys", "&&Request:*")))
+        no_request_is_left(self)
 
     def test_without_redis_it_answers_503_and_recovers(self):
         stream = Stream(self)
