@@ -41,6 +41,7 @@ const Kind kKinds[] = {
     {"PatchMember", "PATCH", kMember, kPatched, R"({"Context": "after", "HttpHeaders": [{"E": "f"}]})"},
     {"PatchService", "PATCH", kService, kPatched, R"({"DeliveryRetryAttempts": 9, "SMTP": {"Port": 26}})"},
     {"Delete", "DELETE", kMember, {"OK_EMPTY", "NOT_FOUND ResourceMissingAtURI"}},
+    {"Resume", "POST", kMember + "/Actions/EventDestination.ResumeSubscription", kPatched},
     {"Get", "GET", kMember, {""}},
     {"TestEvent", "POST", kTestEvent, {"OK_RES"}, R"({"MessageId": "Base.1.12.Success"})"},
     {"UnknownMethod", "PUT", kCollection, {"NOT_ALLOWED MethodNotAllowed"}},
@@ -53,6 +54,7 @@ struct Point {
 };
 const Point kPoints[] = {
     {"PatchMember", "HSET " + kMember + " Context", RedisFault::kCut},
+    {"PatchMember", "HSET " + kMember + " HttpHeaders ", RedisFault::kError},
     {"PatchMember", "HGET " + kCollection + " @odata.etag", RedisFault::kError},
     {"PatchService", "HGETALL " + kService, RedisFault::kWrongType},
     {"PatchService", "HSET " + kService + " DeliveryRetryAttempts", RedisFault::kCut},
@@ -64,6 +66,8 @@ const Point kPoints[] = {
     {"Delete", "HSET " + kCollection + " Members@odata.count", RedisFault::kError},
     {"Get", "HGET " + kMember + " &&SensitiveData", RedisFault::kWrongType},
     {"TestEvent", "HGET redisSHAScripts enqueueEvent", RedisFault::kWrongType},
+    {"UnknownMethod", "PUBLISH ", RedisFault::kError},
+    {"Start", "RPUSH &&/redfish/v1/EventDestination/GETQ", RedisFault::kError},
 };
 
 /// Each command with each fault, in their order from 0 on.
@@ -139,8 +143,13 @@ class FaultInjection : public DaemonTest {
   /// Members, keys and file before a request.
   void Prepare(const Kind& kind) {
     if (kind.uri == kService) AskShort("PATCH", kService, R"({"DeliveryRetryAttempts": 3, "SMTP": {"Port": 25}})");
-    if (kind.uri != kMember) return;
+    if (!kind.uri.starts_with(kMember)) return;
     AskShort("POST", kCollection, kMemberBody);  // unless it is there
+    if (kind.uri != kMember) {
+      StoredRequest suspension = Store("PATCH", kMember, R"({"Status": {"State": "Disabled"}})");
+      suspension.responseKey = "FROM_EVENTING";
+      AnnounceRequest(redis(), ChannelOf(kMember), suspension);
+    }
     AskShort("PATCH", kMember, R"({"Context": "before", "HttpHeaders": [{"A": "b"}, {"C": "d"}]})");
   }
 
@@ -170,6 +179,19 @@ class FaultInjection : public DaemonTest {
     EXPECT_EQ(isSilent && faults.fault != RedisFault::kNil ? Disagreement() : "", "");
   }
 
+  /// Whether what has been acknowledged is there.
+  bool IsInForce(const Kind& kind) {
+    const Json body = kind.body.empty() ? Json() : Json::parse(kind.body);
+    if (kind.uri == kCollection && kind.method == "POST") {
+      return ListedUris().contains(kCollection + "/" + body["Id"].get<std::string>());
+    }
+    if (kind.method == "DELETE") return !ListedUris().contains(kMember);
+    if (kind.name == "Resume") return Value(kMember, "/Status/State") == "Enabled";
+    return kind.method != "PATCH" || std::ranges::all_of(body.items(), [&](const auto& item) {
+             return item.value().is_structured() || Value(kind.uri, "/" + item.key()) == item.value();
+           });
+  }
+
   void RunOne(const Kind& kind, const RedisFaults& faults) {
     Prepare(kind);
     const Outcome outcome = Send(kind, faults);
@@ -185,6 +207,7 @@ class FaultInjection : public DaemonTest {
     EXPECT_GT(std::ranges::count(kind.answers, again.answer), 0) << again.answer << " to the repetition";
     if (!Disagreement().empty()) Restart();
     EXPECT_EQ(Disagreement(), "");
+    EXPECT_TRUE(IsInForce(kind)) << again.answer << " to the repetition";
     if (kind.uri == kCollection) RemoveMembers();
   }
 
@@ -236,10 +259,16 @@ TEST_F(FaultInjection, AStartWithAnyFaultServesOrSaysWhyAndLeavesNothingHalfDone
   };
   EXPECT_TRUE(startAnew({}));
   const DatabaseDump usual = Dump();
+  const Texts usualCommands = proxy_.commands();
   bool isHit = true;
   for (size_t number = 0; isHit && !HasFailure(); ++number) {
-    if (!IsInSample(number, 83)) continue;  // a loader that is cut off is tried again after a second
     const RedisFaults faults = FaultsOf(number);
+    const bool isKnown = std::ranges::any_of(kPoints, [&](const Point& point) {
+      return point.kind == "Start" && point.fault == faults.fault && faults.failedCommand <= usualCommands.size() &&
+             usualCommands[faults.failedCommand - 1].starts_with(point.command);
+    });
+    // A loader that is cut off is tried again after a second.
+    if (!IsInSample(number, 83) && !isKnown) continue;
     const bool serves = startAnew(faults);
     const Texts commands = proxy_.commands();
     isHit = commands.size() >= faults.failedCommand;
