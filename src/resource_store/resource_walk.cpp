@@ -126,9 +126,17 @@ bool ResourceWalk::TakeHash(const Node& node, std::span<redisReply* const> items
     const std::string_view name = TextOf(items[i]);
     const std::string_view stored = TextOf(items[i + 1]);
     const bool isBuilt = node.value != nullptr && (node.depth > 1 || IsMemberBuilt(name));
-    const auto slot = [&] { return isBuilt ? &(*node.value)[std::string(name)] : nullptr; };
+    const auto slot = [&]() -> Json* {
+      if (!isBuilt) return nullptr;
+      const auto [member, isNew] = node.value->emplace(std::string(name), nullptr);
+      if (isNew) return &*member;
+      // No hash has a field twice; what was made of the first one may lead to the next level.
+      complete = Fail("Gets redis resource failed.", node, name);
+      return nullptr;
+    };
     if (LooksLikeMarker(name)) {
-      if (options_.withControlFields && isBuilt) *slot() = std::string(stored);
+      if (!options_.withControlFields) continue;
+      if (Json* const text = slot()) *text = std::string(stored);
     } else if (!LooksLikeMarker(stored)) {
       complete &= TakeText(node, name, stored, slot());
     } else if (const std::optional<Marker> marker = MarkerOfField(stored)) {

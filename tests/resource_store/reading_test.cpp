@@ -114,7 +114,10 @@ TEST_F(StoreTest, WhatCannotBeReadIsToldOnce) {
     ASSERT_TRUE(HashWrite(redis(), "/text", "a", text));
     EXPECT_EQ(FailureOf("/text"), "[ERROR] Gets redis resource failed. RESOURCE=/text FIELDS=a\n") << text;
   }
-  for (const std::string reply : {"*1\r\n$1\r\na\r\n", "*2\r\n$1\r\na\r\n:1\r\n"}) {  // half a pair, a number
+  // Half a pair, a number, a field twice.
+  const std::string object = "$1\r\nc\r\n$15\r\n&&Object c /k/c\r\n", array = "$1\r\nc\r\n$14\r\n&&Array c /k/d\r\n";
+  for (const std::string& reply : {"*1\r\n$1\r\na\r\n"s, "*2\r\n$1\r\na\r\n:1\r\n"s,
+                                   "*4\r\n" + object + array + "*2\r\n$1\r\nx\r\n$1\r\n1\r\n*0\r\n"}) {
     CannedConnection server("+hash\r\n" + reply);
     Json document;
     EXPECT_FALSE(ReadResource(server.redis(), "/k", document)) << reply;
