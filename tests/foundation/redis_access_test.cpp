@@ -74,14 +74,15 @@ TEST_F(RedisCommandsTest, AStepTakesTheRepliesToItsOwnCommandsOnceAndMaySendOthe
   for (const char* text : {"a", "b"}) pipeline.Append({"ECHO", text});
   pipeline.Then(take);
   pipeline.Then(take);  // a step that found nothing to ask
-  pipeline.Ask({"ECHO", "c"}, [&](RedisReply&) {
+  pipeline.Ask({"ECHO", "c"}, [&](RedisReply& reply) {
+    taken += TextOf(reply);
     pipeline.Append({"ECHO", "e"});
     pipeline.Then(take);
     pipeline.Execute();
   });
   pipeline.Append({"ECHO", "d"});  // nobody's
   EXPECT_TRUE(pipeline.Execute().size() == 4 && pipeline.Execute().empty());
-  EXPECT_EQ(taken, "ab  e ");
+  EXPECT_EQ(taken, "ab  ce ");
 }
 
 TEST_F(RedisCommandsTest, APipelineTakesOneRoundTripAndALostConnectionGivesNullRepliesFromThereOn) {

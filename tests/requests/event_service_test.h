@@ -38,10 +38,6 @@ class EventServiceTest : public RedisTest {
     MaxEventGroupId(redis());
     RegisterScript("resourceChange", "return redis.call('RPUSH', 'raised', table.concat(KEYS, ' '))");
   }
-  void RegisterScript(std::string_view name, std::string_view text) {
-    const RedisReply digest = SendArguments(redis(), {"SCRIPT", "LOAD", text});
-    ASSERT_TRUE(HashWrite(redis(), kScriptDigests, name, TextOf(digest))) << name;
-  }
 
   /// Keeps the request as the front end does, hands it to its handler and removes it.
   Answer Handle(std::string_view method, std::string_view target, const Json& body) {

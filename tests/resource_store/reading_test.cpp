@@ -125,9 +125,10 @@ TEST_F(StoreTest, WhatCannotBeReadIsToldOnce) {
 }
 
 /// Documents that the encoding can hold, out of pieces that have tripped such encodings before.
-class DocumentMaker {
- public:
-  explicit DocumentMaker(uint32_t seed) : random_(seed) {}
+struct DocumentMaker {
+  std::mt19937 random;
+
+  size_t Pick(size_t count) { return std::uniform_int_distribution<size_t>(0, count - 1)(random); }
 
   Json Container(size_t depth = 0) {
     // The first few, with "/" or a blank, are kept for primitives: the former can make two child keys equal, the latter
@@ -138,13 +139,10 @@ class DocumentMaker {
     Json container = Pick(2) == 0 ? Json::object() : Json::array();
     for (size_t i = Pick(6); i > 0; --i) {
       const bool isPrimitive = depth > 8 || Pick(2) == 0;
-      Json value = isPrimitive ? Primitive() : Container(depth + 1);
-      if (container.is_array()) {
-        // A string that reads like a marker is taken for one.
-        container.push_back(IsQuotedMarkerText(value.dump()) ? Json("&&Object") : std::move(value));
-      } else {
-        container[kNames[isPrimitive ? Pick(15) : 5 + Pick(10)]] = value;
-      }
+      const Json value = isPrimitive ? Primitive() : Container(depth + 1);
+      if (container.is_object()) container[kNames[isPrimitive ? Pick(15) : 5 + Pick(10)]] = value;
+      // A string that reads like a marker is taken for one.
+      if (container.is_array()) container.push_back(IsQuotedMarkerText(value.dump()) ? Json("&&Object") : value);
     }
     if (IsReference(container)) container["@odata.id"] = "/redfish/v1/Managers/2";  // none with a blank in its URI
     return container;
@@ -157,24 +155,19 @@ class DocumentMaker {
     const Json values[] = {
         nullptr,
         true,
-        std::uniform_int_distribution<int64_t>(INT64_MIN)(random_),
-        std::uniform_int_distribution<uint64_t>(0)(random_),
-        std::ldexp(std::uniform_real_distribution(-1., 1.)(random_), static_cast<int>(Pick(2000)) - 1000),
+        std::uniform_int_distribution<int64_t>(INT64_MIN)(random),
+        std::uniform_int_distribution<uint64_t>(0)(random),
+        std::ldexp(std::uniform_real_distribution(-1., 1.)(random), static_cast<int>(Pick(2000)) - 1000),
         std::string("nul \0 inside", 12),
         kTexts[Pick(std::size(kTexts))]};
     return values[Pick(std::size(values))];
   }
-
- private:
-  size_t Pick(size_t count) { return std::uniform_int_distribution<size_t>(0, count - 1)(random_); }
-
-  std::mt19937 random_;
 };
 
 TEST_F(StoreTest, WhatIsWrittenReadsBackEqualAndIsDeletedWhole) {
   std::set<std::string, std::less<>> overfull;
   for (uint32_t seed = 0; seed < 500; ++seed) {
-    const Json document = DocumentMaker(seed).Container();
+    const Json document = DocumentMaker{std::mt19937(seed)}.Container();
     ASSERT_EQ(TolerantJsonText(document), document.dump());
     if (document.empty()) continue;  // leaves no key
     for (const std::string key : {"/redfish/v1/k", "&&k"}) {

@@ -185,7 +185,7 @@ TEST(Discovery, NamesAreReadFromPaths) {
   EXPECT_EQ(MessageIdOf(folder + "B_1.0.20/Messages/a/Messages/_1"), "\"B_1.0.20._1\"");
   for (const char* key : {"Base.1/Messages/A", "Base.x.1/Messages/A", "B-e.1.2/Messages/A", ".1.2/Messages/A",
                           "Base.1./Messages/A", "Base.1.2\n/Messages/A", "Base.1.2/Messages/", "Base.1.2/Messages/A-",
-                          "Base.1.2/Messages/A/", "Base.1.2/Message/A", "/Base.1.2/Messages/A"}) {
+                          "Base.1.2/Messages/A/", "Base.1.2.json/Message/A", "/Base.1.2/Messages/A"}) {
     EXPECT_EQ(MessageIdOf(folder + key), std::nullopt) << key;
   }
 }
@@ -240,12 +240,10 @@ TEST_F(StartUpTest, ExceptionsAndMissingThreadsEndItWithTheirLine) {
   thrownLast = nullptr;
 }
 
-class EventGroupIdTest : public RedisTest {
- protected:
-  LogCapture log_;
-};
+using EventGroupIdTest = RedisTest;
 
 TEST_F(EventGroupIdTest, IdentifiersRunToTheMaximumAndStartAgain) {
+  const LogCapture log;
   const struct {
     const char *maximum, *counter;
     uint32_t id;
@@ -269,7 +267,7 @@ TEST_F(EventGroupIdTest, IdentifiersRunToTheMaximumAndStartAgain) {
   EXPECT_EQ(MaxEventGroupId(gone.redis()), 5) << "known, without a round trip";
   ForgetMaxEventGroupId();
   EXPECT_EQ(NextEventGroupId(gone.redis()), 1U) << "without Redis";
-  EXPECT_EQ(log_.Errors().size(), 12U) << "a fraction is passed over in silence";
+  EXPECT_EQ(log.Errors().size(), 12U) << "a fraction is passed over in silence";
 }
 
 }  // namespace

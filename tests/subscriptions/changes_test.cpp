@@ -3,7 +3,6 @@
 
 #include "platform/data_encrypt/data_encrypt.h"
 #include "subscriptions/get_preparation.h"
-#include "subscriptions/syslog_exchange.h"
 #include "tests/subscriptions/subscriptions_fixture.h"
 #include "tests/support/trip_counter.h"
 
@@ -61,6 +60,9 @@ TEST_F(ChangesTest, APatchChangesRedisAndFileAlikeOrNothingAtAll) {
     EXPECT_NE(Field(kCollection, "@odata.etag"), formerCollectionEtag);
     expected["@odata.etag"] = stored["@odata.etag"];
     EXPECT_EQ(Json::diff(stored, expected), Json::array()) << row.body;
+    for (const std::string& key : KeyListing(redis(), "&&" + uri + "/*/[0-9]*")) {
+      EXPECT_LE(std::atoll(&key[key.rfind('/') + 1]), std::stoll(ContentOf("Array-Member-Sequence-ID"))) << key;
+    }
     EXPECT_TRUE(Elements("events").back().starts_with("change " + uri + " EventDestination ")) << row.body;
   }
   EXPECT_EQ(KeyListing(redis(), "&&" + uri + "/HttpHeaders*"), Names{}) << "keys of old headers";

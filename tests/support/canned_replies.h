@@ -21,8 +21,6 @@ class CannedConnection {
     EXPECT_EQ(write(ends_[1], replies.data(), replies.size()), static_cast<ssize_t>(replies.size()));
     shutdown(ends_[1], SHUT_WR);
   }
-  CannedConnection(const CannedConnection&) = delete;
-  CannedConnection& operator=(const CannedConnection&) = delete;
   ~CannedConnection() { close(ends_[1]); }
 
   redisContext* redis() { return redis_.get(); }

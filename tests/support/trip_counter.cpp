@@ -15,17 +15,14 @@
 namespace event_service {
 
 struct TripCounter::Connection {
-  int client;
-  RedisContext server;
-  std::unique_ptr<redisReader, decltype(&redisReaderFree)> reader{redisReaderCreate(), redisReaderFree};
+  RedisContext client, server;
   std::string replies;   // not yet handed on
   bool answered = true;  // something was handed on since the trip began
 
-  ~Connection() { close(client); }
   /// A client that sends a long pipeline in several writes has read none of its replies.
   bool BeginsTrip() const {
     int unread = 0;
-    return answered && replies.empty() && ioctl(client, SIOCOUTQ, &unread) == 0 && unread == 0;
+    return answered && replies.empty() && ioctl(client->fd, SIOCOUTQ, &unread) == 0 && unread == 0;
   }
 };
 
@@ -81,7 +78,7 @@ void TripCounter::Run() {
     std::vector<pollfd> files = {{listener_, POLLIN, 0}};
     for (const auto& connection : connections_) {
       const int events = connection->replies.empty() ? POLLIN : POLLIN | POLLOUT;
-      files.push_back({connection->client, static_cast<short>(events), 0});
+      files.push_back({connection->client->fd, static_cast<short>(events), 0});
       files.push_back({connection->server->fd, POLLIN, 0});
     }
     if (poll(files.data(), files.size(), -1) < 0) continue;
@@ -98,7 +95,7 @@ void TripCounter::Run() {
 
 void TripCounter::Accept() {
   auto connection = std::make_unique<Connection>();
-  connection->client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+  connection->client.reset(redisConnectFd(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)));
   connection->server.reset(redisConnectUnix(serverSocket_.c_str()));
   if (connection->server->err == 0) connections_.push_back(std::move(connection));
 }
@@ -107,9 +104,9 @@ void TripCounter::Accept() {
 bool TripCounter::Serve(Connection& connection, int clientEvents, int serverEvents) {
   char part[64 * 1024];
   if ((clientEvents & ~POLLOUT) != 0) {
-    const ssize_t size = recv(connection.client, part, sizeof part, 0);
+    const ssize_t size = recv(connection.client->fd, part, sizeof part, 0);
     if (size <= 0) return false;
-    redisReaderFeed(connection.reader.get(), part, static_cast<size_t>(size));
+    redisReaderFeed(connection.client->reader, part, static_cast<size_t>(size));
     HandOn(connection);
   }
   bool serverGoesOn = true;
@@ -119,7 +116,7 @@ bool TripCounter::Serve(Connection& connection, int clientEvents, int serverEven
     if (serverGoesOn) connection.replies.append(part, static_cast<size_t>(size));
   }
   const ssize_t sent =
-      send(connection.client, connection.replies.data(), connection.replies.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      send(connection.client->fd, connection.replies.data(), connection.replies.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   if (sent > 0) {
     connection.replies.erase(0, static_cast<size_t>(sent));
     connection.answered = true;
@@ -136,7 +133,7 @@ void TripCounter::HandOn(Connection& connection) {
   std::string out;
   std::optional<RedisFault> end;
   void* next = nullptr;
-  while (!end && redisReaderGetReply(connection.reader.get(), &next) == REDIS_OK && next != nullptr) {
+  while (!end && redisReaderGetReply(connection.client->reader, &next) == REDIS_OK && next != nullptr) {
     const RedisReply command(static_cast<redisReply*>(next));
     std::vector<std::string_view> words = TextsOf(command);
     std::string text;
@@ -160,7 +157,7 @@ void TripCounter::HandOn(Connection& connection) {
 void TripCounter::EndConnections(RedisFault fault) {
   for (const auto& connection : connections_) {
     // After a cut the server still answers what it got and then closes its ends, which closes ours.
-    fault == RedisFault::kCut ? shutdown(connection->server->fd, SHUT_WR) : shutdown(connection->client, SHUT_RDWR);
+    fault == RedisFault::kCut ? shutdown(connection->server->fd, SHUT_WR) : shutdown(connection->client->fd, SHUT_RDWR);
   }
 }
 

@@ -30,8 +30,6 @@ struct RedisFaults {
 class TripCounter {
  public:
   explicit TripCounter(const std::string& serverSocket);
-  TripCounter(const TripCounter&) = delete;
-  TripCounter& operator=(const TripCounter&) = delete;
   ~TripCounter();
 
   const std::string& SocketPath() const { return socketPath_; }
