@@ -1,5 +1,6 @@
-// Stored values: markers and the texts beside them.
+// Stored values: markers, the texts beside them, entries of a collection.
 #include "resource_store/json_text.h"
+#include "resource_store/resource_editor.h"
 #include "resource_store/store_encoding.h"
 #include "tests/fuzz/fuzz.h"
 
@@ -35,6 +36,12 @@ void CheckText(std::string_view stored) {
   Require(!exact || !IsJsonNumber(stored) || text == stored, "an exact number is written as it was read");
 }
 
+void CheckEntry(std::string_view stored) {
+  const std::string_view uri = MemberUriOf(stored);
+  const bool canBeWritten = uri.starts_with('/') && uri.find(' ') == std::string_view::npos;
+  Require(!canBeWritten || MemberUriOf(MemberEntry(uri)) == uri, "a member that was read can be entered again");
+}
+
 }  // namespace
 
 void Fuzz(std::string_view input) {
@@ -44,6 +51,7 @@ void Fuzz(std::string_view input) {
     CheckRead(input, ParseFieldMarker(input), false, rest.substr(0, rest.find(' ')));
   }
   CheckText(input);
+  CheckEntry(input);
   IsQuotedMarkerText(input);
 }
 

@@ -59,6 +59,8 @@ void Fuzz(std::string_view input) {
   IsSnmpEncryptionKey(input);
   Require(!IsHeaderName(input) || IsVisible(input), "a header's name is a token");
   const std::string_view id = MemberIdOf(input);
+  Require(!IsUndeletableSubscriptionUri(input) || input.starts_with(MemberUri("")),
+          "what cannot be deleted is a member");
   Require(id.empty() || MemberUri(id) == input, "a member's URI is the collection's with its Id");
 }
 
