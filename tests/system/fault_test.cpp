@@ -52,7 +52,7 @@ TEST_F(Faults, ACipherToolThatOutlivesItsDaemonIsWaitedFor) {
   const std::string tool = Sandbox().Root() + "/usr/bin/openssl", slow = tool + ".slow", begun = tool + ".begun";
   // Slow where it is told to be, and says when it has begun to encrypt: the database file is a part by then.
   WriteFile(tool,
-            "#!/bin/sh\nif [ -e \"$0.slow\" ] && [ \"$2\" != -d ]; then : >\"$0.begun\"; sleep 1; fi\n"
+            "#!/bin/sh\nif [ -e \"$0.slow\" ] && [ \"$2\" != -d ]; then : >\"$0.begun\"; sleep 1; : >\"$0.ended\"; fi\n"
             "exec /usr/bin/openssl \"$@\"\n");
   std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
   ASSERT_TRUE(StartDaemon());
@@ -61,6 +61,7 @@ TEST_F(Faults, ACipherToolThatOutlivesItsDaemonIsWaitedFor) {
   ASSERT_TRUE(Eventually([&] { return std::filesystem::exists(begun); }));
   std::filesystem::remove(slow);
   PowerCycle();
+  EXPECT_TRUE(std::filesystem::exists(tool + ".ended")) << "it serves before the file is whole";
   EXPECT_EQ(ListedUris().size(), 1U) << Log();
   Server().Kill();
   EXPECT_EQ(daemon_.ExitStatus(), 0) << "Redis gone while nothing is asked";
