@@ -77,11 +77,7 @@ std::vector<RedisReply> Send(redisContext* redis, const std::vector<Command>& ba
     redisAppendCommandArgv(redis, static_cast<int>(words.size()), words.data(), lengths.data());
   }
   std::vector<RedisReply> replies;
-  for (size_t i = 0; i < batch.size(); ++i) {
-    void* reply = nullptr;
-    redisGetReply(redis, &reply);
-    replies.emplace_back(static_cast<redisReply*>(reply));
-  }
+  for (size_t i = 0; i < batch.size(); ++i) replies.push_back(ReadReply(redis));
   return replies;
 }
 

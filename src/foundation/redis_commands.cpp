@@ -23,7 +23,13 @@ char* Put(char* out, std::string_view text) {
 /// "$5\r\n"
 char* PutSizeLine(char* out, char mark, size_t size) {
   *out++ = mark;
-  return Put(std::to_chars(out, out + kLongestSizeLine, size).ptr, kLineEnd);
+  if (size < 100) {  // as most are
+    if (size >= 10) *out++ = static_cast<char>('0' + size / 10);
+    *out++ = static_cast<char>('0' + size % 10);
+  } else {
+    out = std::to_chars(out, out + kLongestSizeLine, size).ptr;
+  }
+  return Put(out, kLineEnd);
 }
 
 }  // namespace
@@ -32,9 +38,9 @@ RedisReply SendCommand(redisContext* redis, const char* format, ...) {
   if (redis->err != 0) return nullptr;
   va_list arguments;
   va_start(arguments, format);
-  RedisReply reply(static_cast<redisReply*>(redisvCommand(redis, format, arguments)));
+  const bool isAppended = redisvAppendCommand(redis, format, arguments) == REDIS_OK;
   va_end(arguments);
-  return reply;
+  return isAppended ? ReadReply(redis) : nullptr;
 }
 
 size_t CommandRoom(std::span<const std::string_view> arguments) {
@@ -66,8 +72,17 @@ bool SendText(redisContext* redis, std::string_view commands) {
 }
 
 RedisReply ReadReply(redisContext* redis) {
+  UseReplyMemory(redis);
+  if (redisReply* const integer = NextSmallInteger(redis)) return RedisReply(integer);
   void* reply = nullptr;
   if (redisGetReply(redis, &reply) != REDIS_OK) return nullptr;
+  return RedisReply(static_cast<redisReply*>(reply));
+}
+
+RedisReply BufferedReply(redisContext* redis) {
+  UseReplyMemory(redis);
+  void* reply = nullptr;
+  if (redisGetReplyFromReader(redis, &reply) != REDIS_OK) return nullptr;
   return RedisReply(static_cast<redisReply*>(reply));
 }
 

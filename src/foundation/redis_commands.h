@@ -40,6 +40,9 @@ bool SendText(redisContext* redis, std::string_view commands);
 /// The next reply, null when it cannot be read.
 RedisReply ReadReply(redisContext* redis);
 
+/// The next reply of what has been read from the socket; null when there is no whole one.
+RedisReply BufferedReply(redisContext* redis);
+
 /// Releases the buffer of a large reply, which the library keeps until the next one. Does nothing while a part of a
 /// reply waits in it.
 void ReleaseReplyRoom(redisContext* redis);

@@ -26,7 +26,6 @@ using event_service::OpenToRead;
 using event_service::ParseInteger;
 using event_service::ProcessPaths;
 using event_service::RedisContext;
-using event_service::RedisReply;
 
 constexpr size_t kTextSize = sizeof(RedisConnectionInfo::socketPath);
 constexpr int32_t kStandardPort = 6379;
@@ -148,7 +147,10 @@ redisContext* connectToRedis(RedisConnectionInfo* info, int) {
 
 int redisAuthentication(redisContext* context, const char* password) {
   if (context == nullptr || password == nullptr) return 1;
-  const RedisReply reply(static_cast<redisReply*>(redisCommand(context, "%s %s", "AUTH", password)));
+  // Whose memory the reply lies in the connection knows, which may be another component's.
+  const auto release = [context](redisReply* reply) { context->reader->fn->freeObject(reply); };
+  const std::unique_ptr<redisReply, decltype(release)> reply(
+      static_cast<redisReply*>(redisCommand(context, "%s %s", "AUTH", password)), release);
   const bool accepted = reply && reply->type == REDIS_REPLY_STATUS && std::string_view(reply->str, reply->len) == "OK";
   return accepted ? 0 : 1;
 }

@@ -5,15 +5,17 @@
 
 #include <memory>
 
+#include "foundation/reply_memory.h"
+
 namespace event_service {
 
 struct RedisContextDeleter {
   void operator()(redisContext* context) const { redisFree(context); }
 };
 struct RedisReplyDeleter {
-  void operator()(redisReply* reply) const { freeReplyObject(reply); }
+  void operator()(redisReply* reply) const { ReleaseReply(reply); }
 };
 using RedisContext = std::unique_ptr<redisContext, RedisContextDeleter>;  // owned by one thread
-using RedisReply = std::unique_ptr<redisReply, RedisReplyDeleter>;        // null: the connection failed
+using RedisReply = std::unique_ptr<redisReply, RedisReplyDeleter>;        // ReadReply's; null: the connection failed
 
 }  // namespace event_service

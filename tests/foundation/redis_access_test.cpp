@@ -31,6 +31,50 @@ TEST_F(RedisCommandsTest, RemovalsTakeTheFieldAndEveryElementOfTheValue) {
   EXPECT_EQ(Dump(), (DatabaseDump{{"hash", "{quoted=\"Event Service\"}"}, {"list", "[b]"}}));
 }
 
+/// A reply as Redis' own client would show it on one line.
+std::string Shown(const redisReply* reply) {
+  if (reply == nullptr) return "none";
+  if (IsInteger(reply)) return std::to_string(reply->integer);
+  if (reply->type == REDIS_REPLY_NIL) return "nil";
+  if (!IsArray(reply))
+    return (reply->str[reply->len] == '\0' ? "" : "unterminated ") + std::string(reply->str, reply->len);
+  std::string text = "[";
+  for (size_t i = 0; i < reply->elements; ++i) text += (i > 0 ? " " : "") + Shown(reply->element[i]);
+  return text + "]";
+}
+
+TEST(Replies, AreWhatTheServerSaidWhateverRoomTheyNeed) {
+  const std::string large(5000, 'x');
+  std::string list = "*2000\r\n";
+  std::string shownList = "[0";
+  for (int i = 0; i < 2000; ++i) list += ':' + std::to_string(i) + "\r\n";
+  for (int i = 1; i < 2000; ++i) shownList += ' ' + std::to_string(i);
+  const struct {
+    std::string wire, shown;
+  } rows[] = {
+      {":0\r\n", "0"},
+      {":31\r\n", "31"},
+      {":32\r\n", "32"},
+      {":-1\r\n", "-1"},
+      {":9223372036854775807\r\n", "9223372036854775807"},
+      {"$-1\r\n", "nil"},
+      {"*-1\r\n", "nil"},
+      {"*0\r\n", "[]"},
+      {"$0\r\n\r\n", ""},
+      {"$3\r\na\0b\r\n"s, "a\0b"s},
+      {"-ERR no\r\n", "ERR no"},
+      {"$5000\r\n" + large + "\r\n", large},
+      {"*3\r\n$5000\r\n" + large + "\r\n*2\r\n$1\r\na\r\n*1\r\n:7\r\n$-1\r\n", "[" + large + " [a [7]] nil]"},
+      {list, shownList + "]"},
+      {"*2\r\n$1\r\na\r\n", "none"},                            // cut off
+      {"*2\r\n*2\r\n$5000\r\n" + large + "\r\n?\r\n", "none"},  // no reply at all behind its beginning
+  };
+  for (const auto& row : rows) {
+    CannedConnection server(row.wire);
+    EXPECT_EQ(Shown(ReadReply(server.redis()).get()), row.shown) << row.wire.substr(0, 50);
+  }
+}
+
 TEST(RedisCommandHelpers, OnlyAnIntegerIsASuccess) {
   for (const std::string reply : {":1\r\n", "+OK\r\n", "-ERR no\r\n", "$-1\r\n", "$1\r\na\r\n", ""}) {
     const bool isInteger = reply == ":1\r\n";

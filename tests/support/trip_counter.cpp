@@ -132,9 +132,7 @@ void TripCounter::HandOn(Connection& connection) {
   }
   std::string out;
   std::optional<RedisFault> end;
-  void* next = nullptr;
-  while (!end && redisReaderGetReply(connection.client->reader, &next) == REDIS_OK && next != nullptr) {
-    const RedisReply command(static_cast<redisReply*>(next));
+  while (const RedisReply command = end ? nullptr : BufferedReply(connection.client.get())) {
     std::vector<std::string_view> words = TextsOf(command);
     std::string text;
     for (const std::string_view word : words) text.append(text.empty() ? "" : " ").append(word);

@@ -221,9 +221,7 @@ void EventStreams::ListenToChannels() {
 void EventStreams::ReadMessages() {
   pollfd file{subscriber_ ? subscriber_->fd : -1, POLLIN, 0};
   while (poll(&file, 1, 0) > 0 && redisBufferRead(subscriber_.get()) == REDIS_OK) {
-    void* next = nullptr;
-    while (redisGetReplyFromReader(subscriber_.get(), &next) == REDIS_OK && next != nullptr) {
-      const RedisReply message(static_cast<redisReply*>(next));  // "pmessage", pattern, channel, text
+    while (const RedisReply message = BufferedReply(subscriber_.get())) {  // "pmessage", pattern, channel, text
       if (!IsArray(message) || message->elements != 4) continue;
       Deliver(TextOf(message->element[2]), TextOf(message->element[3]));
     }
