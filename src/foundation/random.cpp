@@ -4,11 +4,11 @@
 #include <sys/random.h>
 #include <unistd.h>
 
-#include <cinttypes>
-#include <cstdio>
+#include <array>
 
 #include "foundation/logging.h"
 #include "foundation/open_file.h"
+#include "foundation/text_numbers.h"
 
 namespace event_service {
 
@@ -25,18 +25,19 @@ uint32_t RandomNumber(const char* device) {
 }
 
 uint64_t KernelNumber() {
-  uint64_t number = 0;
-  if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number)) {
-    LogError("Failed to generate random number.");
-    return 0;
+  // The kernel is asked for several at a time.
+  thread_local std::array<uint64_t, 16> numbers;
+  thread_local size_t left = 0;
+  if (left == 0) {
+    if (getrandom(numbers.data(), sizeof numbers, 0) != static_cast<ssize_t>(sizeof numbers)) {
+      LogError("Failed to generate random number.");
+      return 0;
+    }
+    left = numbers.size();
   }
-  return number;
+  return numbers[--left];
 }
 
-std::string NewEtag() {
-  char text[sizeof "\"0123456789ABCDEF\""];
-  std::snprintf(text, sizeof text, "\"%016" PRIX64 "\"", KernelNumber());
-  return text;
-}
+std::string NewEtag() { return '"' + HexText(KernelNumber()) + '"'; }
 
 }  // namespace event_service

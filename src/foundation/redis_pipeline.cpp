@@ -31,11 +31,10 @@ size_t RedisPipeline::Append(std::span<const std::string_view> arguments) {
   return count_++;
 }
 
-void RedisPipeline::Then(std::function<void(Replies)> take) { steps_.push_back({count_, std::move(take), condition_}); }
-
-void RedisPipeline::Ask(std::initializer_list<std::string_view> arguments, std::function<void(RedisReply&)> take) {
-  Append(arguments);
-  Then([take = std::move(take)](Replies replies) { take(replies.back()); });
+void RedisPipeline::Then(std::function<void(Replies)> take) {
+  constexpr size_t kUsualSteps = 8;
+  if (steps_.empty()) steps_.reserve(kUsualSteps);
+  steps_.push_back({count_, std::move(take), condition_});
 }
 
 std::vector<RedisReply> RedisPipeline::Execute() {

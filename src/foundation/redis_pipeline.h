@@ -16,6 +16,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "foundation/redis_commands.h"
@@ -50,8 +51,12 @@ class RedisPipeline {
   /// The steps from here on are passed over, without a line, unless this is true when their turn comes.
   void OnlyIf(const bool& condition) { condition_ = &condition; }
 
-  /// A step of one command.
-  void Ask(std::initializer_list<std::string_view> arguments, std::function<void(RedisReply&)> take);
+  /// A step of one command: `take` gets the reply to it.
+  template <typename Take>
+  void Ask(std::initializer_list<std::string_view> arguments, Take take) {
+    Append(arguments);
+    Then([take = std::move(take)](Replies replies) { take(replies.back()); });
+  }
 
   /// Sends what was appended, reads exactly as many replies, in order, and runs the steps; a reply that could not be
   /// read is null, and so are those after it. The pipeline is empty afterwards. Logs nothing.

@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <concepts>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -22,6 +23,14 @@ std::errc ParseInteger(std::string_view text, Integer& value) {
   if (error != std::errc{}) return error;
   value = parsed;
   return {};
+}
+
+/// All hexadecimal digits of an unsigned number, in capitals: "0000BEEF" for 32 bits.
+template <std::unsigned_integral Integer>
+std::string HexText(Integer value) {
+  std::string text(2 * sizeof value, '0');
+  for (auto digit = text.rbegin(); digit != text.rend(); ++digit, value >>= 4) *digit = "0123456789ABCDEF"[value % 16];
+  return text;
 }
 
 }  // namespace event_service

@@ -48,9 +48,11 @@ void CleanNested(Json& value, std::string_view property, bool isElement) {
 
 bool IsPassedOver(std::string_view memberName) {
   constexpr std::string_view kAnnotations[] = {"@odata.", "@Redfish.", "@Message."};
-  return memberName.starts_with("&&") || std::ranges::any_of(kAnnotations, [memberName](std::string_view annotation) {
-           return memberName.find(annotation) != std::string_view::npos;
-         });
+  if (memberName.starts_with("&&")) return true;
+  if (memberName.find('@') == std::string_view::npos) return false;
+  return std::ranges::any_of(kAnnotations, [memberName](std::string_view annotation) {
+    return memberName.find(annotation) != std::string_view::npos;
+  });
 }
 
 void RemovePassedOver(Json& body) {

@@ -146,6 +146,10 @@ Message ParameterMessage(const Fault& fault, const Json& value, std::string_view
 std::string MemberPath(std::string_view parent, std::string_view name) {
   std::string path(parent);
   if (!path.empty()) path += '/';
+  if (std::ranges::none_of(name, [](char character) { return character == '~' || character == '/'; })) {
+    path += name;
+    return path;
+  }
   for (const char character : name) {
     if (character == '~') {
       path += "~0";

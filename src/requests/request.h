@@ -5,8 +5,10 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/redis_commands.h"
+#include "resource_store/json_text.h"
 #include "service/settings.h"
 
 namespace event_service {
@@ -66,6 +68,9 @@ struct Request {
   const ServiceSettings& settings;
   SubscriptionsState* subscriptions;         // null on the EventService side, which does not own them
   UnsettledProperties* unsettled = nullptr;  // the EventService side's
+
+  /// What a handler has done with: it is released when the answer is on its way, since that takes time.
+  std::vector<Json> spent = {};
 
   /// The body's first level, when it has come with the record: null when the record names another key for it.
   const redisReply* PrefetchedBody() const;

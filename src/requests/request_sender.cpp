@@ -1,12 +1,11 @@
 #include "requests/request_sender.h"
 
-#include <cinttypes>
-#include <cstdio>
 #include <thread>
 #include <utility>
 
 #include "foundation/random.h"
 #include "foundation/redis_pipeline.h"
+#include "foundation/text_numbers.h"
 #include "requests/answer.h"
 #include "requests/request.h"
 #include "requests/response_writer.h"
@@ -18,11 +17,7 @@ namespace {
 constexpr std::chrono::milliseconds kPauseBetweenAnnouncements{10};
 
 // Of one length, so that no request key begins with another one.
-std::string NewRequestKey(std::string_view prefix) {
-  char number[sizeof "0123456789ABCDEF"];
-  std::snprintf(number, sizeof number, "%016" PRIX64, KernelNumber());
-  return std::string(prefix) + number;
-}
+std::string NewRequestKey(std::string_view prefix) { return std::string(prefix) + HexText(KernelNumber()); }
 
 std::vector<std::string> StringsOf(const RedisReply& reply) {
   const std::vector<std::string_view> texts = TextsOf(reply);

@@ -78,7 +78,9 @@ bool ParsePlainText(std::string_view text, Json& value) {
 /// False, with nothing appended, when the string holds anything but printable ASCII characters.
 bool AppendPrintableString(std::string& text, std::string_view string) {
   if (IsPlain(string)) {
-    text.append("\"").append(string).append("\"");
+    const size_t begin = text.size();
+    text.resize(begin + string.size() + 2, '"');
+    string.copy(text.data() + begin + 1, string.size());
     return true;
   }
   if (!std::ranges::all_of(string, IsPrintable)) return false;
@@ -149,7 +151,7 @@ void AppendTolerantText(std::string& text, const Json& value) {
 
 bool NestsWithin(const Json& value, size_t levels) {
   if (!value.is_structured()) return true;
-  return levels > 0 && std::ranges::all_of(value, [levels](const Json& item) { return NestsWithin(item, levels - 1); });
+  return levels > 0 && !AnyIn(value, [levels](const Json& item) { return !NestsWithin(item, levels - 1); });
 }
 
 bool IsJsonNumber(std::string_view text) {
@@ -202,6 +204,12 @@ std::string TolerantJsonText(const Json& value) {
   if (value.is_structured()) text.reserve(kUsualSize);
   AppendTolerantText(text, value);
   return text;
+}
+
+Json& MemberOf(Json::object_t& object, std::string_view name) {
+  const auto place = object.lower_bound(name);
+  if (place != object.end() && place->first == name) return place->second;
+  return object.emplace_hint(place, name, nullptr)->second;
 }
 
 std::string_view TextMember(const Json& object, std::string_view name) {

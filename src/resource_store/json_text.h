@@ -2,6 +2,7 @@
 /// written.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -36,6 +37,20 @@ std::string TolerantJsonText(const Json& value);
 /// The text of a member that is a string; empty for a missing one, for any other type and for what is no object. Lives
 /// as long as the object.
 std::string_view TextMember(const Json& object, std::string_view name);
+
+/// The member of this name, null when it has just been added: operator[] would set up a name and a node for each call.
+Json& MemberOf(Json::object_t& object, std::string_view name);
+
+/// True when the predicate holds for one of an object's members or an array's elements. (The library's iterators ask
+/// at each step what they go through.)
+template <typename Predicate>
+bool AnyIn(const Json& value, const Predicate& predicate) {
+  if (const auto* const object = value.get_ptr<const Json::object_t*>()) {
+    return std::ranges::any_of(*object, predicate, &Json::object_t::value_type::second);
+  }
+  const auto* const array = value.get_ptr<const Json::array_t*>();
+  return array != nullptr && std::ranges::any_of(*array, predicate);
+}
 
 /// Parses a JSON text that others have written. A discarded value for what is not one whole text: anything with a NUL,
 /// which the parser takes for the end; and for one that nests deeper than kMaxNesting. The parser and the destructor of

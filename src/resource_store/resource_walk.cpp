@@ -14,7 +14,9 @@ namespace {
 constexpr std::string_view kLastBodyElement = "256";
 constexpr size_t kMostBodyContainers = 1024;
 
-Json EmptyContainer(ContainerKind kind) { return kind == ContainerKind::kObject ? Json::object() : Json::array(); }
+Json EmptyContainer(ContainerKind kind) {
+  return kind == ContainerKind::kObject ? Json::value_t::object : Json::value_t::array;
+}
 
 bool IsDecimal(std::string_view text) { return !text.empty() && std::ranges::all_of(text, IsDigit); }
 

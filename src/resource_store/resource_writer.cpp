@@ -70,7 +70,8 @@ void AppendContainer(RedisPipeline& pipeline, std::string_view key, const Json& 
     return;
   }
   size_t index = 0;
-  for (const Json& value : container) AppendElement(pipeline, key, index++, value, sequence);
+  for (const Json& value : container.get_ref<const Json::array_t&>())
+    AppendElement(pipeline, key, index++, value, sequence);
 }
 
 bool ShapeArray(Json::array_t& array, const ArrayConfiguration& arrays) {
@@ -136,7 +137,7 @@ void AppendSequenceStore(RedisPipeline& pipeline, int64_t next) {
 
 bool NeedsSequenceIds(const Json& document) {
   if (!document.is_structured() || IsReference(document)) return false;
-  return std::ranges::any_of(document, [&](const Json& item) {
+  return AnyIn(document, [&](const Json& item) {
     return NeedsSequenceIds(item) || (document.is_array() && item.is_structured() && !IsReference(item));
   });
 }

@@ -74,7 +74,8 @@ std::string ChildKey(std::string_view parentKey, std::string_view name) {
   const std::string_view prefix = LooksLikeMarker(parentKey) ? std::string_view() : kPrefix;
   std::string key;
   key.reserve(prefix.size() + parentKey.size() + 1 + name.size());
-  return key.append(prefix).append(parentKey).append("/").append(name);
+  key.append(prefix).append(parentKey).append("/").append(name);
+  return key;
 }
 
 bool IsUnderKey(std::string_view documentKey, std::string_view key) {
@@ -124,7 +125,8 @@ std::string BuildMarker(bool isArrayElement, const Json& value, std::string& chi
   marker.reserve(word.size() + name.size() + target.size() + 2);
   marker.append(word).append(" ");
   if (!isArrayElement) marker.append(name).append(" ");
-  return marker.append(target);
+  marker.append(target);
+  return marker;
 }
 
 }  // namespace event_service

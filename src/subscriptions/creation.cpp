@@ -1,8 +1,6 @@
 #include "subscriptions/creation.h"
 
 #include <algorithm>
-#include <cinttypes>
-#include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +10,7 @@
 #include "foundation/durable_file.h"
 #include "foundation/logging.h"
 #include "foundation/redis_pipeline.h"
+#include "foundation/text_numbers.h"
 #include "foundation/time_stamp.h"
 #include "requests/fault_messages.h"
 #include "requests/request_body.h"
@@ -38,12 +37,6 @@ namespace {
 
 constexpr int kMostIdRedraws = 10;
 constexpr size_t kLongestId = 64;  // a longer one is refused, and not asked for
-
-std::string GenerateId(RandomSource random) {
-  char id[9];
-  std::snprintf(id, sizeof id, "%08" PRIX32, random());
-  return id;
-}
 
 Answer BodyUnreadable() { return DatabaseError("DatabaseOperationError: Failed to get request data from database."); }
 
@@ -87,7 +80,7 @@ bool ChooseId(const Json& body, RandomSource random, CreationInput& input) {
   const auto id = body.find("Id");
   input.isIdGiven = id != body.end() && *id != "";
   if (!input.isIdGiven) {
-    input.about.id = GenerateId(random);
+    input.about.id = HexText(random());
     return true;
   }
   if (!id->is_string() || id->get_ref<const std::string&>().size() > kLongestId) return false;
@@ -127,7 +120,7 @@ bool ReadInput(const Request& request, RandomSource random, CreationInput& input
 std::optional<Answer> DrawFreeId(const Request& request, RandomSource random, CreationInput& input) {
   RedisPipeline pipeline(request.redis);
   for (int draw = 0; draw < kMostIdRedraws; ++draw) {
-    input.about.id = GenerateId(random);
+    input.about.id = HexText(random());
     AskWhetherIdExists(pipeline, input);
     pipeline.Execute();
     if (!input.idExists) return BodyUnreadable();
@@ -316,7 +309,9 @@ Answer CreateEventDestination(Request& request, RandomSource random) {
     return DatabaseError({});
   }
   WriteIntoFile(request, input, member, membership.collectionEtag);
-  if (!Announce(request, member, membership)) {
+  const bool isCounted = Announce(request, member, membership);
+  request.spent.push_back(std::move(member.destination));
+  if (!isCounted) {
     return DatabaseError("DatabaseOperationError: Failed to update Members count.");
   }
   return Succeed("Base.1.12.Created");

@@ -22,9 +22,12 @@ bool Contains(const Names& names, std::string_view name) {
   return std::ranges::find(names, name) != std::end(names);
 }
 
+Json::object_t& MembersOf(Json& object) { return object.get_ref<Json::object_t&>(); }
+
 std::string Joined(std::string_view name, std::string_view suffix) {
-  std::string joined(name);
-  joined += suffix;
+  std::string joined;
+  joined.reserve(name.size() + suffix.size());
+  joined.append(name).append(suffix);
   return joined;
 }
 
@@ -36,36 +39,46 @@ void AddAllowableValues(Json& object, std::string_view property, const ServiceSe
     bool exact = true;
     for (const std::string& text : allowed->second) ParseJsonText(text, values.emplace_back(nullptr), exact);
   }
-  object[Joined(property, kAllowableValues)] = std::move(values);
+  MemberOf(MembersOf(object), Joined(property, kAllowableValues)) = std::move(values);
 }
 
-/// The properties that every subscription starts with; those of the request replace them.
-Json BuildDefaultEventDestination(std::string_view privileges) {
-  static const Json kDefaults = Json::parse(R"({
-      "Context": null,
-      "SubordinateResources": null,
-      "SubscriptionType": "RedfishEvent",
-      "Description": "This resource represents the target of an event subscription, including the types of events )"
-                                            R"(subscribed and context to provide to the target in the Event payload.",
-      "IncludeOriginOfCondition": false,
-      "ResourceTypes": [],
-      "RegistryPrefixes": [],
-      "OriginResources": [],
-      "MessageIds": [],
-      "HttpHeaders": [],
-      "MetricReportDefinitions": [],
-      "OriginResources@odata.count": 0,
-      "MetricReportDefinitions@odata.count": 0})");
-  Json destination = kDefaults;
-  destination[std::string(kPatchValidationField)] = "v_EventDestination.json";
-  destination[std::string(kPrivileges)] = privileges;
-  return destination;
+/// What subscriptions begin with: defaults, which the properties of the request replace, and annotations.
+const Json& CommonMembers() {
+  static const Json kMembers = [] {
+    Json members = Json::parse(R"({
+        "Context": null,
+        "SubordinateResources": null,
+        "SubscriptionType": "RedfishEvent",
+        "Description": "This resource represents the target of an event subscription, including the types of events )"
+                               R"(subscribed and context to provide to the target in the Event payload.",
+        "IncludeOriginOfCondition": false,
+        "ResourceTypes": [],
+        "RegistryPrefixes": [],
+        "OriginResources": [],
+        "MessageIds": [],
+        "HttpHeaders": [],
+        "MetricReportDefinitions": [],
+        "OriginResources@odata.count": 0,
+        "MetricReportDefinitions@odata.count": 0,
+        "@odata.type": "#EventDestination.v1_11_2.EventDestination",
+        "@odata.context": "/redfish/v1/$metadata#EventDestination.EventDestination",
+        "Actions": {"#EventDestination.ResumeSubscription": {"title": "ResumeSubscription"}}})");
+    members["Status"] = {{"State", kStateEnabled}};
+    members[std::string(kPatchValidationField)] = "v_EventDestination.json";
+    members[std::string(kAllowMethodField)] = "GET,HEAD,PATCH,DELETE";
+    members[std::string(kSensitiveDataField)] = kSnmpSensitivePaths;
+    return members;
+  }();
+  return kMembers;
 }
+
+// Those that a stream does without.
+constexpr std::string_view kNotOfStreams[] = {"Actions", "Status", kSensitiveDataField};
 
 /// Takes over the properties of the request, each in its stored form. Their names stay in the body.
 bool ApplyBody(Json& body, std::string_view passwordLine, Json& destination) {
-  for (auto& [name, value] : body.get_ref<Json::object_t&>()) {
-    Json& stored = destination[name];
+  for (auto& [name, value] : MembersOf(body)) {
+    Json& stored = MemberOf(MembersOf(destination), name);
     if (name == "SNMP" && value.is_object()) {
       stored = Json::object();
       if (!MergeSnmp(value, passwordLine, stored)) return false;
@@ -80,44 +93,43 @@ bool ApplyBody(Json& body, std::string_view passwordLine, Json& destination) {
 
 /// What follows from the request as a whole.
 void ApplyConsequences(const Json& body, const NewDestination& about, Json& destination) {
+  Json::object_t& members = MembersOf(destination);
   if (!body.contains("EventFormatType")) {
-    destination["EventFormatType"] = body.contains("MetricReportDefinitions") ? "MetricReport" : "Event";
+    MemberOf(members, "EventFormatType") = body.contains("MetricReportDefinitions") ? "MetricReport" : "Event";
   }
-  if (!body.contains("SubordinateResources") && !destination["OriginResources"].empty()) {
-    destination["SubordinateResources"] = false;
+  if (!body.contains("SubordinateResources") && !MemberOf(members, "OriginResources").empty()) {
+    MemberOf(members, "SubordinateResources") = false;
   }
   if (about.isSse) {
-    destination["SubscriptionType"] = "SSE";
-    destination[std::string(kSseChannel)] = about.sseChannel;
-    destination["&&TimeStamp"] = about.timeStamp;
+    MemberOf(members, "SubscriptionType") = "SSE";
+    MemberOf(members, kSseChannel) = about.sseChannel;
+    MemberOf(members, "&&TimeStamp") = about.timeStamp;
   }
   if (!SyslogTransport(destination).empty()) {
-    destination["SubscriptionType"] = "Syslog";
-    destination["DeliveryRetryPolicy"] = "RetryForever";
+    MemberOf(members, "SubscriptionType") = "Syslog";
+    MemberOf(members, "DeliveryRetryPolicy") = "RetryForever";
   }
 }
 
 void AddAnnotations(const NewDestination& about, const ServiceSettings& settings, Json& destination) {
+  Json::object_t& members = MembersOf(destination);
   const std::string uri = MemberUri(about.id);
-  destination["Id"] = about.id;
-  destination["Name"] = "Destination";
-  destination["@odata.id"] = uri;
-  destination["@odata.type"] = "#EventDestination.v1_11_2.EventDestination";
-  destination["@odata.context"] = "/redfish/v1/$metadata#EventDestination.EventDestination";
-  destination[std::string(kEtagField)] = about.etag;
-  destination[std::string(kAllowMethodField)] = "GET,HEAD,PATCH,DELETE";
-  if (about.isSse) return;
-
-  if (!destination.contains("DeliveryRetryPolicy")) destination["DeliveryRetryPolicy"] = settings.defaultRetryPolicy;
-  Json& resume = destination["Actions"]["#EventDestination.ResumeSubscription"];
+  MemberOf(members, "Id") = about.id;
+  MemberOf(members, "Name") = "Destination";
+  MemberOf(members, "@odata.id") = uri;
+  MemberOf(members, kEtagField) = about.etag;
+  MemberOf(members, kPrivileges) = about.privileges;
+  if (about.isSse) {
+    for (const std::string_view name : kNotOfStreams) members.erase(members.find(name));
+    return;
+  }
+  if (!members.contains("DeliveryRetryPolicy")) MemberOf(members, "DeliveryRetryPolicy") = settings.defaultRetryPolicy;
+  Json& resume = MemberOf(members, "Actions")["#EventDestination.ResumeSubscription"];
   resume["target"] = Joined(uri, kResumeAction);
-  resume["title"] = "ResumeSubscription";
-  destination["Status"]["State"] = kStateEnabled;
   AddAllowableValues(destination, "DeliveryRetryPolicy", settings);
   if (const auto snmp = destination.find("SNMP"); snmp != destination.end() && snmp->is_object()) {
     AddSnmpAllowableValues(*snmp, settings);
   }
-  destination[std::string(kSensitiveDataField)] = kSnmpSensitivePaths;
 }
 
 /// True when `path` stands in a list of paths that commas separate.
@@ -133,7 +145,7 @@ bool ListsPath(std::string_view paths, std::string_view path) {
 }  // namespace
 
 std::optional<Json> BuildEventDestination(Json body, const NewDestination& about, const ServiceSettings& settings) {
-  Json destination = BuildDefaultEventDestination(about.privileges);
+  Json destination = CommonMembers();
   if (!ApplyBody(body, about.passwordLine, destination)) return std::nullopt;
   ApplyConsequences(body, about, destination);
   AddAnnotations(about, settings, destination);
@@ -168,7 +180,9 @@ bool MergeSnmp(const Json& given, std::string_view passwordLine, Json& stored) {
 }
 
 void SetCount(Json& destination, const std::string& property) {
-  if (Contains(kCountedArrays, property)) destination[property + "@odata.count"] = destination[property].size();
+  if (!Contains(kCountedArrays, property)) return;
+  Json::object_t& members = MembersOf(destination);
+  MemberOf(members, Joined(property, "@odata.count")) = MemberOf(members, property).size();
 }
 
 void AddSnmpAllowableValues(Json& snmp, const ServiceSettings& settings) {
