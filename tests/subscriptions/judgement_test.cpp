@@ -138,7 +138,7 @@ TEST(Judgement, TextsAndArraysHaveTheirLimits) {
       const std::string longest = "https://" + std::string(row.limit - 8, 'x');
       const std::string shown = longest.substr(0, 64) + ", " + std::to_string(row.limit);
       const std::string refusal = "FAILURE " + row.fault + "(" + (row.fault[0] == 'S' ? shown : path) + ") @" + path;
-      for (const size_t excess : {0, 1}) {
+      for (const size_t excess : {size_t{0}, size_t{1}}) {
         const Json array(row.limit + excess, row.element);
         Json body = kBodies["metrics"];
         body[Json::json_pointer("/" + path)] = row.element == "x" ? Json(longest + std::string(excess, 'x')) : array;
