@@ -24,7 +24,7 @@ AfterLoss ActionAfterLoss(ListenerRecovery recovery, LostConnection lost) {
 std::chrono::milliseconds NextPause(std::chrono::milliseconds last, std::chrono::milliseconds served) {
   constexpr std::chrono::milliseconds kFirst{100};
   constexpr std::chrono::milliseconds kLongest{5000};
-  constexpr std::chrono::milliseconds kSuccess{250};
+  constexpr std::chrono::milliseconds kSuccess{50};
   return served >= kSuccess ? kFirst : std::clamp(2 * last, kFirst, kLongest);
 }
 

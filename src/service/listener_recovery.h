@@ -23,8 +23,8 @@ enum class AfterLoss { kServeOn, kEndListener, kEndProcess, kReconnect };
 AfterLoss ActionAfterLoss(ListenerRecovery recovery, LostConnection lost);
 
 /// How long to wait before the next attempt: 0.1 s before the first, for which `last` is 0, then twice as long each
-/// time, 5 s at most. They begin anew when the service has `served` for a quarter of a second since the last attempt:
-/// one that is lost at once, as by a Redis that takes no more clients, is no success.
+/// time, 5 s at most. They begin anew when the service has `served` for 50 ms since the last attempt: one that is lost
+/// at once, as by a Redis that takes no more clients, is no success.
 std::chrono::milliseconds NextPause(std::chrono::milliseconds last, std::chrono::milliseconds served);
 
 }  // namespace event_service

@@ -202,7 +202,7 @@ TEST(Settings, StandInTheOperatorsTableAsInTheProgram) {
 
 TEST(ListenerRecoveryPauses, GrowFromATenthOfASecondToFiveUntilTheServiceHasServed) {
   std::chrono::milliseconds pause{};
-  const int served[] = {0, 0, 249, 0, 0, 0, 0, 0, 250, 0};
+  const int served[] = {0, 0, 49, 0, 0, 0, 0, 0, 50, 0};
   const int expected[] = {100, 200, 400, 800, 1600, 3200, 5000, 5000, 100, 200};
   for (size_t i = 0; i < std::size(served); ++i) {
     pause = NextPause(pause, std::chrono::milliseconds(served[i]));
