@@ -70,7 +70,7 @@ void Fuzz(std::string_view input) {
     Require(isChanged, what);
     std::optional<Members> after = Loadable(paths.databaseFile);
     Require(after.has_value(), "what a start could load it can load after a change");
-    const Json member = (*after)[kUri];
+    Json member = (*after)[kUri];
     after->erase(kUri);
     Require(after == others, "a change leaves the other members alone");
     return member;

@@ -308,17 +308,17 @@ TEST_F(DbSandboxTest, AChangeThatFailedIsMadeWithTheNextAndNotAgain) {
   EXPECT_EQ(Stored(), DocumentOf("AB", "\"ABC\""));
   for (const auto& [removed, after] : {std::pair("C", "AB"), {"B", "A"}, {"C", "A"}}) expectAfter(removed, after);
   for (const auto& [changes, after] : {std::pair(255, "AB"), {256, "A"}}) {  // beyond 256 the oldest is given up
-    failWhile(" -d ", [&] {
+    failWhile(" -d ", [&, count = changes] {
       EXPECT_FALSE(insertB());
-      for (int i = 0; i < changes; ++i) EXPECT_FALSE(remove("C"));
+      for (int i = 0; i < count; ++i) EXPECT_FALSE(remove("C"));
     });
     expectAfter("D", after);
     expectAfter("B", "A");
   }
   for (const auto& [isTaken, after] : {std::pair(true, "AB"), {false, "A"}}) {  // a startup loads what is written now
-    failWhile(" -d ", [&] {
+    failWhile(" -d ", [&, settles = !isTaken] {
       EXPECT_FALSE(insertB());
-      if (!isTaken) db.SettleUnwritten();
+      if (settles) db.SettleUnwritten();
     });
     db.SettleUnwritten();
     EXPECT_EQ(Stored(), DocumentOf(after, "\"ABC\"")) << isTaken;

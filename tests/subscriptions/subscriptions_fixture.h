@@ -136,7 +136,7 @@ class SubscriptionsTest : public RedisTest {
     return document;
   }
   /// The database file, with an object of the members by URI.
-  Json InFile() {
+  Json InFile() const {
     Json file = Json::parse(DecryptedDatabase(settings_.paths), nullptr, false);
     Json members;
     for (const Json& member : file["Members"]) members[member["@odata.id"].get<std::string>()] = member;
