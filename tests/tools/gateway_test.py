@@ -326,6 +326,7 @@ class Streams(unittest.TestCase):
 
     def test_a_gateway_that_was_killed_leaves_no_subscription(self):
         stream = Stream(self)
+        no_request_is_left(self)  # what it is killed over would stay
         sandbox.send_signal("redfish-gateway", signal.SIGKILL)
         sandbox.start_gateway()
         self.assertTrue(eventually(lambda: sandbox.ask("GET", stream.uri).status == 404, 5))
