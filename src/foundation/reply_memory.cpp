@@ -14,6 +14,9 @@
 namespace event_service {
 namespace {
 
+// That a thread may hold at a time: with what belongs to each, two or three MiB.
+constexpr size_t kMostElements = 32768;
+
 // What the C library keeps at hand for each thread ends at 1,032 bytes.
 constexpr size_t kBlockSize = 1000;
 
@@ -26,7 +29,10 @@ struct WholeReply : redisReply {
   Block* blocks;  // those that were added to it, the last one first
   char* room;     // what is left in the last one
   char* end;
+  size_t allElements;  // of its arrays
 };
+
+thread_local size_t heldElements = 0;  // of all replies
 
 /// One reply for each: nobody writes to what was read.
 constinit auto smallIntegers = [] {
@@ -115,6 +121,9 @@ void* CreateArray(const redisReadTask* task, size_t elements) {
   reply->element = static_cast<redisReply**>(TakeRoomFor(task, reply, size));
   if (reply->element == nullptr) return nullptr;
   reply->elements = elements;
+  WholeReply& whole = task->parent == nullptr ? *static_cast<WholeReply*>(reply) : WholeReplyOf(task);
+  whole.allElements += elements;
+  heldElements += elements;
   return reply;
 }
 
@@ -132,10 +141,10 @@ void* CreateNil(const redisReadTask* task) {
   return reply;
 }
 
+// The library's versions differ in the type of the number.
 constinit auto functions = [] {
   redisReplyObjectFunctions ours{};
   ours.createString = CreateText;
-  // The library's versions differ in the type of the number.
   ours.createArray = [](const redisReadTask* task, auto elements) {
     return CreateArray(task, static_cast<size_t>(elements));
   };
@@ -145,9 +154,47 @@ constinit auto functions = [] {
   return ours;
 }();
 
+/// What lies in an array that is not kept; it holds nothing itself.
+constinit redisReply unkept{};
+
+bool IsUnkept(const redisReadTask* task) {
+  return task->parent != nullptr && static_cast<redisReply*>(task->parent->obj)->element == nullptr;
+}
+
+/// An error stands for the array, as for any key that does not hold what it should. Its elements are read and not kept.
+void* RefuseArray(const redisReadTask* task) {
+  char text[] = "WRONGTYPE";
+  auto* const reply = static_cast<redisReply*>(CreateText(task, text, sizeof text - 1));
+  if (reply != nullptr) reply->type = REDIS_REPLY_ERROR;
+  return reply;
+}
+
+constinit auto limitedFunctions = [] {
+  redisReplyObjectFunctions ours{};
+  ours.createString = [](const redisReadTask* task, char* text, size_t size) {
+    return IsUnkept(task) ? &unkept : CreateText(task, text, size);
+  };
+  ours.createArray = [](const redisReadTask* task, auto elements) -> void* {
+    if (IsUnkept(task)) return &unkept;
+    const auto size = static_cast<size_t>(elements);
+    const bool hasRoom = size <= kMostElements && heldElements <= kMostElements - size;
+    return hasRoom ? CreateArray(task, size) : RefuseArray(task);
+  };
+  ours.createInteger = [](const redisReadTask* task, long long integer) {
+    return IsUnkept(task) ? &unkept : CreateInteger(task, integer);
+  };
+  ours.createNil = [](const redisReadTask* task) { return IsUnkept(task) ? &unkept : CreateNil(task); };
+  ours.freeObject = [](void* reply) { ReleaseReply(static_cast<redisReply*>(reply)); };
+  return ours;
+}();
+
 }  // namespace
 
-void UseReplyMemory(redisContext* redis) { redis->reader->fn = &functions; }
+void UseReplyMemory(redisContext* redis) {
+  if (redis->reader->fn != &limitedFunctions) redis->reader->fn = &functions;
+}
+
+void LimitReplies(redisContext* redis) { redis->reader->fn = &limitedFunctions; }
 
 redisReply* NextSmallInteger(redisContext* redis) {
   constexpr size_t kSize = std::string_view(":1\r\n").size();
@@ -163,6 +210,7 @@ redisReply* NextSmallInteger(redisContext* redis) {
 void ReleaseReply(redisReply* reply) {
   if (reply == nullptr || reply == SmallInteger(reply->integer)) return;
   auto* const whole = static_cast<WholeReply*>(reply);
+  heldElements -= whole->allElements;
   while (Block* const block = whole->blocks) {
     whole->blocks = block->former;
     std::free(block);

@@ -11,6 +11,10 @@ namespace event_service {
 /// well, with the library's functions, must stay without. No part of a reply may wait in its reader.
 void UseReplyMemory(redisContext* redis);
 
+/// The same, and an array with which the replies that this thread holds would have more than 32,768 elements comes as
+/// an error: for a connection on which what others have made large would take much memory.
+void LimitReplies(redisContext* redis);
+
 /// The next reply of such a connection when it is a small integer that has been read already, null otherwise: most
 /// replies are, and the library's parser takes forty times as long for one.
 redisReply* NextSmallInteger(redisContext* redis);

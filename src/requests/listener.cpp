@@ -80,6 +80,7 @@ RedisReply NextMessage(redisContext* subscriber, ListenerResources& resources, c
     if (recovery == ListenerRecovery::kExit) return nullptr;
     resources.redis = ConnectRedis();
     if (!resources.redis || TextOf(SendArguments(resources.redis.get(), {"PING"})) != "PONG") return nullptr;
+    LimitReplies(resources.redis.get());
     LogError("The command connection of the %s listener was closed and is opened again.", listener);
   }
   return ReadReply(subscriber);
@@ -193,6 +194,7 @@ void RunListener(const char* name, void (*listen)(ListenerOpening& opening)) {
 
 void ServeRequests(redisContext* subscriber, ListenerResources resources, const ServiceRoutes& service) {
   const ServedChannel served(subscriber->fd);
+  LimitReplies(resources.redis.get());
   ResponseWriter writer;
   bool canAnswer = true;
   long touched = TouchedPages();

@@ -13,6 +13,7 @@ namespace {
 // One element more than any array may have tells that there are too many.
 constexpr std::string_view kLastBodyElement = "256";
 constexpr size_t kMostBodyContainers = 1024;
+constexpr size_t kMostBodyTexts = 32768;  // names, values and elements
 
 Json EmptyContainer(ContainerKind kind) {
   return kind == ContainerKind::kObject ? Json::value_t::object : Json::value_t::array;
@@ -119,6 +120,8 @@ bool ResourceWalk::TakeReply(const Node& node, const redisReply* reply) {
   if (!std::ranges::all_of(items, [](const redisReply* item) { return IsString(item); })) {
     return Fail("Gets redis resource failed.", node);
   }
+  texts_ += items.size();
+  if (IsRequestBody() && texts_ > kMostBodyTexts) return Fail("Resource is too large.", node);
   return node.kind == ContainerKind::kObject ? TakeHash(node, items) : TakeList(node, items);
 }
 

@@ -129,6 +129,7 @@ class ResourceWalk {
   std::deque<Node> nodes_;                        // in the order of their visit; those from levelBegin_ on are pending
   std::unordered_set<std::string_view> visited_;  // the keys of nodes_
   size_t levelBegin_ = 0;
+  size_t texts_ = 0;  // names, values and elements that have been taken
   bool typeKnown_;
   bool failed_ = false;
 };

@@ -75,6 +75,25 @@ TEST(Replies, AreWhatTheServerSaidWhateverRoomTheyNeed) {
   }
 }
 
+TEST_F(RedisCommandsTest, OfALimitedConnectionRepliesDoNotHoldMoreElementsThanTheyMay) {
+  const auto list = [this](const char* nested) {
+    return SendCommand(
+        redis(), "EVAL %s 0",
+        ("local t = {" + std::string(nested) + "} for i = 1, 32760 do t[#t + 1] = 'x' end return t").c_str());
+  };
+  LimitReplies(redis());
+  const std::string refusal = "WRONGTYPE";
+  EXPECT_EQ(Shown(list("1, 2, 3, 4, 5, 6, 7, 8, 9").get()), refusal);
+  {
+    const RedisReply held = list("{1, {2}}, 4, 5, 6");
+    ASSERT_TRUE(IsArray(held)) << Shown(held.get());
+    EXPECT_EQ(Shown(held->element[0]) + Shown(held->element[32763]), "[1 [2]]x");
+    EXPECT_EQ(Shown(SendCommand(redis(), "EVAL %s 0", "return {7}").get()), "[7]");
+    EXPECT_EQ(Shown(SendCommand(redis(), "EVAL %s 0", "return {{8, {9}, 'x', {}}}").get()), "[" + refusal + "]");
+  }
+  EXPECT_EQ(Shown(SendCommand(redis(), "EVAL %s 0", "return {{7}, {8, {9}, {}}}").get()), "[[7] [8 [9] []]]");
+}
+
 TEST(RedisCommandHelpers, OnlyAnIntegerIsASuccess) {
   for (const std::string reply : {":1\r\n", "+OK\r\n", "-ERR no\r\n", "$-1\r\n", "$1\r\na\r\n", ""}) {
     const bool isInteger = reply == ":1\r\n";

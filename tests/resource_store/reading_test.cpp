@@ -93,6 +93,21 @@ TEST_F(StoreTest, ContainersNestNoDeeperThanTheLimit) {
   }
 }
 
+TEST_F(StoreTest, ABodyHasNoMoreTextsThanItMay) {
+  std::set<std::string, std::less<>> overfull;
+  for (const bool isNested : {false, true}) {
+    SendCommand(redis(), "EVAL %s 0", "for i = 1, 16384 do redis.call('HSET', '&&k', i, 'true') end");
+    EXPECT_EQ(Read("&&k", {.overfullMembers = &overfull}).size(), 16384);
+    const std::string added = isNested ? "&&Object a &&k/a" : "true";
+    SendCommand(redis(), "HSET &&k %s %s", isNested ? "1" : "a", added.c_str());
+    SendCommand(redis(), "HSET &&k/a a true");
+    EXPECT_EQ(FailureOf("&&k", {.overfullMembers = &overfull}),
+              "[ERROR] Resource is too large. RESOURCE=&&k" + std::string(isNested ? "/a" : "") + "\n");
+    EXPECT_EQ(Read("&&k").size(), isNested ? 16384 : 16385);
+    SendCommand(redis(), "FLUSHALL");
+  }
+}
+
 TEST_F(StoreTest, WhatCannotBeReadIsToldOnce) {
   const struct {
     const char* database;

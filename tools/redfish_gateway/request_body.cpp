@@ -6,20 +6,24 @@
 namespace event_service {
 namespace {
 
+// The service reads no more of an object.
+constexpr size_t kMostMembers = 16384;
+
 /// Watches the parser: what it accepts silently is a fault here.
 struct BodyWatch {
   std::vector<std::set<std::string>> names = {};  // of the objects that are open, the outermost first
   std::string duplicate = {};
-  bool isTooDeep = false;
+  bool isTooMuch = false;  // deep, or of many members
 
   bool operator()(int depth, Json::parse_event_t event, Json& parsed) {
-    if (static_cast<size_t>(depth) >= kMaxNesting) isTooDeep = true;
+    if (static_cast<size_t>(depth) >= kMaxNesting) isTooMuch = true;
     if (event == Json::parse_event_t::object_start) names.emplace_back();
     if (event == Json::parse_event_t::object_end) names.pop_back();
     if (event == Json::parse_event_t::key && !names.back().insert(parsed.get<std::string>()).second) {
       duplicate = parsed.get<std::string>();
     }
-    return !isTooDeep;
+    if (!names.empty() && names.back().size() > kMostMembers) isTooMuch = true;
+    return !isTooMuch;
   }
 };
 
@@ -46,7 +50,7 @@ std::variant<Json, BodyFault> ReadBody(const HttpRequest& request, bool mayBeMis
   BodyWatch watch;
   try {
     Json body = Json::parse(request.body, std::ref(watch));
-    if (watch.isTooDeep || !body.is_object()) return kUnrecognized;
+    if (watch.isTooMuch || !body.is_object()) return kUnrecognized;
     if (watch.duplicate.empty()) return body;
     return BodyFault{400, {"Base.1.12.PropertyDuplicate", {watch.duplicate}, {"#/" + watch.duplicate}}};
   } catch (const Json::parse_error& error) {
