@@ -13,7 +13,8 @@ namespace {
 // One element more than any array may have tells that there are too many.
 constexpr std::string_view kLastBodyElement = "256";
 constexpr size_t kMostBodyContainers = 1024;
-constexpr size_t kMostBodyTexts = 32768;  // names, values and elements
+constexpr size_t kMostBodyTexts = 32768;                // names, values and elements
+constexpr size_t kLongestBodyText = size_t{64} * 1024;  // but for strings, which nothing is made of
 
 Json EmptyContainer(ContainerKind kind) {
   return kind == ContainerKind::kObject ? Json::value_t::object : Json::value_t::array;
@@ -215,6 +216,8 @@ bool ResourceWalk::TakeMarker(const Node& node, std::string_view name, const Mar
 
 bool ResourceWalk::TakeText(const Node& node, std::string_view name, std::string_view stored, Json* slot) {
   if (slot == nullptr) return true;
+  const bool isLong = stored.size() > kLongestBodyText && !stored.starts_with('"');
+  if (IsRequestBody() && isLong) return Fail("Resource is too large.", node, name);
   bool exact = true;
   if (!ParseJsonText(stored, *slot, exact)) return Fail("Gets redis resource failed.", node, name);
   if (!NestsWithin(*slot, kMaxNesting - node.depth)) return Fail("Resource is nested too deep.", node, name);

@@ -106,6 +106,11 @@ TEST_F(StoreTest, ABodyHasNoMoreTextsThanItMay) {
     EXPECT_EQ(Read("&&k").size(), isNested ? 16384 : 16385);
     SendCommand(redis(), "FLUSHALL");
   }
+  const std::string list = '[' + std::string(65536, ' ') + ']';
+  SendCommand(redis(), "HSET &&k a %s", list.c_str());
+  EXPECT_EQ(FailureOf("&&k", {.overfullMembers = &overfull}), "[ERROR] Resource is too large. RESOURCE=&&k FIELDS=a\n");
+  SendCommand(redis(), "HSET &&k a %s", Json(list).dump().c_str());
+  EXPECT_EQ(Read("&&k", {.overfullMembers = &overfull})["a"], list);
 }
 
 TEST_F(StoreTest, WhatCannotBeReadIsToldOnce) {
