@@ -32,7 +32,7 @@ struct WholeReply : redisReply {
   size_t allElements;  // of its arrays
 };
 
-thread_local size_t heldElements = 0;  // of all replies
+thread_local size_t heldElements = 0;  // of all replies: each is released by the thread that has read it
 
 /// One reply for each: nobody writes to what was read.
 constinit auto smallIntegers = [] {

@@ -70,8 +70,9 @@ void AppendContainer(RedisPipeline& pipeline, std::string_view key, const Json& 
     return;
   }
   size_t index = 0;
-  for (const Json& value : container.get_ref<const Json::array_t&>())
+  for (const Json& value : container.get_ref<const Json::array_t&>()) {
     AppendElement(pipeline, key, index++, value, sequence);
+  }
 }
 
 bool ShapeArray(Json::array_t& array, const ArrayConfiguration& arrays) {

@@ -36,8 +36,9 @@ std::string Shown(const redisReply* reply) {
   if (reply == nullptr) return "none";
   if (IsInteger(reply)) return std::to_string(reply->integer);
   if (reply->type == REDIS_REPLY_NIL) return "nil";
-  if (!IsArray(reply))
+  if (!IsArray(reply)) {
     return (reply->str[reply->len] == '\0' ? "" : "unterminated ") + std::string(reply->str, reply->len);
+  }
   std::string text = "[";
   for (size_t i = 0; i < reply->elements; ++i) text += (i > 0 ? " " : "") + Shown(reply->element[i]);
   return text + "]";
